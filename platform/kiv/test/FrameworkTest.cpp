@@ -1,0 +1,526 @@
+// The promises of the entity framework, grouped by promise.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kiv/EntityMacros.h"
+#include "kiv/testing/TestLoop.h"
+#include "tolm/TimerWheel.h"
+
+namespace {
+
+#define TEST_NBR_ATTRS( X )                                       \
+   X( SCALAR, holdTime, HoldTime, std::uint16_t, 105 )            \
+   X( SCALAR, drPriority, DrPriority, std::uint32_t, 1 )          \
+   X( COUNTER, count, Count, std::uint32_t )                      \
+   X( SET, secondary, Secondary, int )                            \
+   X( COLL, label, Label, int, std::string )
+
+class Nbr : public Kiv::Notifier {
+ public:
+   explicit Nbr( int key ) : key_( key ) {}
+   int key() const { return key_; }
+   KIV_ENTITY( Nbr, "Test::Nbr", TEST_NBR_ATTRS )
+ private:
+   int key_;
+};
+KIV_NOTIFIEE( Nbr, TEST_NBR_ATTRS )
+
+#define TEST_INTF_ATTRS( X )                                      \
+   X( ENTITIES, neighbor, Neighbor, int, Nbr )                    \
+   X( REFS, active, Active, int, Nbr, key )                       \
+   X( PTR, peer, Peer, Nbr )
+
+class Intf : public Kiv::Notifier {
+ public:
+   KIV_ENTITY( Intf, "Test::Intf", TEST_INTF_ATTRS )
+};
+KIV_NOTIFIEE( Intf, TEST_INTF_ATTRS )
+
+// Records every callback as text, in delivery order.
+struct Log {
+   std::vector< std::string > events;
+   void add( std::string s ) { events.push_back( std::move( s ) ); }
+};
+
+class NbrRecorder : public Nbr::NotifieeConst {
+ public:
+   NbrRecorder( Kiv::Ptr< Nbr > n, Log & log, std::string tag = "" ) : log_( log ), tag_( tag ) {
+      notifierIs( n );
+   }
+   void onHoldTime() override { log_.add( tag_ + "holdTime=" + std::to_string( notifier()->holdTime() ) ); }
+   void onDrPriority() override { log_.add( tag_ + "drPriority" ); }
+   void onCount() override { log_.add( tag_ + "count=" + std::to_string( notifier()->count() ) ); }
+   void onSecondary( const int & k ) override {
+      log_.add( tag_ + "secondary " + std::to_string( k ) + ( notifier()->secondary( k ) ? "+" : "-" ) );
+   }
+   void onLabel( const int & k ) override { log_.add( tag_ + "label " + std::to_string( k ) ); }
+   void onNotifier() override { log_.add( tag_ + "resync" ); }
+ private:
+   Log & log_;
+   std::string tag_;
+};
+
+class IntfRecorder : public Intf::NotifieeConst {
+ public:
+   IntfRecorder( Kiv::Ptr< Intf > i, Log & log ) : log_( log ) { notifierIs( i ); }
+   void onNeighbor( const int & k ) override {
+      log_.add( "neighbor " + std::to_string( k ) + ( notifier()->neighbor( k ) ? "+" : "-" ) );
+   }
+   void onActive( const int & k ) override { log_.add( "active " + std::to_string( k ) ); }
+   void onPeer() override { log_.add( "peer" ); }
+ private:
+   Log & log_;
+};
+
+class FrameworkTest : public ::testing::Test {
+ protected:
+   Kiv::Testing::TestLoop loop_;
+   Log log_;
+};
+
+// ---- coalescing and equal-write silence --------------------------------------
+TEST_F( FrameworkTest, SeveralWritesCoalesceIntoOneCallbackThatSeesTheLastValue ) {
+   auto n = Kiv::make< Nbr >( 1 );
+   NbrRecorder r( n, log_ );
+   n->holdTimeIs( 10 );
+   n->holdTimeIs( 20 );
+   n->holdTimeIs( 30 );
+   EXPECT_TRUE( log_.events.empty() ) << "deferred callbacks must not run inside the mutator";
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( log_.events, std::vector< std::string >{ "holdTime=30" } );
+}
+
+TEST_F( FrameworkTest, EqualWritesNotifyNobody ) {
+   auto n = Kiv::make< Nbr >( 1 );
+   NbrRecorder r( n, log_ );
+   n->holdTimeIs( 105 );     // the default
+   n->countInc( 0 );
+   n->secondaryIs( 7, false );  // absent already
+   n->labelIs( 1, "a" );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   log_.events.clear();
+   n->labelIs( 1, "a" );
+   n->secondaryDel( 3 );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_TRUE( log_.events.empty() );
+   EXPECT_EQ( loop_.manager().deliveries(), 1u );
+}
+
+TEST_F( FrameworkTest, WriteThenRevertWithinARoundStillNotifiesOnce ) {
+   auto n = Kiv::make< Nbr >( 1 );
+   NbrRecorder r( n, log_ );
+   n->holdTimeIs( 1 );
+   n->holdTimeIs( 105 );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( log_.events, std::vector< std::string >{ "holdTime=105" } );
+}
+
+// ---- per-key collection callbacks --------------------------------------------
+TEST_F( FrameworkTest, CollectionCallbacksArePerKeyIncludingDeletionAndDelAll ) {
+   auto i = Kiv::make< Intf >();
+   IntfRecorder r( i, log_ );
+   i->neighborIs( 3 );
+   i->neighborIs( 1 );
+   i->neighborIs( 3 );   // replaced: still one callback for key 3
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( log_.events, ( std::vector< std::string >{ "neighbor 3+", "neighbor 1+" } ) );
+   log_.events.clear();
+   i->neighborDel( 3 );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( log_.events, std::vector< std::string >{ "neighbor 3-" } );
+   log_.events.clear();
+   i->neighborIs( 5 );
+   i->neighborIs( 6 );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   log_.events.clear();
+   i->neighborDelAll();
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( log_.events, ( std::vector< std::string >{ "neighbor 1-", "neighbor 5-", "neighbor 6-" } ) );
+   EXPECT_EQ( i->neighborSize(), 0u );
+}
+
+TEST_F( FrameworkTest, ReadersOfAbsentKeysGiveNullOrDefault ) {
+   auto i = Kiv::make< Intf >();
+   auto n = Kiv::make< Nbr >( 1 );
+   EXPECT_EQ( i->neighbor( 42 ), nullptr );
+   EXPECT_EQ( i->active( 42 ), nullptr );
+   EXPECT_FALSE( n->secondary( 9 ) );
+   EXPECT_EQ( n->label( 9 ), "" );
+   auto e = i->neighborIs( 42 );
+   EXPECT_EQ( e->key(), 42 );
+   EXPECT_EQ( i->neighbor( 42 ), e );
+}
+
+TEST_F( FrameworkTest, IterationSurvivesDeletingTheElementUnderTheIterator ) {
+   auto n = Kiv::make< Nbr >( 1 );
+   for( int k = 0; k < 10; ++k ) n->secondaryIs( k, true );
+   std::vector< int > seen;
+   for( auto it = n->secondaryIter(); it; ++it ) {
+      seen.push_back( it.key() );
+      n->secondaryDel( it.key() );          // the element under the iterator
+      if( it.key() == 2 ) n->secondaryDel( 3 );   // and one ahead of it
+   }
+   EXPECT_EQ( seen, ( std::vector< int >{ 0, 1, 2, 4, 5, 6, 7, 8, 9 } ) );
+   EXPECT_EQ( n->secondarySize(), 0u );
+   n->secondaryIs( 2, true );   // re-insert after the stale node was released
+   EXPECT_TRUE( n->secondary( 2 ) );
+}
+
+TEST_F( FrameworkTest, KeysInsertedAfterTheIteratorAreVisitedBeforeItEnds ) {
+   Kiv::HashMap< int, int > m;
+   m.insertOrAssign( 1, 1 );
+   int visits = 0;
+   for( auto it = m.iter(); it; ++it ) {
+      if( ++visits < 5 ) m.insertOrAssign( it.key() + 1, 0 );
+   }
+   EXPECT_EQ( visits, 5 );
+   EXPECT_EQ( m.size(), 5u );
+}
+
+// ---- lifetime inside callbacks ------------------------------------------------
+// A machine owning its reactor; the reactor's callback deletes the machine.
+struct Owner {
+   struct Reactor : Intf::NotifieeConst {
+      Owner * owner;
+      explicit Reactor( Owner * o ) : owner( o ) {}
+      void onNeighbor( const int & k ) override { owner->handleNeighbor( k ); }
+   };
+   std::unique_ptr< Owner > * self = nullptr;
+   std::unique_ptr< Reactor > reactor;
+   std::vector< int > * seen = nullptr;
+   void handleNeighbor( int k ) {
+      seen->push_back( k );
+      if( k == 2 ) self->reset();   // deletes this owner and its reactor
+   }
+};
+
+TEST_F( FrameworkTest, AReactorMayDeleteItsOwnerInsideItsCallback ) {
+   auto i = Kiv::make< Intf >();
+   std::vector< int > seen;
+   auto owner = std::make_unique< Owner >();
+   owner->self = &owner;
+   owner->seen = &seen;
+   owner->reactor = std::make_unique< Owner::Reactor >( owner.get() );
+   owner->reactor->notifierIs( i );
+   i->neighborIs( 1 );
+   i->neighborIs( 2 );
+   i->neighborIs( 3 );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   // Key 3 was pending when the owner died: it must not be delivered.
+   EXPECT_EQ( seen, ( std::vector< int >{ 1, 2 } ) );
+   EXPECT_EQ( owner, nullptr );
+   EXPECT_EQ( i->notifieeCount(), 0u );
+}
+
+struct SelfDeleting : Nbr::NotifieeConst {
+   int * calls;
+   explicit SelfDeleting( int * c ) : calls( c ) {}
+   void onHoldTime() override {
+      ++*calls;
+      delete this;   // also drops the last reference to the notifier
+   }
+   void onDrPriority() override { ++*calls; }
+};
+
+TEST_F( FrameworkTest, AReactorMayDeleteItselfAndItsLastNotifierReference ) {
+   int calls = 0;
+   auto * r = new SelfDeleting( &calls );
+   {
+      auto n = Kiv::make< Nbr >( 1 );
+      r->notifierIs( n );
+      n->holdTimeIs( 1 );
+      n->drPriorityIs( 9 );   // later attribute of the same reactor
+   }
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( calls, 1 );
+}
+
+TEST_F( FrameworkTest, AReactorDestroyedWhileQueuedIsNeverCalled ) {
+   auto n = Kiv::make< Nbr >( 1 );
+   auto r = std::make_unique< NbrRecorder >( n, log_ );
+   n->holdTimeIs( 1 );
+   r.reset();
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_TRUE( log_.events.empty() );
+}
+
+TEST_F( FrameworkTest, EntityDiesWithItsLastCountedPointer ) {
+   struct Probe : Kiv::Notifier {
+      bool * dead;
+      explicit Probe( bool * d ) : dead( d ) {}
+      ~Probe() override { *dead = true; }
+   };
+   bool dead = false;
+   {
+      Kiv::Ptr< Probe > a( new Probe( &dead ) );
+      Kiv::Ptr< const Probe > b = a;
+      a = nullptr;
+      EXPECT_FALSE( dead );
+      EXPECT_EQ( b->references(), 1u );
+   }
+   EXPECT_TRUE( dead );
+}
+
+// ---- zombies, registration and exceptions --------------------------------------
+TEST_F( FrameworkTest, ZombieAndInactiveReactorsDropQueuedNotifications ) {
+   struct Sm : Kiv::StateMachine {};
+   Kiv::Ptr< Sm > sm( new Sm );
+   auto n = Kiv::make< Nbr >( 1 );
+   NbrRecorder zombie( n, log_, "z:" );
+   NbrRecorder inactive( n, log_, "i:" );
+   NbrRecorder unregistered( n, log_, "u:" );
+   NbrRecorder live( n, log_, "l:" );
+   zombie.kivOwnerIs( sm.ptr() );
+   n->holdTimeIs( 7 );
+   n->secondaryIs( 1, true );
+   sm->kivDoZombieReactors( true );
+   inactive.hasNotificationActiveIs( false );
+   unregistered.isRegisteredNotifieeIs( false );
+   n->holdTimeIs( 8 );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( log_.events, ( std::vector< std::string >{ "l:holdTime=8", "l:secondary 1+" } ) );
+}
+
+TEST_F( FrameworkTest, AnExceptionGoesToOnNotificationExceptionAndTheLoopGoesOn ) {
+   struct Thrower : Intf::NotifieeConst {
+      std::vector< std::string > caught;
+      std::vector< int > seen;
+      void onNeighbor( const int & k ) override {
+         seen.push_back( k );
+         if( k == 1 ) throw std::runtime_error( "boom" );
+      }
+      void onNotificationException( const std::exception & e ) override { caught.push_back( e.what() ); }
+   };
+   auto i = Kiv::make< Intf >();
+   Thrower t;
+   t.notifierIs( i );
+   IntfRecorder other( i, log_ );
+   i->neighborIs( 1 );
+   i->neighborIs( 2 );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( t.caught, std::vector< std::string >{ "boom" } );
+   EXPECT_EQ( t.seen, ( std::vector< int >{ 1, 2 } ) );
+   EXPECT_EQ( log_.events.size(), 2u );
+}
+
+TEST_F( FrameworkTest, DefaultExceptionRoutingIsCountedByTheManager ) {
+   struct Thrower : Nbr::NotifieeConst {
+      void onHoldTime() override { throw std::runtime_error( "bad" ); }
+   };
+   auto n = Kiv::make< Nbr >( 1 );
+   Thrower t;
+   t.notifierIs( n );
+   n->holdTimeIs( 1 );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( loop_.manager().notificationExceptions(), 1u );
+   EXPECT_EQ( loop_.manager().lastNotificationException(), "bad" );
+}
+
+// ---- notifier replacement and immediate callbacks -------------------------------
+TEST_F( FrameworkTest, ReplacingTheNotifierResynchronisesOnceAndDropsOldPending ) {
+   auto a = Kiv::make< Nbr >( 1 );
+   auto b = Kiv::make< Nbr >( 2 );
+   NbrRecorder r( a, log_ );
+   a->holdTimeIs( 3 );
+   r.notifierIs( b );
+   EXPECT_EQ( log_.events, std::vector< std::string >{ "resync" } );
+   a->holdTimeIs( 4 );   // no longer watched
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( log_.events, std::vector< std::string >{ "resync" } );
+   r.notifierIs( nullptr );   // unbinding is not a replacement
+   EXPECT_EQ( log_.events.size(), 1u );
+}
+
+TEST_F( FrameworkTest, ImmediateCallbacksSeeEveryIntermediateValue ) {
+   struct Mirror : Nbr::NotifieeConst {
+      std::vector< int > values;
+      std::vector< int > keys;
+      Mirror() {
+         kivImmediateIs( Nbr::kivAttr_holdTime, true );
+         kivImmediateIs( Nbr::kivAttr_secondary, true );
+      }
+      void onHoldTimekivImmediate() override { values.push_back( notifier()->holdTime() ); }
+      void onHoldTime() override { values.push_back( -1 ); }
+      void onSecondarykivImmediate( const int & k ) override { keys.push_back( k ); }
+   };
+   auto n = Kiv::make< Nbr >( 1 );
+   Mirror m;
+   m.notifierIs( n );
+   n->holdTimeIs( 1 );
+   n->holdTimeIs( 2 );
+   n->secondaryIs( 5, true );
+   n->secondaryDel( 5 );
+   EXPECT_EQ( m.values, ( std::vector< int >{ 1, 2 } ) );
+   EXPECT_EQ( m.keys, ( std::vector< int >{ 5, 5 } ) );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( m.values.size(), 2u ) << "immediate replaces the deferred form";
+}
+
+// ---- order, rounds and budget ---------------------------------------------------
+TEST_F( FrameworkTest, DeliveryIsFifoAcrossReactorsAndDeclarationOrderWithinOne ) {
+   auto a = Kiv::make< Nbr >( 1 );
+   auto b = Kiv::make< Nbr >( 2 );
+   NbrRecorder ra( a, log_, "a:" );
+   NbrRecorder rb( b, log_, "b:" );
+   b->countInc( 2 );
+   a->labelIs( 9, "x" );
+   a->holdTimeIs( 1 );     // declared before label: delivered first
+   b->holdTimeIs( 2 );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_EQ( log_.events, ( std::vector< std::string >{ "b:holdTime=2", "b:count=2", "a:holdTime=1",
+                                                        "a:label 9" } ) );
+}
+
+TEST_F( FrameworkTest, WorkDirtiedDuringARoundIsDeliveredInALaterRound ) {
+   struct Chain : Nbr::NotifieeConst {
+      Kiv::Ptr< Nbr > next;
+      std::vector< std::uint64_t > rounds;
+      void onHoldTime() override {
+         rounds.push_back( Kiv::activityManager().round() );
+         if( next ) next->holdTimeIs( 1 );
+      }
+   };
+   auto a = Kiv::make< Nbr >( 1 );
+   auto b = Kiv::make< Nbr >( 2 );
+   Chain ca, cb;
+   ca.notifierIs( a );
+   cb.notifierIs( b );
+   ca.next = b;
+   a->holdTimeIs( 1 );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   ASSERT_EQ( ca.rounds.size(), 1u );
+   ASSERT_EQ( cb.rounds.size(), 1u );
+   EXPECT_LT( ca.rounds[ 0 ], cb.rounds[ 0 ] );
+}
+
+TEST_F( FrameworkTest, PingPongBetweenReactorsHitsTheBudgetInsteadOfHanging ) {
+   struct Ping : Nbr::NotifieeConst {
+      Kiv::Ptr< Nbr > other;
+      void onCount() override { other->countInc( 1 ); }
+   };
+   auto a = Kiv::make< Nbr >( 1 );
+   auto b = Kiv::make< Nbr >( 2 );
+   Ping pa, pb;
+   pa.notifierIs( a );
+   pb.notifierIs( b );
+   pa.other = b;
+   pb.other = a;
+   a->countInc( 1 );
+   EXPECT_FALSE( loop_.runUntilIdle( 1000 ) );
+   pa.other = nullptr;   // break the cycle before teardown
+   pa.notifierIs( nullptr );
+}
+
+// ---- range errors and reflection -------------------------------------------------
+TEST_F( FrameworkTest, RangeErrorsCarryTheirFixedTexts ) {
+   try {
+      Kiv::ValidPtr< Nbr > p( nullptr );
+      FAIL() << "no exception";
+   } catch( const Kiv::RangeException & e ) {
+      EXPECT_STREQ( e.what(), "null ValidPtr" );
+   }
+   auto i = Kiv::make< Intf >();
+   try {
+      i->activeIs( nullptr );
+      FAIL() << "no exception";
+   } catch( const Kiv::RangeException & e ) {
+      EXPECT_STREQ( e.what(), "null _active parameter to mutator for Test::Intf::active not allowed\"" );
+   }
+}
+
+TEST_F( FrameworkTest, ReflectionVisitsAttributesInDeclarationOrder ) {
+   auto n = Kiv::make< Nbr >( 1 );
+   std::vector< std::string > names;
+   n->kivVisitAttrs( [ & ]( Kiv::AttrId id, const char * name, const auto & ) {
+      names.push_back( name );
+      EXPECT_STREQ( Nbr::kivAttrName( id ), name );
+   } );
+   EXPECT_EQ( names, ( std::vector< std::string >{ "holdTime", "drPriority", "count", "secondary", "label" } ) );
+}
+
+// ---- timers on virtual time ----------------------------------------------------
+struct Tick : Tolm::TimerWheel::NotifieeConst {
+   std::vector< std::pair< std::string, double > > * fired;
+   std::string name;
+   Tick( Tolm::TimerWheel * w, std::vector< std::pair< std::string, double > > * f, std::string n )
+         : Tolm::TimerWheel::NotifieeConst( w ), fired( f ), name( std::move( n ) ) {}
+   void onTime() override { fired->emplace_back( name, Kiv::System::currentTime() ); }
+};
+
+TEST_F( FrameworkTest, AdvanceFiresTimersInDeadlineThenArmingOrderAtTheirDeadline ) {
+   auto wheel = Tolm::TimerWheelIs( loop_.clock() );
+   std::vector< std::pair< std::string, double > > fired;
+   Tick a( wheel.ptr(), &fired, "a" ), b( wheel.ptr(), &fired, "b" ), c( wheel.ptr(), &fired, "c" ),
+      d( wheel.ptr(), &fired, "d" );
+   b.timeMinIs( 2.5 );
+   a.timeMinIs( 2.5 );     // same deadline, armed later
+   c.timeMinIs( 1.0 );
+   d.timeMinIs( 7.0 );
+   d.timeMinIs( Kiv::kNever );   // disarmed
+   ASSERT_TRUE( loop_.advanceTo( 2.499 ) );
+   EXPECT_EQ( fired.size(), 1u );
+   ASSERT_TRUE( loop_.advanceTo( 10.0 ) );
+   ASSERT_EQ( fired.size(), 3u );
+   EXPECT_EQ( fired[ 0 ], std::make_pair( std::string( "c" ), 1.0 ) );
+   EXPECT_EQ( fired[ 1 ], std::make_pair( std::string( "b" ), 2.5 ) );
+   EXPECT_EQ( fired[ 2 ], std::make_pair( std::string( "a" ), 2.5 ) );
+   EXPECT_EQ( loop_.now(), 10.0 );
+}
+
+TEST_F( FrameworkTest, APastDeadlineFiresOnTheNextTurnNotInsideTheArmingCall ) {
+   auto wheel = Tolm::TimerWheelIs( loop_.clock() );
+   std::vector< std::pair< std::string, double > > fired;
+   ASSERT_TRUE( loop_.advanceTo( 5.0 ) );
+   Tick t( wheel.ptr(), &fired, "late" );
+   t.timeMinIs( 1.0 );
+   EXPECT_TRUE( fired.empty() );
+   ASSERT_TRUE( loop_.advanceBy( 0.0 ) );
+   ASSERT_EQ( fired.size(), 1u );
+   EXPECT_EQ( fired[ 0 ].second, 5.0 );
+   EXPECT_EQ( t.timeMin(), Kiv::kNever );
+}
+
+TEST_F( FrameworkTest, NotificationsCausedByATimerRunBeforeTheNextTimerFires ) {
+   auto wheel = Tolm::TimerWheelIs( loop_.clock() );
+   auto n = Kiv::make< Nbr >( 1 );
+   struct Arm : Tolm::TimerWheel::NotifieeConst {
+      Kiv::Ptr< Nbr > n;
+      using Tolm::TimerWheel::NotifieeConst::NotifieeConst;
+      void onTime() override { n->holdTimeIs( 42 ); }
+   } arm( wheel.ptr() );
+   arm.n = n;
+   std::vector< std::pair< std::string, double > > fired;
+   Tick later( wheel.ptr(), &fired, "later" );
+   NbrRecorder r( n, log_ );
+   arm.timeMinIs( 1.0 );
+   later.timeMinIs( 1.0 );
+   struct Probe : Tolm::TimerWheel::NotifieeConst {
+      Log * log;
+      using Tolm::TimerWheel::NotifieeConst::NotifieeConst;
+      void onTime() override { log->add( "probe" ); }
+   } probe( wheel.ptr() );
+   probe.log = &log_;
+   probe.timeMinIs( 1.0 );
+   ASSERT_TRUE( loop_.advanceTo( 2.0 ) );
+   EXPECT_EQ( log_.events, ( std::vector< std::string >{ "holdTime=42", "probe" } ) );
+}
+
+TEST_F( FrameworkTest, SeededRandomSourceIsDeterministic ) {
+   Kiv::SeededRandom a( 7 ), b( 7 ), c( 8 );
+   std::vector< std::uint32_t > va, vb, vc;
+   for( int i = 0; i < 16; ++i ) {
+      va.push_back( a.rand() );
+      vb.push_back( b.rand() );
+      vc.push_back( c.rand() );
+      EXPECT_LE( va.back(), Kiv::Random::kRandMax );
+   }
+   EXPECT_EQ( va, vb );
+   EXPECT_NE( va, vc );
+   loop_.random().seedIs( 7 );
+   EXPECT_EQ( Kiv::rand(), va[ 0 ] );
+}
+
+} // namespace

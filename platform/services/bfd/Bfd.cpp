@@ -1,0 +1,23 @@
+#include "services/bfd/Bfd.h"
+
+namespace Bfd {
+
+const char * operStateName( OperState s ) {
+   switch( s ) {
+    case operAdminDown: return "AdminDown";
+    case operDown: return "Down";
+    case operInit: return "Init";
+    case operUp: return "Up";
+   }
+   return "Unknown";
+}
+
+std::ostream & operator<<( std::ostream & os, OperState s ) {
+   return os << operStateName( s );
+}
+
+std::ostream & operator<<( std::ostream & os, const Peer & p ) {
+   return os << "Peer(" << p.ip << ", " << p.vrf << ")";
+}
+
+} // namespace Bfd
