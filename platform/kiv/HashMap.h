@@ -70,6 +70,16 @@ class HashMap {
       insertNew( h, k, std::forward< VV >( v ) );
       return true;
    }
+   // Inserts or replaces without comparing values (for values without ==).
+   template< class VV >
+   void insertOrAssignFn( const K & k, VV && v ) {
+      const std::size_t h = hasher_( k );
+      if( Node * n = lookup( k, h ) ) {
+         n->value = std::forward< VV >( v );
+         return;
+      }
+      insertNew( h, k, std::forward< VV >( v ) );
+   }
    // Inserts when absent; returns the value slot and whether it was inserted.
    template< class VV >
    std::pair< V *, bool > tryInsert( const K & k, VV && v ) {

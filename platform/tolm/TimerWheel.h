@@ -24,11 +24,13 @@
 namespace Tolm {
 
 class TimerWheel : public Kiv::PtrInterface {
+   struct Slot;   // one list of one wheel level; defined with the wheel
+
  public:
    class NotifieeConst {
     public:
       NotifieeConst() = default;
-      explicit NotifieeConst( TimerWheel * wheel ) : wheel_( wheel ) {}
+      explicit NotifieeConst( TimerWheel * wheel ) { notifierIs( wheel ); }
       NotifieeConst( const NotifieeConst & ) = delete;
       NotifieeConst & operator=( const NotifieeConst & ) = delete;
       virtual ~NotifieeConst();
@@ -50,7 +52,11 @@ class TimerWheel : public Kiv::PtrInterface {
       std::uint64_t tick_ = 0;    // deadline quantised to wheel ticks
       NotifieeConst * prev_ = nullptr;
       NotifieeConst * next_ = nullptr;
-      struct Slot * slot_ = nullptr;
+      Slot * slot_ = nullptr;
+      // Every timer bound to the wheel, armed or not, so that a dying wheel
+      // can detach them all and none keeps a dangling notifier().
+      NotifieeConst * boundPrev_ = nullptr;
+      NotifieeConst * boundNext_ = nullptr;
    };
 
    explicit TimerWheel( const Kiv::Clock & clock );
@@ -68,8 +74,12 @@ class TimerWheel : public Kiv::PtrInterface {
  private:
    // Implementation detail owned by the wheel's source file.
    friend class NotifieeConst;
+   TimerWheel( const TimerWheel & ) = delete;
+   TimerWheel & operator=( const TimerWheel & ) = delete;
    void link( NotifieeConst & n );
    void unlink( NotifieeConst & n );
+   void bind( NotifieeConst & n );
+   void unbind( NotifieeConst & n );
    const Kiv::Clock & clock_;
    std::size_t armed_ = 0;
    struct Impl;

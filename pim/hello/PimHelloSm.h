@@ -1,0 +1,47 @@
+#pragma once
+// HelloSm: turns each received, decoded Hello of one VRF into creations and
+// refreshes of neighbour entries. Everything that follows (timers, DR,
+// triggered Hellos, expiry) is NeighborSm's and IntfSm's reaction to the
+// attributes written here.
+#include "kiv/EntityMacros.h"
+#include "model/PimStatus.h"
+#include "services/pimio/MessageInfo.h"
+
+namespace Routing::Pim {
+
+class HelloSm : public Kiv::StateMachine {
+ public:
+   // Both inputs are required ("null ValidPtr" otherwise).
+   HelloSm( const Kiv::Ptr< AllStatus > & allStatus,
+            const Kiv::Ptr< const IO::MessageInfo > & messageInfo );
+   ~HelloSm() override;
+
+   const Kiv::Ptr< AllStatus > & allStatus() const { return allStatus_; }
+   Kiv::Ptr< const IO::MessageInfo > helloMessageInfo() const { return helloMessageInfo_.notifier(); }
+
+   // Processes the Hello the mailbox holds now.
+   void handleHelloMessage();
+   // Sets the neighbour's reliable-transport info from the Hello's port option.
+   void processPortOptions( const Kiv::Ptr< const Packet::HelloMessage > & hello,
+                            const Kiv::Ptr< Intf > & intf, const Kiv::Ptr< Neighbor > & neighbor );
+
+ private:
+   class KivHelloMessageInfo : public IO::MessageInfo::NotifieeConst {
+    public:
+      explicit KivHelloMessageInfo( HelloSm * owner ) : owner_( owner ) {}
+      void onCount() override { owner_->handleHelloMessage(); }
+    private:
+      HelloSm * owner_;
+   };
+
+   Kiv::Ptr< AllStatus > allStatus_;
+   KivHelloMessageInfo helloMessageInfo_;
+};
+
+// Constructs a HelloSm with its notifications active.
+Kiv::Ptr< HelloSm > HelloSmIs( const Kiv::Ptr< AllStatus > & allStatus,
+                               const Kiv::Ptr< const IO::MessageInfo > & messageInfo );
+Kiv::Ptr< HelloSm > helloSmFactory( const Kiv::Ptr< AllStatus > & allStatus,
+                                    const Kiv::Ptr< const IO::MessageInfo > & messageInfo );
+
+} // namespace Routing::Pim

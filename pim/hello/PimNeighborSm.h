@@ -1,0 +1,93 @@
+#pragma once
+// NeighborSm: one per neighbour entry. Owns the liveness timer, turns option
+// changes into calls on its IntfSm (DR election, LAN prune delay, T bit,
+// triggered Hellos), keeps the interface's secondary-address map, follows the
+// neighbour's BFD state and picks its transport protocol.
+#include "kiv/EntityMacros.h"
+#include "model/PimConfig.h"
+#include "model/PimStatus.h"
+#include "tolm/TimerWheel.h"
+
+namespace Routing::Pim {
+
+class IntfSm;
+
+#define PIM_NEIGHBOR_SM_ATTRS( X )                                                      \
+   X( SCALAR, prevDrPriorityOption, PrevDrPriorityOption, DrPriorityOption, {} )        \
+   X( SCALAR, prevGenerationIdOption, PrevGenerationIdOption, GenerationIdOption, {} )  \
+   X( SCALAR, prevLanPruneDelayOption, PrevLanPruneDelayOption, LanPruneDelayOption, {} ) \
+   X( SCALAR, prevBfdState, PrevBfdState, Bfd::OperState, Bfd::operDown )               \
+   X( SCALAR, initialized, Initialized, bool, false )
+
+class NeighborSm : public Kiv::StateMachine {
+ public:
+   NeighborSm( const Lumo::IpGenAddr & address, const Kiv::Ptr< Neighbor > & neighbor,
+               const Kiv::Ptr< Tolm::TimerWheel > & timerWheel,
+               const Kiv::Ptr< const Config > & pimConfig, IntfSm * intfSm );
+   ~NeighborSm() override;
+   KIV_ENTITY( NeighborSm, "Routing::Pim::NeighborSm", PIM_NEIGHBOR_SM_ATTRS )
+
+   const Lumo::IpGenAddr & address() const { return address_; }
+   const Kiv::Ptr< Neighbor > & neighbor() const { return neighbor_; }
+   const Kiv::Ptr< Intf > & intf() const { return intf_; }
+   const Kiv::Ptr< const Config > & pimConfig() const { return pimConfig_; }
+   IntfSm * intfSm() const { return intfSm_; }
+   // The liveness timer's absolute expiry (+infinity: never).
+   Kiv::Seconds neighborTimerTimeMin() const { return neighborTimer_.timeMin(); }
+
+   void handleInitialized();
+   void handleHoldTime();
+   void handleLastRefreshTime();
+   void handleNeighborTimerExpiry();
+   void handleGenerationIdOption();
+   void handleDrPriorityOption();
+   void handleLanPruneDelayOption();
+   void handleSecondaryAddress( const Lumo::IpGenAddr & addr );
+   void handleSecondaryAddress();
+   void handlePort();
+   void handleBfdState();
+
+ private:
+   class KivNeighbor : public Neighbor::NotifieeConst {
+    public:
+      explicit KivNeighbor( NeighborSm * owner ) : owner_( owner ) {}
+      void onHoldTime() override { owner_->handleHoldTime(); }
+      void onLastRefreshTime() override { owner_->handleLastRefreshTime(); }
+      void onDrPriorityOption() override { owner_->handleDrPriorityOption(); }
+      void onGenerationIdOption() override { owner_->handleGenerationIdOption(); }
+      void onLanPruneDelayOption() override { owner_->handleLanPruneDelayOption(); }
+      void onSecondaryAddress( const Lumo::IpGenAddr & a ) override { owner_->handleSecondaryAddress( a ); }
+      void onPortInfo() override { owner_->handlePort(); }
+      void onBfdState() override { owner_->handleBfdState(); }
+    private:
+      NeighborSm * owner_;
+   };
+   class KivNeighborTimer : public Tolm::TimerWheel::NotifieeConst {
+    public:
+      KivNeighborTimer( NeighborSm * owner, Tolm::TimerWheel * wheel )
+            : Tolm::TimerWheel::NotifieeConst( wheel ), owner_( owner ) {}
+      void onTime() override { owner_->handleNeighborTimerExpiry(); }
+    private:
+      NeighborSm * owner_;
+   };
+
+   const Lumo::IpGenAddr address_;
+   Kiv::Ptr< Neighbor > neighbor_;
+   Kiv::Ptr< Tolm::TimerWheel > timerWheel_;
+   Kiv::Ptr< const Config > pimConfig_;
+   IntfSm * intfSm_;
+   Kiv::Ptr< Intf > intf_;
+   KivNeighbor neighborReactor_;
+   KivNeighborTimer neighborTimer_;
+};
+
+// Constructs a NeighborSm with its notifications active.
+Kiv::Ptr< NeighborSm > NeighborSmIs( const Lumo::IpGenAddr & address, const Kiv::Ptr< Neighbor > & neighbor,
+                                     const Kiv::Ptr< Tolm::TimerWheel > & timerWheel,
+                                     const Kiv::Ptr< const Config > & pimConfig, IntfSm * intfSm );
+Kiv::Ptr< NeighborSm > neighborSmFactory( const Lumo::IpGenAddr & address,
+                                          const Kiv::Ptr< Neighbor > & neighbor,
+                                          const Kiv::Ptr< Tolm::TimerWheel > & timerWheel,
+                                          const Kiv::Ptr< const Config > & pimConfig, IntfSm * intfSm );
+
+} // namespace Routing::Pim

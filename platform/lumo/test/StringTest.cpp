@@ -1,0 +1,166 @@
+// Kiv::String / Kiv::Name: sharing, allocation, comparison and string forms.
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <set>
+#include <sstream>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "kiv/String.h"
+
+// Counts plain operator new calls in this test binary, so the tests can see
+// whether an operation allocated.
+namespace {
+std::atomic< std::size_t > allocationCount{ 0 };
+}
+
+void * operator new( std::size_t n ) {
+   allocationCount.fetch_add( 1, std::memory_order_relaxed );
+   if( void * p = std::malloc( n ? n : 1 ) ) return p;
+   throw std::bad_alloc();
+}
+void operator delete( void * p ) noexcept { std::free( p ); }
+void operator delete( void * p, std::size_t ) noexcept { std::free( p ); }
+
+namespace {
+
+using Kiv::Name;
+using Kiv::String;
+
+std::size_t allocationsDuring( const auto & f ) {
+   const std::size_t before = allocationCount.load();
+   f();
+   return allocationCount.load() - before;
+}
+
+TEST( StringTest, EmptyStringsNeverAllocate ) {
+   bool allEmpty = false;
+   std::string_view text = "x";
+   std::size_t hash = 0;
+   EXPECT_EQ( allocationsDuring( [ & ] {
+                 String a;
+                 String b( "" );
+                 String c{ std::string_view() };
+                 String d = a;
+                 String e = std::move( b );
+                 Name n( "" );
+                 allEmpty = a.empty() && c.empty() && d.empty() && e.empty() && n.empty() &&
+                            a.size() == 0;
+                 text = a.c_str();
+                 hash = a.hash();
+              } ),
+              0u );
+   EXPECT_TRUE( allEmpty );
+   EXPECT_EQ( text, "" );
+   EXPECT_EQ( hash, std::hash< std::string_view >()( "" ) );
+}
+
+TEST( StringTest, CopiesShareOneBuffer ) {
+   const String a( "Ethernet1" );
+   const char *b1 = nullptr, *d1 = nullptr, *n1 = nullptr;
+   bool movedFromEmpty = false;
+   EXPECT_EQ( allocationsDuring( [ & ] {
+                 String b = a;
+                 String c;
+                 c = b;
+                 String d = std::move( c );
+                 movedFromEmpty = c.empty();
+                 Name n( a );
+                 b1 = b.data();
+                 d1 = d.data();
+                 n1 = n.string().data();
+              } ),
+              0u );
+   EXPECT_EQ( b1, a.data() );
+   EXPECT_EQ( d1, a.data() );
+   EXPECT_EQ( n1, a.data() );
+   EXPECT_TRUE( movedFromEmpty );
+   // The buffer outlives the original.
+   String survivor;
+   {
+      String original( std::string( 100, 'x' ) );
+      survivor = original;
+   }
+   EXPECT_EQ( survivor.stringValue(), std::string( 100, 'x' ) );
+   EXPECT_EQ( survivor.c_str()[ 100 ], '\0' );
+}
+
+TEST( StringTest, SelfAssignmentKeepsTheValue ) {
+   String a( "veth-r1" );
+   String & alias = a;
+   a = alias;
+   EXPECT_EQ( a.stringValue(), "veth-r1" );
+   a = std::move( alias );
+   EXPECT_EQ( a.stringValue(), "veth-r1" );
+}
+
+TEST( StringTest, EqualityOrderAndHashFollowTheCharacters ) {
+   const std::string withNul( "a\0b", 3 );
+   const std::vector< std::string > texts = { "",  "a",  "A", "ab", "abc", "b", withNul,
+                                              "a\xff", "\x80", " ", "Ethernet10", "Ethernet2" };
+   for( const auto & x : texts ) {
+      for( const auto & y : texts ) {
+         const String sx( x ), sy( y );
+         SCOPED_TRACE( x + " vs " + y );
+         EXPECT_EQ( sx == sy, x == y );
+         // Unsigned byte order, as std::string compares.
+         EXPECT_EQ( sx < sy, x < y );
+         EXPECT_EQ( Name( x ) < Name( y ), x < y );
+         if( x == y ) {
+            EXPECT_EQ( std::hash< String >()( sx ), std::hash< String >()( sy ) );
+            EXPECT_EQ( std::hash< Name >()( Name( x ) ), std::hash< Name >()( Name( y ) ) );
+         }
+      }
+   }
+   EXPECT_EQ( String( withNul ).size(), 3u );
+   EXPECT_NE( String( withNul ), String( "a" ) );
+}
+
+TEST( StringTest, WorksAsAKeyInStandardContainers ) {
+   std::unordered_set< String > hashed;
+   std::set< Name > ordered;
+   for( int i = 0; i < 1000; ++i ) {
+      hashed.insert( String( fmt::format( "Ethernet{}", i % 100 ) ) );
+      ordered.insert( Name( fmt::format( "n{:03}", i % 50 ) ) );
+   }
+   EXPECT_EQ( hashed.size(), 100u );
+   EXPECT_TRUE( hashed.count( String( "Ethernet42" ) ) );
+   EXPECT_FALSE( hashed.count( String( "Ethernet100" ) ) );
+   ASSERT_EQ( ordered.size(), 50u );
+   EXPECT_EQ( ordered.begin()->stringValue(), "n000" );
+   EXPECT_EQ( ordered.rbegin()->stringValue(), "n049" );
+}
+
+TEST( StringTest, StrepIsTheTextAndTheParserTakesEverything ) {
+   for( std::string_view text : { "", "Ethernet1", "with space", "tab\there", "x/y:z" } ) {
+      const String s( text );
+      const std::string strep = valueToStrep( s );
+      EXPECT_EQ( strep, text );
+      String::IteratorConst begin = strep.data();
+      String parsed( "junk" );
+      ASSERT_TRUE( strepToValue( begin, strep.data() + strep.size(), parsed ) );
+      EXPECT_EQ( begin, strep.data() + strep.size() );
+      EXPECT_EQ( parsed, s );
+      EXPECT_EQ( String::fromStrep( text ), s );
+
+      Name n;
+      begin = strep.data();
+      ASSERT_TRUE( strepToValue( begin, strep.data() + strep.size(), n ) );
+      EXPECT_EQ( n, Name::fromStrep( text ) );
+      EXPECT_EQ( valueToStrep( n ), text );
+   }
+}
+
+TEST( StringTest, PrintsTheText ) {
+   std::ostringstream os;
+   os << String( "Vlan100" ) << '|' << Name( "pim" ) << '|' << String();
+   EXPECT_EQ( os.str(), "Vlan100|pim|" );
+   EXPECT_EQ( fmt::format( "{}-{:>5}", String( "a" ), Name( "b" ) ), "a-    b" );
+}
+
+} // namespace

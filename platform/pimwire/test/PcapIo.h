@@ -1,0 +1,34 @@
+#pragma once
+// Just enough capture-file handling for the codec tests: reads classic pcap
+// and pcapng files of Ethernet frames, peels Ethernet and IP headers off PIM
+// packets, and writes classic pcap files with synthetic headers around our
+// own encodings.
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pimwire/Addr.h"
+
+namespace PimWireTest {
+
+using Bytes = std::vector< std::uint8_t >;
+
+// Ethernet frames of the file; nullopt if it cannot be read or parsed.
+std::optional< std::vector< Bytes > > readCaptureFrames( const std::string & path );
+
+struct PimPacket {
+   PimWire::Family family = PimWire::Family::none;
+   PimWire::Addr src;
+   PimWire::Addr dst;
+   Bytes payload; // the PIM message
+};
+// The PIM message inside an Ethernet frame, nullopt if the frame is not
+// IPv4/IPv6 protocol 103.
+std::optional< PimPacket > pimFromFrame( const Bytes & frame );
+
+// An Ethernet frame carrying payload as IP protocol 103 from src to dst.
+Bytes frameForPim( const PimPacket & p );
+bool writePcap( const std::string & path, const std::vector< Bytes > & frames );
+
+} // namespace PimWireTest

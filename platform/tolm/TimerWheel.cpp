@@ -1,0 +1,272 @@
+#include "tolm/TimerWheel.h"
+
+#include <bit>
+#include <cassert>
+#include <cmath>
+
+#include "kiv/ActivityManager.h"
+
+// Layout. Deadlines are quantised to ticks of 1/1024 s (exact: scaling a
+// double by a power of two loses nothing, so the tick is monotonic in the
+// deadline). Eight levels of 256 slots cover the whole 64-bit tick range, so
+// no timer ever needs an overflow list. Relative to the cursor C, a timer of
+// tick T >= C lives at the level of the highest byte in which T and C differ,
+// in the slot named by T's byte at that level. Hence:
+//  * level 0 slots below C's byte are empty, and so is C's own slot at every
+//    level above 0 (those ticks belong to a lower level);
+//  * a timer whose tick is below C (a past deadline, or the cursor ran ahead of
+//    the clock) goes into C's level-0 slot. That slot is scanned as a whole
+//    and ordered by the exact (deadline, seq), so it stays correct.
+// The cursor only moves over empty space, inside nextDue(): to the next
+// occupied level-0 slot, or to the start of the first occupied slot of a
+// higher level, whose timers then cascade into lower levels. Each timer
+// cascades at most seven times, so every operation is amortised O(1).
+
+namespace Tolm {
+
+namespace {
+
+constexpr int kLevels = 8;
+constexpr int kSlotBits = 8;
+constexpr int kSlots = 1 << kSlotBits;
+constexpr int kWords = kSlots / 64;
+constexpr double kTicksPerSecond = 1024.0;
+
+// Arming order across every wheel of the process (the activity loop is single
+// threaded).
+std::uint64_t armingSeq = 0;
+
+std::uint64_t tickOf( Kiv::Seconds t ) {
+   const double x = t * kTicksPerSecond;
+   if( !( x >= 1.0 ) ) return 0;   // also -infinity and times before the epoch
+   if( x >= 0x1p64 ) return ~std::uint64_t{ 0 };
+   return static_cast< std::uint64_t >( x );
+}
+
+} // namespace
+
+struct TimerWheel::Slot {
+   NotifieeConst * head = nullptr;
+};
+
+struct TimerWheel::Impl {
+   Slot slots[ kLevels ][ kSlots ];
+   std::uint64_t occupied[ kLevels ][ kWords ] = {};
+   std::uint64_t cursor = 0;
+   // The earliest armed timer when known; null when it must be searched for.
+   NotifieeConst * earliest = nullptr;
+   NotifieeConst * bound = nullptr;
+
+   // Firing order: exact deadline, then arming order.
+   static bool before( const NotifieeConst & a, const NotifieeConst & b ) {
+      return a.deadline_ < b.deadline_ || ( a.deadline_ == b.deadline_ && a.seq_ < b.seq_ );
+   }
+
+   // First occupied slot of a level at index >= from, or -1.
+   int firstOccupied( int level, int from ) const {
+      for( int w = from >> 6; w < kWords; ++w ) {
+         std::uint64_t bits = occupied[ level ][ w ];
+         if( w == from >> 6 ) bits &= ~std::uint64_t{ 0 } << ( from & 63 );
+         if( bits ) return w * 64 + std::countr_zero( bits );
+      }
+      return -1;
+   }
+
+   void place( NotifieeConst & n ) {
+      const std::uint64_t t = n.tick_ > cursor ? n.tick_ : cursor;
+      const std::uint64_t diff = t ^ cursor;
+      const int level = diff ? ( std::bit_width( diff ) - 1 ) / kSlotBits : 0;
+      const int index = static_cast< int >( ( t >> ( level * kSlotBits ) ) & ( kSlots - 1 ) );
+      Slot & s = slots[ level ][ index ];
+      n.prev_ = nullptr;
+      n.next_ = s.head;
+      if( s.head ) s.head->prev_ = &n;
+      s.head = &n;
+      n.slot_ = &s;
+      occupied[ level ][ index >> 6 ] |= std::uint64_t{ 1 } << ( index & 63 );
+   }
+
+   void remove( NotifieeConst & n ) {
+      Slot * s = n.slot_;
+      if( n.prev_ ) n.prev_->next_ = n.next_; else s->head = n.next_;
+      if( n.next_ ) n.next_->prev_ = n.prev_;
+      if( !s->head ) {
+         const auto flat = static_cast< std::size_t >( s - &slots[ 0 ][ 0 ] );
+         const std::size_t level = flat / kSlots;
+         const std::size_t index = flat % kSlots;
+         occupied[ level ][ index >> 6 ] &= ~( std::uint64_t{ 1 } << ( index & 63 ) );
+      }
+      n.prev_ = n.next_ = nullptr;
+      n.slot_ = nullptr;
+   }
+
+   // Moves the cursor over empty space until it sits on the earliest occupied
+   // level-0 slot, cascading higher slots on the way. Needs a timer armed.
+   Slot & firstSlot() {
+      for( ;; ) {
+         const int c0 = static_cast< int >( cursor & ( kSlots - 1 ) );
+         const int i0 = firstOccupied( 0, c0 );
+         if( i0 >= 0 ) {
+            // Nothing is armed below slot i0, so the cursor may move onto it.
+            cursor = ( cursor & ~std::uint64_t{ kSlots - 1 } ) | static_cast< std::uint64_t >( i0 );
+            return slots[ 0 ][ i0 ];
+         }
+         int level = 1;
+         int index = -1;
+         for( ; level < kLevels; ++level ) {
+            const int shift = level * kSlotBits;
+            const int c = static_cast< int >( ( cursor >> shift ) & ( kSlots - 1 ) );
+            if( c + 1 < kSlots && ( index = firstOccupied( level, c + 1 ) ) >= 0 ) break;
+         }
+         assert( index >= 0 && "an armed timer must be in some slot" );
+         if( index < 0 ) return slots[ 0 ][ 0 ];
+         // Every lower level is empty: jump to the start of the slot's range
+         // and spread its timers over the lower levels.
+         const int shift = level * kSlotBits;
+         const int above = shift + kSlotBits;
+         const std::uint64_t keep = above >= 64 ? 0 : ~( ( std::uint64_t{ 1 } << above ) - 1 );
+         cursor = ( cursor & keep ) | ( static_cast< std::uint64_t >( index ) << shift );
+         Slot & s = slots[ level ][ index ];
+         NotifieeConst * n = s.head;
+         s.head = nullptr;
+         while( n ) {
+            NotifieeConst * next = n->next_;
+            place( *n );
+            n = next;
+         }
+      }
+   }
+};
+
+// ---- NotifieeConst -----------------------------------------------------------------
+
+TimerWheel::NotifieeConst::~NotifieeConst() {
+   if( wheel_ ) {
+      if( armed() ) wheel_->unlink( *this );
+      wheel_->unbind( *this );
+   }
+}
+
+void TimerWheel::NotifieeConst::notifierIs( TimerWheel * wheel ) {
+   if( wheel == wheel_ ) return;
+   if( wheel_ ) {
+      if( armed() ) wheel_->unlink( *this );
+      wheel_->unbind( *this );
+   }
+   deadline_ = Kiv::kNever;
+   wheel_ = wheel;
+   if( wheel_ ) wheel_->bind( *this );
+}
+
+void TimerWheel::NotifieeConst::timeMinIs( Kiv::Seconds t ) {
+   assert( !std::isnan( t ) && "a deadline is never NaN" );
+   if( std::isnan( t ) ) return;
+   if( t == Kiv::kNever ) {
+      if( armed() ) wheel_->unlink( *this );
+      deadline_ = Kiv::kNever;
+      return;
+   }
+   assert( wheel_ && "arming a timer that is bound to no wheel" );
+   if( !wheel_ ) return;
+   if( armed() ) wheel_->unlink( *this );
+   deadline_ = t;
+   seq_ = ++armingSeq;
+   tick_ = tickOf( t );
+   wheel_->link( *this );
+}
+
+// ---- TimerWheel --------------------------------------------------------------------
+
+TimerWheel::TimerWheel( const Kiv::Clock & clock ) : clock_( clock ), impl_( new Impl ) {
+   impl_->cursor = tickOf( clock_.now() );
+   Kiv::activityManager().timerWheelIs( this );
+}
+
+TimerWheel::~TimerWheel() {
+   Kiv::activityManager().timerWheelDel( this );
+   // Detach every timer: none may reach this wheel once it is gone.
+   for( NotifieeConst * n = impl_->bound; n; ) {
+      NotifieeConst * next = n->boundNext_;
+      n->prev_ = n->next_ = nullptr;
+      n->slot_ = nullptr;
+      n->boundPrev_ = n->boundNext_ = nullptr;
+      n->deadline_ = Kiv::kNever;
+      n->wheel_ = nullptr;
+      n = next;
+   }
+   armed_ = 0;
+   delete impl_;
+}
+
+void TimerWheel::bind( NotifieeConst & n ) {
+   n.boundPrev_ = nullptr;
+   n.boundNext_ = impl_->bound;
+   if( impl_->bound ) impl_->bound->boundPrev_ = &n;
+   impl_->bound = &n;
+}
+
+void TimerWheel::unbind( NotifieeConst & n ) {
+   if( n.boundPrev_ ) n.boundPrev_->boundNext_ = n.boundNext_; else impl_->bound = n.boundNext_;
+   if( n.boundNext_ ) n.boundNext_->boundPrev_ = n.boundPrev_;
+   n.boundPrev_ = n.boundNext_ = nullptr;
+}
+
+void TimerWheel::link( NotifieeConst & n ) {
+   Impl & w = *impl_;
+   if( armed_ == 0 ) {
+      // Nothing armed: re-centre the cursor on the clock, so that a cursor
+      // which ran ahead does not gather near-term timers into one slot.
+      w.cursor = tickOf( clock_.now() );
+      w.earliest = &n;
+   } else if( w.earliest && Impl::before( n, *w.earliest ) ) {
+      w.earliest = &n;
+   }
+   w.place( n );
+   ++armed_;
+}
+
+void TimerWheel::unlink( NotifieeConst & n ) {
+   impl_->remove( n );
+   --armed_;
+   if( impl_->earliest == &n ) impl_->earliest = nullptr;
+}
+
+bool TimerWheel::nextDue( Kiv::Seconds & deadline, std::uint64_t & seq ) {
+   if( armed_ == 0 ) return false;
+   Impl & w = *impl_;
+   if( !w.earliest ) {
+      NotifieeConst * best = w.firstSlot().head;
+      for( NotifieeConst * n = best->next_; n; n = n->next_ ) {
+         if( Impl::before( *n, *best ) ) best = n;
+      }
+      w.earliest = best;
+   }
+   deadline = w.earliest->deadline_;
+   seq = w.earliest->seq_;
+   return true;
+}
+
+Kiv::Seconds TimerWheel::nextDeadline() {
+   Kiv::Seconds deadline;
+   std::uint64_t seq;
+   return nextDue( deadline, seq ) ? deadline : Kiv::kNever;
+}
+
+bool TimerWheel::fireNext( Kiv::Seconds now ) {
+   Kiv::Seconds deadline;
+   std::uint64_t seq;
+   if( !nextDue( deadline, seq ) || deadline > now ) return false;
+   NotifieeConst & n = *impl_->earliest;
+   unlink( n );
+   n.deadline_ = Kiv::kNever;
+   // onTime() may re-arm or delete the timer, or release the wheel: touch
+   // neither afterwards.
+   n.onTime();
+   return true;
+}
+
+Kiv::Ptr< TimerWheel > TimerWheelIs( const Kiv::Clock & clock ) {
+   return Kiv::Ptr< TimerWheel >( new TimerWheel( clock ) );
+}
+
+} // namespace Tolm
