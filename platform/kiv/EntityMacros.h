@@ -160,7 +160,7 @@
  public:                                                                         \
    enum KivAttrId : ::Kiv::AttrId { LIST( KIV_ATTR_ID ) kivAttrCount };          \
    static_assert( kivAttrCount <= 64, "an entity type has at most 64 attributes" ); \
-   static constexpr const char * kivClassName = ClassName;                       \
+   [[maybe_unused]] static constexpr const char * kivClassName = ClassName;                       \
    static const char * kivAttrName( ::Kiv::AttrId id ) {                         \
       static const char * const names[] = { LIST( KIV_ATTR_NAME ) "" };          \
       return id < kivAttrCount ? names[ id ] : "";                               \

@@ -28,8 +28,8 @@ LogState & state() {
 bool isFlag( char c ) { return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0'; }
 
 // One conversion, formatted with snprintf, or "<?>" when the argument does
-// not fit it. spec holds flags, width and precision, without length modifier.
-void formatOne( std::string & out, std::string spec, char conv, const LogArg * arg ) {
+// not fit it. conversion holds flags, width and precision, without length modifier.
+void formatOne( std::string & out, std::string conversion, char conv, const LogArg * arg ) {
    char buf[ 512 ];
    int n = -1;
    const auto k = arg ? arg->kind : LogArg::Kind::Pointer;
@@ -41,18 +41,18 @@ void formatOne( std::string & out, std::string spec, char conv, const LogArg * a
    switch( conv ) {
     case 'd':
     case 'i':
-      if( integral ) n = std::snprintf( buf, sizeof buf, ( spec + "lld" ).c_str(), asSigned );
+      if( integral ) n = std::snprintf( buf, sizeof buf, ( conversion + "lld" ).c_str(), asSigned );
       break;
     case 'u':
     case 'x':
     case 'X':
     case 'o':
       if( integral ) {
-         n = std::snprintf( buf, sizeof buf, ( spec + "ll" + conv ).c_str(), asUnsigned );
+         n = std::snprintf( buf, sizeof buf, ( conversion + "ll" + conv ).c_str(), asUnsigned );
       }
       break;
     case 'c':
-      if( integral ) n = std::snprintf( buf, sizeof buf, ( spec + "c" ).c_str(), static_cast< int >( asSigned ) );
+      if( integral ) n = std::snprintf( buf, sizeof buf, ( conversion + "c" ).c_str(), static_cast< int >( asSigned ) );
       break;
     case 'f':
     case 'F':
@@ -68,21 +68,21 @@ void formatOne( std::string & out, std::string spec, char conv, const LogArg * a
       else if( arg && k == LogArg::Kind::Signed ) v = static_cast< double >( arg->i );
       else if( arg && k == LogArg::Kind::Unsigned ) v = static_cast< double >( arg->u );
       else ok = false;
-      if( ok ) n = std::snprintf( buf, sizeof buf, ( spec + conv ).c_str(), v );
+      if( ok ) n = std::snprintf( buf, sizeof buf, ( conversion + conv ).c_str(), v );
       break;
     }
     case 's':
       if( arg && k == LogArg::Kind::String ) {
          const char * s = arg->s ? arg->s : "(null)";
-         if( spec == "%" ) {
+         if( conversion == "%" ) {
             out += s;  // the common case, and no length limit
             return;
          }
-         n = std::snprintf( buf, sizeof buf, ( spec + "s" ).c_str(), s );
+         n = std::snprintf( buf, sizeof buf, ( conversion + "s" ).c_str(), s );
       }
       break;
     case 'p':
-      if( arg && k == LogArg::Kind::Pointer ) n = std::snprintf( buf, sizeof buf, ( spec + "p" ).c_str(), arg->p );
+      if( arg && k == LogArg::Kind::Pointer ) n = std::snprintf( buf, sizeof buf, ( conversion + "p" ).c_str(), arg->p );
       break;
     default:
       break;
@@ -122,13 +122,13 @@ std::string logFormat( const char * format, const LogArg * args, std::size_t cou
          ++p;
          continue;
       }
-      std::string spec = "%";
-      while( isFlag( *p ) ) spec += *p++;
+      std::string conversion = "%";
+      while( isFlag( *p ) ) conversion += *p++;
       // '*' widths would take an argument of their own; not supported.
-      while( *p >= '0' && *p <= '9' ) spec += *p++;
+      while( *p >= '0' && *p <= '9' ) conversion += *p++;
       if( *p == '.' ) {
-         spec += *p++;
-         while( *p >= '0' && *p <= '9' ) spec += *p++;
+         conversion += *p++;
+         while( *p >= '0' && *p <= '9' ) conversion += *p++;
       }
       // Length modifiers are dropped: the argument's own type decides.
       while( *p == 'h' || *p == 'l' || *p == 'L' || *p == 'q' || *p == 'j' || *p == 'z' ||
@@ -142,7 +142,7 @@ std::string logFormat( const char * format, const LogArg * args, std::size_t cou
       const char conv = *p++;
       const LogArg * arg = next < count ? &args[ next ] : nullptr;
       ++next;
-      formatOne( out, spec, conv, arg );
+      formatOne( out, conversion, conv, arg );
    }
    return out;
 }

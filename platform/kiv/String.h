@@ -26,7 +26,8 @@ class String {
 
    String() noexcept = default;
    String( std::string_view s );
-   String( const char * s ) : String( std::string_view( s ) ) {}
+   // A null pointer is taken as the empty string.
+   String( const char * s ) : String( s ? std::string_view( s ) : std::string_view() ) {}
    String( const std::string & s ) : String( std::string_view( s ) ) {}
    String( const String & o ) noexcept : rep_( o.rep_ ) {
       if( rep_ ) rep_->refs.fetch_add( 1, std::memory_order_relaxed );

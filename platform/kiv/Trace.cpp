@@ -54,9 +54,9 @@ long specificity( const TraceRule & r, const std::string & name ) {
 
 } // namespace
 
-// ---- TraceSpec ---------------------------------------------------------------------
-TraceSpec TraceSpec::parse( const std::string & text ) {
-   TraceSpec spec;
+// ---- TraceSelection ---------------------------------------------------------------------
+TraceSelection TraceSelection::parse( const std::string & text ) {
+   TraceSelection selection;
    std::size_t pos = 0;
    while( pos <= text.size() ) {
       auto comma = text.find( ',', pos );
@@ -77,7 +77,7 @@ TraceSpec TraceSpec::parse( const std::string & text ) {
          pattern.pop_back();
       }
       if( ( pattern.empty() && !rule.wildcard ) || !validName( pattern ) ) {
-         spec.errors.push_back( "bad handle pattern in '" + item + "'" );
+         selection.errors.push_back( "bad handle pattern in '" + item + "'" );
          continue;
       }
       rule.pattern = pattern;
@@ -96,17 +96,17 @@ TraceSpec TraceSpec::parse( const std::string & text ) {
                  parseLevel( levels.substr( dash + 1 ), last ) && first >= 1 && first <= last;
          }
          if( !ok ) {
-            spec.errors.push_back( "bad levels in '" + item + "'" );
+            selection.errors.push_back( "bad levels in '" + item + "'" );
             continue;
          }
          rule.mask = first == 0 ? 0 : rangeMask( first, last );
       }
-      spec.rules.push_back( std::move( rule ) );
+      selection.rules.push_back( std::move( rule ) );
    }
-   return spec;
+   return selection;
 }
 
-std::uint16_t TraceSpec::maskFor( const std::string & name ) const {
+std::uint16_t TraceSelection::maskFor( const std::string & name ) const {
    long best = -1;
    std::uint16_t mask = 0;
    for( const auto & r : rules ) {
@@ -119,7 +119,7 @@ std::uint16_t TraceSpec::maskFor( const std::string & name ) const {
    return mask;
 }
 
-bool TraceSpec::matches( const std::string & name ) const {
+bool TraceSelection::matches( const std::string & name ) const {
    return std::any_of( rules.begin(), rules.end(),
                        [ & ]( const TraceRule & r ) { return specificity( r, name ) >= 0; } );
 }
@@ -174,7 +174,7 @@ class TraceRegistry {
       std::lock_guard lock( mutex_ );
       envRead_ = true;  // an explicit reset also overrides the environment
       allMask_ = 0;
-      spec_ = {};
+      selection_ = {};
       for( auto * h : handles_ ) {
          h->userMask_ = 0;
          h->updateMask();
@@ -200,9 +200,9 @@ class TraceRegistry {
       refreshCaptureMasksLocked();
    }
    std::vector< std::string > captureEnable( TraceCapture & c, const std::string & text ) {
-      TraceSpec more = TraceSpec::parse( text );
+      TraceSelection more = TraceSelection::parse( text );
       std::lock_guard lock( mutex_ );
-      for( auto & r : more.rules ) c.spec_.rules.push_back( std::move( r ) );
+      for( auto & r : more.rules ) c.selection_.rules.push_back( std::move( r ) );
       refreshCaptureMasksLocked();
       return more.errors;
    }
@@ -218,11 +218,11 @@ class TraceRegistry {
 
  private:
    std::uint16_t initialMask( const std::string & name ) const {
-      return static_cast< std::uint16_t >( spec_.maskFor( name ) | allMask_ );
+      return static_cast< std::uint16_t >( selection_.maskFor( name ) | allMask_ );
    }
    std::uint16_t captureMask( const std::string & name ) const {
       std::uint16_t m = 0;
-      for( const auto * c : captures_ ) m = static_cast< std::uint16_t >( m | c->spec_.maskFor( name ) );
+      for( const auto * c : captures_ ) m = static_cast< std::uint16_t >( m | c->selection_.maskFor( name ) );
       return m;
    }
    void refreshCaptureMasksLocked() {
@@ -239,17 +239,17 @@ class TraceRegistry {
       return errors;
    }
    std::vector< std::string > applyLocked( const std::string & text ) {
-      spec_ = TraceSpec::parse( text );
+      selection_ = TraceSelection::parse( text );
       for( auto * h : handles_ ) {
          h->userMask_ = initialMask( h->name_ );
          h->updateMask();
       }
-      return spec_.errors;
+      return selection_.errors;
    }
 
    std::mutex mutex_;
    bool envRead_ = false;
-   TraceSpec spec_;
+   TraceSelection selection_;
    std::uint16_t allMask_ = 0;
    std::vector< TraceHandle * > handles_;
    std::vector< TraceCapture * > captures_;
@@ -286,8 +286,8 @@ void TraceHandle::enableAll( int first, int last ) {
 
 void TraceHandle::disableAll() { TraceRegistry::instance().disableAll(); }
 
-std::vector< std::string > TraceHandle::configIs( const std::string & spec ) {
-   return TraceRegistry::instance().config( spec );
+std::vector< std::string > TraceHandle::configIs( const std::string & selection ) {
+   return TraceRegistry::instance().config( selection );
 }
 
 std::vector< std::string > TraceHandle::configFromEnvironment() {
@@ -317,8 +317,8 @@ TraceCapture::TraceCapture() { TraceRegistry::instance().addCapture( *this ); }
 
 TraceCapture::~TraceCapture() { TraceRegistry::instance().removeCapture( *this ); }
 
-std::vector< std::string > TraceCapture::enable( const std::string & spec ) {
-   return TraceRegistry::instance().captureEnable( *this, spec );
+std::vector< std::string > TraceCapture::enable( const std::string & selection ) {
+   return TraceRegistry::instance().captureEnable( *this, selection );
 }
 
 bool TraceCapture::contains( const std::string & handle, int level, const std::string & text ) const {

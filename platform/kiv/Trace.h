@@ -6,10 +6,10 @@
 // and a branch; the stream-insertion expression is not evaluated at all.
 //
 // Run-time selection (KIV_TRACE environment variable, TraceHandle::configIs):
-//    spec    := item { "," item }
-//    item    := pattern [ "/" levels ]
-//    pattern := a handle name, or a prefix followed by "*" ("Pim::*", "*")
-//    levels  := N | N-M | 0          (1 <= N <= M <= 9; 0 = off; absent = 1-9)
+//    selection := item { "," item }
+//    item      := pattern [ "/" levels ]
+//    pattern   := a handle name, or a prefix followed by "*" ("Pim::*", "*")
+//    levels    := N | N-M | 0          (1 <= N <= M <= 9; 0 = off; absent = 1-9)
 // e.g. KIV_TRACE="Pim::Hello/1-9,Pim::Intf/1-4,Pim::*/1".
 // A handle takes the levels of the most specific matching item: an exact
 // name beats any wildcard, a longer wildcard prefix beats a shorter one, and
@@ -41,10 +41,10 @@ struct TraceRule {
    std::uint16_t mask = 0;   // bit n set = level n enabled
 };
 
-struct TraceSpec {
+struct TraceSelection {
    std::vector< TraceRule > rules;
    std::vector< std::string > errors;  // one message per malformed item
-   static TraceSpec parse( const std::string & text );
+   static TraceSelection parse( const std::string & text );
    // Levels the rules give to the named handle (0 when none matches).
    std::uint16_t maskFor( const std::string & handleName ) const;
    // Whether any rule matches the name at all.
@@ -73,7 +73,7 @@ class TraceHandle {
    // Switches every level of every handle off and forgets the selection.
    static void disableAll();
    // Replaces the selection; returns the malformed-item messages.
-   static std::vector< std::string > configIs( const std::string & spec );
+   static std::vector< std::string > configIs( const std::string & selection );
    // Re-reads KIV_TRACE (read once anyway when the first handle is made).
    static std::vector< std::string > configFromEnvironment();
    // First live handle with this name, or null.
@@ -112,7 +112,7 @@ class TraceCapture {
 
    // Enables levels for this capture only, with the KIV_TRACE syntax.
    // Returns the malformed-item messages.
-   std::vector< std::string > enable( const std::string & spec );
+   std::vector< std::string > enable( const std::string & selection );
 
    const std::vector< TraceLine > & lines() const { return lines_; }
    void clear() { lines_.clear(); }
@@ -122,7 +122,7 @@ class TraceCapture {
 
  private:
    friend class TraceRegistry;
-   TraceSpec spec_;
+   TraceSelection selection_;
    std::vector< TraceLine > lines_;
 };
 

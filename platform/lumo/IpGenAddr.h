@@ -125,9 +125,10 @@ class IpGenAddr {
    }
 
    friend constexpr bool operator==( const IpGenAddr & a, const IpGenAddr & b ) noexcept {
-      const Words wa = a.words();
-      const Words wb = b.words();
-      return a.af_ == b.af_ && wa.hi == wb.hi && wa.lo == wb.lo;
+      // Equality needs no byte swap.
+      const auto wa = std::bit_cast< std::array< std::uint64_t, 2 > >( a.bytes_ );
+      const auto wb = std::bit_cast< std::array< std::uint64_t, 2 > >( b.bytes_ );
+      return a.af_ == b.af_ && wa[ 0 ] == wb[ 0 ] && wa[ 1 ] == wb[ 1 ];
    }
    friend constexpr std::strong_ordering operator<=>( const IpGenAddr & a,
                                                       const IpGenAddr & b ) noexcept {

@@ -1,5 +1,6 @@
 #include "pimwire/Addr.h"
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -39,7 +40,9 @@ Addr Addr::v6( const std::array< std::uint8_t, 16 > & b ) {
 Addr Addr::fromBytes( Family f, const std::uint8_t * p ) {
    Addr r;
    r.family = f;
-   std::memcpy( r.bytes.data(), p, familyAddrLen( f ) );
+   if ( familyAddrLen( f ) ) {
+      std::memcpy( r.bytes.data(), p, familyAddrLen( f ) );
+   }
    return r;
 }
 
@@ -142,8 +145,8 @@ std::optional< Addr > parseV6( std::string_view s ) {
       }
    }
    std::array< std::uint8_t, 16 > b{};
-   std::memcpy( b.data(), head.data(), head.size() );
-   std::memcpy( b.data() + 16 - tail.size(), tail.data(), tail.size() );
+   std::copy( head.begin(), head.end(), b.begin() );
+   std::copy( tail.begin(), tail.end(), b.end() - long( tail.size() ) );
    return Addr::v6( b );
 }
 

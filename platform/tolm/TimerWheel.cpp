@@ -129,6 +129,7 @@ struct TimerWheel::Impl {
          Slot & s = slots[ level ][ index ];
          NotifieeConst * n = s.head;
          s.head = nullptr;
+         occupied[ level ][ index >> 6 ] &= ~( std::uint64_t{ 1 } << ( index & 63 ) );
          while( n ) {
             NotifieeConst * next = n->next_;
             place( *n );

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "pimwire/Addr.h"
+#include "pimwire/HelloCodec.h"
 
 namespace PimWireTest {
 

@@ -1,0 +1,274 @@
+// Neighbours as received Hellos create, refresh and end them: their options,
+// their liveness timer counted from the last refresh, goodbyes, the
+// never-expiring hold time, and the up/down reports.
+#include <cmath>
+#include <limits>
+
+#include "EngineFixture.h"
+
+namespace PimScenario {
+namespace {
+
+constexpr double kInf = std::numeric_limits< double >::infinity();
+
+TEST( ScenarioNeighborLifecycle, NewNeighborTakesEveryAdvertisedOptionAndBecomesActive ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   f.startIntf( eth1, "198.18.0.1/24" );
+   f.at( 5.0 );
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 105 ).dr( 7 ).genId( 0x1234 ).lpd( 600, 3000, true ) );
+
+   auto nb = f.neighbor( eth1, "198.18.0.2" );
+   ASSERT_TRUE( nb );
+   EXPECT_EQ( nb->intfId(), eth1 );
+   EXPECT_EQ( nb->creationTime(), f.t0() + 5.0 );
+   EXPECT_EQ( nb->lastRefreshTime(), nb->creationTime() );
+   EXPECT_EQ( nb->holdTime(), 105 );
+   EXPECT_EQ( nb->drPriorityOption(), ( DrPriorityOption{ true, 7 } ) );
+   EXPECT_EQ( nb->generationIdOption(), ( GenerationIdOption{ true, 0x1234 } ) );
+   EXPECT_EQ( nb->lanPruneDelayOption(), ( LanPruneDelayOption{ true, 600, 3000, true } ) );
+   EXPECT_EQ( nb->portInfo(), Reliable::NeighborInfo{} );
+   EXPECT_EQ( nb->transportProtocol(), Reliable::protocolDatagram );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
+
+   auto sm = f.intfSm( eth1 );
+   ASSERT_TRUE( sm );
+   auto nsm = sm->neighborSm( ip( "198.18.0.2" ) );
+   ASSERT_TRUE( nsm );
+   EXPECT_EQ( nsm->neighborTimerTimeMin(), f.t0() + 5.0 + 105 );
+
+   EXPECT_TRUE( f.traced( EngineFixture::kHelloTrace, 3, "Creating neighbor 198.18.0.2 on interface Ethernet1" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 2, "Neighbor 198.18.0.2 added for interface Ethernet1" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 2, "Neighbor 198.18.0.2 is UP for interface Ethernet1" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kNeighborTrace, 6,
+                          "Neighbor timer started 198.18.0.2 on interface Ethernet1 with expiry in 105 seconds." ) );
+}
+
+TEST( ScenarioNeighborLifecycle, HelloWithoutOptionsGetsDefaultsAndTheInterfaceHoldTime ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   IntfParams p;
+   p.helloHoldTime = 50;
+   f.startIntf( eth1, "198.18.0.1/24", p );
+   f.receive( eth1, hello( "198.18.0.2" ).noHold() );
+
+   auto nb = f.neighbor( eth1, "198.18.0.2" );
+   ASSERT_TRUE( nb );
+   EXPECT_EQ( nb->holdTime(), 50 );
+   EXPECT_EQ( nb->drPriorityOption(), ( DrPriorityOption{ false, 0xFFFFFFFF } ) );
+   EXPECT_EQ( nb->generationIdOption(), ( GenerationIdOption{ false, 0 } ) );
+   EXPECT_EQ( nb->lanPruneDelayOption(), ( LanPruneDelayOption{ false, 500, 2500, false } ) );
+   EXPECT_TRUE( nb->secondaryAddressSize() == 0 );
+
+   const double expiry = nb->lastRefreshTime() + 50;
+   f.advanceTo( std::nextafter( expiry, 0.0 ) );
+   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
+   f.advanceTo( expiry );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
+}
+
+TEST( ScenarioNeighborLifecycle, RefreshMovesTheExpiryAndExpiryRemovesEverythingAtTheDeadline ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   f.at( 5.0 );
+   f.receive( eth1, hello( "198.18.0.2" ).dr( 1 ).genId( 9 ) );
+   f.at( 15.0 );
+   f.receive( eth1, hello( "198.18.0.2" ).dr( 1 ).genId( 9 ) );
+
+   auto nb = f.neighbor( eth1, "198.18.0.2" );
+   ASSERT_TRUE( nb );
+   EXPECT_EQ( nb->creationTime(), f.t0() + 5.0 );
+   EXPECT_EQ( nb->lastRefreshTime(), f.t0() + 15.0 );
+   EXPECT_TRUE( f.traced( EngineFixture::kHelloTrace, 3, "Refreshing neighbor 198.18.0.2 on interface Ethernet1" ) );
+   auto sm = f.intfSm( eth1 );
+   ASSERT_TRUE( sm );
+   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), f.t0() + 15.0 + 105 );
+
+   // The deadline of the first Hello (+110) passes without effect.
+   f.at( 110.5 );
+   ASSERT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
+   const double expiry = f.t0() + 15.0 + 105;
+   f.advanceTo( std::nextafter( expiry, 0.0 ) );
+   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
+   f.advanceTo( expiry );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
+   EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
+   EXPECT_FALSE( sm->neighborSm( ip( "198.18.0.2" ) ) );
+   EXPECT_EQ( intf->activeNeighborSize(), 0u );
+   EXPECT_TRUE( f.traced( EngineFixture::kNeighborTrace, 6,
+                          "Neighbor timer for 198.18.0.2 on interface Ethernet1 expired." ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 2, "Neighbor 198.18.0.2 is DOWN for interface Ethernet1" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 2, "Neighbor 198.18.0.2 removed for interface Ethernet1" ) );
+}
+
+TEST( ScenarioNeighborLifecycle, ChangedHoldTimeCountsFromTheLastRefreshNotFromNow ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   f.startIntf( eth1, "198.18.0.1/24" );
+   f.at( 10.0 );
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   auto nb = f.neighbor( eth1, "198.18.0.2" );
+   ASSERT_TRUE( nb );
+
+   f.at( 25.0 );
+   nb->holdTimeIs( 48 );
+   f.runUntilIdle();
+   EXPECT_EQ( f.intfSm( eth1 )->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), f.t0() + 10.0 + 48 );
+   EXPECT_TRUE( f.traced( EngineFixture::kNeighborTrace, 7,
+                          "Hold time changed to 0x30 for neighbor 198.18.0.2 on interface Ethernet1" ) );
+   f.advanceTo( std::nextafter( f.t0() + 58.0, 0.0 ) );
+   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
+   f.at( 58.0 );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
+}
+
+TEST( ScenarioNeighborLifecycle, GoodbyeRemovesAKnownNeighborAtOnceAndIsIgnoredFromAStranger ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   f.at( 5.0 );
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   f.at( 20.0 );   // the triggered Hello for the new neighbour has gone
+   f.clearSent();
+   f.log.clear();
+
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
+   EXPECT_EQ( intf->activeNeighborSize(), 0u );
+   EXPECT_FALSE( f.intfSm( eth1 )->neighborSm( ip( "198.18.0.2" ) ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kNeighborTrace, 7,
+                          "Hold time changed to 0x0 for neighbor 198.18.0.2 on interface Ethernet1" ) );
+   // A neighbour that leaves triggers no Hello.
+   EXPECT_FALSE( intf->triggeredHello() );
+
+   f.trace.clear();
+   f.receive( eth1, hello( "198.18.0.3" ).hold( 0 ).dr( 9 ) );
+   EXPECT_EQ( intf->neighborSize(), 0u );
+   EXPECT_FALSE( f.tracedAnyLevel( EngineFixture::kHelloTrace, "Creating neighbor" ) );
+   EXPECT_TRUE( f.log.messages().empty() );
+   EXPECT_FALSE( intf->triggeredHello() );
+   f.at( 29.0 );
+   EXPECT_TRUE( f.sent().empty() );
+}
+
+TEST( ScenarioNeighborLifecycle, HoldTimeFfffNeverExpiresUntilAFiniteHoldTimeReplacesIt ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   f.startIntf( eth1, "198.18.0.1/24" );
+   f.at( 5.0 );
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 0xFFFF ) );
+   auto sm = f.intfSm( eth1 );
+   ASSERT_TRUE( sm->neighborSm( ip( "198.18.0.2" ) ) );
+   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), kInf );
+
+   // Well past 65535 seconds with no further Hello.
+   f.at( 70000.0 );
+   ASSERT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
+
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 105 ) );
+   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), f.t0() + 70000.0 + 105 );
+   f.at( 70105.0 );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
+
+   // Back to infinite on a refresh: the timer is disarmed again.
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 30 ) );
+   f.at( 70110.0 );
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 0xFFFF ) );
+   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), kInf );
+   f.at( 80000.0 );
+   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
+}
+
+TEST( ScenarioNeighborLifecycle, NeighborChangeLogFollowsTheVrfSwitch ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   f.startIntf( eth1, "198.18.0.1/24" );
+
+   f.at( 5.0 );
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   f.at( 10.0 );
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
+   EXPECT_EQ( f.logged( "PIM_NBRCHG" ), 0u );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 2, "Neighbor 198.18.0.2 is UP for interface Ethernet1" ) );
+
+   f.config->neighborChangeLogIs( true );
+   f.runUntilIdle();
+   f.at( 20.0 );
+   f.receive( eth1, hello( "198.18.0.3" ) );
+   f.at( 30.0 );
+   f.receive( eth1, hello( "198.18.0.3" ).hold( 0 ) );
+   const auto texts = f.logTexts( "PIM_NBRCHG" );
+   ASSERT_EQ( texts.size(), 2u );
+   EXPECT_EQ( texts[ 0 ], "neighbor 198.18.0.3 UP on interface Ethernet1" );
+   EXPECT_EQ( texts[ 1 ], "neighbor 198.18.0.3 DOWN on interface Ethernet1" );
+}
+
+TEST( ScenarioNeighborLifecycle, PortOptionSetsTheTransportAndIsClearedByAHelloWithoutIt ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   IntfParams p;
+   p.portCapabilityFlags = Reliable::kCapabilitySctp;
+   f.startIntf( eth1, "198.18.0.1/24", p );
+   IntfParams p2;
+   p2.ifIndex = 12;
+   f.startIntf( ethernet( 2 ), "198.18.1.1/24", p2 );   // no port capability of its own
+
+   Reliable::NeighborInfo info;
+   info.transport = Reliable::protocolSctp;
+   info.capabilityFlags = Reliable::kCapabilitySctp;
+   info.connectionAddr = ip( "198.18.0.50" );
+   info.secondAddr = ip( "198.18.0.51" );
+   f.receive( eth1, hello( "198.18.0.2" ).portInfo( info ) );
+   auto nb = f.neighbor( eth1, "198.18.0.2" );
+   ASSERT_TRUE( nb );
+   EXPECT_EQ( nb->portInfo(), info );
+   EXPECT_EQ( nb->transportProtocol(), Reliable::protocolSctp );
+   EXPECT_TRUE( f.traced( EngineFixture::kNeighborTrace, 7, "Port operational mode is SCTP" ) );
+
+   // The same neighbour information on an interface without the capability.
+   Reliable::NeighborInfo info2 = info;
+   info2.connectionAddr = ip( "198.18.1.50" );
+   f.receive( ethernet( 2 ), hello( "198.18.1.2" ).portInfo( info2 ) );
+   auto nb2 = f.neighbor( ethernet( 2 ), "198.18.1.2" );
+   ASSERT_TRUE( nb2 );
+   EXPECT_EQ( nb2->portInfo(), info2 );
+   EXPECT_EQ( nb2->transportProtocol(), Reliable::protocolDatagram );
+
+   // Capability flags 0 count as no port option at all.
+   Reliable::NeighborInfo zeroFlags = info;
+   zeroFlags.capabilityFlags = 0;
+   f.receive( eth1, hello( "198.18.0.3" ).portInfo( zeroFlags ) );
+   ASSERT_TRUE( f.neighbor( eth1, "198.18.0.3" ) );
+   EXPECT_EQ( f.neighbor( eth1, "198.18.0.3" )->portInfo(), Reliable::NeighborInfo{} );
+   EXPECT_EQ( f.neighbor( eth1, "198.18.0.3" )->transportProtocol(), Reliable::protocolDatagram );
+
+   f.advanceBy( 5.0 );
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   EXPECT_EQ( nb->portInfo(), Reliable::NeighborInfo{} );
+   EXPECT_EQ( nb->transportProtocol(), Reliable::protocolDatagram );
+}
+
+TEST( ScenarioNeighborLifecycle, NeighborsOfTwoInterfacesLiveInTheirOwnTables ) {
+   EngineFixture f;
+   auto i1 = f.startIntf( ethernet( 1 ), "198.18.0.1/24" );
+   IntfParams p;
+   p.ifIndex = 12;
+   auto i2 = f.startIntf( ethernet( 2 ), "198.18.1.1/24", p );
+   f.receive( ethernet( 1 ), hello( "198.18.0.2" ).hold( 40 ) );
+   f.receive( ethernet( 2 ), hello( "198.18.1.2" ).hold( 90 ) );
+   EXPECT_EQ( i1->neighborSize(), 1u );
+   EXPECT_EQ( i2->neighborSize(), 1u );
+   EXPECT_TRUE( f.neighbor( ethernet( 1 ), "198.18.0.2" ) );
+   EXPECT_TRUE( f.neighbor( ethernet( 2 ), "198.18.1.2" ) );
+   EXPECT_EQ( f.neighbor( ethernet( 2 ), "198.18.1.2" )->intfId(), ethernet( 2 ) );
+
+   f.advanceBy( 41.0 );
+   EXPECT_FALSE( f.neighbor( ethernet( 1 ), "198.18.0.2" ) );
+   EXPECT_TRUE( f.neighbor( ethernet( 2 ), "198.18.1.2" ) );
+}
+
+} // namespace
+} // namespace PimScenario

@@ -1,0 +1,292 @@
+// Tracing and structured logs, grouped by promise.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "kiv/Log.h"
+#include "kiv/Trace.h"
+#include "kiv/testing/TestLoop.h"
+
+namespace {
+
+KIV_TRACE_HANDLE( "Test::Default" )
+
+class TraceTest : public ::testing::Test {
+ protected:
+   void SetUp() override { Kiv::TraceHandle::disableAll(); }
+   void TearDown() override { Kiv::TraceHandle::disableAll(); }
+   Kiv::Testing::TestLoop loop_{ 1.5 };
+};
+
+int sideEffects = 0;
+int bump() { return ++sideEffects; }
+
+// ---- a disabled level costs no formatting -------------------------------------------
+TEST_F( TraceTest, DisabledLevelEvaluatesNothing ) {
+   Kiv::TraceHandle h( "Test::Off" );
+   sideEffects = 0;
+   KIV_TRACE( h, 3, "value " << bump() );
+   EXPECT_EQ( sideEffects, 0 );
+   EXPECT_FALSE( Kiv::TraceHelper::createIfEnabled( h, 3 ).has_value() );
+
+   h.levelEnabledIs( 3, true );
+   KIV_TRACE( h, 3, "value " << bump() );
+   KIV_TRACE( h, 4, "value " << bump() );
+   EXPECT_EQ( sideEffects, 1 );
+   testing::internal::CaptureStderr();
+   {
+      auto helper = Kiv::TraceHelper::createIfEnabled( h, 3 );
+      ASSERT_TRUE( helper.has_value() );
+      *helper << "via helper " << 7;
+   }
+   const std::string err = testing::internal::GetCapturedStderr();
+   EXPECT_NE( err.find( "Test::Off/3: via helper 7" ), std::string::npos ) << err;
+}
+
+// ---- levels are per handle ----------------------------------------------------------
+TEST_F( TraceTest, LevelsArePerHandle ) {
+   Kiv::TraceHandle a( "Test::A" );
+   Kiv::TraceHandle b( "Test::B" );
+   a.levelsEnabledIs( 2, 5, true );
+   for( int l = 1; l <= 9; ++l ) {
+      EXPECT_EQ( a.enabled( l ), l >= 2 && l <= 5 ) << l;
+      EXPECT_FALSE( b.enabled( l ) ) << l;
+   }
+   a.levelEnabledIs( 3, false );
+   EXPECT_FALSE( a.enabled( 3 ) );
+   EXPECT_TRUE( a.enabled( 4 ) );
+   // Levels outside 1..9 never turn on, whatever is asked.
+   a.levelsEnabledIs( -5, 20, true );
+   EXPECT_FALSE( a.enabled( 0 ) );
+   EXPECT_FALSE( a.enabled( 10 ) );
+   EXPECT_FALSE( a.enabled( 16 ) );
+   EXPECT_TRUE( a.enabled( 9 ) );
+
+   Kiv::TraceHandle::enableAll( 1, 2 );
+   EXPECT_TRUE( b.enabled( 2 ) );
+   EXPECT_FALSE( b.enabled( 3 ) );
+   Kiv::TraceHandle later( "Test::Later" );  // enableAll reaches new handles too
+   EXPECT_TRUE( later.enabled( 1 ) );
+   Kiv::TraceHandle::disableAll();
+   EXPECT_FALSE( a.enabled( 9 ) );
+   EXPECT_FALSE( later.enabled( 1 ) );
+}
+
+TEST_F( TraceTest, DefaultHandleIsCreatedOnFirstUse ) {
+   EXPECT_EQ( Kiv::TraceHandle::handle( "Test::Default" ), nullptr );
+   Kiv::TraceHandle & h = th();
+   EXPECT_EQ( Kiv::TraceHandle::handle( "Test::Default" ), &h );
+   EXPECT_EQ( &th(), &h );
+}
+
+// ---- selection syntax: KIV_TRACE and configIs ---------------------------------------
+TEST_F( TraceTest, SpecPicksTheMostSpecificItem ) {
+   const auto selection = Kiv::TraceSelection::parse( "Pim::Hello/1-9,Pim::Intf/1-4,Pim::*/1" );
+   EXPECT_TRUE( selection.errors.empty() );
+   EXPECT_EQ( selection.maskFor( "Pim::Hello" ), 0x3fe );
+   EXPECT_EQ( selection.maskFor( "Pim::Intf" ), 0x1e );
+   EXPECT_EQ( selection.maskFor( "Pim::Neighbor" ), 0x2 );
+   EXPECT_EQ( selection.maskFor( "Tolm::Timer" ), 0 );
+   EXPECT_FALSE( selection.matches( "Tolm::Timer" ) );
+
+   // Exact beats wildcard wherever it stands; "/0" switches off; no levels = all.
+   const auto off = Kiv::TraceSelection::parse( " Pim::Hello/0 , Pim::* " );
+   EXPECT_EQ( off.maskFor( "Pim::Hello" ), 0 );
+   EXPECT_TRUE( off.matches( "Pim::Hello" ) );
+   EXPECT_EQ( off.maskFor( "Pim::Config" ), 0x3fe );
+   // A longer prefix beats a shorter one; equals: the later wins.
+   const auto nested = Kiv::TraceSelection::parse( "*/9,Pim::Nbr*/2,Pim::*/3,*/4" );
+   EXPECT_EQ( nested.maskFor( "Pim::NbrState" ), 1u << 2 );
+   EXPECT_EQ( nested.maskFor( "Pim::Hello" ), 1u << 3 );
+   EXPECT_EQ( nested.maskFor( "Kiv::Loop" ), 1u << 4 );
+}
+
+TEST_F( TraceTest, MalformedItemsAreReportedAndSkipped ) {
+   const auto selection = Kiv::TraceSelection::parse(
+         "Pim::Hello/10,Pim::A/5-2,/3,Pim::*Hello/2,Pim::B/x,Pim::C/1-,Pim::D/0-3,Pim::Ok/2,,Pim::E/1/2" );
+   EXPECT_EQ( selection.errors.size(), 8u );
+   ASSERT_EQ( selection.rules.size(), 1u );
+   EXPECT_EQ( selection.maskFor( "Pim::Ok" ), 1u << 2 );
+   EXPECT_EQ( selection.maskFor( "Pim::Hello" ), 0 );
+   EXPECT_TRUE( Kiv::TraceSelection::parse( "" ).rules.empty() );
+   EXPECT_TRUE( Kiv::TraceSelection::parse( "" ).errors.empty() );
+}
+
+TEST_F( TraceTest, EnvironmentSelectsLevelsOfExistingAndLaterHandles ) {
+   Kiv::TraceHandle hello( "Pim::Hello" );
+   ::setenv( "KIV_TRACE", "Pim::Hello/2-3,Pim::*/1,bad/", 1 );
+   testing::internal::CaptureStderr();
+   const auto errors = Kiv::TraceHandle::configFromEnvironment();
+   const std::string err = testing::internal::GetCapturedStderr();
+   ::unsetenv( "KIV_TRACE" );
+   EXPECT_EQ( errors.size(), 1u );
+   EXPECT_NE( err.find( "bad/" ), std::string::npos );
+   EXPECT_FALSE( hello.enabled( 1 ) );
+   EXPECT_TRUE( hello.enabled( 2 ) );
+   EXPECT_TRUE( hello.enabled( 3 ) );
+   Kiv::TraceHandle intf( "Pim::Intf" );
+   EXPECT_TRUE( intf.enabled( 1 ) );
+   EXPECT_FALSE( intf.enabled( 2 ) );
+
+   // configIs replaces the selection, including per-handle changes.
+   hello.levelEnabledIs( 9, true );
+   EXPECT_TRUE( Kiv::TraceHandle::configIs( "Pim::Intf/4" ).empty() );
+   EXPECT_FALSE( hello.enabled( 9 ) );
+   EXPECT_FALSE( hello.enabled( 2 ) );
+   EXPECT_TRUE( intf.enabled( 4 ) );
+}
+
+// ---- capture ------------------------------------------------------------------------
+TEST_F( TraceTest, CaptureCollectsLinesWithTheirOrigin ) {
+   Kiv::TraceHandle hello( "Pim::Hello" );
+   hello.levelEnabledIs( 1, true );
+   Kiv::TraceCapture capture;
+   testing::internal::CaptureStderr();
+   KIV_TRACE( hello, 1, "Error - " << "No Message" );
+   const int line = __LINE__ - 1;
+   const std::string err = testing::internal::GetCapturedStderr();
+   ASSERT_EQ( capture.lines().size(), 1u );
+   const auto & l = capture.lines()[ 0 ];
+   EXPECT_TRUE( capture.contains( "Pim::Hello", 1, "Error - No Message" ) );
+   EXPECT_FALSE( capture.contains( "Pim::Hello", 2, "Error - No Message" ) );
+   EXPECT_EQ( l.line, line );
+   EXPECT_NE( std::string( l.file ).find( "TraceLogTest.cpp" ), std::string::npos );
+   EXPECT_STREQ( l.function, "TestBody" );
+   EXPECT_DOUBLE_EQ( l.time, 1.5 );
+   EXPECT_EQ( l.format(), "1.500000 Pim::Hello/1: Error - No Message" );
+   EXPECT_EQ( err, l.format() + "\n" );
+}
+
+TEST_F( TraceTest, CaptureCanEnableLevelsForItselfOnly ) {
+   Kiv::TraceHandle nbr( "Pim::Neighbor" );
+   Kiv::TraceHandle intf( "Pim::Intf" );
+   {
+      Kiv::TraceCapture outer;
+      Kiv::TraceCapture inner;
+      EXPECT_EQ( inner.enable( "Pim::Nei*/3,junk/z" ).size(), 1u );
+      EXPECT_TRUE( nbr.enabled( 3 ) );
+      EXPECT_FALSE( nbr.levelEnabled( 3 ) );
+      testing::internal::CaptureStderr();
+      KIV_TRACE( nbr, 3, "Creating neighbor " << "198.18.0.2" << " on interface " << "et1" );
+      KIV_TRACE( intf, 3, "not enabled anywhere" );
+      EXPECT_EQ( testing::internal::GetCapturedStderr(), "" );
+      EXPECT_TRUE( inner.contains( "Pim::Neighbor", 3, "Creating neighbor 198.18.0.2 on interface et1" ) );
+      EXPECT_EQ( outer.count( "Pim::Neighbor", 3 ), 1u );  // every live capture sees every line
+      EXPECT_EQ( inner.count( "Pim::Intf" ), 0u );
+   }
+   // The capture's levels leave with it.
+   EXPECT_FALSE( nbr.enabled( 3 ) );
+   // A handle made while a capture lives gets the capture's levels.
+   Kiv::TraceCapture c;
+   c.enable( "Pim::Config/5" );
+   Kiv::TraceHandle config( "Pim::Config" );
+   EXPECT_TRUE( config.enabled( 5 ) );
+}
+
+// ---- structured logs: formatting ----------------------------------------------------
+Kiv::LogArg a( const auto & v ) { return Kiv::logArg( v ); }
+
+TEST( LogFormat, SubstitutesPrintfConversions ) {
+   static Kiv::LogHandle PIM_NBRCHG( "PIM_NBRCHG", Kiv::LogNotice, "neighbor %s %s on interface %s",
+                                     "The PIM neighbor state changed on the interface.",
+                                     Kiv::NoActionRequired, 0.0, 1.0, 0 );
+   Kiv::Testing::TestLoop loop;
+   Kiv::LogCapture capture;
+   const std::string addr = "198.18.0.2";
+   PIM_NBRCHG.log( addr, "UP", "et1" );
+   ASSERT_EQ( capture.messages().size(), 1u );
+   EXPECT_EQ( capture.messages()[ 0 ].name, "PIM_NBRCHG" );
+   EXPECT_EQ( capture.messages()[ 0 ].severity, Kiv::LogNotice );
+   EXPECT_EQ( capture.messages()[ 0 ].text, "neighbor 198.18.0.2 UP on interface et1" );
+   EXPECT_STREQ( PIM_NBRCHG.recommendedAction(), Kiv::NoActionRequired );
+
+   const Kiv::LogArg nums[] = { a( -42 ), a( 255u ), a( 3.14159 ), a( 'x' ), a( std::uint64_t{ 1 } << 40 ) };
+   EXPECT_EQ( Kiv::logFormat( "%5d|%-4x|%.2f|%c|%lu|100%%", nums, 5 ),
+              "  -42|ff  |3.14|x|1099511627776|100%" );
+   // Type mismatches and missing arguments never reach printf.
+   const Kiv::LogArg mixed[] = { a( 7 ), a( "str" ) };
+   EXPECT_EQ( Kiv::logFormat( "%s %d %s", mixed, 2 ), "<?> <?> <?>" );
+   EXPECT_EQ( Kiv::logFormat( "trailing %", nullptr, 0 ), "trailing <?>" );
+   const char * nullText = nullptr;
+   const Kiv::LogArg odd[] = { a( nullText ), a( 2 ), a( "abc" ) };
+   EXPECT_EQ( Kiv::logFormat( "%s %.1f [%5.2s]", odd, 3 ), "(null) 2.0 [   ab]" );
+}
+
+// ---- structured logs: rate limiting on the loop clock --------------------------------
+TEST( LogRate, MinIntervalSuppressesRepeatsAndCountsThem ) {
+   Kiv::Testing::TestLoop loop( 100.0 );
+   Kiv::LogCapture capture;
+   Kiv::LogHandle h( "TEST_INTERVAL", Kiv::LogWarning, "tick %d", "", Kiv::NoActionRequired, 10.0, 0.0, 0 );
+   EXPECT_TRUE( h.okToLog() );
+   h.log( 1 );
+   loop.clock().nowIs( 105.0 );
+   EXPECT_FALSE( h.okToLog() );
+   h.log( 2 );
+   h.log( 3 );
+   loop.clock().nowIs( 110.0 );
+   EXPECT_TRUE( h.okToLog() );
+   EXPECT_TRUE( h.okToLog() );  // asking consumes nothing
+   h.log( 4 );
+   loop.clock().nowIs( 121.0 );
+   h.log( 5 );
+   ASSERT_EQ( capture.messages().size(), 3u );
+   EXPECT_EQ( capture.messages()[ 0 ].text, "tick 1" );
+   EXPECT_EQ( capture.messages()[ 1 ].text, "tick 4 (2 similar messages suppressed)" );
+   EXPECT_EQ( capture.messages()[ 2 ].text, "tick 5" );
+   EXPECT_EQ( h.suppressed(), 2u );
+   EXPECT_EQ( h.emitted(), 3u );
+}
+
+TEST( LogRate, RateIsATokenBucket ) {
+   Kiv::Testing::TestLoop loop;
+   Kiv::LogCapture capture;
+   Kiv::LogHandle h( "TEST_RATE", Kiv::LogInfo, "m", "", Kiv::NoActionRequired, 0.0, 2.0, 0 );
+   for( int i = 0; i < 5; ++i ) h.log();
+   EXPECT_EQ( capture.count( "TEST_RATE" ), 2u );  // a full bucket of two
+   loop.clock().nowIs( 0.25 );
+   EXPECT_FALSE( h.okToLog() );  // half a token
+   loop.clock().nowIs( 0.5 );
+   h.log();
+   h.log();
+   EXPECT_EQ( capture.count( "TEST_RATE" ), 3u );
+   loop.clock().nowIs( 100.0 );  // the bucket never holds more than its size
+   for( int i = 0; i < 5; ++i ) h.log();
+   EXPECT_EQ( capture.count( "TEST_RATE" ), 5u );
+
+   Kiv::LogHandle unlimited( "TEST_FREE", Kiv::LogInfo, "m", "", Kiv::NoActionRequired, 0.0, 0.0, 0 );
+   Kiv::LogHandle exempt( "TEST_EXEMPT", Kiv::LogInfo, "m", "", Kiv::NoActionRequired, 60.0, 0.1,
+                          Kiv::LogFlagNoRateLimit );
+   for( int i = 0; i < 50; ++i ) {
+      unlimited.log();
+      exempt.log();
+   }
+   EXPECT_EQ( capture.count( "TEST_FREE" ), 50u );
+   EXPECT_EQ( capture.count( "TEST_EXEMPT" ), 50u );
+}
+
+// ---- structured logs: sinks ---------------------------------------------------------
+TEST( LogSink, CaptureTakesMessagesAwayFromStderr ) {
+   Kiv::Testing::TestLoop loop( 2.0 );
+   Kiv::LogHandle h( "TEST_SINK", Kiv::LogError, "bad packet from %s", "", "Check the sender.", 0.0, 0.0, 0 );
+   testing::internal::CaptureStderr();
+   {
+      Kiv::LogCapture capture;
+      h.log( "198.18.0.9" );
+      EXPECT_TRUE( capture.contains( "TEST_SINK", "from 198.18.0.9" ) );
+   }
+   EXPECT_EQ( testing::internal::GetCapturedStderr(), "" );
+
+   testing::internal::CaptureStderr();
+   h.log( "198.18.0.10" );
+   EXPECT_EQ( testing::internal::GetCapturedStderr(),
+              "2.000000 error %TEST_SINK: bad packet from 198.18.0.10\n" );
+
+   Kiv::LogHandle::outputIs( Kiv::LogOutput::None );
+   testing::internal::CaptureStderr();
+   h.log( "198.18.0.11" );
+   EXPECT_EQ( testing::internal::GetCapturedStderr(), "" );
+   Kiv::LogHandle::outputIs( Kiv::LogOutput::Stderr );
+}
+
+} // namespace

@@ -1,0 +1,364 @@
+// Lumo::IpGenAddr and Lumo::AddressFamily: text forms, order, hash and the
+// accessors the PIM code leans on.
+#include <algorithm>
+#include <array>
+#include <random>
+#include <sstream>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "kiv/RangeException.h"
+#include "lumo/AddressFamily.h"
+#include "lumo/IpGenAddr.h"
+
+namespace {
+
+using Lumo::AddressFamily;
+using Lumo::IpGenAddr;
+
+IpGenAddr addr( std::string_view s ) { return IpGenAddr::fromStrep( s ); }
+
+// Runs the iterator parser over all of text; nullopt-like: returns whether it
+// succeeded and how much it consumed.
+struct ParseResult {
+   bool ok;
+   std::size_t consumed;
+   IpGenAddr value;
+};
+ParseResult parse( std::string_view text ) {
+   Kiv::String::IteratorConst begin = text.data();
+   IpGenAddr value = IpGenAddr::ipv4( 0x01020304 );
+   const bool ok = strepToValue( begin, text.data() + text.size(), value );
+   return ParseResult{ ok, static_cast< std::size_t >( begin - text.data() ), value };
+}
+
+IpGenAddr::Bytes16 randomV6( std::mt19937_64 & rng ) {
+   IpGenAddr::Bytes16 b;
+   // Zero out groups often, so runs of zeros of every length show up.
+   for( int g = 0; g < 8; ++g ) {
+      const bool zero = rng() % 3 == 0;
+      const auto v = zero ? 0u : unsigned( rng() ) & ( rng() % 2 ? 0xFFFFu : 0x00FFu );
+      b[ 2 * g ] = static_cast< std::uint8_t >( v >> 8 );
+      b[ 2 * g + 1 ] = static_cast< std::uint8_t >( v );
+   }
+   return b;
+}
+
+// ---- text forms --------------------------------------------------------------
+
+TEST( IpGenAddrStrepTest, Ipv4RoundTrips ) {
+   for( std::string_view s : { "198.18.0.1", "0.0.0.0", "255.255.255.255", "224.0.0.13",
+                               "10.0.100.9", "198.19.255.254" } ) {
+      const IpGenAddr a = addr( s );
+      EXPECT_TRUE( a.isIpv4() ) << s;
+      EXPECT_EQ( valueToStrep( a ), s );
+      EXPECT_EQ( addr( valueToStrep( a ) ), a );
+   }
+}
+
+TEST( IpGenAddrStrepTest, Ipv6PrintsTheCanonicalForm ) {
+   const std::vector< std::pair< std::string_view, std::string_view > > cases = {
+      { "::", "::" },
+      { "0:0:0:0:0:0:0:0", "::" },
+      { "::1", "::1" },
+      { "0:0:0:0:0:0:0:1", "::1" },
+      { "1::", "1::" },
+      { "2001:db8::1", "2001:db8::1" },
+      { "2001:DB8::ABCD", "2001:db8::abcd" },
+      { "2001:0db8:0000:0000:0000:0000:0000:0001", "2001:db8::1" },
+      { "ff02::d", "ff02::d" },
+      { "FF02:0:0:0:0:0:0:D", "ff02::d" },
+      { "fe80::a00:27ff:fe4e:66a1", "fe80::a00:27ff:fe4e:66a1" },
+      // A single zero group stays.
+      { "2001:db8:0:1:1:1:1:1", "2001:db8:0:1:1:1:1:1" },
+      { "::2:3:4:5:6:7:8", "0:2:3:4:5:6:7:8" },
+      { "1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0" },
+      // The longest run goes; on a tie, the first.
+      { "1:0:0:2:0:0:0:3", "1:0:0:2::3" },
+      { "1:0:0:2:0:0:3:4", "1::2:0:0:3:4" },
+      { "2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1" },
+      { "0:0:1:0:0:0:0:0", "0:0:1::" },
+      // Embedded IPv4: mapped addresses keep the dotted quad, others do not.
+      { "::ffff:198.18.0.1", "::ffff:198.18.0.1" },
+      { "::FFFF:c612:1", "::ffff:198.18.0.1" },
+      { "::ffff:0.0.0.0", "::ffff:0.0.0.0" },
+      { "::198.18.0.1", "::c612:1" },
+      { "64:ff9b::198.18.0.1", "64:ff9b::c612:1" },
+      { "1:2:3:4:5:6:198.18.0.1", "1:2:3:4:5:6:c612:1" },
+      { "0:0:0:0:0:ffff:1:2", "::ffff:0.1.0.2" },
+   };
+   for( const auto & [ in, canonical ] : cases ) {
+      SCOPED_TRACE( in );
+      const IpGenAddr a = addr( in );
+      EXPECT_TRUE( a.isIpv6() );
+      EXPECT_EQ( valueToStrep( a ), canonical );
+      EXPECT_EQ( addr( canonical ), a );
+   }
+}
+
+TEST( IpGenAddrStrepTest, AgreesWithTheSystemConversionsOnRandomAddresses ) {
+   std::mt19937_64 rng( 7 );
+   for( int i = 0; i < 20000; ++i ) {
+      const IpGenAddr::Bytes16 b = randomV6( rng );
+      const IpGenAddr a( b );
+      const std::string text = valueToStrep( a );
+      SCOPED_TRACE( text );
+      in6_addr sys{};
+      ASSERT_EQ( inet_pton( AF_INET6, text.c_str(), &sys ), 1 );
+      EXPECT_EQ( IpGenAddr( sys ), a );
+      char buf[ INET6_ADDRSTRLEN ];
+      ASSERT_NE( inet_ntop( AF_INET6, b.data(), buf, sizeof( buf ) ), nullptr );
+      EXPECT_EQ( addr( buf ), a );
+      // The C library prints "::a.b.c.d" for the deprecated IPv4-compatible
+      // form; everywhere else both follow RFC 5952.
+      const bool compatible = std::all_of( b.begin(), b.begin() + 12, []( auto x ) { return x == 0; } );
+      if( !compatible ) {
+         EXPECT_EQ( text, buf );
+      }
+   }
+   for( int i = 0; i < 2000; ++i ) {
+      const IpGenAddr a = IpGenAddr::ipv4( static_cast< std::uint32_t >( rng() ) );
+      char buf[ INET_ADDRSTRLEN ];
+      const in_addr sys = a.toInAddr();
+      ASSERT_NE( inet_ntop( AF_INET, &sys, buf, sizeof( buf ) ), nullptr );
+      EXPECT_EQ( valueToStrep( a ), buf );
+      EXPECT_EQ( addr( buf ), a );
+   }
+}
+
+TEST( IpGenAddrStrepTest, EmptyAddressIsTheEmptyString ) {
+   EXPECT_EQ( valueToStrep( IpGenAddr() ), "" );
+   EXPECT_EQ( addr( "" ), IpGenAddr() );
+   const ParseResult r = parse( "" );
+   EXPECT_TRUE( r.ok );
+   EXPECT_TRUE( r.value.isEmpty() );
+}
+
+TEST( IpGenAddrStrepTest, MalformedTextIsRejected ) {
+   for( std::string_view s :
+        { "1.2.3", "1.2.3.4.5", "256.1.1.1", "1.2.3.256", "01.2.3.4", "1.2.3.00", "1..2.3",
+          "1.2.3.4.", ".1.2.3.4", "1234.1.1.1", "a.b.c.d", "1.2.3.4a", ":", ":::", "1:2", ":1::",
+          "1::2:", "1:", "1::2::3", "12345::", "1:2:3:4:5:6:7:8:9", "1:2:3:4:5:6:7:8::",
+          "::1:2:3:4:5:6:7:8", "1:2:3:4::5:6:7:8", "::ffff:1.2.3", "::ffff:1.2.3.4.5",
+          "1:2:3:4:5:6:7:1.2.3.4", "::1.2.3.4:5", "::01.2.3.4", "1.2.3.4::", "g::1",
+          "/24", "x", " 1.2.3.4", "-1.2.3.4" } ) {
+      SCOPED_TRACE( s );
+      const ParseResult r = parse( s );
+      EXPECT_FALSE( r.ok );
+      EXPECT_EQ( r.consumed, 0u );
+      EXPECT_THROW( addr( s ), Kiv::RangeException );
+   }
+}
+
+TEST( IpGenAddrStrepTest, ParserStopsAfterTheAddress ) {
+   ParseResult r = parse( "198.18.0.1/24" );
+   EXPECT_TRUE( r.ok );
+   EXPECT_EQ( r.consumed, 10u );
+   EXPECT_EQ( r.value, IpGenAddr::ipv4( 0xC6120001 ) );
+   r = parse( "2001:db8::1%eth0" );
+   EXPECT_TRUE( r.ok );
+   EXPECT_EQ( r.consumed, 11u );
+   EXPECT_EQ( valueToStrep( r.value ), "2001:db8::1" );
+   // ... but the whole-string form insists on nothing after it.
+   EXPECT_THROW( addr( "198.18.0.1 " ), Kiv::RangeException );
+   EXPECT_THROW( addr( "2001:db8::1%eth0" ), Kiv::RangeException );
+   r = parse( "::g" );
+   EXPECT_TRUE( r.ok );
+   EXPECT_EQ( r.consumed, 2u );
+   EXPECT_THROW( addr( "::g" ), Kiv::RangeException );
+   try {
+      addr( "1.2.3" );
+      FAIL() << "no exception";
+   } catch( const Kiv::RangeException & e ) {
+      EXPECT_STREQ( e.what(), "IpGenAddr::fromStrep: malformed \"1.2.3\"" );
+   }
+}
+
+TEST( IpGenAddrStrepTest, PrintingMatchesTheStrep ) {
+   std::ostringstream os;
+   os << addr( "198.18.0.1" ) << ' ' << addr( "2001:DB8::1" ) << ' ' << AddressFamily::ipv6;
+   EXPECT_EQ( os.str(), "198.18.0.1 2001:db8::1 ipv6" );
+   EXPECT_EQ( fmt::format( "{} {:>12}", addr( "::1" ), addr( "198.18.0.1" ) ), "::1   198.18.0.1" );
+}
+
+// ---- order and hash ----------------------------------------------------------
+
+TEST( IpGenAddrOrderTest, Ipv4SortsNumerically ) {
+   const std::vector< std::string_view > ascending = {
+      "0.0.0.0",     "0.0.0.1",     "9.255.255.255", "10.0.0.0",   "127.255.255.255",
+      "128.0.0.0",   "198.18.0.2",  "198.18.0.10",   "198.18.1.1", "198.19.0.0",
+      "255.255.255.254", "255.255.255.255" };
+   for( std::size_t i = 0; i + 1 < ascending.size(); ++i ) {
+      SCOPED_TRACE( ascending[ i ] );
+      const IpGenAddr lo = addr( ascending[ i ] ), hi = addr( ascending[ i + 1 ] );
+      EXPECT_LT( lo, hi );
+      EXPECT_FALSE( hi < lo );
+      EXPECT_LT( lo.v4HostOrder(), hi.v4HostOrder() );
+   }
+}
+
+TEST( IpGenAddrOrderTest, EmptyThenIpv4ThenIpv6 ) {
+   const IpGenAddr empty, v4Max = addr( "255.255.255.255" ), v4Zero = addr( "0.0.0.0" ),
+                          v6Zero = addr( "::" ), v6Low = addr( "::1" );
+   EXPECT_LT( empty, v4Zero );
+   EXPECT_LT( empty, v6Zero );
+   EXPECT_LT( v4Max, v6Zero );
+   EXPECT_LT( v4Zero, v6Zero );
+   EXPECT_LT( v6Zero, v6Low );
+   // Same bytes, different family: never equal.
+   EXPECT_NE( v4Zero, v6Zero );
+   EXPECT_NE( v4Zero, empty );
+   EXPECT_NE( addr( "198.18.0.1" ), IpGenAddr( IpGenAddr::Bytes16{ 198, 18, 0, 1 } ) );
+}
+
+TEST( IpGenAddrOrderTest, MatchesFamilyThenBigEndianBytes ) {
+   // Reference order: family, then the bytes as unsigned numbers, first byte
+   // most significant. Random addresses with shared prefixes exercise both
+   // 64-bit halves and high-bit bytes.
+   std::mt19937_64 rng( 11 );
+   std::vector< IpGenAddr > all = { IpGenAddr() };
+   for( int i = 0; i < 300; ++i ) {
+      IpGenAddr::Bytes16 b = randomV6( rng );
+      if( i % 3 == 0 ) b[ 0 ] = 0x80;
+      all.push_back( IpGenAddr( b ) );
+      b[ 15 ] ^= 0x80;
+      all.push_back( IpGenAddr( b ) );
+      all.push_back( IpGenAddr::ipv4( static_cast< std::uint32_t >( rng() ) ) );
+   }
+   auto reference = []( const IpGenAddr & a, const IpGenAddr & b ) {
+      if( a.af() != b.af() ) return a.af() < b.af();
+      const auto x = a.bytes(), y = b.bytes();
+      return std::lexicographical_compare( x.begin(), x.end(), y.begin(), y.end() );
+   };
+   for( const auto & a : all ) {
+      for( const auto & b : all ) {
+         ASSERT_EQ( a < b, reference( a, b ) ) << a << " vs " << b;
+         ASSERT_EQ( a == b, !reference( a, b ) && !reference( b, a ) ) << a << " vs " << b;
+      }
+   }
+}
+
+TEST( IpGenAddrHashTest, EqualAddressesHashAlike ) {
+   std::hash< IpGenAddr > h;
+   EXPECT_EQ( h( addr( "2001:db8::1" ) ), h( addr( "2001:0DB8:0:0::0001" ) ) );
+   EXPECT_EQ( h( addr( "198.18.0.1" ) ), h( IpGenAddr::ipv4( 0xC6120001 ) ) );
+   EXPECT_EQ( h( IpGenAddr() ), h( IpGenAddr() ) );
+   // Masking an address rebuilds it; the copy must hash as the original.
+   const IpGenAddr a = addr( "2001:db8:1:2::" );
+   EXPECT_EQ( h( a.masked( 64 ) ), h( a ) );
+   EXPECT_NE( h( addr( "0.0.0.0" ) ), h( addr( "::" ) ) );
+   EXPECT_NE( h( addr( "0.0.0.0" ) ), h( IpGenAddr() ) );
+}
+
+TEST( IpGenAddrHashTest, LowBitsSpreadForAContiguousBlock ) {
+   // Neighbour tables mask the hash to a power of two: 65536 consecutive
+   // addresses spread over 65536 buckets about as well as a random function
+   // would (1 - 1/e, about 41400 buckets used).
+   for( bool v6 : { false, true } ) {
+      std::vector< bool > used( 1 << 16 );
+      std::size_t filled = 0;
+      for( std::uint32_t i = 0; i < ( 1u << 16 ); ++i ) {
+         IpGenAddr a = IpGenAddr::ipv4( 0xC6120000 | i );
+         if( v6 ) {
+            IpGenAddr::Bytes16 b = { 0x20, 0x01, 0x0d, 0xb8 };
+            b[ 14 ] = static_cast< std::uint8_t >( i >> 8 );
+            b[ 15 ] = static_cast< std::uint8_t >( i );
+            a = IpGenAddr( b );
+         }
+         const std::size_t bucket = std::hash< IpGenAddr >()( a ) & 0xFFFF;
+         filled += !used[ bucket ];
+         used[ bucket ] = true;
+      }
+      EXPECT_GT( filled, 40000u ) << ( v6 ? "ipv6" : "ipv4" );
+   }
+   std::unordered_set< IpGenAddr > set;
+   for( std::uint32_t i = 0; i < 1000; ++i ) set.insert( IpGenAddr::ipv4( 0xC6120000 + i % 500 ) );
+   EXPECT_EQ( set.size(), 500u );
+}
+
+// ---- accessors ---------------------------------------------------------------
+
+TEST( IpGenAddrAccessTest, Ipv4ConstructionsAgree ) {
+   const IpGenAddr fromHost = IpGenAddr::ipv4( 0xC6120001 );
+   const IpGenAddr fromBytes( IpGenAddr::Bytes4{ 198, 18, 0, 1 } );
+   in_addr sys{};
+   ASSERT_EQ( inet_pton( AF_INET, "198.18.0.1", &sys ), 1 );
+   EXPECT_EQ( fromHost, fromBytes );
+   EXPECT_EQ( IpGenAddr( sys ), fromBytes );
+   EXPECT_EQ( fromHost.toInAddr().s_addr, sys.s_addr );
+   EXPECT_EQ( fromBytes.v4HostOrder(), 0xC6120001u );
+   EXPECT_EQ( fromBytes.af(), AddressFamily::ipv4 );
+   const auto b = fromHost.bytes();
+   ASSERT_EQ( b.size(), 4u );
+   EXPECT_EQ( b[ 0 ], 198 );
+   EXPECT_EQ( b[ 3 ], 1 );
+   EXPECT_EQ( fromHost.maxMaskLen(), 32u );
+}
+
+TEST( IpGenAddrAccessTest, Ipv6AndEmptyAccessors ) {
+   const IpGenAddr a = addr( "2001:db8::1" );
+   EXPECT_EQ( a.bytes().size(), 16u );
+   EXPECT_EQ( a.bytes()[ 0 ], 0x20 );
+   EXPECT_EQ( a.bytes()[ 15 ], 0x01 );
+   EXPECT_EQ( a.v4HostOrder(), 0u );
+   EXPECT_EQ( a.maxMaskLen(), 128u );
+   EXPECT_EQ( IpGenAddr( a.toIn6Addr() ), a );
+   const IpGenAddr empty;
+   EXPECT_TRUE( empty.isEmpty() );
+   EXPECT_FALSE( empty.isIpv4() || empty.isIpv6() || empty.isUnspecified() );
+   EXPECT_EQ( empty.bytes().size(), 0u );
+   EXPECT_EQ( empty.af(), AddressFamily::none );
+   EXPECT_EQ( empty.maxMaskLen(), 0u );
+}
+
+TEST( IpGenAddrAccessTest, AddressClasses ) {
+   EXPECT_TRUE( addr( "0.0.0.0" ).isUnspecified() );
+   EXPECT_TRUE( addr( "::" ).isUnspecified() );
+   EXPECT_FALSE( addr( "::1" ).isUnspecified() );
+   EXPECT_FALSE( addr( "0.0.0.1" ).isUnspecified() );
+   EXPECT_FALSE( addr( "::ffff:0.0.0.0" ).isUnspecified() );
+
+   EXPECT_TRUE( addr( "224.0.0.0" ).isMulticast() );
+   EXPECT_TRUE( addr( "239.255.255.255" ).isMulticast() );
+   EXPECT_FALSE( addr( "223.255.255.255" ).isMulticast() );
+   EXPECT_FALSE( addr( "240.0.0.0" ).isMulticast() );
+   EXPECT_TRUE( addr( "ff02::d" ).isMulticast() );
+   EXPECT_FALSE( addr( "fe80::1" ).isMulticast() );
+
+   EXPECT_TRUE( addr( "fe80::1" ).isLinkLocal() );
+   EXPECT_TRUE( addr( "febf:ffff::" ).isLinkLocal() );
+   EXPECT_FALSE( addr( "fec0::1" ).isLinkLocal() );
+   EXPECT_TRUE( addr( "169.254.1.1" ).isLinkLocal() );
+   EXPECT_FALSE( addr( "169.255.1.1" ).isLinkLocal() );
+}
+
+TEST( IpGenAddrAccessTest, AllPimRoutersGroups ) {
+   static_assert( Lumo::ip4AddrPimRouters.isIpv4() && Lumo::ip4AddrPimRouters.isMulticast() );
+   EXPECT_EQ( valueToStrep( Lumo::ip4AddrPimRouters ), "224.0.0.13" );
+   EXPECT_EQ( valueToStrep( Lumo::ip6AddrPimRouters ), "ff02::d" );
+   EXPECT_EQ( Lumo::ip6AddrPimRouters, addr( "FF02:0::D" ) );
+}
+
+// ---- address family ----------------------------------------------------------
+
+TEST( AddressFamilyTest, NamesRoundTrip ) {
+   for( AddressFamily af : { AddressFamily::none, AddressFamily::ipv4, AddressFamily::ipv6 } ) {
+      EXPECT_EQ( Lumo::addressFamilyFromStrep( valueToStrep( af ) ), af );
+   }
+   EXPECT_EQ( valueToStrep( AddressFamily::ipv4 ), "ipv4" );
+   EXPECT_EQ( valueToStrep( AddressFamily::none ), "none" );
+   EXPECT_EQ( valueToStrep( static_cast< AddressFamily >( 9 ) ), "unknown" );
+   EXPECT_EQ( fmt::format( "{}", AddressFamily::ipv6 ), "ipv6" );
+   for( std::string_view bad : { "", "ipv5", "IPV4", "ip", "ipv4 ", "unknown" } ) {
+      EXPECT_THROW( Lumo::addressFamilyFromStrep( bad ), Kiv::RangeException ) << bad;
+   }
+   EXPECT_LT( AddressFamily::none, AddressFamily::ipv4 );
+   EXPECT_LT( AddressFamily::ipv4, AddressFamily::ipv6 );
+}
+
+} // namespace

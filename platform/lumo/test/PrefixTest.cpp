@@ -1,0 +1,255 @@
+// Lumo::IpGenAddrWithMask and Lumo::IpGenPrefix: validity, containment and
+// string forms.
+#include <algorithm>
+#include <random>
+#include <sstream>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "kiv/RangeException.h"
+#include "lumo/IpGenAddrWithMask.h"
+#include "lumo/IpGenPrefix.h"
+
+namespace {
+
+using Lumo::IpGenAddr;
+using Lumo::IpGenAddrWithMask;
+using Lumo::IpGenPrefix;
+
+IpGenAddr addr( std::string_view s ) { return IpGenAddr::fromStrep( s ); }
+IpGenPrefix prefix( std::string_view s ) { return IpGenPrefix::fromStrep( s ); }
+IpGenAddrWithMask withMask( std::string_view s ) { return IpGenAddrWithMask::fromStrep( s ); }
+
+std::string rangeErrorText( const auto & f ) {
+   try {
+      f();
+   } catch( const Kiv::RangeException & e ) {
+      return e.what();
+   }
+   return "no exception";
+}
+
+// Bit i of the address, most significant first.
+bool bit( const IpGenAddr & a, unsigned i ) { return ( a.bytes()[ i / 8 ] >> ( 7 - i % 8 ) ) & 1; }
+
+template< class T >
+bool parses( std::string_view text, T & out, std::size_t & consumed ) {
+   Kiv::String::IteratorConst begin = text.data();
+   const bool ok = strepToValue( begin, text.data() + text.size(), out );
+   consumed = static_cast< std::size_t >( begin - text.data() );
+   return ok;
+}
+
+// ---- IpGenAddrWithMask -------------------------------------------------------
+
+TEST( IpGenAddrWithMaskTest, RoundTrips ) {
+   for( std::string_view s : { "198.18.0.1/24", "0.0.0.0/0", "198.18.0.1/32", "198.19.255.255/15",
+                               "2001:db8::1/64", "::/0", "2001:db8::1/128", "fe80::1/10",
+                               "::ffff:198.18.0.1/96", "" } ) {
+      const IpGenAddrWithMask a = withMask( s );
+      EXPECT_EQ( valueToStrep( a ), s );
+      EXPECT_EQ( withMask( valueToStrep( a ) ), a );
+   }
+   const IpGenAddrWithMask a = withMask( "2001:DB8:0::1/64" );
+   EXPECT_EQ( a.address(), addr( "2001:db8::1" ) );
+   EXPECT_EQ( a.maskLen(), 64u );
+   EXPECT_EQ( valueToStrep( a ), "2001:db8::1/64" );
+   std::ostringstream os;
+   os << a;
+   EXPECT_EQ( os.str(), "2001:db8::1/64" );
+   EXPECT_EQ( fmt::format( "{}", withMask( "198.18.0.1/24" ) ), "198.18.0.1/24" );
+}
+
+TEST( IpGenAddrWithMaskTest, MaskLengthOutOfRangeThrows ) {
+   EXPECT_EQ( rangeErrorText( [] { IpGenAddrWithMask( addr( "198.18.0.1" ), 33 ); } ),
+              "IpGenAddrWithMask::maskLen > 32 not allowed" );
+   EXPECT_EQ( rangeErrorText( [] { IpGenAddrWithMask( addr( "2001:db8::1" ), 129 ); } ),
+              "IpGenAddrWithMask::maskLen > 128 not allowed" );
+   EXPECT_EQ( rangeErrorText( [] { IpGenAddrWithMask( IpGenAddr(), 1 ); } ),
+              "IpGenAddrWithMask::maskLen > 0 not allowed" );
+   EXPECT_EQ( IpGenAddrWithMask( addr( "198.18.0.1" ), 32 ).maskLen(), 32u );
+   EXPECT_EQ( IpGenAddrWithMask( addr( "2001:db8::1" ), 128 ).maskLen(), 128u );
+}
+
+TEST( IpGenAddrWithMaskTest, SubnetClearsHostBits ) {
+   EXPECT_EQ( withMask( "198.18.5.77/20" ).subnet(), prefix( "198.18.0.0/20" ) );
+   EXPECT_EQ( withMask( "198.18.5.77/32" ).subnet(), prefix( "198.18.5.77/32" ) );
+   EXPECT_EQ( withMask( "198.18.5.77/0" ).subnet(), prefix( "0.0.0.0/0" ) );
+   EXPECT_EQ( withMask( "2001:db8:1:2:3:4:5:6/61" ).subnet(), prefix( "2001:db8:1::/61" ) );
+   EXPECT_EQ( withMask( "2001:db8:1:2:3:4:5:6/127" ).subnet(), prefix( "2001:db8:1:2:3:4:5:6/127" ) );
+   EXPECT_EQ( withMask( "2001:db8:1:2:3:4:5:7/127" ).subnet(), prefix( "2001:db8:1:2:3:4:5:6/127" ) );
+   EXPECT_EQ( IpGenAddrWithMask().subnet(), IpGenPrefix() );
+}
+
+TEST( IpGenAddrWithMaskTest, ContainsOnlyItsOwnFamily ) {
+   // Lengths and boundaries are covered against a bit-by-bit reference below.
+   EXPECT_TRUE( withMask( "198.18.0.1/0" ).contains( addr( "255.255.255.255" ) ) );
+   EXPECT_FALSE( withMask( "198.18.0.1/0" ).contains( addr( "::" ) ) );
+   EXPECT_FALSE( withMask( "198.18.0.1/0" ).contains( IpGenAddr() ) );
+   EXPECT_FALSE( withMask( "198.18.0.1/15" ).contains( addr( "::ffff:198.18.0.1" ) ) );
+   EXPECT_FALSE( withMask( "2001:db8::1/0" ).contains( addr( "198.18.0.1" ) ) );
+   EXPECT_FALSE( IpGenAddrWithMask().contains( IpGenAddr() ) );
+}
+
+TEST( IpGenAddrWithMaskTest, MalformedTextIsRejected ) {
+   for( std::string_view s : { "198.18.0.1", "198.18.0.1/", "198.18.0.1/33", "/24", "198.18.0.1/024",
+                               "198.18.0.1/-1", "198.18.0.1//24", "2001:db8::/129", "2001:db8::/1280",
+                               "198.18.0.1 /24", "1.2.3/8" } ) {
+      SCOPED_TRACE( s );
+      IpGenAddrWithMask out;
+      std::size_t consumed = 99;
+      EXPECT_FALSE( parses( s, out, consumed ) );
+      EXPECT_EQ( consumed, 0u );
+      EXPECT_THROW( withMask( s ), Kiv::RangeException );
+   }
+   // The parser stops after the length; the whole-string form refuses the rest.
+   IpGenAddrWithMask out;
+   std::size_t consumed = 0;
+   EXPECT_TRUE( parses( "198.18.0.1/2a", out, consumed ) );
+   EXPECT_EQ( consumed, 12u );
+   EXPECT_EQ( out, withMask( "198.18.0.1/2" ) );
+   EXPECT_THROW( withMask( "198.18.0.1/2a" ), Kiv::RangeException );
+}
+
+TEST( IpGenAddrWithMaskTest, OrderAndHash ) {
+   EXPECT_LT( withMask( "198.18.0.1/24" ), withMask( "198.18.0.1/25" ) );
+   EXPECT_LT( withMask( "198.18.0.1/32" ), withMask( "198.18.0.2/0" ) );
+   EXPECT_NE( withMask( "198.18.0.1/24" ), withMask( "198.18.0.1/25" ) );
+   EXPECT_EQ( std::hash< IpGenAddrWithMask >()( withMask( "2001:db8::1/64" ) ),
+              std::hash< IpGenAddrWithMask >()( withMask( "2001:DB8:0::1/64" ) ) );
+}
+
+// ---- IpGenPrefix ------------------------------------------------------------
+
+TEST( IpGenPrefixTest, HostBitsAreRefusedWithTheFixedText ) {
+   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix( addr( "198.18.0.1" ), 24 ); } ),
+              "Prefix::validAsPrefix != true not allowed" );
+   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix( addr( "2001:db8::1" ), 64 ); } ),
+              "Prefix::validAsPrefix != true not allowed" );
+   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix( addr( "198.18.0.0" ), 33 ); } ),
+              "Prefix::validAsPrefix != true not allowed" );
+   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix( IpGenAddr(), 8 ); } ),
+              "Prefix::validAsPrefix != true not allowed" );
+   EXPECT_EQ( IpGenPrefix( addr( "198.18.0.0" ), 15 ).len(), 15u );
+}
+
+TEST( IpGenPrefixTest, ValidAsPrefix ) {
+   EXPECT_TRUE( IpGenPrefix::validAsPrefix( addr( "198.18.0.0" ), 15 ) );
+   EXPECT_FALSE( IpGenPrefix::validAsPrefix( addr( "198.18.0.0" ), 14 ) ); // 198.18 is odd in /14
+   EXPECT_TRUE( IpGenPrefix::validAsPrefix( addr( "198.18.0.1" ), 32 ) );
+   EXPECT_FALSE( IpGenPrefix::validAsPrefix( addr( "198.18.0.1" ), 31 ) );
+   EXPECT_TRUE( IpGenPrefix::validAsPrefix( addr( "0.0.0.0" ), 0 ) );
+   EXPECT_FALSE( IpGenPrefix::validAsPrefix( addr( "128.0.0.0" ), 0 ) );
+   EXPECT_TRUE( IpGenPrefix::validAsPrefix( addr( "128.0.0.0" ), 1 ) );
+   EXPECT_FALSE( IpGenPrefix::validAsPrefix( addr( "0.0.0.0" ), 33 ) );
+   EXPECT_TRUE( IpGenPrefix::validAsPrefix( addr( "2001:db8::" ), 32 ) );
+   EXPECT_FALSE( IpGenPrefix::validAsPrefix( addr( "2001:db8::" ), 28 ) );
+   EXPECT_TRUE( IpGenPrefix::validAsPrefix( addr( "2001:db8:0:0:8000::" ), 65 ) );
+   EXPECT_FALSE( IpGenPrefix::validAsPrefix( addr( "2001:db8:0:0:8000::" ), 64 ) );
+   EXPECT_TRUE( IpGenPrefix::validAsPrefix( addr( "2001:db8::1" ), 128 ) );
+   EXPECT_FALSE( IpGenPrefix::validAsPrefix( addr( "2001:db8::1" ), 127 ) );
+   EXPECT_FALSE( IpGenPrefix::validAsPrefix( addr( "::" ), 129 ) );
+   EXPECT_TRUE( IpGenPrefix::validAsPrefix( IpGenAddr(), 0 ) );
+   EXPECT_FALSE( IpGenPrefix::validAsPrefix( IpGenAddr(), 1 ) );
+}
+
+TEST( IpGenPrefixTest, MaskedFactoryClearsInsteadOfThrowing ) {
+   EXPECT_EQ( IpGenPrefix::masked( addr( "198.18.200.9" ), 15 ), prefix( "198.18.0.0/15" ) );
+   EXPECT_EQ( IpGenPrefix::masked( addr( "2001:db8::1" ), 64 ), prefix( "2001:db8::/64" ) );
+   EXPECT_EQ( IpGenPrefix::masked( addr( "2001:db8::1" ), 0 ), prefix( "::/0" ) );
+   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix::masked( addr( "198.18.0.1" ), 33 ); } ),
+              "IpGenPrefix::len > 32 not allowed" );
+   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix::masked( addr( "::1" ), 200 ); } ),
+              "IpGenPrefix::len > 128 not allowed" );
+}
+
+TEST( IpGenPrefixTest, ContainsMatchesABitByBitReference ) {
+   // Every length, random address pairs that share a random number of leading
+   // bits: the word-wise test must agree with comparing bit by bit.
+   std::mt19937_64 rng( 3 );
+   for( int round = 0; round < 400; ++round ) {
+      const bool v6 = round % 2;
+      IpGenAddr::Bytes16 b{};
+      for( auto & x : b ) x = static_cast< std::uint8_t >( rng() );
+      const IpGenAddr base = v6 ? IpGenAddr( b ) : IpGenAddr( IpGenAddr::Bytes4{ b[ 0 ], b[ 1 ], b[ 2 ], b[ 3 ] } );
+      const unsigned width = base.maxMaskLen();
+      // Flip one bit: the pair then agrees exactly on the bits before it.
+      const unsigned flip = static_cast< unsigned >( rng() % width );
+      IpGenAddr::Bytes16 o = b;
+      o[ flip / 8 ] ^= static_cast< std::uint8_t >( 0x80 >> ( flip % 8 ) );
+      const IpGenAddr other = v6 ? IpGenAddr( o ) : IpGenAddr( IpGenAddr::Bytes4{ o[ 0 ], o[ 1 ], o[ 2 ], o[ 3 ] } );
+      for( unsigned len = 0; len <= width; ++len ) {
+         bool same = true;
+         for( unsigned i = 0; i < len; ++i ) same = same && bit( base, i ) == bit( other, i );
+         const IpGenPrefix p = IpGenPrefix::masked( base, len );
+         ASSERT_TRUE( p.contains( base ) ) << p;
+         ASSERT_EQ( p.contains( other ), same ) << p << " " << other;
+         ASSERT_EQ( IpGenAddrWithMask( base, len ).contains( other ), same ) << p << " " << other;
+         ASSERT_EQ( same, len <= flip );
+      }
+   }
+}
+
+TEST( IpGenPrefixTest, ContainsAtTheEdges ) {
+   EXPECT_TRUE( prefix( "0.0.0.0/0" ).contains( addr( "198.18.0.1" ) ) );
+   EXPECT_TRUE( prefix( "0.0.0.0/0" ).contains( addr( "255.255.255.255" ) ) );
+   EXPECT_FALSE( prefix( "0.0.0.0/0" ).contains( addr( "::" ) ) );
+   EXPECT_TRUE( prefix( "::/0" ).contains( addr( "2001:db8::1" ) ) );
+   EXPECT_FALSE( prefix( "::/0" ).contains( addr( "0.0.0.0" ) ) );
+   EXPECT_TRUE( prefix( "198.18.0.1/32" ).contains( addr( "198.18.0.1" ) ) );
+   EXPECT_FALSE( prefix( "198.18.0.1/32" ).contains( addr( "198.18.0.0" ) ) );
+   EXPECT_TRUE( prefix( "2001:db8::1/128" ).contains( addr( "2001:db8::1" ) ) );
+   EXPECT_FALSE( prefix( "2001:db8::1/128" ).contains( addr( "2001:db8::3" ) ) );
+   EXPECT_FALSE( IpGenPrefix().contains( IpGenAddr() ) );
+   EXPECT_FALSE( IpGenPrefix().contains( addr( "0.0.0.0" ) ) );
+
+   EXPECT_TRUE( prefix( "198.18.0.0/15" ).contains( prefix( "198.19.1.0/24" ) ) );
+   EXPECT_TRUE( prefix( "198.18.0.0/15" ).contains( prefix( "198.18.0.0/15" ) ) );
+   EXPECT_FALSE( prefix( "198.18.0.0/16" ).contains( prefix( "198.18.0.0/15" ) ) );
+   EXPECT_FALSE( prefix( "198.18.0.0/16" ).contains( prefix( "198.19.0.0/24" ) ) );
+   EXPECT_FALSE( prefix( "::/0" ).contains( prefix( "0.0.0.0/0" ) ) );
+}
+
+TEST( IpGenPrefixTest, StrepRoundTripsAndRejectsHostBits ) {
+   for( std::string_view s : { "198.18.0.0/15", "0.0.0.0/0", "198.18.0.1/32", "2001:db8::/32", "::/0",
+                               "2001:db8::1/128", "ff00::/8", "" } ) {
+      EXPECT_EQ( valueToStrep( prefix( s ) ), s );
+   }
+   EXPECT_EQ( valueToStrep( prefix( "2001:0DB8:0:0::/32" ) ), "2001:db8::/32" );
+   for( std::string_view s : { "198.18.0.1/24", "2001:db8::1/64", "198.18.0.0/33", "198.18.0.0",
+                               "/0", "198.18.0.0/15x" } ) {
+      SCOPED_TRACE( s );
+      EXPECT_THROW( prefix( s ), Kiv::RangeException );
+   }
+   IpGenPrefix out = prefix( "198.18.0.0/15" );
+   std::size_t consumed = 99;
+   EXPECT_FALSE( parses( "198.18.0.1/24", out, consumed ) );
+   EXPECT_EQ( consumed, 0u );
+   EXPECT_EQ( out, prefix( "198.18.0.0/15" ) );
+   try {
+      prefix( "198.18.0.1/24" );
+   } catch( const Kiv::RangeException & e ) {
+      EXPECT_STREQ( e.what(), "IpGenPrefix::fromStrep: malformed \"198.18.0.1/24\"" );
+   }
+}
+
+TEST( IpGenPrefixTest, OrderByAddressThenLength ) {
+   std::vector< IpGenPrefix > v = { prefix( "::/0" ), prefix( "198.18.0.0/16" ), prefix( "198.18.0.0/15" ),
+                                    prefix( "10.0.0.0/8" ), IpGenPrefix(), prefix( "2001:db8::/32" ) };
+   std::sort( v.begin(), v.end() );
+   std::vector< std::string > texts;
+   for( const auto & p : v ) texts.push_back( valueToStrep( p ) );
+   EXPECT_EQ( texts, ( std::vector< std::string >{ "", "10.0.0.0/8", "198.18.0.0/15", "198.18.0.0/16",
+                                                   "::/0", "2001:db8::/32" } ) );
+   EXPECT_EQ( std::hash< IpGenPrefix >()( prefix( "2001:db8::/32" ) ),
+              std::hash< IpGenPrefix >()( IpGenPrefix::masked( addr( "2001:db8::1" ), 32 ) ) );
+   std::unordered_set< IpGenPrefix > set( v.begin(), v.end() );
+   set.insert( prefix( "198.18.0.0/16" ) );
+   EXPECT_EQ( set.size(), v.size() );
+}
+
+} // namespace

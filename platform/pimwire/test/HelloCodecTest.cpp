@@ -1,0 +1,527 @@
+// Promises of the Hello codec: what it encodes decodes to the same value,
+// every malformed message is rejected with its own reason, and damage inside
+// one option costs that option only.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "pimwire/HelloCodec.h"
+
+using namespace PimWire;
+
+namespace {
+
+Addr ip( const char * text ) {
+   auto a = Addr::parse( text );
+   EXPECT_TRUE( a.has_value() ) << text;
+   return a.value_or( Addr{} );
+}
+
+struct Endpoints {
+   Family family;
+   Addr src;
+   Addr dst;
+   Addr other; // an address of the other family
+};
+
+Endpoints endpoints( Family f ) {
+   if ( f == Family::ipv4 ) {
+      return { f, ip( "198.18.0.1" ), ip( "224.0.0.13" ), ip( "2001:db8::1" ) };
+   }
+   return { f, ip( "fe80::1" ), ip( "ff02::d" ), ip( "198.18.0.1" ) };
+}
+
+// Hand-built PIM messages, for shapes the encoder never produces.
+class Raw {
+ public:
+   explicit Raw( std::uint8_t verType = 0x20 ) : bytes_{ verType, 0, 0, 0 } {}
+   Raw & option( std::uint16_t type, std::vector< std::uint8_t > value ) {
+      return optionWithLength( type, std::uint16_t( value.size() ), value );
+   }
+   Raw & optionWithLength( std::uint16_t type, std::uint16_t len,
+                           const std::vector< std::uint8_t > & value ) {
+      bytes_.push_back( std::uint8_t( type >> 8 ) );
+      bytes_.push_back( std::uint8_t( type ) );
+      bytes_.push_back( std::uint8_t( len >> 8 ) );
+      bytes_.push_back( std::uint8_t( len ) );
+      bytes_.insert( bytes_.end(), value.begin(), value.end() );
+      return *this;
+   }
+   Raw & append( std::vector< std::uint8_t > b ) {
+      bytes_.insert( bytes_.end(), b.begin(), b.end() );
+      return *this;
+   }
+   std::vector< std::uint8_t > sealed( const Endpoints & e ) const {
+      std::vector< std::uint8_t > b = bytes_;
+      if ( b.size() >= kPimHeaderLen ) {
+         setChecksum( b.data(), b.size(), e.family, e.src, e.dst );
+      }
+      return b;
+   }
+ private:
+   std::vector< std::uint8_t > bytes_;
+};
+
+std::vector< std::uint8_t > holdtime105() { return { 0x00, 0x69 }; }
+
+std::vector< std::uint8_t > encodedAddr( const Addr & a ) {
+   std::vector< std::uint8_t > v{ std::uint8_t( a.family ), 0 };
+   for ( std::size_t i = 0; i < a.size(); ++i ) {
+      v.push_back( a.bytes[ i ] );
+   }
+   return v;
+}
+
+DecodeResult decode( const std::vector< std::uint8_t > & b, const Endpoints & e ) {
+   return decodeHello( b.data(), b.size(), e.family, e.src, e.dst );
+}
+
+struct NamedOption {
+   const char * name;
+   std::function< void( Hello &, const Endpoints & ) > set;
+};
+
+std::vector< NamedOption > everyOption() {
+   return {
+      { "holdtime", []( Hello & h, const Endpoints & ) { h.holdtimePresent = true; h.holdtime = 0xffff; } },
+      { "holdtimeZero", []( Hello & h, const Endpoints & ) { h.holdtimePresent = true; h.holdtime = 0; } },
+      { "lanPruneDelay", []( Hello & h, const Endpoints & ) {
+           h.lanPruneDelay = { true, true, 0x7fff, 0xffff };
+        } },
+      { "lanPruneDelayNoT", []( Hello & h, const Endpoints & ) {
+           h.lanPruneDelay = { true, false, 500, 2500 };
+        } },
+      { "drPriority", []( Hello & h, const Endpoints & ) { h.drPriorityPresent = true; h.drPriority = 0xfedcba98; } },
+      { "generationId", []( Hello & h, const Endpoints & ) { h.generationIdPresent = true; h.generationId = 0x80000001; } },
+      { "addressList", []( Hello & h, const Endpoints & e ) {
+           Addr a = e.src;
+           a.bytes[ 3 ] = 9;
+           Addr b = e.src;
+           b.bytes[ 3 ] = 10;
+           h.addressList = { a, b };
+        } },
+      { "bidirCapable", []( Hello & h, const Endpoints & ) { h.bidirCapable = true; } },
+      { "interfaceId", []( Hello & h, const Endpoints & ) { h.interfaceId = { true, 0xc6120001, 0x7 }; } },
+      { "tcpCapableNoAddr", []( Hello & h, const Endpoints & ) { h.tcpCapable = { true, 0x5, Addr{} }; } },
+      { "sctpCapableV4", []( Hello & h, const Endpoints & ) {
+           h.sctpCapable = { true, 0xffffff, ip( "198.18.7.7" ) };
+        } },
+      { "sctpCapableV6", []( Hello & h, const Endpoints & ) {
+           h.sctpCapable = { true, 0x1, ip( "2001:db8::77" ) };
+        } },
+   };
+}
+
+} // namespace
+
+// ---------------------------------------------------------------- round trip
+
+class RoundTrip : public ::testing::TestWithParam< Family > {};
+
+TEST_P( RoundTrip, EachOptionAloneDecodesToTheSameHello ) {
+   const Endpoints e = endpoints( GetParam() );
+   for ( const NamedOption & o : everyOption() ) {
+      SCOPED_TRACE( o.name );
+      Hello h;
+      h.source = e.src;
+      h.destination = e.dst;
+      o.set( h, e );
+      auto bytes = encodeHello( h, e.family, e.src, e.dst );
+      ASSERT_FALSE( bytes.empty() );
+      EXPECT_EQ( bytes.size(), encodedHelloSize( h ) );
+      DecodeResult r = decode( bytes, e );
+      ASSERT_TRUE( r.ok() ) << r.reason;
+      EXPECT_EQ( r.hello, h ) << r.hello << " vs " << h;
+      EXPECT_EQ( r.stats.options, 1u );
+      EXPECT_TRUE( r.stats.clean() ) << r.stats;
+   }
+}
+
+TEST_P( RoundTrip, AllOptionsTogether ) {
+   const Endpoints e = endpoints( GetParam() );
+   Hello h;
+   h.source = e.src;
+   h.destination = e.dst;
+   for ( const NamedOption & o : everyOption() ) {
+      o.set( h, e );
+   }
+   auto bytes = encodeHello( h, e.family, e.src, e.dst );
+   ASSERT_FALSE( bytes.empty() );
+   DecodeResult r = decode( bytes, e );
+   ASSERT_TRUE( r.ok() ) << r.reason;
+   EXPECT_EQ( r.hello, h ) << r.hello << " vs " << h;
+   EXPECT_EQ( r.stats.options, 9u );
+   EXPECT_TRUE( r.stats.clean() ) << r.stats;
+}
+
+TEST_P( RoundTrip, EmptyHelloIsJustTheHeader ) {
+   const Endpoints e = endpoints( GetParam() );
+   Hello h;
+   h.source = e.src;
+   h.destination = e.dst;
+   auto bytes = encodeHello( h, e.family, e.src, e.dst );
+   ASSERT_EQ( bytes.size(), kPimHeaderLen );
+   EXPECT_EQ( bytes[ 0 ], 0x20 );
+   DecodeResult r = decode( bytes, e );
+   ASSERT_TRUE( r.ok() );
+   EXPECT_EQ( r.hello, h );
+}
+
+TEST_P( RoundTrip, ReusedHelloIsClearedBetweenDecodes ) {
+   const Endpoints e = endpoints( GetParam() );
+   Hello full;
+   for ( const NamedOption & o : everyOption() ) {
+      o.set( full, e );
+   }
+   Hello bare;
+   bare.holdtimePresent = true;
+   bare.holdtime = 30;
+   auto fullBytes = encodeHello( full, e.family, e.src, e.dst );
+   auto bareBytes = encodeHello( bare, e.family, e.src, e.dst );
+   Hello out;
+   DecodeStats stats;
+   ASSERT_EQ( decodeHello( fullBytes.data(), fullBytes.size(), e.family, e.src, e.dst, out, stats ),
+              RejectReason::none );
+   ASSERT_EQ( decodeHello( bareBytes.data(), bareBytes.size(), e.family, e.src, e.dst, out, stats ),
+              RejectReason::none );
+   bare.source = e.src;
+   bare.destination = e.dst;
+   EXPECT_EQ( out, bare ) << out;
+   EXPECT_GE( out.addressList.capacity(), 2u ) << "the address list keeps its storage";
+}
+
+INSTANTIATE_TEST_SUITE_P( Families, RoundTrip, ::testing::Values( Family::ipv4, Family::ipv6 ),
+                          []( const auto & info ) { return familyName( info.param ); } );
+
+TEST( Encode, OptionsGoOutInTypeOrderWithExactBytes ) {
+   const Endpoints e = endpoints( Family::ipv4 );
+   Hello h;
+   h.holdtimePresent = true;
+   h.holdtime = 105;
+   h.lanPruneDelay = { true, true, 500, 2500 };
+   h.drPriorityPresent = true;
+   h.drPriority = 1;
+   h.interfaceId = { true, 0x01020304, 0x05060708 };
+   h.bidirCapable = true;
+   auto b = encodeHello( h, e.family, e.src, e.dst );
+   const std::vector< std::uint8_t > want = {
+      0x20, 0x00, 0, 0,                                       // header, checksum below
+      0x00, 0x01, 0x00, 0x02, 0x00, 0x69,                     // holdtime 105
+      0x00, 0x02, 0x00, 0x04, 0x81, 0xf4, 0x09, 0xc4,         // T=1 pd=500 oi=2500
+      0x00, 0x13, 0x00, 0x04, 0x00, 0x00, 0x00, 0x01,         // priority 1
+      0x00, 0x16, 0x00, 0x00,                                 // bidir capable
+      0x00, 0x1f, 0x00, 0x08, 1, 2, 3, 4, 5, 6, 7, 8,         // router id first
+   };
+   ASSERT_EQ( b.size(), want.size() );
+   EXPECT_TRUE( std::equal( want.begin() + 4, want.end(), b.begin() + 4 ) );
+   EXPECT_TRUE( checksumOk( b.data(), b.size(), e.family, e.src, e.dst ) );
+}
+
+TEST( Encode, RefusesWhatTheWireCannotCarry ) {
+   const Endpoints e = endpoints( Family::ipv4 );
+   std::uint8_t buf[ 256 ];
+   Hello h;
+   h.lanPruneDelay = { true, false, 0x8000, 0 };
+   EXPECT_EQ( encodeHello( h, e.family, e.src, e.dst, buf, sizeof( buf ) ), 0u ) << "15-bit delay";
+   h = Hello{};
+   h.sctpCapable = { true, 0x1000000, Addr{} };
+   EXPECT_EQ( encodeHello( h, e.family, e.src, e.dst, buf, sizeof( buf ) ), 0u ) << "24-bit flags";
+   h = Hello{};
+   h.addressList = { Addr{} };
+   EXPECT_EQ( encodeHello( h, e.family, e.src, e.dst, buf, sizeof( buf ) ), 0u ) << "family none";
+   h = Hello{};
+   h.holdtimePresent = true;
+   EXPECT_EQ( encodeHello( h, Family::ipv6, e.src, e.dst, buf, sizeof( buf ) ), 0u ) << "family mismatch";
+   EXPECT_EQ( encodeHello( h, Family::none, Addr{}, Addr{}, buf, sizeof( buf ) ), 0u );
+   EXPECT_EQ( encodeHello( h, e.family, e.src, e.dst, buf, 9 ), 0u ) << "buffer too small";
+   EXPECT_EQ( encodeHello( h, e.family, e.src, e.dst, buf, 10 ), 10u );
+}
+
+TEST( Encode, LongAddressListIsSplitAcrossOptions ) {
+   const Endpoints e = endpoints( Family::ipv6 );
+   Hello h;
+   for ( int i = 0; i < 4000; ++i ) {
+      Addr a = ip( "2001:db8::" );
+      a.bytes[ 14 ] = std::uint8_t( i >> 8 );
+      a.bytes[ 15 ] = std::uint8_t( i );
+      h.addressList.push_back( a );
+   }
+   auto b = encodeHello( h, e.family, e.src, e.dst );
+   ASSERT_FALSE( b.empty() );
+   DecodeResult r = decode( b, e );
+   ASSERT_TRUE( r.ok() ) << r.reason;
+   EXPECT_EQ( r.stats.options, 2u );
+   ASSERT_EQ( r.hello.addressList.size(), kMaxAddressesKept );
+   EXPECT_EQ( r.stats.droppedAddrs, 4000u - kMaxAddressesKept );
+   EXPECT_EQ( r.hello.addressList.back(), h.addressList[ kMaxAddressesKept - 1 ] );
+}
+
+// ----------------------------------------------------------------- rejects
+
+TEST( Reject, EveryReasonHasItsOwnName ) {
+   std::set< std::string > names;
+   for ( int i = 0; i < kRejectReasonCount; ++i ) {
+      names.insert( rejectReasonName( RejectReason( i ) ) );
+   }
+   EXPECT_EQ( names.size(), std::size_t( kRejectReasonCount ) );
+   EXPECT_STREQ( rejectReasonName( RejectReason::badChecksum ), "badChecksum" );
+}
+
+TEST( Reject, EachMalformationHasItsReason ) {
+   const Endpoints e = endpoints( Family::ipv4 );
+   const Endpoints e6 = endpoints( Family::ipv6 );
+   auto good = Raw().option( 1, holdtime105() ).sealed( e );
+   ASSERT_TRUE( decode( good, e ).ok() );
+
+   struct Case {
+      const char * what;
+      std::vector< std::uint8_t > bytes;
+      Endpoints ep;
+      RejectReason want;
+   };
+   std::vector< Case > cases = {
+      { "empty", {}, e, RejectReason::tooShort },
+      { "three bytes", { 0x20, 0, 0 }, e, RejectReason::tooShort },
+      { "version 1", Raw( 0x10 ).option( 1, holdtime105() ).sealed( e ), e, RejectReason::badVersion },
+      { "version 3", Raw( 0x30 ).sealed( e ), e, RejectReason::badVersion },
+      { "join/prune", Raw( 0x23 ).sealed( e ), e, RejectReason::notHello },
+      { "assert", Raw( 0x25 ).sealed( e ), e, RejectReason::notHello },
+      { "flipped bit", [ & ] { auto b = good; b[ 9 ] ^= 0x01; return b; }(), e, RejectReason::badChecksum },
+      { "zero checksum", [ & ] { auto b = good; b[ 2 ] = b[ 3 ] = 0; return b; }(), e, RejectReason::badChecksum },
+      // An IPv4 checksum is wrong over IPv6: the pseudo-header counts there.
+      { "no pseudo-header", good, e6, RejectReason::badChecksum },
+      { "option header cut", Raw().option( 1, holdtime105() ).append( { 0x00, 0x13, 0x00 } ).sealed( e ),
+        e, RejectReason::optionOverrun },
+      { "value past the end", Raw().optionWithLength( 19, 4, { 0, 0, 1 } ).sealed( e ), e,
+        RejectReason::optionOverrun },
+      { "huge length", Raw().optionWithLength( 24, 0xffff, { 1, 0, 198, 18, 0, 2 } ).sealed( e ), e,
+        RejectReason::optionOverrun },
+   };
+   for ( const Case & c : cases ) {
+      DecodeResult r = decode( c.bytes, c.ep );
+      EXPECT_EQ( r.reason, c.want ) << c.what;
+      EXPECT_EQ( r.hello, Hello{} ) << c.what << ": nothing of a rejected Hello leaks out";
+   }
+}
+
+TEST( Reject, FamilyAndAddressesMustAgree ) {
+   const Endpoints e = endpoints( Family::ipv4 );
+   auto b = Raw().option( 1, holdtime105() ).sealed( e );
+   EXPECT_EQ( decodeHello( b.data(), b.size(), Family::none, e.src, e.dst ).reason,
+              RejectReason::badFamily );
+   EXPECT_EQ( decodeHello( b.data(), b.size(), Family::ipv4, e.src, ip( "ff02::d" ) ).reason,
+              RejectReason::badFamily );
+   EXPECT_EQ( decodeHello( b.data(), b.size(), Family::ipv6, e.src, e.dst ).reason,
+              RejectReason::badFamily );
+}
+
+TEST( Reject, ChecksumCoversTheIpv6PseudoHeader ) {
+   const Endpoints e = endpoints( Family::ipv6 );
+   auto b = Raw().option( 1, holdtime105() ).sealed( e );
+   ASSERT_TRUE( decode( b, e ).ok() );
+   Endpoints otherSrc = e;
+   otherSrc.src = ip( "fe80::2" );
+   EXPECT_EQ( decode( b, otherSrc ).reason, RejectReason::badChecksum );
+   Endpoints otherDst = e;
+   otherDst.dst = ip( "ff02::e" );
+   EXPECT_EQ( decode( b, otherDst ).reason, RejectReason::badChecksum );
+}
+
+// ------------------------------------------------- lenient option handling
+
+class Lenient : public ::testing::TestWithParam< Family > {};
+
+TEST_P( Lenient, KnownOptionWithWrongLengthIsSkippedAndCounted ) {
+   const Endpoints e = endpoints( GetParam() );
+   struct Case {
+      std::uint16_t type;
+      std::vector< std::uint8_t > value;
+   };
+   const std::vector< Case > cases = {
+      { 1, { 0, 0, 105 } },                // holdtime of 3 bytes
+      { 2, { 0x01, 0xf4, 0x09 } },         // LAN prune delay of 3
+      { 19, { 0, 0, 0, 0, 1 } },           // priority of 5
+      { 20, { 1, 2 } },                    // generation id of 2
+      { 22, { 0 } },                       // bidir capable with a value
+      { 31, { 0, 0, 0, 1 } },              // interface id of 4
+      { 28, { 1, 0, 0, 0, 198, 18 } },     // IPv4 AFI, 2-byte address
+      { 27, { 2, 0, 0, 0, 198, 18, 0, 1 } }, // IPv6 AFI, 4-byte address
+      { 28, { 9, 0, 0, 0 } },              // unknown AFI
+      { 24, { 1, 0, 198, 18, 0 } },        // truncated entry
+   };
+   for ( const Case & c : cases ) {
+      SCOPED_TRACE( c.type );
+      auto b = Raw()
+                  .option( c.type, c.value )
+                  .option( 1, holdtime105() )
+                  .option( 20, { 0x12, 0x34, 0x56, 0x78 } )
+                  .sealed( e );
+      DecodeResult r = decode( b, e );
+      ASSERT_TRUE( r.ok() ) << r.reason;
+      EXPECT_EQ( r.stats.badLengthOptions, 1u );
+      EXPECT_EQ( r.stats.options, 3u );
+      Hello want;
+      want.source = e.src;
+      want.destination = e.dst;
+      want.holdtimePresent = true;
+      want.holdtime = 105;
+      want.generationIdPresent = true;
+      want.generationId = 0x12345678;
+      EXPECT_EQ( r.hello, want ) << r.hello;
+   }
+}
+
+TEST_P( Lenient, BadAddressListLosesOnlyThatOption ) {
+   const Endpoints e = endpoints( GetParam() );
+   auto good = encodedAddr( e.src );
+   auto truncated = good;
+   truncated.pop_back();
+   auto badEncoding = good;
+   badEncoding[ 1 ] = 1;
+   auto list = [ & ]( std::vector< std::uint8_t > tail ) {
+      auto v = good;
+      v.insert( v.end(), tail.begin(), tail.end() );
+      return v;
+   };
+   auto b = Raw()
+               .option( 24, list( truncated ) )
+               .option( 24, list( badEncoding ) )
+               .option( 24, list( { 7, 0, 1, 2, 3, 4 } ) ) // unknown family
+               .option( 24, good )
+               .sealed( e );
+   DecodeResult r = decode( b, e );
+   ASSERT_TRUE( r.ok() ) << r.reason;
+   EXPECT_EQ( r.stats.badLengthOptions, 1u );
+   EXPECT_EQ( r.stats.badAddressEntries, 2u );
+   EXPECT_EQ( r.hello.addressList, std::vector< Addr >{ e.src } );
+}
+
+TEST_P( Lenient, UnknownOptionsAreSkippedAndCounted ) {
+   const Endpoints e = endpoints( GetParam() );
+   auto b = Raw()
+               .option( 0, {} )
+               .option( 21, { 1, 2, 3, 4 } )               // state refresh: not ours
+               .option( 65001, { 1, 2, 3 } )               // odd length
+               .option( 19, { 0, 0, 0, 7 } )
+               .option( 0xffff, std::vector< std::uint8_t >( 300, 0xab ) )
+               .sealed( e );
+   DecodeResult r = decode( b, e );
+   ASSERT_TRUE( r.ok() ) << r.reason;
+   EXPECT_EQ( r.stats.unknownOptions, 4u );
+   EXPECT_TRUE( r.hello.drPriorityPresent );
+   EXPECT_EQ( r.hello.drPriority, 7u );
+}
+
+TEST_P( Lenient, OtherFamilyAddressesAreSkippedAndCounted ) {
+   const Endpoints e = endpoints( GetParam() );
+   Addr mine = e.src;
+   mine.bytes[ 3 ] = 0x42;
+   auto value = encodedAddr( e.other );
+   auto m = encodedAddr( mine );
+   value.insert( value.end(), m.begin(), m.end() );
+   auto o = encodedAddr( e.other );
+   value.insert( value.end(), o.begin(), o.end() );
+   auto b = Raw().option( 24, value ).sealed( e );
+   DecodeResult r = decode( b, e );
+   ASSERT_TRUE( r.ok() ) << r.reason;
+   EXPECT_EQ( r.stats.otherFamilyAddrs, 2u );
+   EXPECT_EQ( r.hello.addressList, std::vector< Addr >{ mine } );
+}
+
+TEST_P( Lenient, RepeatedOptionLastOneWins ) {
+   const Endpoints e = endpoints( GetParam() );
+   auto b = Raw()
+               .option( 1, { 0, 10 } )
+               .option( 22, {} )
+               .option( 1, { 0, 20 } )
+               .option( 22, {} )
+               .sealed( e );
+   DecodeResult r = decode( b, e );
+   ASSERT_TRUE( r.ok() );
+   EXPECT_EQ( r.hello.holdtime, 20u );
+   EXPECT_TRUE( r.hello.bidirCapable );
+   EXPECT_EQ( r.stats.duplicateOptions, 2u );
+}
+
+TEST_P( Lenient, AddressListIsCappedAndTheExcessCounted ) {
+   const Endpoints e = endpoints( GetParam() );
+   std::vector< std::uint8_t > value;
+   for ( std::size_t i = 0; i < kMaxAddressesKept + 5; ++i ) {
+      Addr a = e.src;
+      a.bytes[ 3 ] = std::uint8_t( i );
+      auto enc = encodedAddr( a );
+      value.insert( value.end(), enc.begin(), enc.end() );
+   }
+   auto b = Raw().option( 24, value ).option( 24, encodedAddr( e.src ) ).sealed( e );
+   DecodeResult r = decode( b, e );
+   ASSERT_TRUE( r.ok() );
+   EXPECT_EQ( r.hello.addressList.size(), kMaxAddressesKept );
+   EXPECT_EQ( r.stats.droppedAddrs, 6u );
+}
+
+TEST_P( Lenient, ReservedByteAndOddLengthAreAccepted ) {
+   const Endpoints e = endpoints( GetParam() );
+   auto raw = Raw( 0x20 ).option( 65000, { 9 } ); // 9-byte message
+   auto b = raw.sealed( e );
+   b[ 1 ] = 0x80; // reserved bits get other meanings in later documents
+   setChecksum( b.data(), b.size(), e.family, e.src, e.dst );
+   DecodeResult r = decode( b, e );
+   ASSERT_TRUE( r.ok() ) << r.reason;
+   EXPECT_EQ( r.stats.unknownOptions, 1u );
+}
+
+INSTANTIATE_TEST_SUITE_P( Families, Lenient, ::testing::Values( Family::ipv4, Family::ipv6 ),
+                          []( const auto & info ) { return familyName( info.param ); } );
+
+// --------------------------------------------------------- printable forms
+
+TEST( Print, HelloIsShortAndReadable ) {
+   Hello h;
+   h.holdtimePresent = true;
+   h.holdtime = 105;
+   h.drPriorityPresent = true;
+   h.drPriority = 1;
+   h.generationIdPresent = true;
+   h.generationId = 0x1234;
+   h.lanPruneDelay = { true, false, 500, 2500 };
+   h.addressList = { ip( "2001:db8::2" ) };
+   EXPECT_EQ( toString( h ), "hold=105 lpd=(T=0,pd=500,oi=2500) prio=1 genid=0x1234 addrs=[2001:db8::2]" );
+   h = Hello{};
+   h.source = ip( "198.18.0.1" );
+   h.bidirCapable = true;
+   h.interfaceId = { true, 0xc6120001, 3 };
+   h.sctpCapable = { true, 0, ip( "198.18.0.1" ) };
+   std::ostringstream os;
+   os << h;
+   EXPECT_EQ( os.str(), "src=198.18.0.1 bidir ifid=(rid=198.18.0.1,idx=3) sctp=(flags=0x0,addr=198.18.0.1)" );
+   EXPECT_EQ( toString( Hello{} ), "(no options)" );
+}
+
+TEST( Print, AddressesUseTheCanonicalTextForms ) {
+   const std::vector< std::pair< const char *, const char * > > cases = {
+      { "198.18.0.1", "198.18.0.1" },
+      { "2001:DB8:0:0:0:0:0:1", "2001:db8::1" },
+      { "2001:db8:0:1:0:0:0:1", "2001:db8:0:1::1" },     // longest zero run
+      { "2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1" },   // first of equal runs
+      { "2001:db8:1:1:1:1:0:1", "2001:db8:1:1:1:1:0:1" }, // no single-group '::'
+      { "::", "::" },
+      { "::1", "::1" },
+      { "fe80::", "fe80::" },
+      { "::ffff:198.18.0.1", "::ffff:c612:1" },
+   };
+   for ( const auto & [ in, out ] : cases ) {
+      auto a = Addr::parse( in );
+      ASSERT_TRUE( a ) << in;
+      EXPECT_EQ( a->toString(), out ) << in;
+      EXPECT_EQ( Addr::parse( out ), a ) << out;
+   }
+   for ( const char * bad : { "", "1.2.3", "1.2.3.256", "1.2.3.4.5", "1..2.3", "2001:db8::1::2",
+                              "12345::", "1:2:3:4:5:6:7", "1:2:3:4:5:6:7:8:9", "g::1", ":1" } ) {
+      EXPECT_FALSE( Addr::parse( bad ) ) << bad;
+   }
+}

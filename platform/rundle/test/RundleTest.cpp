@@ -1,0 +1,267 @@
+// The ring-buffer trace, grouped by promise.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "kiv/testing/TestLoop.h"
+#include "rundle/Rundle.h"
+#include "rundle/RundleFormat.h"
+
+namespace {
+
+bool exists( const std::string & path ) {
+   struct stat st;
+   return ::stat( path.c_str(), &st ) == 0;
+}
+
+std::vector< std::uint8_t > slurp( const std::string & path ) {
+   std::ifstream in( path, std::ios::binary );
+   return { std::istreambuf_iterator< char >( in ), std::istreambuf_iterator< char >() };
+}
+
+void spit( const std::string & path, const std::vector< std::uint8_t > & bytes ) {
+   std::ofstream out( path, std::ios::binary | std::ios::trunc );
+   out.write( reinterpret_cast< const char * >( bytes.data() ), static_cast< std::streamsize >( bytes.size() ) );
+}
+
+// Offset of the first occurrence of text in bytes.
+std::size_t find( const std::vector< std::uint8_t > & bytes, const std::string & text ) {
+   const auto it = std::search( bytes.begin(), bytes.end(), text.begin(), text.end() );
+   return it == bytes.end() ? std::string::npos : static_cast< std::size_t >( it - bytes.begin() );
+}
+
+class RundleTest : public ::testing::Test {
+ protected:
+   void SetUp() override {
+      ::unsetenv( "RUNDLE_DISABLE" );
+      ::unsetenv( "RUNDLEDIR" );
+      std::string tmpl = ::testing::TempDir() + "rundleXXXXXX";
+      ASSERT_NE( ::mkdtemp( tmpl.data() ), nullptr );
+      dir_ = tmpl;
+   }
+   void TearDown() override {
+      Rundle::shutdown();
+      ::unsetenv( "RUNDLE_DISABLE" );
+      ::unsetenv( "RUNDLEDIR" );
+      for( const char * f : { "/agent.rdl", "/agent.rdl.1", "/agent.rdl.2", "/off.rdl" } ) {
+         ::unlink( ( dir_ + f ).c_str() );
+      }
+      ::rmdir( dir_.c_str() );
+   }
+   // The agent's own call.
+   bool initializeLikeTheAgent( const char * dir = nullptr ) {
+      return Rundle::initialize( "agent.rdl", std::vector< int >( 10, 10 ), dir, 0, 24, false, true, 512 );
+   }
+   std::vector< std::string > texts( const Rundle::ReadResult & r ) {
+      std::vector< std::string > out;
+      for( const auto & rec : r.records ) out.push_back( rec.text );
+      return out;
+   }
+   Kiv::Testing::TestLoop loop_{ 10.0 };
+   std::string dir_;
+};
+
+int evaluated = 0;
+int touch() { return ++evaluated; }
+
+// ---- a ring keeps the newest records --------------------------------------------------
+TEST_F( RundleTest, WrapAroundKeepsTheNewestRecords ) {
+   ASSERT_TRUE( Rundle::initialize( "", { 1 }, nullptr, 0, 24, false, true, 512 ) );
+   for( int i = 0; i < 200; ++i ) {
+      loop_.clock().nowIs( 10.0 + i );
+      RUNDLE_RECORD( 0, "record " << i );
+   }
+   const auto r = Rundle::records();
+   ASSERT_TRUE( r.ok ) << r.error;
+   EXPECT_EQ( r.damaged, 0u );
+   ASSERT_GT( r.records.size(), 5u );
+   ASSERT_LT( r.records.size(), 200u );
+   // A contiguous run ending at the last record, in time order.
+   const int first = 200 - static_cast< int >( r.records.size() );
+   for( std::size_t k = 0; k < r.records.size(); ++k ) {
+      EXPECT_EQ( r.records[ k ].text, "record " + std::to_string( first + static_cast< int >( k ) ) );
+      EXPECT_DOUBLE_EQ( r.records[ k ].time, 10.0 + first + static_cast< double >( k ) );
+   }
+   EXPECT_EQ( Rundle::stats().written, 200u );
+}
+
+// Records of varied sizes: what survives is still one unbroken run, never
+// an older record stranded past a newer lap's end.
+TEST_F( RundleTest, WrapAroundNeverLeavesGaps ) {
+   ASSERT_TRUE( Rundle::initialize( "", { 2 }, nullptr, 0, 24, false, true, 512 ) );
+   std::mt19937 gen( 11 );
+   for( int i = 0; i < 1000; ++i ) {
+      RUNDLE_RECORD( 0, i << " " << std::string( gen() % 200, '.' ) );
+      const auto r = Rundle::records();
+      ASSERT_FALSE( r.records.empty() );
+      const int first = i + 1 - static_cast< int >( r.records.size() );
+      for( std::size_t k = 0; k < r.records.size(); ++k ) {
+         ASSERT_EQ( std::stoi( r.records[ k ].text ), first + static_cast< int >( k ) ) << i;
+      }
+   }
+}
+
+TEST_F( RundleTest, EachLevelHasItsOwnRing ) {
+   ASSERT_TRUE( Rundle::initialize( "", { 1, 1 }, nullptr, 0, 24, false, true, 512 ) );
+   RUNDLE_RECORD( 0, "rare event" );
+   for( int i = 0; i < 500; ++i ) RUNDLE_RECORD( 1, "chatter " << i );
+   RUNDLE_RECORD( 7, "beyond the last ring" );  // goes to the last ring
+   const auto r = Rundle::records();
+   ASSERT_FALSE( r.records.empty() );
+   EXPECT_EQ( r.records.front().text, "rare event" );
+   EXPECT_EQ( r.records.front().ring, 0 );
+   EXPECT_EQ( r.records.back().text, "beyond the last ring" );
+   EXPECT_EQ( r.records.back().ring, 1 );
+   EXPECT_EQ( r.records.back().level, 7 );
+}
+
+// ---- size limits ------------------------------------------------------------------------
+TEST_F( RundleTest, LongRecordsAreTruncatedOrDropped ) {
+   ASSERT_TRUE( Rundle::initialize( "", { 4 }, nullptr, 0, 24, false, true, 32 ) );
+   RUNDLE_RECORD( 0, std::string( 32, 'a' ) );
+   RUNDLE_RECORD( 0, std::string( 100, 'b' ) << " and more " << 42 );
+   auto r = Rundle::records();
+   ASSERT_EQ( r.records.size(), 2u );
+   EXPECT_EQ( r.records[ 0 ].text, std::string( 32, 'a' ) );
+   EXPECT_FALSE( r.records[ 0 ].truncated );
+   EXPECT_EQ( r.records[ 1 ].text, std::string( 32, 'b' ) );
+   EXPECT_TRUE( r.records[ 1 ].truncated );
+   EXPECT_EQ( Rundle::stats().truncated, 1u );
+   // Source locations are cut to 24 bytes: the tail of the file name.
+   EXPECT_LE( r.records[ 0 ].file.size(), 24u );
+   EXPECT_EQ( r.records[ 0 ].file.substr( r.records[ 0 ].file.size() - 14 ), "RundleTest.cpp" );
+   EXPECT_EQ( r.records[ 0 ].function, "TestBody" );
+
+   ASSERT_TRUE( Rundle::initialize( "", { 4 }, nullptr, 0, 0, false, false, 32 ) );
+   RUNDLE_RECORD( 0, std::string( 33, 'c' ) );
+   RUNDLE_RECORD( 0, "fits" );
+   r = Rundle::records();
+   ASSERT_EQ( r.records.size(), 1u );
+   EXPECT_EQ( r.records[ 0 ].text, "fits" );
+   EXPECT_EQ( r.records[ 0 ].file, "" );
+   EXPECT_EQ( Rundle::stats().dropped, 1u );
+}
+
+// ---- RUNDLE_DISABLE -----------------------------------------------------------------
+TEST_F( RundleTest, DisableLeavesNoFileAndEvaluatesNothing ) {
+   ::setenv( "RUNDLE_DISABLE", "1", 1 );
+   EXPECT_FALSE( Rundle::initialize( "off.rdl", { 1 }, dir_.c_str(), 0, 24, false, true, 512 ) );
+   EXPECT_FALSE( Rundle::active() );
+   EXPECT_FALSE( exists( dir_ + "/off.rdl" ) );
+   evaluated = 0;
+   RUNDLE_RECORD( 0, "never " << touch() );
+   EXPECT_EQ( evaluated, 0 );
+   EXPECT_FALSE( Rundle::records().ok );
+}
+
+// ---- the file: written, read back in time order -----------------------------------------
+TEST_F( RundleTest, FileReadsBackInTimeOrderAcrossRings ) {
+   ::setenv( "RUNDLEDIR", dir_.c_str(), 1 );
+   ASSERT_TRUE( initializeLikeTheAgent() );
+   const std::string path = dir_ + "/agent.rdl";
+   EXPECT_EQ( Rundle::path(), path );
+   RUNDLE_RECORD( 0, "first" );
+   loop_.clock().nowIs( 11.0 );
+   RUNDLE_RECORD( 5, "second" );
+   loop_.clock().nowIs( 12.0 );
+   RUNDLE_RECORD( 0, "third" );
+   RUNDLE_RECORD( 9, "fourth, same time" );
+   const int line = __LINE__ - 1;
+   Rundle::shutdown();
+
+   const auto r = Rundle::readFile( path );
+   ASSERT_TRUE( r.ok ) << r.error;
+   EXPECT_EQ( texts( r ), ( std::vector< std::string >{ "first", "second", "third", "fourth, same time" } ) );
+   EXPECT_EQ( r.records[ 3 ].ring, 9 );
+   EXPECT_EQ( r.records[ 3 ].line, line );
+   EXPECT_DOUBLE_EQ( r.records[ 1 ].time, 11.0 );
+
+   // A second start keeps the previous file when asked to.
+   ASSERT_TRUE( Rundle::initialize( "agent.rdl", { 1 }, dir_.c_str(), 1, 24, true, true, 512 ) );
+   RUNDLE_RECORD( 0, "next run" );
+   EXPECT_EQ( texts( Rundle::records() ), ( std::vector< std::string >{ "next run" } ) );
+   EXPECT_EQ( texts( Rundle::readFile( path + ".1" ) ).size(), 4u );
+}
+
+// ---- damaged records and damaged files ----------------------------------------------
+TEST_F( RundleTest, DamagedRecordIsSkipped ) {
+   ASSERT_TRUE( initializeLikeTheAgent( dir_.c_str() ) );
+   RUNDLE_RECORD( 0, "alpha" );
+   RUNDLE_RECORD( 0, "bravo" );
+   RUNDLE_RECORD( 0, "charlie" );
+   Rundle::shutdown();
+   const std::string path = dir_ + "/agent.rdl";
+   auto bytes = slurp( path );
+   const auto at = find( bytes, "bravo" );
+   ASSERT_NE( at, std::string::npos );
+   bytes[ at + 2 ] ^= 0x20;
+   spit( path, bytes );
+   const auto r = Rundle::readFile( path );
+   ASSERT_TRUE( r.ok );
+   EXPECT_EQ( texts( r ), ( std::vector< std::string >{ "alpha", "charlie" } ) );
+   EXPECT_EQ( r.damaged, 1u );
+}
+
+TEST_F( RundleTest, DamagedHeadersAreRejectedNotTrusted ) {
+   ASSERT_TRUE( Rundle::initialize( "", { 1, 1 }, nullptr, 0, 24, false, true, 512 ) );
+   RUNDLE_RECORD( 0, "zero" );
+   RUNDLE_RECORD( 1, "one" );
+   std::vector< std::uint8_t > image( Rundle::imageData(), Rundle::imageData() + Rundle::imageSize() );
+
+   EXPECT_FALSE( Rundle::parseImage( image.data(), 10 ).ok );
+   auto badMagic = image;
+   badMagic[ 0 ] = 'X';
+   EXPECT_FALSE( Rundle::parseImage( badMagic.data(), badMagic.size() ).ok );
+   auto badCount = image;
+   std::uint32_t huge = 1000000;
+   std::memcpy( badCount.data() + offsetof( Rundle::Format::FileHeader, ringCount ), &huge, sizeof huge );
+   EXPECT_FALSE( Rundle::parseImage( badCount.data(), badCount.size() ).ok );
+
+   // One ring pointing outside the image: the other is still read.
+   auto badRing = image;
+   const std::uint64_t far = ~std::uint64_t{ 0 } - 4;
+   std::memcpy( badRing.data() + sizeof( Rundle::Format::FileHeader ), &far, sizeof far );
+   const auto r = Rundle::parseImage( badRing.data(), badRing.size() );
+   EXPECT_TRUE( r.ok );
+   EXPECT_FALSE( r.error.empty() );
+   EXPECT_EQ( texts( r ), ( std::vector< std::string >{ "one" } ) );
+
+   // Random ring contents sprinkled with record magics yield nothing.
+   auto noise = image;
+   std::mt19937 gen( 7 );
+   const std::size_t start = sizeof( Rundle::Format::FileHeader ) + 2 * sizeof( Rundle::Format::RingDesc );
+   for( std::size_t i = start; i < noise.size(); ++i ) noise[ i ] = static_cast< std::uint8_t >( gen() );
+   for( std::size_t i = start; i + 4 <= noise.size(); i += 64 ) {
+      std::memcpy( noise.data() + i, &Rundle::Format::kRecordMagic, 4 );
+   }
+   const auto n = Rundle::parseImage( noise.data(), noise.size() );
+   EXPECT_TRUE( n.records.empty() );
+   EXPECT_GT( n.damaged, 0u );
+}
+
+// A reader scribbling over the mapping cannot steer the writer.
+TEST_F( RundleTest, WriterIgnoresScribbledDescriptors ) {
+   ASSERT_TRUE( Rundle::initialize( "", { 1 }, nullptr, 0, 24, false, true, 512 ) );
+   RUNDLE_RECORD( 0, "before" );
+   std::memset( Rundle::imageData() + sizeof( Rundle::Format::FileHeader ), 0xff,
+                sizeof( Rundle::Format::RingDesc ) );
+   for( int i = 0; i < 50; ++i ) RUNDLE_RECORD( 0, "after " << i );
+   const auto r = Rundle::records();
+   ASSERT_TRUE( r.ok );
+   ASSERT_FALSE( r.records.empty() );
+   EXPECT_EQ( r.records.back().text, "after 49" );
+   EXPECT_EQ( r.damaged, 0u );
+}
+
+} // namespace
