@@ -25,7 +25,7 @@ build/fuzz/fuzz/hello_decode_fuzz -max_total_time="$seconds" -rss_limit_mb=2048 
 runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/fuzz.log" | tail -1)
 rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$work/fuzz.log" | tail -1)
 cov=$(grep -Eo 'cov: [0-9]+ ft: [0-9]+ corp: [0-9]+/[0-9]+[a-zA-Z]*' "$work/fuzz.log" | tail -1 || true)
-echo "fuzz: hello_decode_fuzz ran ${runs:-?} inputs in ${seconds}s, ${rate:-?} exec/s (${cov:-no coverage line})"
+echo "fuzz: hello_decode_fuzz ran ${runs:-?} inputs (time limit ${seconds}s), ${rate:-?} exec/s (${cov:-no coverage line})"
 if [ "$status" -ne 0 ]; then
    echo "fuzz: hello_decode_fuzz failed (exit $status); last lines of its log:" >&2
    tail -n 60 "$work/fuzz.log" >&2

@@ -112,6 +112,11 @@ class IntfSm : public Kiv::StateMachine {
       void onPortCapabilityFlags() override { owner_->handlePort(); }
       void onNeighbor( const Lumo::IpGenAddr & a ) override { owner_->handleNeighbor( a ); }
       void onActiveNeighbor( const Lumo::IpGenAddr & a ) override { owner_->handleActiveNeighbor( a ); }
+      // Watched in the immediate form: the down path must still find the
+      // neighbour's NeighborSm, which is deleted right after.
+      void onActiveNeighborkivImmediate( const Lumo::IpGenAddr & a ) override {
+         owner_->handleActiveNeighbor( a );
+      }
       void onInactiveBfdNeighbor( const Lumo::IpGenAddr & a ) override {
          owner_->handleInactiveBfdNeighbor( a );
       }

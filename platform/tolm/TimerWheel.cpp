@@ -50,8 +50,10 @@ struct TimerWheel::Slot {
 };
 
 struct TimerWheel::Impl {
-   Slot slots[ kLevels ][ kSlots ];
-   std::uint64_t occupied[ kLevels ][ kWords ] = {};
+   // Slot (level, index) is slots[ level * kSlots + index ]; its occupancy bit
+   // is bit (index % 64) of occupied[ level * kWords + index / 64 ].
+   Slot slots[ kLevels * kSlots ];
+   std::uint64_t occupied[ kLevels * kWords ] = {};
    std::uint64_t cursor = 0;
    // The earliest armed timer when known; null when it must be searched for.
    NotifieeConst * earliest = nullptr;
@@ -65,25 +67,30 @@ struct TimerWheel::Impl {
    // First occupied slot of a level at index >= from, or -1.
    int firstOccupied( int level, int from ) const {
       for( int w = from >> 6; w < kWords; ++w ) {
-         std::uint64_t bits = occupied[ level ][ w ];
+         std::uint64_t bits = occupied[ level * kWords + w ];
          if( w == from >> 6 ) bits &= ~std::uint64_t{ 0 } << ( from & 63 );
          if( bits ) return w * 64 + std::countr_zero( bits );
       }
       return -1;
    }
 
-   void place( NotifieeConst & n ) {
-      const std::uint64_t t = n.tick_ > cursor ? n.tick_ : cursor;
+   // The slot, relative to the cursor, of a timer with this tick.
+   std::size_t slotOf( std::uint64_t tick ) const {
+      const std::uint64_t t = tick > cursor ? tick : cursor;
       const std::uint64_t diff = t ^ cursor;
       const int level = diff ? ( std::bit_width( diff ) - 1 ) / kSlotBits : 0;
-      const int index = static_cast< int >( ( t >> ( level * kSlotBits ) ) & ( kSlots - 1 ) );
-      Slot & s = slots[ level ][ index ];
+      return static_cast< std::size_t >( level * kSlots ) +
+             static_cast< std::size_t >( ( t >> ( level * kSlotBits ) ) & ( kSlots - 1 ) );
+   }
+
+   void push( NotifieeConst & n, std::size_t flat ) {
+      Slot & s = slots[ flat ];
       n.prev_ = nullptr;
       n.next_ = s.head;
       if( s.head ) s.head->prev_ = &n;
       s.head = &n;
       n.slot_ = &s;
-      occupied[ level ][ index >> 6 ] |= std::uint64_t{ 1 } << ( index & 63 );
+      occupied[ flat >> 6 ] |= std::uint64_t{ 1 } << ( flat & 63 );
    }
 
    void remove( NotifieeConst & n ) {
@@ -91,13 +98,9 @@ struct TimerWheel::Impl {
       if( n.prev_ ) n.prev_->next_ = n.next_; else s->head = n.next_;
       if( n.next_ ) n.next_->prev_ = n.prev_;
       if( !s->head ) {
-         const auto flat = static_cast< std::size_t >( s - &slots[ 0 ][ 0 ] );
-         const std::size_t level = flat / kSlots;
-         const std::size_t index = flat % kSlots;
-         occupied[ level ][ index >> 6 ] &= ~( std::uint64_t{ 1 } << ( index & 63 ) );
+         const auto flat = static_cast< std::size_t >( s - slots );
+         occupied[ flat >> 6 ] &= ~( std::uint64_t{ 1 } << ( flat & 63 ) );
       }
-      n.prev_ = n.next_ = nullptr;
-      n.slot_ = nullptr;
    }
 
    // Moves the cursor over empty space until it sits on the earliest occupied
@@ -109,7 +112,7 @@ struct TimerWheel::Impl {
          if( i0 >= 0 ) {
             // Nothing is armed below slot i0, so the cursor may move onto it.
             cursor = ( cursor & ~std::uint64_t{ kSlots - 1 } ) | static_cast< std::uint64_t >( i0 );
-            return slots[ 0 ][ i0 ];
+            return slots[ i0 ];
          }
          int level = 1;
          int index = -1;
@@ -119,20 +122,20 @@ struct TimerWheel::Impl {
             if( c + 1 < kSlots && ( index = firstOccupied( level, c + 1 ) ) >= 0 ) break;
          }
          assert( index >= 0 && "an armed timer must be in some slot" );
-         if( index < 0 ) return slots[ 0 ][ 0 ];
+         if( index < 0 ) return slots[ 0 ];
          // Every lower level is empty: jump to the start of the slot's range
          // and spread its timers over the lower levels.
          const int shift = level * kSlotBits;
          const int above = shift + kSlotBits;
          const std::uint64_t keep = above >= 64 ? 0 : ~( ( std::uint64_t{ 1 } << above ) - 1 );
          cursor = ( cursor & keep ) | ( static_cast< std::uint64_t >( index ) << shift );
-         Slot & s = slots[ level ][ index ];
-         NotifieeConst * n = s.head;
-         s.head = nullptr;
-         occupied[ level ][ index >> 6 ] &= ~( std::uint64_t{ 1 } << ( index & 63 ) );
+         const std::size_t flat = static_cast< std::size_t >( level * kSlots + index );
+         NotifieeConst * n = slots[ flat ].head;
+         slots[ flat ].head = nullptr;
+         occupied[ flat >> 6 ] &= ~( std::uint64_t{ 1 } << ( flat & 63 ) );
          while( n ) {
             NotifieeConst * next = n->next_;
-            place( *n );
+            push( *n, slotOf( n->tick_ ) );
             n = next;
          }
       }
@@ -169,7 +172,6 @@ void TimerWheel::NotifieeConst::timeMinIs( Kiv::Seconds t ) {
    }
    assert( wheel_ && "arming a timer that is bound to no wheel" );
    if( !wheel_ ) return;
-   if( armed() ) wheel_->unlink( *this );
    deadline_ = t;
    seq_ = ++armingSeq;
    tick_ = tickOf( t );
@@ -212,22 +214,33 @@ void TimerWheel::unbind( NotifieeConst & n ) {
    n.boundPrev_ = n.boundNext_ = nullptr;
 }
 
+// Files n, whose deadline_, seq_ and tick_ are already set; n may be armed
+// already (a re-arm), in which case it only moves when its slot changes.
 void TimerWheel::link( NotifieeConst & n ) {
    Impl & w = *impl_;
-   if( armed_ == 0 ) {
-      // Nothing armed: re-centre the cursor on the clock, so that a cursor
-      // which ran ahead does not gather near-term timers into one slot.
-      w.cursor = tickOf( clock_.now() );
-      w.earliest = &n;
-   } else if( w.earliest && Impl::before( n, *w.earliest ) ) {
-      w.earliest = &n;
+   if( !n.slot_ ) {
+      if( armed_++ == 0 ) {
+         // Nothing armed: re-centre the cursor on the clock, so that a cursor
+         // which ran ahead does not gather near-term timers into one slot.
+         w.cursor = tickOf( clock_.now() );
+         w.earliest = &n;
+         w.push( n, w.slotOf( n.tick_ ) );
+         return;
+      }
+   } else if( w.earliest == &n ) {
+      w.earliest = nullptr;   // it may have moved later
    }
-   w.place( n );
-   ++armed_;
+   if( w.earliest && Impl::before( n, *w.earliest ) ) w.earliest = &n;
+   const std::size_t flat = w.slotOf( n.tick_ );
+   if( n.slot_ == &w.slots[ flat ] ) return;
+   if( n.slot_ ) w.remove( n );
+   w.push( n, flat );
 }
 
 void TimerWheel::unlink( NotifieeConst & n ) {
    impl_->remove( n );
+   n.prev_ = n.next_ = nullptr;
+   n.slot_ = nullptr;
    --armed_;
    if( impl_->earliest == &n ) impl_->earliest = nullptr;
 }

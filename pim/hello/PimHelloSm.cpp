@@ -1,0 +1,186 @@
+#include "hello/PimHelloSm.h"
+
+#include "kiv/Clock.h"
+#include "kiv/Log.h"
+#include "kiv/Trace.h"
+
+namespace Routing::Pim {
+
+KIV_TRACE_HANDLE( "Pim::Hello" )
+
+namespace {
+
+Kiv::LogHandle PIM_MODE_MISMATCH( "PIM_MODE_MISMATCH", Kiv::LogWarning,
+                                  "Neighbor %s is running %s, while interface %s is running %s.",
+                                  "The PIM neighbor state cannot be formed due to mismatch in mode.",
+                                  "Configure the same PIM mode on the interface and on the neighbor.",
+                                  0.0, 1.0, 0 );
+
+// The source must share the interface's configured subnet (same family; an
+// IPv4 mask length of 0 accepts anything).
+bool sameSubnet( const Lumo::IpGenAddrWithMask & awm, const Lumo::IpGenAddr & src ) {
+   if( src.af() != awm.af() ) return false;
+   if( src.isIpv4() ) {
+      if( awm.maskLen() == 0 ) return true;
+      return Lumo::IpGenAddr::samePrefix( src, awm.address(), awm.maskLen() );
+   }
+   if( src.isIpv6() ) return awm.contains( src );
+   return false;
+}
+
+} // namespace
+
+#define HTRACE( level, expr ) \
+   KIV_TRACE( th(), level, "<Vrf:" << allStatus_->vrfName() << ">" << expr )
+
+HelloSm::HelloSm( const Kiv::Ptr< AllStatus > & allStatus,
+                  const Kiv::Ptr< const IO::MessageInfo > & messageInfo )
+      : allStatus_( Kiv::ValidPtr< AllStatus >( allStatus ) ), helloMessageInfo_( this ) {
+   const Kiv::ValidPtr< const IO::MessageInfo > info( messageInfo );
+   helloMessageInfo_.kivOwnerIs( this );
+   helloMessageInfo_.notifierIs( info );
+}
+
+HelloSm::~HelloSm() {
+   kivDoZombieReactors( true );
+}
+
+void HelloSm::handleHelloMessage() {
+   HTRACE( 9, "void Routing::Pim::HelloSm::handleHelloMessage()" );
+   const auto * info = static_cast< const IO::MessageInfo * >( helloMessageInfo_.kivNotifier() );
+   if( !info ) return;
+   const Kiv::Ptr< const Packet::HelloMessage > hello = info->helloMessage();
+   if( !hello ) {
+      HTRACE( 1, "Error - No Message" );
+      return;
+   }
+   HTRACE( 4, "RX: <PIM " << *hello << ">" );
+
+   const Lumo::IntfId & intfId = info->intfId();
+   const Kiv::Ptr< Intf > * intfSlot = allStatus_->pimIntfColl().find( intfId );
+   if( !intfSlot ) {
+      HTRACE( 1, "Error - No Interface - Id: " << intfId );
+      return;
+   }
+   const Kiv::Ptr< Intf > & intf = *intfSlot;
+   const Lumo::IpGenAddr & src = hello->srcAddr();
+   const Lumo::IpGenAddrWithMask & awm = intf->addressWithMask();
+   if( !sameSubnet( awm, src ) ) {
+      HTRACE( 1, "Error - Neighbor " << src << " is not in the same subnet as received interface "
+                                     << intfId << " with configured address " << awm );
+      return;
+   }
+   if( src == awm.address() ) {
+      HTRACE( 1, "Error - Neighbor " << src << " is the same as interface address for " << intfId );
+      return;
+   }
+
+   const std::uint16_t holdTime = hello->holdTimePresent() ? hello->holdTime() : intf->helloHoldTime();
+   // A goodbye skips the mode check on purpose: it must always be honoured.
+   if( holdTime != kHoldTimeGoodbye && modeIncludesBidir( intf->mode() ) && !hello->bidirCapable() ) {
+      PIM_MODE_MISMATCH.log( Lumo::valueToStrep( src ), modeName( pimModeSparse ),
+                             Lumo::valueToStrep( intfId ), modeName( intf->mode() ) );
+      return;
+   }
+
+   DrPriorityOption drOption;
+   if( hello->drPriorityPresent() ) {
+      drOption.valid = true;
+      drOption.value = hello->drPriority();
+   }
+   GenerationIdOption genIdOption;
+   if( hello->generationIdPresent() ) {
+      genIdOption.valid = true;
+      genIdOption.value = hello->generationId();
+   }
+   LanPruneDelayOption lpdOption;
+   if( hello->lanPruneDelayPresent() ) {
+      lpdOption.valid = true;
+      lpdOption.propagationDelay = hello->propagationDelay();
+      lpdOption.overrideInterval = hello->overrideInterval();
+      lpdOption.tBit = hello->tBit();
+   }
+
+   const double now = Kiv::System::currentTime();
+   Kiv::Ptr< Neighbor > neighbor;
+   if( const Kiv::Ptr< Neighbor > * slot = intf->neighborColl().find( src ) ) {
+      neighbor = *slot;
+      // The refresh time goes first so that NeighborSm re-arms from it.
+      neighbor->lastRefreshTimeIs( now );
+      HTRACE( 3, "Refreshing neighbor " << src << " on interface " << intfId );
+      neighbor->holdTimeIs( holdTime );
+      neighbor->drPriorityOptionIs( drOption );
+      neighbor->generationIdOptionIs( genIdOption );
+      neighbor->lanPruneDelayOptionIs( lpdOption );
+   } else {
+      if( holdTime == kHoldTimeGoodbye ) {
+         return;   // a goodbye from a stranger
+      }
+      neighbor = intf->neighborIs( src, intf->id(), holdTime, drOption, genIdOption, lpdOption );
+      neighbor->creationTimeIs( now );
+      neighbor->lastRefreshTimeIs( neighbor->creationTime() );
+      HTRACE( 3, "Creating neighbor " << src << " on interface " << intfId );
+   }
+
+   if( hello->secondaryAddrSize() == 0 ) {
+      neighbor->secondaryAddressDelAll();
+   } else {
+      for( auto it = hello->secondaryAddrIter(); it; ++it ) {
+         const Lumo::IpGenAddr & addr = it.key();
+         HTRACE( 8, "Checking secondary address: " << addr );
+         if( addr == src ) {
+            HTRACE( 1, "Error - Secondary address " << addr << " is the primary address for neighbor "
+                                                    << src << " on interface " << intfId );
+            continue;
+         }
+         if( neighbor->secondaryAddress( addr ) ) continue;
+         HTRACE( 8, "Adding secondary address " << addr << " for neighbor " << src
+                                                << " on interface " << intfId );
+         neighbor->secondaryAddressIs( addr, true );
+      }
+      for( auto it = neighbor->secondaryAddressIter(); it; ++it ) {
+         const Lumo::IpGenAddr addr = it.key();
+         HTRACE( 8, "Verifying learnt secondary address: " << addr );
+         if( !hello->secondaryAddr( addr ) ) {
+            HTRACE( 8, "Removing secondary address " << addr << " for neighbor " << src
+                                                     << " on interface " << intfId );
+            neighbor->secondaryAddressDel( addr );
+         }
+      }
+   }
+
+   processPortOptions( hello, intf, neighbor );
+}
+
+void HelloSm::processPortOptions( const Kiv::Ptr< const Packet::HelloMessage > & hello,
+                                  const Kiv::Ptr< Intf > &, const Kiv::Ptr< Neighbor > & neighbor ) {
+   HTRACE( 9, "void Routing::Pim::HelloSm::processPortOptions(const PtrConst&, const Ptr&, const Ptr&)" );
+   if( !hello || !neighbor ) return;
+   if( hello->portOptionPresent() && hello->portCapabilityFlags() != 0 ) {
+      Reliable::NeighborInfo info;
+      info.transport = static_cast< Reliable::Protocol >( hello->portTransport() );
+      info.capabilityFlags = hello->portCapabilityFlags();
+      info.connectionAddr = hello->connectionAddr();
+      info.secondAddr = hello->portSecondAddr();
+      HTRACE( 8, "Port capability match : Sctp: " << info );
+      neighbor->portInfoIs( info );
+   } else {
+      HTRACE( 9, "No port Capability " );
+      // Clears what an earlier Hello may have set.
+      neighbor->portInfoIs( Reliable::NeighborInfo{} );
+   }
+}
+
+Kiv::Ptr< HelloSm > HelloSmIs( const Kiv::Ptr< AllStatus > & allStatus,
+                               const Kiv::Ptr< const IO::MessageInfo > & messageInfo ) {
+   Kiv::Ptr< HelloSm > sm = Kiv::make< HelloSm >( allStatus, messageInfo );
+   sm->kivDoZombieReactors( false );
+   return sm;
+}
+
+Kiv::Ptr< HelloSm > helloSmFactory( const Kiv::Ptr< AllStatus > & allStatus,
+                                    const Kiv::Ptr< const IO::MessageInfo > & messageInfo ) {
+   return HelloSmIs( allStatus, messageInfo );
+}
+
+} // namespace Routing::Pim

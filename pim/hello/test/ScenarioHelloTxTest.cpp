@@ -1,0 +1,563 @@
+// Hellos this router sends: the start-up and periodic Hellos with every
+// option, triggered Hellos and their random delays, goodbyes, the address
+// change pair, reactions to hold time, period, delay, mode and secondary
+// address changes, the advertised DR priority around a reload, and which
+// triggered Hellos are counted.
+#include <cmath>
+#include <limits>
+
+#include "EngineFixture.h"
+
+namespace PimScenario {
+namespace {
+
+constexpr double kInf = std::numeric_limits< double >::infinity();
+
+Bridging::MacAddr mac( std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d, std::uint8_t e,
+                       std::uint8_t g ) {
+   Bridging::MacAddr m;
+   m.bytes = { a, b, c, d, e, g };
+   return m;
+}
+
+TEST( ScenarioHelloTx, StartupHelloAfterThePinnedDelayThenPeriodicHellosWithoutJitter ) {
+   EngineFixture f;
+   f.startRouterId( mac( 0x02, 0x00, 0x5e, 0x10, 0x20, 0x30 ) );
+   const auto eth1 = ethernet( 1 );
+   IntfParams p;
+   p.drPriority = 20;
+   p.propagationDelay = 700;
+   p.overrideInterval = 3100;
+   p.tBit = true;
+   p.secondary = { ip( "198.18.0.201" ), ip( "198.18.0.202" ) };
+   p.ifIndex = 11;
+   f.random().push( { drawForTenths( 5 ) } );
+   auto intf = f.addIntf( eth1, "198.18.0.1/24", p );
+   auto sm = f.intfSm( eth1 );
+   ASSERT_TRUE( sm );
+
+   EXPECT_TRUE( f.sent().empty() );
+   EXPECT_TRUE( intf->triggeredHello() );
+   EXPECT_EQ( intf->helloDelay(), 1u );
+   EXPECT_EQ( intf->usedAddressWithMask(), ipm( "198.18.0.1/24" ) );
+   EXPECT_EQ( sm->helloTriggeredTimerTimeMin(), f.t0() + 0.5 );
+   EXPECT_EQ( sm->helloTimerTimeMin(), f.t0() + 30.0 );
+
+   f.advanceTo( std::nextafter( f.t0() + 0.5, 0.0 ) );
+   EXPECT_TRUE( f.sent().empty() );
+   f.at( 0.5 );
+   ASSERT_EQ( f.sent().size(), 1u );
+   const SentHello & s = f.sent()[ 0 ];
+   EXPECT_EQ( s.time, f.t0() + 0.5 );
+   expectFullHello( s, *intf, 20 );
+   EXPECT_EQ( s.holdTime, 105 );
+   EXPECT_EQ( s.propagationDelay, 700 );
+   EXPECT_EQ( s.overrideInterval, 3100 );
+   EXPECT_TRUE( s.tBit );
+   EXPECT_EQ( s.generationId, p.generationId );
+   EXPECT_FALSE( s.bidirCapable );
+   EXPECT_EQ( s.secondary, ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.201" ), ip( "198.18.0.202" ) } ) );
+   EXPECT_EQ( s.interfaceIdRouterId, 0x5E102030u );
+   EXPECT_EQ( s.interfaceIdIfIndex, 11u );
+   EXPECT_FALSE( s.connectionAddrPresent );
+   EXPECT_EQ( intf->lastHelloTime(), f.t0() + 0.5 );
+   EXPECT_FALSE( intf->triggeredHello() );
+   EXPECT_EQ( sm->helloTriggeredTimerTimeMin(), kInf );
+   EXPECT_EQ( intf->triggeredHelloCount(), 0u );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 4, "TX: Intf: Ethernet1 <PIM " ) );
+
+   f.at( 95.0 );
+   ASSERT_EQ( f.sent().size(), 4u );
+   for( int k = 1; k <= 3; ++k ) {
+      EXPECT_EQ( f.sent()[ k ].time, f.t0() + 30.0 * k );
+      expectFullHello( f.sent()[ k ], *intf, 20 );
+   }
+   EXPECT_EQ( sm->helloTimerTimeMin(), f.t0() + 120.0 );
+   EXPECT_EQ( intf->lastHelloTime(), f.t0() + 90.0 );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 6,
+                          "Hello timer started for interface Ethernet1 with expiry in 30 seconds." ) );
+   EXPECT_EQ( intf->triggeredHelloCount(), 0u );
+}
+
+TEST( ScenarioHelloTx, TriggeredDelayIsATenthStepBetweenPointOneAndTheHelloDelay ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   auto sm = f.intfSm( eth1 );
+
+   // Hello delay 1: the ten delays 0.1 .. 1.0, one per new neighbour.
+   for( std::uint32_t k = 0; k < 10; ++k ) {
+      f.clearSent();
+      f.random().push( { k } );
+      const double before = f.now();
+      f.receive( eth1, hello( ( "198.18.0." + std::to_string( 10 + k ) ).c_str() ) );
+      EXPECT_DOUBLE_EQ( sm->helloTriggeredTimerTimeMin() - before, ( k + 1 ) / 10.0 ) << "draw " << k;
+      f.advanceBy( 1.5 );
+      ASSERT_EQ( f.sent().size(), 1u ) << "draw " << k;
+      EXPECT_DOUBLE_EQ( f.sent()[ 0 ].time - before, ( k + 1 ) / 10.0 ) << "draw " << k;
+   }
+   EXPECT_EQ( intf->triggeredHelloCount(), 10u );
+
+   // Hello delay 3: the draw is taken modulo 30.
+   intf->helloDelayIs( 3 );
+   f.runUntilIdle();
+   const std::uint32_t draws[] = { 29, 12, 30, 0 };
+   const double delays[] = { 3.0, 1.3, 0.1, 0.1 };
+   for( int i = 0; i < 4; ++i ) {
+      f.clearSent();
+      f.random().push( { draws[ i ] } );
+      const double before = f.now();
+      f.receive( eth1, hello( ( "198.18.0." + std::to_string( 30 + i ) ).c_str() ) );
+      f.advanceBy( 3.5 );
+      ASSERT_EQ( f.sent().size(), 1u ) << "draw " << draws[ i ];
+      EXPECT_NEAR( f.sent()[ 0 ].time - before, delays[ i ], 1e-6 ) << "draw " << draws[ i ];
+   }
+}
+
+TEST( ScenarioHelloTx, HelloDelayZeroSendsTheTriggeredHelloAtOnce ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   intf->helloDelayIs( 0 );
+   f.runUntilIdle();
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7,
+                          "Hello delay changed for interface Ethernet1 to 0. This will take effect immediately." ) );
+   EXPECT_TRUE( f.sent().empty() );   // nothing was pending
+
+   const auto drawnBefore = f.random().drawn();
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( f.sent()[ 0 ].time, f.now() );
+   expectFullHello( f.sent()[ 0 ], *intf, 1 );
+   EXPECT_EQ( intf->triggeredHelloCount(), 1u );
+   EXPECT_FALSE( intf->triggeredHello() );
+   EXPECT_EQ( f.random().drawn(), drawnBefore );
+}
+
+TEST( ScenarioHelloTx, ChangingTheHelloDelayReArmsAPendingTriggeredHelloInWholeSeconds ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   auto sm = f.intfSm( eth1 );
+   intf->helloDelayIs( 5 );
+   f.runUntilIdle();
+   EXPECT_TRUE( f.sent().empty() );
+
+   // Pending for 5.0 s; after one second the delay becomes 4: 7 mod 4 = 3 s.
+   f.random().push( { 49 } );
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   const double start = f.now();
+   EXPECT_EQ( sm->helloTriggeredTimerTimeMin(), start + 5.0 );
+   f.advanceBy( 1.0 );
+   f.random().push( { 7 } );
+   intf->helloDelayIs( 4 );
+   f.runUntilIdle();
+   EXPECT_EQ( sm->helloTriggeredTimerTimeMin(), start + 1.0 + 3.0 );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 6,
+                          "Triggered hello started for interface Ethernet1 with  expiry in 3 seconds." ) );
+   f.advanceBy( 5.0 );
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( f.sent()[ 0 ].time, start + 4.0 );
+   EXPECT_EQ( intf->triggeredHelloCount(), 1u );
+
+   // Pending again; delay 1 re-arms at 0 s: the Hello leaves at the same time.
+   f.clearSent();
+   f.random().push( { 10 } );
+   f.receive( eth1, hello( "198.18.0.3" ) );
+   const double second = f.now();
+   EXPECT_EQ( sm->helloTriggeredTimerTimeMin(), second + 1.1 );
+   intf->helloDelayIs( 1 );
+   f.runUntilIdle();
+   f.advanceBy( 0.0 );
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( f.sent()[ 0 ].time, second );
+   EXPECT_EQ( intf->triggeredHelloCount(), 2u );
+
+   // Pending again; delay 0 sends at once.
+   f.clearSent();
+   intf->helloDelayIs( 4 );
+   f.runUntilIdle();
+   f.random().push( { 5 } );
+   f.receive( eth1, hello( "198.18.0.4" ) );
+   const double third = f.now();
+   EXPECT_TRUE( f.sent().empty() );
+   intf->helloDelayIs( 0 );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( f.sent()[ 0 ].time, third );
+   EXPECT_FALSE( intf->triggeredHello() );
+   EXPECT_EQ( intf->triggeredHelloCount(), 3u );
+}
+
+TEST( ScenarioHelloTx, PeriodicHelloCoversAPendingTriggeredHelloAndCountsIt ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   auto sm = f.intfSm( eth1 );
+   intf->helloDelayIs( 40 );
+   f.runUntilIdle();
+
+   f.at( 5.0 );
+   f.random().push( { 399 } );   // 40.0 s: later than the periodic Hello at +30
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   EXPECT_EQ( sm->helloTriggeredTimerTimeMin(), f.t0() + 45.0 );
+   f.at( 30.0 );
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( f.sent()[ 0 ].time, f.t0() + 30.0 );
+   EXPECT_EQ( intf->triggeredHelloCount(), 1u );
+   EXPECT_FALSE( intf->triggeredHello() );
+   EXPECT_FALSE( sm->neighborEventTriggeredHello() );
+   EXPECT_EQ( sm->helloTriggeredTimerTimeMin(), kInf );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 6,
+                          "Triggered hello for neighbor event for interface Ethernet1" ) );
+   f.at( 59.0 );
+   EXPECT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( intf->triggeredHelloCount(), 1u );
+}
+
+TEST( ScenarioHelloTx, HoldTimeOrPeriodChangeSendsAtOnceAndRestartsThePeriodicTimer ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   auto sm = f.intfSm( eth1 );
+
+   f.at( 10.0 );
+   intf->helloHoldTimeIs( 200 );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( f.sent()[ 0 ].time, f.t0() + 10.0 );
+   EXPECT_EQ( f.sent()[ 0 ].holdTime, 200 );
+   EXPECT_EQ( sm->helloTimerTimeMin(), f.t0() + 40.0 );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7,
+                          "Hello period/holdtime changed for interface Ethernet1 to 30/200. This will take effect now." ) );
+
+   f.at( 39.0 );
+   EXPECT_EQ( f.sent().size(), 1u );   // no Hello at the old +30
+   f.at( 40.0 );
+   ASSERT_EQ( f.sent().size(), 2u );
+   EXPECT_EQ( f.sent()[ 1 ].holdTime, 200 );
+
+   f.at( 50.0 );
+   intf->helloPeriodIs( 10 );
+   f.runUntilIdle();
+   f.at( 71.0 );
+   ASSERT_EQ( f.sent().size(), 5u );
+   EXPECT_EQ( f.sent()[ 2 ].time, f.t0() + 50.0 );
+   EXPECT_EQ( f.sent()[ 3 ].time, f.t0() + 60.0 );
+   EXPECT_EQ( f.sent()[ 4 ].time, f.t0() + 70.0 );
+   for( const auto & s : f.sent() ) expectFullHello( s, *intf, 1 );
+}
+
+TEST( ScenarioHelloTx, DisablingSendsOnlyTheGoodbyeOptionsAndForgetsEveryNeighbor ) {
+   EngineFixture f;
+   f.startRouterId( mac( 0x02, 0x00, 0x5e, 0x10, 0x20, 0x30 ) );
+   auto sparse = f.startIntf( ethernet( 1 ), "198.18.0.1/24" );
+   IntfParams p;
+   p.mode = pimModeSparseBidir;
+   p.ifIndex = 12;
+   p.secondary = { ip( "198.18.1.200" ) };
+   auto bidir = f.startIntf( ethernet( 2 ), "198.18.1.1/24", p );
+   f.receive( ethernet( 1 ), hello( "198.18.0.2" ) );
+   f.receive( ethernet( 1 ), hello( "198.18.0.3" ) );
+   f.receive( ethernet( 2 ), hello( "198.18.1.2" ).bidirCapable() );
+   f.advanceBy( 2.0 );
+   f.clearSent();
+
+   sparse->enabledIs( false );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 1u );
+   expectGoodbye( f.sent()[ 0 ], *sparse, ip( "198.18.0.1" ) );
+   EXPECT_FALSE( f.sent()[ 0 ].bidirCapable );
+   EXPECT_EQ( f.sent()[ 0 ].interfaceIdRouterId, 0x5E102030u );
+   EXPECT_EQ( f.sent()[ 0 ].interfaceIdIfIndex, 11u );
+   EXPECT_EQ( sparse->neighborSize(), 0u );
+   EXPECT_EQ( sparse->activeNeighborSize(), 0u );
+   EXPECT_EQ( bidir->neighborSize(), 1u );
+
+   f.clearSent();
+   bidir->enabledIs( false );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 1u );
+   expectGoodbye( f.sent()[ 0 ], *bidir, ip( "198.18.1.1" ) );
+   EXPECT_TRUE( f.sent()[ 0 ].bidirCapable );
+   EXPECT_EQ( f.sent()[ 0 ].interfaceIdIfIndex, 12u );
+   EXPECT_EQ( bidir->neighborSize(), 0u );
+}
+
+TEST( ScenarioHelloTx, AddressChangeSendsAGoodbyeFromTheOldAddressThenAHelloFromTheNew ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   f.receive( eth1, hello( "198.18.0.3" ).dr( 1 ) );
+   f.receive( eth1, hello( "198.18.0.5" ).dr( 1 ) );
+   f.advanceBy( 2.0 );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.5" ) );
+   f.clearSent();
+
+   // The new address is a neighbour's: that neighbour is dropped.
+   intf->addressWithMaskIs( ipm( "198.18.0.3/24" ) );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 2u );
+   expectGoodbye( f.sent()[ 0 ], *intf, ip( "198.18.0.1" ) );
+   expectFullHello( f.sent()[ 1 ], *intf, 1 );
+   EXPECT_EQ( f.sent()[ 1 ].src, ip( "198.18.0.3" ) );
+   EXPECT_EQ( intf->usedAddressWithMask(), ipm( "198.18.0.3/24" ) );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.3" ) );
+   EXPECT_FALSE( f.active( eth1, "198.18.0.3" ) );
+   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.5" ) );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.5" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7,
+                          "Address changed for interface Ethernet1 from " + str( ipm( "198.18.0.1/24" ) ) + " to " +
+                             str( ipm( "198.18.0.3/24" ) ) ) );
+
+   // A higher own address takes the DR role at once.
+   f.clearSent();
+   intf->addressWithMaskIs( ipm( "198.18.0.200/24" ) );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 2u );
+   EXPECT_TRUE( f.sent()[ 0 ].isGoodbye() );
+   EXPECT_EQ( f.sent()[ 0 ].src, ip( "198.18.0.3" ) );
+   EXPECT_EQ( f.sent()[ 1 ].src, ip( "198.18.0.200" ) );
+   EXPECT_EQ( f.sent()[ 1 ].holdTime, 105 );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.200" ) );
+   EXPECT_TRUE( intf->iAmDr() );
+}
+
+TEST( ScenarioHelloTx, OwnSecondaryAddressChangeSendsTheWholeListAtOnce ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   IntfParams p;
+   p.secondary = { ip( "198.18.0.201" ) };
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", p );
+
+   f.at( 7.0 );
+   intf->secondaryAddressIs( ip( "198.18.0.210" ), true );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( f.sent()[ 0 ].time, f.t0() + 7.0 );
+   EXPECT_EQ( f.sent()[ 0 ].secondary,
+              ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.201" ), ip( "198.18.0.210" ) } ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7, "Secondary address 198.18.0.210 added for interface Ethernet1" ) );
+
+   intf->secondaryAddressDel( ip( "198.18.0.201" ) );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 2u );
+   EXPECT_EQ( f.sent()[ 1 ].secondary, ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.210" ) } ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7,
+                          "Secondary address 198.18.0.201 removed for interface Ethernet1" ) );
+   // The periodic timer was not touched.
+   EXPECT_EQ( f.intfSm( eth1 )->helloTimerTimeMin(), f.t0() + 30.0 );
+}
+
+TEST( ScenarioHelloTx, ModeChangeSendsNothingAndModeNoneForgetsTheNeighbors ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   f.advanceBy( 2.0 );
+   f.clearSent();
+
+   intf->modeIs( pimModeSparseBidir );
+   f.runUntilIdle();
+   EXPECT_TRUE( f.sent().empty() );
+   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
+   f.at( 30.0 );
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_TRUE( f.sent()[ 0 ].bidirCapable );
+
+   intf->modeIs( pimModeNone );
+   f.runUntilIdle();
+   EXPECT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( intf->neighborSize(), 0u );
+   EXPECT_EQ( intf->activeNeighborSize(), 0u );
+}
+
+TEST( ScenarioHelloTx, AdvertisedDrPriorityIsOneDuringReloadAndUntilTheDrDelayExpires ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   IntfParams p;
+   p.drPriority = 50;
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", p );
+   auto sm = f.intfSm( eth1 );
+
+   f.at( 2.0 );
+   f.cellGlobalStatus->reloadIs( true );
+   f.runUntilIdle();
+   EXPECT_TRUE( sm->drNotifyDelay() );
+   f.at( 30.0 );
+   ASSERT_EQ( f.sent().size(), 1u );
+   expectFullHello( f.sent()[ 0 ], *intf, 1 );
+
+   // Reload over: the periodic Hello is re-jittered (draw 9: 1 s) and still
+   // advertises 1 while the DR notify delay runs.
+   f.at( 31.0 );
+   f.random().push( { 9 } );
+   f.cellGlobalStatus->reloadIs( false );
+   f.runUntilIdle();
+   EXPECT_EQ( sm->helloTimerTimeMin(), f.t0() + 32.0 );
+   f.at( 32.0 );
+   ASSERT_EQ( f.sent().size(), 2u );
+   EXPECT_EQ( f.sent()[ 1 ].time, f.t0() + 32.0 );
+   expectFullHello( f.sent()[ 1 ], *intf, 1 );
+
+   f.at( 33.0 );
+   f.cellGlobalStatus->drDelayTimerExpiredIs( true );
+   f.runUntilIdle();
+   EXPECT_FALSE( f.cellGlobalStatus->drDelayTimerExpired() );
+   EXPECT_FALSE( sm->drNotifyDelay() );
+   f.at( 62.0 );
+   ASSERT_EQ( f.sent().size(), 3u );
+   EXPECT_EQ( f.sent()[ 2 ].time, f.t0() + 62.0 );
+   expectFullHello( f.sent()[ 2 ], *intf, 50 );
+}
+
+TEST( ScenarioHelloTx, ReloadAloneKeepsAdvertisingOneAfterTheDrDelayExpires ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   IntfParams p;
+   p.drPriority = 50;
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", p );
+   auto sm = f.intfSm( eth1 );
+
+   f.cellGlobalStatus->reloadIs( true );
+   f.runUntilIdle();
+   f.cellGlobalStatus->drDelayTimerExpiredIs( true );
+   f.runUntilIdle();
+   EXPECT_FALSE( sm->drNotifyDelay() );
+   f.at( 30.0 );
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( f.sent()[ 0 ].drPriority, 1u );
+
+   // The re-jitter draw 0 gives no delay at all.
+   f.random().push( { 0 } );
+   f.cellGlobalStatus->reloadIs( false );
+   f.runUntilIdle();
+   f.advanceBy( 0.0 );
+   ASSERT_EQ( f.sent().size(), 2u );
+   EXPECT_EQ( f.sent()[ 1 ].time, f.t0() + 30.0 );
+   EXPECT_EQ( f.sent()[ 1 ].drPriority, 50u );
+}
+
+TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpecifiedAddress ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   auto port = f.globalStatus->portStatusIs( L3::VrfName( "default" ) );
+   port->pimsmSctpConnectionIdIs( ip( "198.18.0.77" ) );
+
+   // No capability: no connection address.
+   intf->helloHoldTimeIs( 100 );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_FALSE( f.sent()[ 0 ].connectionAddrPresent );
+
+   // The capability appears: a triggered Hello (not a neighbour event) carries it.
+   f.clearSent();
+   f.random().push( { drawForTenths( 2 ) } );
+   intf->portCapabilityFlagsIs( Reliable::kCapabilitySctp );
+   f.runUntilIdle();
+   EXPECT_TRUE( intf->triggeredHello() );
+   f.advanceBy( 0.2 );
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_TRUE( f.sent()[ 0 ].connectionAddrPresent );
+   EXPECT_EQ( f.sent()[ 0 ].connectionAddr, ip( "198.18.0.77" ) );
+   EXPECT_EQ( intf->triggeredHelloCount(), 0u );
+
+   // An unspecified address is no address.
+   f.clearSent();
+   port->pimsmSctpConnectionIdIs( ip( "0.0.0.0" ) );
+   intf->helloHoldTimeIs( 105 );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_FALSE( f.sent()[ 0 ].connectionAddrPresent );
+
+   // Nor is a missing entry.
+   f.clearSent();
+   f.globalStatus->portStatusDel( L3::VrfName( "default" ) );
+   intf->helloHoldTimeIs( 100 );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_FALSE( f.sent()[ 0 ].connectionAddrPresent );
+}
+
+TEST( ScenarioHelloTx, PropagationDelayBeyondFifteenBitsSendsNothing ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   const double lastHello = intf->lastHelloTime();
+   const auto exceptionsBefore = f.loop().manager().notificationExceptions();
+
+   intf->propagationDelayIs( 32768 );
+   f.runUntilIdle();
+   f.at( 31.0 );
+   EXPECT_TRUE( f.sent().empty() );
+   EXPECT_EQ( intf->lastHelloTime(), lastHello );
+   EXPECT_GT( f.loop().manager().notificationExceptions(), exceptionsBefore );
+   EXPECT_EQ( f.loop().manager().lastNotificationException(),
+              "HelloPropagationDelay::value < HelloPropagationDelay::min or > HelloPropagationDelay::max not allowed" );
+
+   // 32767 is still a valid value.
+   intf->propagationDelayIs( 32767 );
+   intf->helloHoldTimeIs( 90 );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( f.sent()[ 0 ].propagationDelay, 32767 );
+}
+
+TEST( ScenarioHelloTx, OnlyNeighborEventHellosAreCounted ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   EXPECT_EQ( intf->triggeredHelloCount(), 0u );   // the start-up Hello
+
+   f.receive( eth1, hello( "198.18.0.2" ).genId( 100 ).dr( 1 ) );
+   EXPECT_TRUE( f.intfSm( eth1 )->neighborEventTriggeredHello() );
+   f.advanceBy( 2.0 );
+   EXPECT_EQ( intf->triggeredHelloCount(), 1u );
+
+   // A plain refresh triggers nothing.
+   f.clearSent();
+   f.receive( eth1, hello( "198.18.0.2" ).genId( 100 ).dr( 1 ) );
+   EXPECT_FALSE( intf->triggeredHello() );
+   f.advanceBy( 2.0 );
+   EXPECT_TRUE( f.sent().empty() );
+
+   // A new generation id is a neighbour event.
+   f.random().push( { drawForTenths( 4 ) } );
+   const double before = f.now();
+   f.receive( eth1, hello( "198.18.0.2" ).genId( 101 ).dr( 1 ) );
+   EXPECT_TRUE( intf->triggeredHello() );
+   EXPECT_TRUE( f.traced( EngineFixture::kNeighborTrace, 7,
+                          "Generation Id Option changed for neighbor 198.18.0.2 on interface Ethernet1." ) );
+   f.advanceBy( 2.0 );
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_DOUBLE_EQ( f.sent()[ 0 ].time - before, 0.4 );
+   EXPECT_EQ( intf->triggeredHelloCount(), 2u );
+
+   // So is the option disappearing.
+   f.receive( eth1, hello( "198.18.0.2" ).dr( 1 ) );
+   f.advanceBy( 2.0 );
+   EXPECT_EQ( intf->triggeredHelloCount(), 3u );
+
+   // A DR role change of this router triggers a Hello, but not a counted one.
+   f.clearSent();
+   intf->drPriorityIs( 5 );
+   f.runUntilIdle();
+   EXPECT_TRUE( intf->iAmDr() );
+   EXPECT_TRUE( intf->triggeredHello() );
+   f.advanceBy( 2.0 );
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( f.sent()[ 0 ].drPriority, 5u );
+   EXPECT_EQ( intf->triggeredHelloCount(), 3u );
+
+   // A neighbour leaving triggers nothing.
+   f.clearSent();
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
+   EXPECT_FALSE( intf->triggeredHello() );
+   f.advanceBy( 2.0 );
+   EXPECT_TRUE( f.sent().empty() );
+   EXPECT_EQ( intf->triggeredHelloCount(), 3u );
+}
+
+} // namespace
+} // namespace PimScenario

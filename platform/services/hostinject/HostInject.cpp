@@ -1,0 +1,14 @@
+#include "services/hostinject/HostInject.h"
+
+namespace HostInject {
+
+HostInjectConfig::HostInjectConfig( const Kiv::Name & name ) : Kiv::Entity( name ) {}
+
+const char * HostInjectConfig::mountPath( Lumo::AddressFamily af ) {
+   return af == Lumo::AddressFamily::ipv6 ? "routing6/attached-host/mcast/config"
+                                          : "routing/attached-host/mcast/config";
+}
+
+KIV_REGISTER_ENTITY_TYPE( HostInjectConfig, "HostInject::HostInjectConfig" );
+
+} // namespace HostInject
