@@ -23,8 +23,10 @@ struct Rng {
       s ^= s << 17;
       return s;
    }
+   // Uniform in [0, n) by multiply and shift: no division in the loop.
+   std::uint64_t below( std::uint64_t n ) { return ( ( next() >> 32 ) * n ) >> 32; }
    // Uniform in [30, 105) s with millisecond steps: a hold time refresh.
-   Kiv::Seconds refresh() { return 30.0 + static_cast< double >( next() % 75000 ) / 1000.0; }
+   Kiv::Seconds refresh() { return 30.0 + static_cast< double >( below( 75000 ) ) * 1e-3; }
 };
 
 constexpr Kiv::Seconds kStart = 1000.0;
@@ -41,13 +43,42 @@ void BM_TimerWheelReArm( benchmark::State & state ) {
    }
    benchmark::DoNotOptimize( wheel->nextDeadline() );
    for( auto _ : state ) {
-      const std::uint64_t r = rng.next();
-      timers[ r % n ].timeMinIs( kStart + 30.0 + static_cast< double >( ( r >> 32 ) % 75000 ) / 1000.0 );
+      TimerWheel::NotifieeConst & t = timers[ rng.below( n ) ];
+      t.timeMinIs( kStart + rng.refresh() );
    }
    benchmark::DoNotOptimize( wheel->nextDeadline() );
    state.SetItemsProcessed( state.iterations() );
 }
 BENCHMARK( BM_TimerWheelReArm )->Arg( 1000 )->Arg( 100'000 )->Arg( 1'000'000 );
+
+// Reference for the figure above: what the memory alone costs when one random
+// node of the same size and its two list neighbours are written, which is the
+// least any re-arm of an intrusively listed timer does once the timers no
+// longer fit in the caches.
+void BM_TimerWheelReArmMemoryFloor( benchmark::State & state ) {
+   struct Node {
+      Node * prev;
+      Node * next;
+      std::uint64_t payload[ 8 ];
+   };
+   static_assert( sizeof( Node ) == sizeof( TimerWheel::NotifieeConst ) );
+   const auto n = static_cast< std::size_t >( state.range( 0 ) );
+   std::unique_ptr< Node[] > nodes( new Node[ n ] );
+   Rng rng;
+   for( std::size_t i = 0; i < n; ++i ) {
+      nodes[ i ].prev = &nodes[ rng.below( n ) ];
+      nodes[ i ].next = &nodes[ rng.below( n ) ];
+   }
+   for( auto _ : state ) {
+      Node & x = nodes[ rng.below( n ) ];
+      x.prev->next = x.next;
+      x.next->prev = x.prev;
+      x.payload[ 0 ] = rng.s;
+   }
+   benchmark::DoNotOptimize( nodes[ 0 ] );
+   state.SetItemsProcessed( state.iterations() );
+}
+BENCHMARK( BM_TimerWheelReArmMemoryFloor )->Arg( 1000 )->Arg( 100'000 )->Arg( 1'000'000 );
 
 // Every timer re-arms itself when it fires, as a hello or hold timer does; one
 // iteration advances the clock to the earliest deadline and fires it.

@@ -426,13 +426,6 @@ TEST_F( TimerWheelTest, RebindingDisarms ) {
    EXPECT_EQ( t.fired(), 0 );
 }
 
-TEST_F( TimerWheelTest, RegisteredWithTheActivityManagerForItsLifetime ) {
-   Timer t( wheel_.ptr() );
-   EXPECT_EQ( loop_.manager().nextDeadline(), kNever );
-   t.timeMinIs( 12.5 );
-   EXPECT_EQ( loop_.manager().nextDeadline(), 12.5 );
-}
-
 #ifndef NDEBUG
 using TimerWheelDeathTest = TimerWheelTest;
 
