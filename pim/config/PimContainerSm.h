@@ -13,7 +13,8 @@
 //    asuShutdownStatus, asuVrfStatus, bridgingConfig.
 // The ACL, interface-directory, boundary, attribute-log and service-ACL inputs
 // are passed through opaquely (they may be null): the machines that read
-// them are not built by this container yet.
+// them (the I/O machine) are not built by this container yet, nor is the
+// fast-upgrade machine or the IP interface machine.
 // Required (a null one raises "null ValidPtr" during construction): the
 // global, cell-global and all-status entities, the Varn status table, the
 // configuration root, the IP status and the timer wheel.
@@ -21,6 +22,7 @@
 
 #include "hello/PimHelloSm.h"
 #include "hello/PimIntfSm.h"
+#include "feeds/PortConfigSm.h"
 #include "feeds/RouterIdSm.h"
 #include "kiv/EntityMacros.h"
 #include "lumo/AddressFamily.h"
@@ -82,6 +84,7 @@ struct ContainerSmArgs {
    X( PTR, pimHelloSm, PimHelloSm, HelloSm )                                            \
    X( PTR, sourceIntfDir, SourceIntfDir, IpGen::SourceIntf::SourceIntfDir )             \
    X( PTR, sourceIntfSm, SourceIntfSm, IpGen::SourceIntf::VrfSourceIntfSm )             \
+   X( PTR, portConfigSm, PortConfigSm, Reliable::ConfigSm )                             \
    X( SCALAR, initialized, Initialized, bool, false )
 
 class ContainerSm : public Kiv::StateMachine {

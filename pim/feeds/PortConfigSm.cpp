@@ -32,8 +32,13 @@ L3::VrfName ConfigSm::vrfName() const {
 }
 
 void ConfigSm::sourceIntfStatusIs( const Kiv::Ptr< IpGen::SourceIntf::SourceIntf > & sourceIntf ) {
+   if( sourceIntfStatus_ == sourceIntf ) return;
    sourceIntfStatus_ = sourceIntf;
+   sourceIntfStatusReactor_.notifierIs( nullptr );
    sourceIntfStatusReactor_.notifierIs( sourceIntf );
+   // A new notifier: publish its address now, later changes come through
+   // the reactor.
+   if( sourceIntf ) handleAddrChange();
 }
 
 void ConfigSm::sourceIntfStatusDel() {

@@ -150,6 +150,16 @@ class IntfSm : public Kiv::StateMachine {
       IntfSm * owner_;
    };
 
+   friend class NeighborSm;
+   // The largest LAN prune delay values among the active neighbours, kept so
+   // that a neighbour coming up does not rescan the table; NeighborSm marks
+   // them stale when a neighbour's option changes.
+   void activeLanPruneDelayMaxStale() { activeLanPruneDelayMaxValid_ = false; }
+   void activeLanPruneDelayMax( std::uint16_t & propagationDelay, std::uint16_t & overrideInterval );
+   bool activeLanPruneDelayMaxValid_ = false;
+   std::uint16_t activeMaxPropagationDelay_ = 0;
+   std::uint16_t activeMaxOverrideInterval_ = 0;
+
    const Lumo::IntfId intfId_;
    Kiv::Ptr< Intf > intf_;
    IntfSmInputs inputs_;

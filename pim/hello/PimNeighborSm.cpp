@@ -163,6 +163,7 @@ void NeighborSm::handleDrPriorityOption() {
 
 void NeighborSm::handleLanPruneDelayOption() {
    NTRACE( 8, "void Routing::Pim::NeighborSm::handleLanPruneDelayOption()" );
+   if( intfSm_ ) intfSm_->activeLanPruneDelayMaxStale();
    NEIGHBOR_PRESENT_OR_RETURN();
    const LanPruneDelayOption option = neighbor_->lanPruneDelayOption();
    const LanPruneDelayOption prev = prevLanPruneDelayOption();

@@ -84,7 +84,7 @@ class ScriptedRandom final : public Kiv::Random {
 inline std::uint32_t drawForTenths( std::uint32_t tenths ) { return tenths - 1; }
 
 // A Hello as a neighbour sends it. Options are absent unless set.
-struct HelloSpec {
+struct HelloBuilder {
    Lumo::IpGenAddr src;
    std::optional< std::uint16_t > holdTime = 105;
    std::optional< std::uint32_t > drPriority;
@@ -94,20 +94,20 @@ struct HelloSpec {
    std::vector< Lumo::IpGenAddr > secondary;
    std::optional< Reliable::NeighborInfo > port;
 
-   HelloSpec & hold( std::optional< std::uint16_t > v ) { holdTime = v; return *this; }
-   HelloSpec & noHold() { holdTime.reset(); return *this; }
-   HelloSpec & dr( std::uint32_t v ) { drPriority = v; return *this; }
-   HelloSpec & genId( std::uint32_t v ) { generationId = v; return *this; }
-   HelloSpec & lpd( std::uint16_t pd, std::uint16_t oi, bool t ) {
+   HelloBuilder & hold( std::optional< std::uint16_t > v ) { holdTime = v; return *this; }
+   HelloBuilder & noHold() { holdTime.reset(); return *this; }
+   HelloBuilder & dr( std::uint32_t v ) { drPriority = v; return *this; }
+   HelloBuilder & genId( std::uint32_t v ) { generationId = v; return *this; }
+   HelloBuilder & lpd( std::uint16_t pd, std::uint16_t oi, bool t ) {
       lanPruneDelay = LanPruneDelayOption{ true, pd, oi, t };
       return *this;
    }
-   HelloSpec & bidirCapable( bool v = true ) { bidir = v; return *this; }
-   HelloSpec & addrs( std::initializer_list< const char * > a ) {
+   HelloBuilder & bidirCapable( bool v = true ) { bidir = v; return *this; }
+   HelloBuilder & addrs( std::initializer_list< const char * > a ) {
       for( const char * s : a ) secondary.push_back( ip( s ) );
       return *this;
    }
-   HelloSpec & portInfo( const Reliable::NeighborInfo & i ) { port = i; return *this; }
+   HelloBuilder & portInfo( const Reliable::NeighborInfo & i ) { port = i; return *this; }
 
    Kiv::Ptr< Packet::HelloMessage > build() const {
       auto h = Kiv::make< Packet::HelloMessage >();
@@ -146,8 +146,8 @@ struct HelloSpec {
    }
 };
 
-inline HelloSpec hello( std::string_view src ) {
-   HelloSpec s;
+inline HelloBuilder hello( std::string_view src ) {
+   HelloBuilder s;
    s.src = ip( src );
    return s;
 }
@@ -305,7 +305,7 @@ class EngineFixture {
    Kiv::Ptr< IntfSm > intfSm( const Lumo::IntfId & id ) const { return global->intfSm( id ); }
 
    // ---- receive --------------------------------------------------------------
-   void receive( const Lumo::IntfId & id, const HelloSpec & h ) {
+   void receive( const Lumo::IntfId & id, const HelloBuilder & h ) {
       rx->messageIs( h.build() );
       rx->intfIdIs( id );
       rx->countInc( 1 );

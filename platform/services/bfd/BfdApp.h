@@ -18,7 +18,7 @@ namespace Bfd {
 class StatusPeer : public Kiv::Entity {
  public:
    explicit StatusPeer( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "Bfd::StatusPeer"; }
+   const char * typeName() const override;
    KIV_ENTITY( StatusPeer, "Bfd::StatusPeer", BFD_STATUS_PEER_ATTRS )
    static const char * mountPath() { return "bfd/status/peer"; }
 };

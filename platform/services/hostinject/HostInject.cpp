@@ -12,3 +12,9 @@ const char * HostInjectConfig::mountPath( Lumo::AddressFamily af ) {
 KIV_REGISTER_ENTITY_TYPE( HostInjectConfig, "HostInject::HostInjectConfig" );
 
 } // namespace HostInject
+
+// Out of line: the vtable, and with it this file's type registrations, come
+// with any use of the types.
+namespace HostInject {
+const char * HostInjectConfig::typeName() const { return "HostInject::HostInjectConfig"; }
+} // namespace HostInject

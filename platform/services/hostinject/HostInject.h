@@ -33,7 +33,7 @@ KIV_NOTIFIEE( HostInjectIntfConfig, HOST_INJECT_INTF_CONFIG_ATTRS )
 class HostInjectConfig : public Kiv::Entity {
  public:
    explicit HostInjectConfig( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "HostInject::HostInjectConfig"; }
+   const char * typeName() const override;
    KIV_ENTITY( HostInjectConfig, "HostInject::HostInjectConfig", HOST_INJECT_CONFIG_ATTRS )
    // "routing/attached-host/mcast/config", "routing6/..." for IPv6.
    static const char * mountPath( Lumo::AddressFamily af );

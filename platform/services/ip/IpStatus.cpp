@@ -159,3 +159,12 @@ KIV_REGISTER_ENTITY_TYPE( Ipv4Status, "Ip::Status" );
 KIV_REGISTER_ENTITY_TYPE( Ipv6Status, "Ip6::Status" );
 
 } // namespace IpGen
+
+// Out of line: the vtable, and with it this file's type registrations, come
+// with any use of the types.
+namespace IpGen {
+const char * Ipv4Status::typeName() const { return "Ip::Status"; }
+} // namespace IpGen
+namespace IpGen {
+const char * Ipv6Status::typeName() const { return "Ip6::Status"; }
+} // namespace IpGen

@@ -88,13 +88,13 @@ class Ipv4Status : public Status {
  public:
    explicit Ipv4Status( const Kiv::Name & name = Kiv::Name() )
          : Status( Lumo::AddressFamily::ipv4, name ) {}
-   const char * typeName() const override { return "Ip::Status"; }
+   const char * typeName() const override;
 };
 class Ipv6Status : public Status {
  public:
    explicit Ipv6Status( const Kiv::Name & name = Kiv::Name() )
          : Status( Lumo::AddressFamily::ipv6, name ) {}
-   const char * typeName() const override { return "Ip6::Status"; }
+   const char * typeName() const override;
 };
 
 // Walks an interface's addresses: the primary first (when it has one), then

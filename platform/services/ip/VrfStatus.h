@@ -31,7 +31,7 @@ KIV_NOTIFIEE( VrfStatusLocal, IP_VRF_STATUS_LOCAL_ATTRS )
 class AllVrfStatusLocal : public Kiv::Entity {
  public:
    explicit AllVrfStatusLocal( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "Ip::AllVrfStatusLocal"; }
+   const char * typeName() const override;
    KIV_ENTITY( AllVrfStatusLocal, "Ip::AllVrfStatusLocal", IP_ALL_VRF_STATUS_LOCAL_ATTRS )
    static const char * mountPath() { return "ip/vrf/status/local"; }
 };

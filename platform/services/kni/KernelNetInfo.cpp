@@ -14,3 +14,9 @@ std::string Status::mountPath( const Lumo::NamespaceName & ns ) {
 KIV_REGISTER_ENTITY_TYPE( Status, "KernelNetInfo::Status" );
 
 } // namespace KernelNetInfo
+
+// Out of line: the vtable, and with it this file's type registrations, come
+// with any use of the types.
+namespace KernelNetInfo {
+const char * Status::typeName() const { return "KernelNetInfo::Status"; }
+} // namespace KernelNetInfo

@@ -19,7 +19,7 @@ class Status : public Kiv::Entity {
  public:
    // Starts with an empty devices directory.
    explicit Status( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "KernelNetInfo::Status"; }
+   const char * typeName() const override;
    KIV_ENTITY( Status, "KernelNetInfo::Status", KNI_STATUS_ATTRS )
 
    // "kni/ns/<ns>/status"; the default namespace is "default".

@@ -140,3 +140,33 @@ KIV_REGISTER_ENTITY_TYPE( Ipv4MulticastGroupsForApplications, "Ip::MulticastGrou
 KIV_REGISTER_ENTITY_TYPE( Ipv6MulticastGroupsForApplications, "Ip6::MulticastGroupsForApplications" );
 
 } // namespace IpGen
+
+// Out of line: the vtable, and with it this file's type registrations, come
+// with any use of the types.
+namespace Routing::Multicast::Fib {
+const char * VrfEnabledStatus::typeName() const { return "Routing::Multicast::Fib::VrfEnabledStatus"; }
+} // namespace Routing::Multicast::Fib
+namespace Routing::Multicast::Fib {
+const char * VrfConfig::typeName() const { return "Routing::Multicast::Fib::VrfConfig"; }
+} // namespace Routing::Multicast::Fib
+namespace Routing::Multicast::Pim {
+const char * Status::typeName() const { return "Routing::Multicast::Pim::Status"; }
+} // namespace Routing::Multicast::Pim
+namespace Routing::Multicast::Vxlan {
+const char * Status::typeName() const { return "Routing::Multicast::Vxlan::Status"; }
+} // namespace Routing::Multicast::Vxlan
+namespace Vxlan {
+const char * EnabledStatus::typeName() const { return "Vxlan::EnabledStatus"; }
+} // namespace Vxlan
+namespace McastCommon {
+const char * MulticastIntfsForApplications::typeName() const { return "McastCommon::MulticastIntfsForApplications"; }
+} // namespace McastCommon
+namespace McastCommon {
+const char * AppVrfIntfs::typeName() const { return "McastCommon::AppVrfIntfs"; }
+} // namespace McastCommon
+namespace McastCommon {
+const char * AsuVrfStatus::typeName() const { return "McastCommon::AsuVrfStatus"; }
+} // namespace McastCommon
+namespace McastCommon {
+const char * AsuShutdownStatus::typeName() const { return "McastCommon::AsuShutdownStatus"; }
+} // namespace McastCommon

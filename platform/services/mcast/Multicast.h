@@ -27,7 +27,7 @@ class VrfEnabledStatus : public Kiv::Entity {
  public:
    explicit VrfEnabledStatus( const Kiv::Name & name = Kiv::Name(),
                               Lumo::AddressFamily af = Lumo::AddressFamily::ipv4 );
-   const char * typeName() const override { return "Routing::Multicast::Fib::VrfEnabledStatus"; }
+   const char * typeName() const override;
    Lumo::AddressFamily af() const { return af_; }
    KIV_ENTITY( VrfEnabledStatus, "Routing::Multicast::Fib::VrfEnabledStatus",
                MFIB_VRF_ENABLED_STATUS_ATTRS )
@@ -46,7 +46,7 @@ KIV_NOTIFIEE( VrfEnabledStatus, MFIB_VRF_ENABLED_STATUS_ATTRS )
 class VrfConfig : public Kiv::Entity {
  public:
    explicit VrfConfig( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "Routing::Multicast::Fib::VrfConfig"; }
+   const char * typeName() const override;
    KIV_ENTITY( VrfConfig, "Routing::Multicast::Fib::VrfConfig", MFIB_VRF_CONFIG_ATTRS )
    // "routing/multicast/vrf/config", "routing6/..." for IPv6.
    static const char * mountPath( Lumo::AddressFamily af );
@@ -66,7 +66,7 @@ class Status : public Kiv::Entity {
  public:
    explicit Status( const Kiv::Name & name = Kiv::Name(),
                     Lumo::AddressFamily af = Lumo::AddressFamily::ipv4 );
-   const char * typeName() const override { return "Routing::Multicast::Pim::Status"; }
+   const char * typeName() const override;
    Lumo::AddressFamily af() const { return af_; }
    KIV_ENTITY( Status, "Routing::Multicast::Pim::Status", MCAST_PIM_STATUS_ATTRS )
    // "routing/multicast/pim/status", "routing6/..." for IPv6.
@@ -88,7 +88,7 @@ class Status : public Kiv::Entity {
  public:
    explicit Status( const Kiv::Name & name = Kiv::Name(),
                     Lumo::AddressFamily af = Lumo::AddressFamily::ipv4 );
-   const char * typeName() const override { return "Routing::Multicast::Vxlan::Status"; }
+   const char * typeName() const override;
    Lumo::AddressFamily af() const { return af_; }
    KIV_ENTITY( Status, "Routing::Multicast::Vxlan::Status", MCAST_VXLAN_STATUS_ATTRS )
    // "routing/multicast/vxlan/status", "routing6/..." for IPv6.
@@ -128,7 +128,7 @@ std::ostream & operator<<( std::ostream & os, VniExtOrNone v );
 class EnabledStatus : public Kiv::Entity {
  public:
    explicit EnabledStatus( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "Vxlan::EnabledStatus"; }
+   const char * typeName() const override;
    KIV_ENTITY( EnabledStatus, "Vxlan::EnabledStatus", VXLAN_ENABLED_STATUS_ATTRS )
    static const char * mountPath() { return "vxlan/enabledStatus"; }
 };
@@ -145,7 +145,7 @@ namespace McastCommon {
 class MulticastIntfsForApplications : public Kiv::Entity {
  public:
    explicit MulticastIntfsForApplications( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "McastCommon::MulticastIntfsForApplications"; }
+   const char * typeName() const override;
    KIV_ENTITY( MulticastIntfsForApplications, "McastCommon::MulticastIntfsForApplications",
                MCAST_INTFS_FOR_APPLICATIONS_ATTRS )
    // "multicastIntfs/application/pim", "multicastIntfs6/application/pim6".
@@ -173,7 +173,7 @@ KIV_NOTIFIEE( VrfIntfColl, MCAST_VRF_INTF_COLL_ATTRS )
 class AppVrfIntfs : public Kiv::Entity {
  public:
    explicit AppVrfIntfs( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "McastCommon::AppVrfIntfs"; }
+   const char * typeName() const override;
    KIV_ENTITY( AppVrfIntfs, "McastCommon::AppVrfIntfs", MCAST_APP_VRF_INTFS_ATTRS )
 };
 KIV_NOTIFIEE( AppVrfIntfs, MCAST_APP_VRF_INTFS_ATTRS )
@@ -186,7 +186,7 @@ KIV_NOTIFIEE( AppVrfIntfs, MCAST_APP_VRF_INTFS_ATTRS )
 class AsuVrfStatus : public Kiv::Entity {
  public:
    explicit AsuVrfStatus( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "McastCommon::AsuVrfStatus"; }
+   const char * typeName() const override;
    KIV_ENTITY( AsuVrfStatus, "McastCommon::AsuVrfStatus", MCAST_ASU_VRF_STATUS_ATTRS )
    // Every participating VRF has completed (false when none participates).
    bool allCompleted() const;
@@ -199,7 +199,7 @@ KIV_NOTIFIEE( AsuVrfStatus, MCAST_ASU_VRF_STATUS_ATTRS )
 class AsuShutdownStatus : public Kiv::Entity {
  public:
    explicit AsuShutdownStatus( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "McastCommon::AsuShutdownStatus"; }
+   const char * typeName() const override;
    KIV_ENTITY( AsuShutdownStatus, "McastCommon::AsuShutdownStatus",
                MCAST_ASU_SHUTDOWN_STATUS_ATTRS )
 };

@@ -11,7 +11,7 @@ namespace Mlag {
 class ProtoStatus : public Kiv::Entity {
  public:
    explicit ProtoStatus( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "Mlag::ProtoStatus"; }
+   const char * typeName() const override;
    KIV_ENTITY( ProtoStatus, "Mlag::ProtoStatus", MLAG_PROTO_STATUS_ATTRS )
    static const char * mountPath() { return "mlag/proto"; }
 };

@@ -35,7 +35,7 @@ KIV_NOTIFIEE( SourceIntf, IPGEN_SOURCE_INTF_ATTRS )
 class SourceIntfDir : public Kiv::Entity {
  public:
    explicit SourceIntfDir( const Kiv::Name & name = Kiv::Name() );
-   const char * typeName() const override { return "IpGen::SourceIntf::SourceIntfDir"; }
+   const char * typeName() const override;
    KIV_ENTITY( SourceIntfDir, "IpGen::SourceIntf::SourceIntfDir", IPGEN_SOURCE_INTF_DIR_ATTRS )
 };
 KIV_NOTIFIEE( SourceIntfDir, IPGEN_SOURCE_INTF_DIR_ATTRS )

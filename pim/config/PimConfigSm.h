@@ -1,0 +1,500 @@
+#pragma once
+// ConfigSm: one per address family. Turns configuration and system status
+// into PIM status:
+//  * per interface: whether it is a PIM interface of its VRF and with which
+//    effective parameters (updatePimIntf recomputes one interface whole and
+//    writes only what differs);
+//  * per VRF: the status entities, the "PIM enabled" flags read by the
+//    multicast routing side, the kernel namespace view, the shared-memory
+//    tables, the VIF and ALL-PIM-ROUTERS requests of every PIM interface and
+//    the per-VRF container of the Hello engine;
+//  * the DR start-up timers after a reload (with the MLAG hold-off), the
+//    fast-upgrade completion across VRFs and the clear commands;
+//  * the application requests (ApplicationConfigSm).
+//
+// Every input may be missing: a missing input is a traced state that leads
+// to the deletion of what was derived from it, never a crash.
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "config/PimApplicationConfigSm.h"
+#include "config/PimContainerSm.h"
+#include "kiv/Entity.h"
+#include "kiv/EntityMacros.h"
+#include "lumo/AddressFamily.h"
+#include "lumo/IntfId.h"
+#include "lumo/IpGenAddrWithMask.h"
+#include "lumo/NamespaceName.h"
+#include "lumo/VrfName.h"
+#include "model/PimConfig.h"
+#include "model/PimStatus.h"
+#include "services/bfd/Bfd.h"
+#include "services/bfd/BfdApp.h"
+#include "services/bridging/BridgingConfig.h"
+#include "services/hostinject/HostInject.h"
+#include "services/intf/DeviceIntfStatus.h"
+#include "services/ip/IpStatus.h"
+#include "services/ip/VrfStatus.h"
+#include "services/kni/KernelNetInfo.h"
+#include "services/mcast/Multicast.h"
+#include "services/mlag/Mlag.h"
+#include "services/varn/PimVarnStatus.h"
+#include "services/varn/VarnMount.h"
+#include "tolm/TimerWheel.h"
+
+namespace Routing::Pim {
+
+// How the kernel network information status of a namespace
+// ("kni/ns/<namespace>/status") is mounted and released. The agent passes its
+// state-store mount; tests pass a map.
+class KernelNetInfoMounter : public Kiv::PtrInterface {
+ public:
+   // The mounted status, or null when nothing of that type is there.
+   virtual Kiv::Ptr< KernelNetInfo::Status > doMount( const std::string & path ) = 0;
+   virtual void doUnmount( const std::string & path ) = 0;
+};
+
+// Declares an agent stage complete (the agent's stage machinery).
+using StageCompleteFn = std::function< void( const std::string & stage ) >;
+
+// What ConfigSm reads and writes. Every pointer may be null.
+struct ConfigSmInputs {
+   Lumo::AddressFamily af = Lumo::AddressFamily::ipv4;
+   // Configuration (read-only): PIM configuration root, clear commands,
+   // multicast host injection, application requests (a directory of
+   // Application::Config by application name), clear-multicast-routes.
+   Kiv::Ptr< const ConfigColl > pimConfigColl;
+   Kiv::Ptr< const ClearConfigColl > pimClearConfigColl;
+   Kiv::Ptr< const HostInject::HostInjectConfig > hostInjectConfig;
+   Kiv::Ptr< const Kiv::Dir > appConfigDir;
+   Kiv::Ptr< const ClearMrouteConfigColl > clearMrouteConfigColl;
+   // PIM status written here: per-VRF status roots, per-VRF interface
+   // status, the enabled-VRF flags and reliable-transport status, the
+   // reload / DR-delay flags, and the enabled VRFs as multicast routing
+   // reads them.
+   Kiv::Ptr< StatusColl > pimStatusColl;
+   Kiv::Ptr< AllStatusColl > pimAllStatusColl;
+   Kiv::Ptr< GlobalStatus > pimGlobalStatus;
+   Kiv::Ptr< CellGlobalStatus > pimCellGlobalStatus;
+   Kiv::Ptr< Multicast::Pim::Status > mcastPimStatus;
+   // System status (read-only): MLAG, IP interfaces, VRFs and their
+   // namespaces, kernel interfaces per VRF, multicast routing enablement.
+   Kiv::Ptr< const Mlag::ProtoStatus > mlagProtoStatus;
+   Kiv::Ptr< const IpGen::Status > ipStatus;
+   Kiv::Ptr< const Ip::AllVrfStatusLocal > allVrfStatusLocal;
+   Kiv::Ptr< const McastCommon::AppVrfIntfs > appVrfIntfs;
+   Kiv::Ptr< const Multicast::Fib::VrfEnabledStatus > vrfEnabledStatus;
+   // Requests per PIM interface: ALL-PIM-ROUTERS membership and VIFs.
+   Kiv::Ptr< IpGen::MulticastGroupsForApplications > multicastGroups;
+   Kiv::Ptr< McastCommon::MulticastIntfsForApplications > multicastIntfs;
+   // BFD: the PIM application's configuration directory (one sub-directory
+   // per VRF) and the sessions' states.
+   Kiv::Ptr< Kiv::Dir > bfdAppConfigDir;
+   Kiv::Ptr< const Bfd::StatusPeer > bfdStatusPeer;
+   // Mounts: the shared-memory tables and the kernel namespace status.
+   Kiv::Ptr< KivVarn::Mount > varnMount;
+   Kiv::Ptr< KernelNetInfoMounter > kniMounter;
+   // Fast upgrade: the shutdown request and the per-VRF completion.
+   Kiv::Ptr< const McastCommon::AsuShutdownStatus > asuShutdownStatus;
+   Kiv::Ptr< McastCommon::AsuVrfStatus > asuVrfStatus;
+   // Passed on to the containers.
+   Kiv::Ptr< const Bridging::Config > bridgingConfig;
+   ContainerSmArgs containerExtras;   // only its pass-through inputs are used
+   Kiv::Ptr< Tolm::TimerWheel > timerWheel;
+   // Declares "NetworkAgentShutdown" complete.
+   StageCompleteFn stageComplete;
+};
+
+#define PIM_CONFIG_SM_ATTRS( X )                                                                  \
+   X( ENTITIES, vrfSparseModeIntf, VrfSparseModeIntf, L3::VrfName, VrfPimIntf )                  \
+   X( ENTITIES, vrfBidirIntf, VrfBidirIntf, L3::VrfName, VrfPimIntf )                            \
+   X( COLL, appConfigSmColl, AppConfigSmColl, std::string, Kiv::Ptr< ApplicationConfigSm > )     \
+   X( COLL, pimVrfContainerSm, PimVrfContainerSm, L3::VrfName, Kiv::Ptr< ContainerSm > )         \
+   X( COLL, pimVrfCounters, PimVrfCounters, L3::VrfName, Kiv::Ptr< Varn::MessageCounters > )     \
+   X( COLL, pimVarnStatus, PimVarnStatus, L3::VrfName, Kiv::Ptr< Varn::Status > )                \
+   X( COLL, namespaceName, NamespaceName, L3::VrfName, Lumo::NamespaceName )                     \
+   X( COLL, kernelVrfIntfStatusDir, KernelVrfIntfStatusDir, Lumo::NamespaceName,                 \
+      Kiv::Ptr< Interface::DeviceIntfStatusDir > )                                              \
+   X( COLL, kniStatus, KniStatus, Lumo::NamespaceName, Kiv::Ptr< KernelNetInfo::Status > )       \
+   X( COLL, bfdPimAppConfig, BfdPimAppConfig, L3::VrfName, Kiv::Ptr< Bfd::AppConfig > )          \
+   X( SET, reviewedMulticastIntf, ReviewedMulticastIntf, Lumo::IntfId )                          \
+   X( SCALAR, initialized, Initialized, bool, false )
+
+class ConfigSm : public Kiv::StateMachine {
+ public:
+   // Reload hold-off before the router's own DR priority counts again.
+   static constexpr double kReloadDelay = 50.0;
+   static constexpr const char * kShutdownStage = "NetworkAgentShutdown";
+
+   explicit ConfigSm( const ConfigSmInputs & inputs );
+   ~ConfigSm() override;
+   KIV_ENTITY( ConfigSm, "Routing::Pim::ConfigSm", PIM_CONFIG_SM_ATTRS )
+
+   const ConfigSmInputs & inputs() const { return inputs_; }
+   Lumo::AddressFamily af() const { return inputs_.af; }
+   Kiv::Seconds drInitTimerTimeMin() const { return drInitTimer_.timeMin(); }
+   Kiv::Seconds drDelayTimerTimeMin() const { return drDelayTimer_.timeMin(); }
+
+   // Start-up: DR timers, every input's reactors, every VRF, the
+   // applications; sets initialized last.
+   void handleInitialized();
+
+   // ---- interfaces ----
+   void updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf );
+   void deletePimIntf( const L3::VrfName & vrf, const Lumo::IntfId & intf );
+   void deletePimIntfFromStatus( const L3::VrfName & vrf, const Lumo::IntfId & intf );
+   Mode applicationMode( const Lumo::IntfId & intf, Mode mode ) const;
+   void updateAllPimIntf( const L3::VrfName & vrf );
+   void doUpdateAllPimIntf( const L3::VrfName & vrf );
+   void handleIntfConfig( const Lumo::IntfId & intf );
+   void handleIpIntfStatus( const L3::VrfName & vrf, const Lumo::IntfId & intf );
+   void handleActiveAddrWithMask( const L3::VrfName & vrf, const Lumo::IntfId & intf );
+   void handleActiveSecondary( const L3::VrfName & vrf, const Lumo::IntfId & intf );
+   void handleActiveSecondaryWithMask( const Lumo::IntfId & intf, const Lumo::IpGenAddrWithMask & a );
+   void handleSourceInject( const Lumo::IntfId & intf );
+   void handleBfdIntfDefault( const L3::VrfName & vrf );
+
+   // ---- VRFs ----
+   bool multicastEnabled( const L3::VrfName & vrf ) const;
+   void handleVrf( const L3::VrfName & vrf );
+   void doUpdateMulticastEnabled( const L3::VrfName & vrf );
+   void doMaybeUpdatePimEnabledSparseModeVrf( const L3::VrfName & vrf );
+   void doMaybeUpdatePimEnabledBidirVrf( const L3::VrfName & vrf );
+   void doCreateOrDeleteContainer( const L3::VrfName & vrf );
+   void doMounts( const L3::VrfName & vrf );
+   void doUnmounts( const L3::VrfName & vrf );
+   void doKniInit( const L3::VrfName & vrf );
+   void doKniDeinit( const L3::VrfName & vrf );
+   void doUpdateVif( const L3::VrfName & vrf, const Lumo::IntfId & intf );
+   void doUpdateAllPimRouters( const L3::VrfName & vrf, const Lumo::IntfId & intf );
+   void handlePimConfigured( const L3::VrfName & vrf );
+   void handlePimIntf( const L3::VrfName & vrf, const Lumo::IntfId & intf );
+   void handlePimIntfMode( const L3::VrfName & vrf );
+   void handleVrfIntfColl( const L3::VrfName & vrf, const Lumo::IntfId & intf );
+
+   // ---- DR start-up timers, fast upgrade, clear commands ----
+   void handleMlagProtoStatus();
+   void drInitTimerExpired();
+   void handleDrDelayTimerExpiry();
+   void handleAsuCompletedVrf();
+   void handleClearCountersCount( const L3::VrfName & vrf );
+   void handleClearIpMroute( const L3::VrfName & vrf );
+
+   // ---- applications ----
+   void handleApplication( const std::string & name );
+   void handleApplication();
+   Kiv::Ptr< ApplicationConfigSm > appConfigSm( const std::string & name ) const {
+      return appConfigSmColl( name );
+   }
+   Kiv::Ptr< ApplicationConfigSm > appConfigSmIs( const std::string & name,
+                                                  const Kiv::Ptr< const Application::Config > & config );
+   void appConfigSmDel( const std::string & name );
+   void appConfigSmDelAll();
+   std::size_t appConfigSmSize() const { return appConfigSmCollSize(); }
+
+   // The ALL-PIM-ROUTERS group of the family.
+   Lumo::IpGenAddr allPimRoutersGroup() const;
+
+   // Reactors (public so that the per-key reactor maps can name them).
+   class KivIntfConfig;
+   class KivPimConfig;
+   class KivHostInjectIntfConfig;
+   class KivIpIntfStatus;
+   class KivPimAllStatus;
+   class KivPimIntf;
+   class KivReliableStatus;
+   class KivClearConfig;
+   class ClearMrouteSm;
+   class KivVrfIntfColl;
+
+ private:
+   class KivPimConfigColl : public ConfigColl::NotifieeConst {
+    public:
+      explicit KivPimConfigColl( ConfigSm * o ) : owner_( o ) {}
+      void onIntfConfig( const Lumo::IntfId & intf ) override;
+      void onVrfConfig( const L3::VrfName & vrf ) override;
+    private:
+      ConfigSm * owner_;
+   };
+   class KivHostInjectConfig : public HostInject::HostInjectConfig::NotifieeConst {
+    public:
+      explicit KivHostInjectConfig( ConfigSm * o ) : owner_( o ) {}
+      void onConfig( const Lumo::IntfId & intf ) override;
+    private:
+      ConfigSm * owner_;
+   };
+   class KivIpStatus : public IpGen::Status::NotifieeConst {
+    public:
+      explicit KivIpStatus( ConfigSm * o ) : owner_( o ) {}
+      void onIntfStatus( const Lumo::IntfId & intf ) override;
+      void onVrf( const L3::VrfName & vrf ) override { owner_->handleVrf( vrf ); }
+    private:
+      ConfigSm * owner_;
+   };
+   class KivVrfEnabledStatus : public Multicast::Fib::VrfEnabledStatus::NotifieeConst {
+    public:
+      explicit KivVrfEnabledStatus( ConfigSm * o ) : owner_( o ) {}
+      void onVrf( const L3::VrfName & vrf ) override { owner_->handleVrf( vrf ); }
+    private:
+      ConfigSm * owner_;
+   };
+   class KivAllVrfStatusLocal : public Ip::AllVrfStatusLocal::NotifieeConst {
+    public:
+      explicit KivAllVrfStatusLocal( ConfigSm * o ) : owner_( o ) {}
+      void onVrf( const L3::VrfName & vrf ) override { owner_->handleVrf( vrf ); }
+    private:
+      ConfigSm * owner_;
+   };
+   class KivPimGlobalStatus : public GlobalStatus::NotifieeConst {
+    public:
+      explicit KivPimGlobalStatus( ConfigSm * o ) : owner_( o ) {}
+      void onPimEnabledSparseModeVrf( const L3::VrfName & vrf ) override {
+         owner_->doCreateOrDeleteContainer( vrf );
+      }
+      void onPimEnabledBidirVrf( const L3::VrfName & vrf ) override {
+         owner_->doCreateOrDeleteContainer( vrf );
+      }
+    private:
+      ConfigSm * owner_;
+   };
+   class KivMlagProtoStatus : public Mlag::ProtoStatus::NotifieeConst {
+    public:
+      explicit KivMlagProtoStatus( ConfigSm * o ) : owner_( o ) {}
+      void onPortsErrdisabled() override { owner_->handleMlagProtoStatus(); }
+    private:
+      ConfigSm * owner_;
+   };
+   class KivAsuVrfStatus : public McastCommon::AsuVrfStatus::NotifieeConst {
+    public:
+      explicit KivAsuVrfStatus( ConfigSm * o ) : owner_( o ) {}
+      void onCompletedVrf( const L3::VrfName & ) override { owner_->handleAsuCompletedVrf(); }
+    private:
+      ConfigSm * owner_;
+   };
+   class KivClearConfigColl : public ClearConfigColl::NotifieeConst {
+    public:
+      explicit KivClearConfigColl( ConfigSm * o ) : owner_( o ) {}
+      void onVrfClearConfig( const L3::VrfName & vrf ) override;
+    private:
+      ConfigSm * owner_;
+   };
+   class KivClearMrouteConfigColl : public ClearMrouteConfigColl::NotifieeConst {
+    public:
+      explicit KivClearMrouteConfigColl( ConfigSm * o ) : owner_( o ) {}
+      void onVrfClearMrouteConfig( const L3::VrfName & vrf ) override;
+    private:
+      ConfigSm * owner_;
+   };
+   class KivAppConfigDir : public Kiv::Dir::NotifieeConst {
+    public:
+      explicit KivAppConfigDir( ConfigSm * o ) : owner_( o ) {}
+      void onEntityPtr( const Kiv::Name & name ) override { owner_->handleApplication( name.str() ); }
+    private:
+      ConfigSm * owner_;
+   };
+   class KivAppVrfIntfs : public McastCommon::AppVrfIntfs::NotifieeConst {
+    public:
+      explicit KivAppVrfIntfs( ConfigSm * o ) : owner_( o ) {}
+      void onVrfIntf( const L3::VrfName & vrf ) override;
+    private:
+      ConfigSm * owner_;
+   };
+   class KivDrInitTimer : public Tolm::TimerWheel::NotifieeConst {
+    public:
+      KivDrInitTimer( ConfigSm * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
+      void onTime() override { owner_->drInitTimerExpired(); }
+    private:
+      ConfigSm * owner_;
+   };
+   class KivDrDelayTimer : public Tolm::TimerWheel::NotifieeConst {
+    public:
+      KivDrDelayTimer( ConfigSm * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
+      void onTime() override { owner_->handleDrDelayTimerExpiry(); }
+    private:
+      ConfigSm * owner_;
+   };
+
+   // Per-key reactor bookkeeping.
+   template< class R, class K, class... A >
+   R * reactorIs( Kiv::HashMap< K, std::unique_ptr< R > > & map, const K & key, A &&... args );
+   void reactorsInit();
+   void doDrTimersInit();
+   void intfConfigReactorUpdate( const Lumo::IntfId & intf );
+   void vrfConfigReactorUpdate( const L3::VrfName & vrf );
+   void hostInjectReactorUpdate( const Lumo::IntfId & intf );
+   void ipIntfStatusReactorUpdate( const Lumo::IntfId & intf );
+   void clearConfigReactorUpdate( const L3::VrfName & vrf );
+   void clearMrouteReactorUpdate( const L3::VrfName & vrf );
+   void vrfIntfCollReactorUpdate( const L3::VrfName & vrf );
+   void allStatusReactorDel( const L3::VrfName & vrf );
+   Kiv::Ptr< VrfPimIntf > sparseModeIntfs( const L3::VrfName & vrf );
+   Kiv::Ptr< VrfPimIntf > bidirIntfs( const L3::VrfName & vrf );
+   Kiv::Ptr< AllStatus > allStatus( const L3::VrfName & vrf ) const;
+   Kiv::Ptr< const IntfConfig > intfConfig( const Lumo::IntfId & intf ) const;
+   Kiv::Ptr< const Config > vrfConfig( const L3::VrfName & vrf ) const;
+   // Namespace of the VRF as the all-VRF status names it ("default": the
+   // default namespace).
+   Lumo::NamespaceName vrfNamespace( const L3::VrfName & vrf ) const;
+   std::string kniPath( const Lumo::NamespaceName & ns ) const;
+   Kiv::Ptr< Bfd::AppConfig > bfdAppConfigFor( const L3::VrfName & vrf );
+
+   ConfigSmInputs inputs_;
+   KivPimConfigColl configColl_;
+   KivHostInjectConfig hostInjectConfig_;
+   KivIpStatus ipStatus_;
+   KivVrfEnabledStatus vrfEnabledStatus_;
+   KivAllVrfStatusLocal allVrfStatusLocal_;
+   KivPimGlobalStatus globalStatus_;
+   KivMlagProtoStatus mlagProtoStatus_;
+   KivAsuVrfStatus asuVrfStatus_;
+   KivClearConfigColl clearConfigColl_;
+   KivClearMrouteConfigColl clearMrouteConfigColl_;
+   KivAppConfigDir appConfigDir_;
+   KivAppVrfIntfs appVrfIntfs_;
+   KivDrInitTimer drInitTimer_;
+   KivDrDelayTimer drDelayTimer_;
+   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIntfConfig > > intfConfigReactor_;
+   Kiv::HashMap< L3::VrfName, std::unique_ptr< KivPimConfig > > pimConfigReactor_;
+   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivHostInjectIntfConfig > > hostInjectReactor_;
+   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIpIntfStatus > > ipIntfStatusReactor_;
+   Kiv::HashMap< L3::VrfName, std::unique_ptr< KivPimAllStatus > > allStatusReactor_;
+   Kiv::HashMap< L3::VrfName, std::unique_ptr< KivReliableStatus > > reliableStatusReactor_;
+   Kiv::HashMap< L3::VrfName, std::unique_ptr< KivClearConfig > > clearConfigReactor_;
+   Kiv::HashMap< L3::VrfName, std::unique_ptr< ClearMrouteSm > > clearMrouteSm_;
+   Kiv::HashMap< L3::VrfName, std::unique_ptr< KivVrfIntfColl > > pimVrfIntfColl_;
+};
+
+// ---- per-key reactors ----------------------------------------------------------------
+class ConfigSm::KivIntfConfig : public IntfConfig::NotifieeConst {
+ public:
+   // Binding runs all ten handlers, in the order of the attribute list.
+   KivIntfConfig( ConfigSm * o, const Lumo::IntfId & intf, const Kiv::Ptr< const IntfConfig > & c );
+   void onMode() override { handleMode(); }
+   void onBorderRouter() override { handleBorderRouter(); }
+   void onHelloInterval() override { handleHelloInterval(); }
+   void onHelloCount() override { handleHelloCount(); }
+   void onHelloPriority() override { handleHelloPriority(); }
+   void onJoinPruneInterval() override { handleJoinPruneInterval(); }
+   void onJoinPruneCount() override { handleJoinPruneCount(); }
+   void onBfd() override { handleBfd(); }
+   void onPortCapabilityFlags() override { handlePort(); }
+   void onFastFailover() override { handleFastFailover(); }
+   void handleMode();
+   void handleHelloPriority();
+   void handleHelloInterval();
+   void handleHelloCount();
+   void handleJoinPruneInterval();
+   void handleJoinPruneCount();
+   void handleBorderRouter();
+   void handleBfd();
+   void handlePort();
+   void handleFastFailover();
+ private:
+   void update( const char * what );
+   ConfigSm * owner_;
+   Lumo::IntfId intf_;
+};
+
+class ConfigSm::KivPimConfig : public Config::NotifieeConst {
+ public:
+   KivPimConfig( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Config > & c );
+   void onPimConfigured() override { owner_->handlePimConfigured( vrf_ ); }
+   void onBfdIntfDefault() override { handleBfdIntfDefault( vrf_ ); }
+   void handleBfdIntfDefault( const L3::VrfName & vrf ) { owner_->handleBfdIntfDefault( vrf ); }
+ private:
+   ConfigSm * owner_;
+   L3::VrfName vrf_;
+};
+
+class ConfigSm::KivHostInjectIntfConfig : public HostInject::HostInjectIntfConfig::NotifieeConst {
+ public:
+   KivHostInjectIntfConfig( ConfigSm * o, const Lumo::IntfId & intf,
+                            const Kiv::Ptr< const HostInject::HostInjectIntfConfig > & c );
+   void onPref() override { owner_->handleSourceInject( intf_ ); }
+ private:
+   ConfigSm * owner_;
+   Lumo::IntfId intf_;
+};
+
+// Remembers the VRF the interface was last seen in, so that a move from one
+// VRF to another removes it from the first.
+class ConfigSm::KivIpIntfStatus : public IpGen::IpIntfStatus::NotifieeConst {
+ public:
+   KivIpIntfStatus( ConfigSm * o, const Lumo::IntfId & intf,
+                    const Kiv::Ptr< const IpGen::IpIntfStatus > & s );
+   void onVrf() override;
+   void onActiveAddrWithMask() override;
+   void onAddr( const Lumo::IpGenAddrWithMask & a ) override {
+      owner_->handleActiveSecondaryWithMask( intf_, a );
+   }
+   const L3::VrfName & lastVrf() const { return lastVrf_; }
+ private:
+   ConfigSm * owner_;
+   Lumo::IntfId intf_;
+   L3::VrfName lastVrf_;
+};
+
+class ConfigSm::KivPimIntf : public Intf::NotifieeConst {
+ public:
+   KivPimIntf( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Intf > & intf );
+   void onMode() override { owner_->handlePimIntfMode( vrf_ ); }
+ private:
+   ConfigSm * owner_;
+   L3::VrfName vrf_;
+};
+
+class ConfigSm::KivPimAllStatus : public AllStatus::NotifieeConst {
+ public:
+   KivPimAllStatus( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const AllStatus > & s );
+   void onPimIntf( const Lumo::IntfId & intf ) override { owner_->handlePimIntf( vrf_, intf ); }
+   // Interfaces seen and not yet seen leaving.
+   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivPimIntf > > & pimIntf() { return pimIntf_; }
+ private:
+   ConfigSm * owner_;
+   L3::VrfName vrf_;
+   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivPimIntf > > pimIntf_;
+};
+
+class ConfigSm::KivReliableStatus : public Reliable::Status::NotifieeConst {
+ public:
+   KivReliableStatus( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Reliable::Status > & s );
+   void onPimsmSctpConnectionId() override { owner_->updateAllPimIntf( vrf_ ); }
+ private:
+   ConfigSm * owner_;
+   L3::VrfName vrf_;
+};
+
+class ConfigSm::KivClearConfig : public ClearConfig::NotifieeConst {
+ public:
+   KivClearConfig( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const ClearConfig > & c );
+   void onCountersCount() override { owner_->handleClearCountersCount( vrf_ ); }
+ private:
+   ConfigSm * owner_;
+   L3::VrfName vrf_;
+};
+
+// Runs the clear-multicast-routes request of one VRF; binding runs it once.
+class ConfigSm::ClearMrouteSm : public ClearMrouteConfig::NotifieeConst {
+ public:
+   ClearMrouteSm( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const ClearMrouteConfig > & c );
+   void onRoutesCount() override { owner_->handleClearIpMroute( vrf_ ); }
+ private:
+   ConfigSm * owner_;
+   L3::VrfName vrf_;
+};
+
+class ConfigSm::KivVrfIntfColl : public McastCommon::VrfIntfColl::NotifieeConst {
+ public:
+   KivVrfIntfColl( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const McastCommon::VrfIntfColl > & c );
+   void onIntfs( const Lumo::IntfId & intf ) override { owner_->handleVrfIntfColl( vrf_, intf ); }
+ private:
+   ConfigSm * owner_;
+   L3::VrfName vrf_;
+};
+
+// Builds a ConfigSm and runs its start-up.
+Kiv::Ptr< ConfigSm > configSmFactory( const ConfigSmInputs & inputs );
+
+} // namespace Routing::Pim

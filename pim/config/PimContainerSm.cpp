@@ -1,0 +1,147 @@
+#include "config/PimContainerSm.h"
+
+#include <cassert>
+#include <cstdlib>
+
+#include "kiv/Trace.h"
+
+KIV_TRACE_HANDLE( "Pim::Container" )
+
+#define CTRACE( level, expr ) KIV_TRACE( th(), level, "<Vrf:" << args_.vrfName << ">" << expr )
+
+namespace Routing::Pim {
+
+namespace {
+// PIM message type of Hello.
+constexpr std::uint8_t kHelloMessageType = 0;
+} // namespace
+
+const char * ContainerSm::bfdAppName( Lumo::AddressFamily af ) {
+   switch( af ) {
+    case Lumo::AddressFamily::ipv4: return "pim";
+    case Lumo::AddressFamily::ipv6: return "pim6";
+    default: break;
+   }
+   assert( false && "Unknown AF" );
+   std::abort();
+}
+
+ContainerSm::ContainerSm( const ContainerSmArgs & args ) : args_( args ) { handleInitialized(); }
+
+ContainerSm::ContainerSm(
+   const L3::VrfName & vrfName, Lumo::AddressFamily af, const Kiv::Ptr< GlobalStatus > & pimGlobalStatus,
+   const Kiv::Ptr< CellGlobalStatus > & pimCellGlobalStatus,
+   const Kiv::Ptr< Varn::Status > & pimVarnStatus, const Kiv::Ptr< Status > & pimStatus,
+   const Kiv::Ptr< AllStatus > & pimAllStatus, const Kiv::Ptr< const ConfigColl > & pimConfigColl,
+   const Kiv::Ptr< Varn::MessageCounters > & pimMessageCounters,
+   const Kiv::Ptr< const Kiv::Notifier > & aclTypeConfig,
+   const Kiv::Ptr< const IpGen::Status > & ipStatus,
+   const Kiv::Ptr< const Kiv::Notifier > & allIntfConfigDir,
+   const Kiv::Ptr< const Kiv::Notifier > & allIntfStatusDir,
+   const Lumo::NamespaceName & namespaceName,
+   const Kiv::Ptr< const Kiv::Notifier > & mcastBoundaryStatus,
+   const Kiv::Ptr< Bfd::AppConfig > & bfdPimAppConfig,
+   const Kiv::Ptr< const Bfd::StatusPeer > & bfdStatusPeer,
+   const Kiv::Ptr< Kiv::Notifier > & pimAttrLogSm,
+   const Kiv::Ptr< Kiv::Notifier > & serviceAclFilterSm,
+   const Kiv::Ptr< Tolm::TimerWheel > & timerWheel,
+   const Kiv::Ptr< const Interface::DeviceIntfStatusDir > & kernelIntfStatusDir,
+   const Kiv::Ptr< const McastCommon::AsuShutdownStatus > & asuShutdownStatus,
+   const Kiv::Ptr< McastCommon::AsuVrfStatus > & asuVrfStatus,
+   const Kiv::Ptr< const Bridging::Config > & bridgingConfig )
+      : ContainerSm( ContainerSmArgs{ vrfName, af, pimGlobalStatus, pimCellGlobalStatus,
+                                      pimVarnStatus, pimStatus, pimAllStatus, pimConfigColl,
+                                      pimMessageCounters, aclTypeConfig, ipStatus,
+                                      allIntfConfigDir, allIntfStatusDir, namespaceName,
+                                      mcastBoundaryStatus, bfdPimAppConfig, bfdStatusPeer,
+                                      pimAttrLogSm, serviceAclFilterSm, timerWheel,
+                                      kernelIntfStatusDir, asuShutdownStatus, asuVrfStatus,
+                                      bridgingConfig } ) {}
+
+ContainerSm::~ContainerSm() { handleDestruction(); }
+
+void ContainerSm::handleInitialized() {
+   CTRACE( 8, "handleInitialized()" );
+   const Kiv::ValidPtr< AllStatus > allStatus( args_.pimAllStatus );
+   const Kiv::ValidPtr< const ConfigColl > configColl( args_.pimConfigColl );
+   const Kiv::ValidPtr< const IpGen::Status > ipStatus( args_.ipStatus );
+   const Kiv::ValidPtr< GlobalStatus > globalStatus( args_.pimGlobalStatus );
+   const Kiv::ValidPtr< CellGlobalStatus > cellGlobalStatus( args_.pimCellGlobalStatus );
+   const Kiv::ValidPtr< Varn::Status > varnStatus( args_.pimVarnStatus );
+   const Kiv::ValidPtr< Tolm::TimerWheel > timerWheel( args_.timerWheel );
+   const Kiv::Ptr< const Config > vrfConfig = configColl->vrfConfig( args_.vrfName );
+
+   // The receive path exists before anything that could send.
+   pimPamManagerIs( Kiv::make< IO::PamManager >( args_.af, args_.namespaceName, true ) );
+   pimPamManager()->rcvBufSizeIs( kRcvBufSize );
+   pimPamManager()->rcvPktInfoIs( true );
+   rxHelloMessageInfoIs( Kiv::make< IO::MessageInfo >() );
+   pimPamManager()->rxMessageInfoIs( kHelloMessageType, rxHelloMessageInfo() );
+
+   const char * appName = bfdAppName( args_.af );
+   bfdPimAppStatusIs( Kiv::make< Bfd::AppStatus >( appName ) );
+   bfdPimSmIs( Bfd::bfdAppSmFactory( appName, args_.bfdStatusPeer, bfdPimAppStatus(),
+                                     args_.vrfName, args_.bfdPimAppConfig ) );
+
+   // The writer exists before the interface machines so that their first
+   // status reaches the table.
+   pimStatusWriterSmIs( Varn::StatusWriterSmIs( args_.vrfName, allStatus, varnStatus ) );
+
+   vrfIpIntfStatusIs( IpGen::intfStatusFactory( ipStatus, args_.vrfName ) );
+
+   routerIdInfoIs( routerIdInfoFactory( args_.vrfName ) );
+   routerIdSmIs( routerIdSmFactory( args_.vrfName, args_.bridgingConfig, routerIdInfo() ) );
+
+   IntfSmInputs inputs;
+   inputs.vrfName = args_.vrfName;
+   inputs.pimGlobalStatus = globalStatus;
+   inputs.pimCellGlobalStatus = cellGlobalStatus;
+   inputs.pimGlobalConfig = configColl->globalConfig();
+   inputs.pimConfig = vrfConfig;
+   inputs.pimPamManager = pimPamManager();
+   inputs.timerWheel = timerWheel;
+   inputs.bfdPimAppConfig = args_.bfdPimAppConfig;
+   inputs.bfdPimAppStatus = bfdPimAppStatus();
+   inputs.kernelIntfStatus = args_.kernelIntfStatusDir;
+   inputs.routerIdInfo = routerIdInfo();
+   // The interface owner exists before the Hello processor so that a Hello
+   // always finds its interface machine.
+   pimGlobalIntfSmIs( GlobalIntfSmIs( allStatus, inputs ) );
+   pimHelloSmIs( HelloSmIs( allStatus, rxHelloMessageInfo() ) );
+
+   sourceIntfDirIs( Kiv::make< IpGen::SourceIntf::SourceIntfDir >( kSourceIntfDirName ) );
+   sourceIntfSmIs( Kiv::make< IpGen::SourceIntf::VrfSourceIntfSm >( sourceIntfDir(),
+                                                                    vrfIpIntfStatus() ) );
+   // The reliable-transport machine reads the source-interface registry.
+   portConfigSmIs( Reliable::configSmFactory( vrfConfig, sourceIntfSm().ptr(),
+                                              globalStatus->portStatus( args_.vrfName ) ) );
+   initializedIs( true );
+}
+
+void ContainerSm::handleDestruction() {
+   CTRACE( 8, "handleDestruction()" );
+   // Not the reverse of construction: the router-id machine and the status
+   // writer stop before the interface machines.
+   routerIdSmDel();
+   pimStatusWriterSmDel();
+   bfdPimAppStatusDel();
+   pimPamManagerDel();
+   rxHelloMessageInfoDel();
+   bfdPimSmDel();
+   pimGlobalIntfSmDel();
+   pimHelloSmDel();
+   sourceIntfDirDel();
+   // The reliable-transport machine does not touch the registry it points to
+   // when it goes, so the registry may go first.
+   sourceIntfSmDel();
+   portConfigSmDel();
+   vrfIpIntfStatusDel();
+   routerIdInfoDel();
+   initializedIs( false );
+}
+
+Kiv::Ptr< ContainerSm > containerSmFactory( const ContainerSmArgs & args ) {
+   return Kiv::make< ContainerSm >( args );
+}
+
+} // namespace Routing::Pim

@@ -1,0 +1,152 @@
+// Application-requested PIM interfaces: the requests merged with the
+// configuration, and the application machines' life with the default VRF.
+#include "ConfigSmFixture.h"
+
+namespace PimConfigTest {
+namespace {
+
+using Vrf = L3::VrfName;
+
+class ConfigSmAppTest : public ConfigSmFixture {
+ protected:
+   void SetUp() override {
+      vrfIs( "default" );
+      ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
+      ipIntfIs( "Ethernet2", "default", "198.18.2.1/24" );
+      start();
+      probe_ = applicationIs( "probe" );
+      if( !probe_ ) GTEST_SKIP() << "application requests are not directory entries in this model";
+      appDir_->entryDel( Kiv::Name( "probe" ) );
+      ASSERT_TRUE( settle() );
+   }
+   Kiv::Ptr< Application::Config > probe_;
+};
+
+TEST_F( ConfigSmAppTest, SparseRequestAloneGivesTheDefaultParameters ) {
+   auto app = applicationIs( "igmp" );
+   app->intfModeIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   auto intf = pimIntf( "default", "Ethernet1" );
+   ASSERT_TRUE( intf );
+   EXPECT_EQ( intf->mode(), pimModeSparse );
+   EXPECT_EQ( intf->helloPeriod(), 30 );
+   EXPECT_EQ( intf->helloHoldTime(), 105 );
+   EXPECT_EQ( intf->joinPrunePeriod(), 60 );
+   EXPECT_EQ( intf->joinPruneHoldTime(), 210 );
+   EXPECT_EQ( intf->drPriority(), 1u );
+   EXPECT_FALSE( intf->bfdEnabled() );
+   EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_TRUE( vifRequested( "Ethernet1" ) );
+
+   // Removing the configuration removes the interface even though the
+   // application still asks; the application's next event restores it.
+   intfConfigIs( "Ethernet1", pimModeSparse )->helloIntervalIs( 10 );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 10 );
+   configColl_->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   app->intfModeIs( "Ethernet1", pimModeBidir );
+   app->intfModeIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 30 );
+}
+
+TEST_F( ConfigSmAppTest, DefaultPathLeavesPortFlagsAndSourceInjectAlone ) {
+   auto app = applicationIs( "igmp" );
+   app->intfModeIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   auto intf = pimIntf( "default", "Ethernet1" );
+   ASSERT_TRUE( intf );
+   intf->portCapabilityFlagsIs( 0x4u );
+   intf->helloPeriodIs( 99 );
+   hostInject_->configIs( Lumo::IntfId( "Ethernet1" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( intf->sourceInject() ) << "not written without a configuration";
+   EXPECT_EQ( intf->portCapabilityFlags(), 0x4u );
+   EXPECT_EQ( intf->helloPeriod(), 30 ) << "the defaults are written unconditionally";
+}
+
+TEST_F( ConfigSmAppTest, RequestsMergeWithTheConfiguredMode ) {
+   auto app = applicationIs( "igmp" );
+   app->intfModeIs( "Ethernet1", pimModeSparse );
+   app->intfModeIs( "Ethernet2", pimModeSparse );
+   intfConfigIs( "Ethernet1", pimModeBidir );
+   intfConfigIs( "Ethernet2", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->mode(), pimModeSparseBidir );
+   EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_TRUE( inBidirSet( "default", "Ethernet1" ) );
+   EXPECT_EQ( pimIntf( "default", "Ethernet2" )->mode(), pimModeSparse );
+
+   // Border router with mode 0: the application's request is the mode.
+   intfConfigIs( "Ethernet2", pimModeNone, true );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet2" )->mode(), pimModeSparse );
+}
+
+TEST_F( ConfigSmAppTest, BidirRequestAloneCreatesNothing ) {
+   auto app = applicationIs( "igmp" );
+   app->intfModeIs( "Ethernet1", pimModeBidir );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   EXPECT_TRUE( traced( "No Pim or application config on interface" ) );
+}
+
+TEST_F( ConfigSmAppTest, InterfaceStaysUntilNoApplicationRequestsIt ) {
+   auto a = applicationIs( "igmp" );
+   auto b = applicationIs( "msdp" );
+   a->intfModeIs( "Ethernet1", pimModeSparse );
+   b->intfModeIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+   a->intfModeDel( "Ethernet1" );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( pimIntf( "default", "Ethernet1" ) );
+   b->intfModeDel( "Ethernet1" );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+}
+
+TEST_F( ConfigSmAppTest, ApplicationMachinesLiveWithTheDefaultVrf ) {
+   applicationIs( "igmp" )->intfModeIs( "Ethernet1", pimModeSparse );
+   applicationIs( "msdp" );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 2u );
+   vrfEnabledStatus_->vrfIs( Vrf( "default" ), false );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 0u );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   vrfEnabledStatus_->vrfIs( Vrf( "default" ), true );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 2u );
+   EXPECT_TRUE( pimIntf( "default", "Ethernet1" ) );
+   appDir_->entryDel( Kiv::Name( "msdp" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 1u );
+}
+
+// The machine itself, fed directly (no directory needed).
+TEST( ApplicationConfigSmTest, ConstructionReevaluatesEveryRequestedInterface ) {
+   Kiv::Testing::TestLoop loop;
+   Kiv::TraceCapture capture;
+   capture.enable( "Pim::Config/8" );
+   auto config = Kiv::make< Application::Config >( "igmp" );
+   config->intfModeIs( "Ethernet1", pimModeSparse );
+   config->intfModeIs( "Ethernet2", pimModeBidir );
+   ConfigSmInputs none;
+   auto owner = configSmFactory( none );
+   auto sm = owner->appConfigSmIs( "igmp", config );
+   EXPECT_TRUE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet1 )" ) );
+   EXPECT_TRUE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet2 )" ) );
+   EXPECT_EQ( owner->appConfigSmIs( "igmp", config ), sm ) << "kept when it already exists";
+   capture.clear();
+   config->intfModeDel( "Ethernet2" );
+   ASSERT_TRUE( loop.runUntilIdle() );
+   EXPECT_TRUE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet2 )" ) );
+   EXPECT_FALSE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet1 )" ) );
+}
+
+} // namespace
+} // namespace PimConfigTest

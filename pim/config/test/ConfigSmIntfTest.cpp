@@ -1,0 +1,335 @@
+// Interface configuration to PIM interface status: effective parameters and
+// modes, the sparse-mode and bidirectional membership sets, secondary
+// addresses, and every way an interface stops being a PIM interface.
+#include "ConfigSmFixture.h"
+
+#include <limits>
+
+#include "kiv/RangeException.h"
+
+namespace PimConfigTest {
+namespace {
+
+class ConfigSmIntfTest : public ConfigSmFixture {
+ protected:
+   void SetUp() override {
+      vrfIs( "default" );
+      ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
+      ipIntfIs( "Ethernet2", "default", "198.18.2.1/24" );
+      start();
+   }
+};
+
+TEST_F( ConfigSmIntfTest, ConfiguredParametersBecomeEffectiveParameters ) {
+   auto c = intfConfigIs( "Ethernet1", pimModeSparse );
+   c->helloIntervalIs( 10 );
+   c->helloCountIs( 4.0 );
+   c->helloPriorityIs( 200 );
+   c->joinPruneIntervalIs( 20 );
+   c->joinPruneCountIs( 2.5 );
+   c->fastFailoverIs( true );
+   ASSERT_TRUE( settle() );
+   auto intf = pimIntf( "default", "Ethernet1" );
+   ASSERT_TRUE( intf );
+   EXPECT_EQ( intf->mode(), pimModeSparse );
+   EXPECT_EQ( intf->addressWithMask(), ipm( "198.18.1.1/24" ) );
+   EXPECT_EQ( intf->helloPeriod(), 10 );
+   EXPECT_EQ( intf->helloHoldTime(), 40 );
+   EXPECT_EQ( intf->drPriority(), 200u );
+   EXPECT_EQ( intf->joinPrunePeriod(), 20 );
+   EXPECT_EQ( intf->joinPruneHoldTime(), 50 );
+   EXPECT_TRUE( intf->fastFailover() );
+   EXPECT_FALSE( intf->borderRouter() );
+   EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_FALSE( inBidirSet( "default", "Ethernet1" ) );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet2" ) ) << "no configuration, no request: no PIM";
+
+   // A change is applied in place.
+   c->helloPriorityIs( 7 );
+   c->helloIntervalIs( 30 );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" ), intf );
+   EXPECT_EQ( intf->drPriority(), 7u );
+   EXPECT_EQ( intf->helloHoldTime(), 120 );
+}
+
+TEST_F( ConfigSmIntfTest, HoldTimesSaturateAndKeepOnlyTheLowThirtyTwoBits ) {
+   auto c = intfConfigIs( "Ethernet1", pimModeSparse );
+   struct Case {
+      std::uint16_t interval;
+      double count;
+      std::uint16_t hold;
+   };
+   const Case cases[] = {
+      { 65535, 3.5, 65535 },                        // saturates
+      { 30, 3.49, 104 },                            // truncated, not rounded
+      { 1, 4294967296.0 + 100.0, 100 },             // 2^32 + 100: the low 32 bits
+      { 30, -1.0, 65535 },                          // -30 as 32 unsigned bits
+      { 1, std::numeric_limits< double >::infinity(), 0 },
+      { 0, 3.5, 0 },
+   };
+   for( const Case & k : cases ) {
+      c->helloIntervalIs( k.interval );
+      c->helloCountIs( k.count );
+      c->joinPruneIntervalIs( k.interval );
+      c->joinPruneCountIs( k.count );
+      ASSERT_TRUE( settle() );
+      auto intf = pimIntf( "default", "Ethernet1" );
+      ASSERT_TRUE( intf );
+      EXPECT_EQ( intf->helloHoldTime(), k.hold ) << k.interval << " x " << k.count;
+      EXPECT_EQ( intf->joinPruneHoldTime(), k.hold ) << k.interval << " x " << k.count;
+   }
+}
+
+TEST_F( ConfigSmIntfTest, ModesAndMembershipSets ) {
+   // Bidirectional without border router: bidir set only.
+   auto c = intfConfigIs( "Ethernet1", pimModeBidir );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->mode(), pimModeBidir );
+   EXPECT_FALSE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_TRUE( inBidirSet( "default", "Ethernet1" ) );
+
+   // With border router: both.
+   c->borderRouterIs( true );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( pimIntf( "default", "Ethernet1" )->borderRouter() );
+   EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_TRUE( inBidirSet( "default", "Ethernet1" ) );
+
+   // Mode 0 with border router alone: a PIM interface of mode 0 in the sparse set.
+   c->modeIs( pimModeNone );
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->mode(), pimModeNone );
+   EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_FALSE( inBidirSet( "default", "Ethernet1" ) );
+
+   // Neither mode nor border router: deleted, out of both sets.
+   c->borderRouterIs( false );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   EXPECT_FALSE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_TRUE( traced( "Pim sparse, bidirectional, or mbr is not enabled" ) );
+
+   // Sparse and bidirectional configured together.
+   c->modeIs( pimModeSparseBidir );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->mode(), pimModeSparseBidir );
+   EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_TRUE( inBidirSet( "default", "Ethernet1" ) );
+}
+
+TEST_F( ConfigSmIntfTest, UnknownModeWithBorderRouterCountsAsSparse ) {
+   auto c = intfConfigIs( "Ethernet1", static_cast< Mode >( 9 ), true );
+   ASSERT_TRUE( settle() );
+   auto intf = pimIntf( "default", "Ethernet1" );
+   ASSERT_TRUE( intf );
+   EXPECT_EQ( intf->mode(), static_cast< Mode >( 9 ) );
+   EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_FALSE( inBidirSet( "default", "Ethernet1" ) );
+}
+
+TEST_F( ConfigSmIntfTest, UnknownModeWithoutBorderRouterStopsTheAgent ) {
+   GTEST_FLAG_SET( death_test_style, "threadsafe" );
+   EXPECT_DEATH(
+      {
+         intfConfigIs( "Ethernet1", static_cast< Mode >( 9 ) );
+         sm_->updatePimIntf( L3::VrfName(), Lumo::IntfId( "Ethernet1" ) );
+      },
+      "Mode is unknown" );
+}
+
+TEST_F( ConfigSmIntfTest, BfdFollowsTheVrfDefaultUnlessConfigured ) {
+   auto vrfConfig = configColl_->vrfConfig( L3::VrfName( "default" ) );
+   auto c1 = intfConfigIs( "Ethernet1", pimModeSparse );
+   auto c2 = intfConfigIs( "Ethernet2", pimModeSparse );
+   c2->bfdIs( intfBfdDisabled );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" )->bfdEnabled() );
+
+   vrfConfig->bfdIntfDefaultIs( true );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( pimIntf( "default", "Ethernet1" )->bfdEnabled() ) << "follows the VRF default";
+   EXPECT_FALSE( pimIntf( "default", "Ethernet2" )->bfdEnabled() ) << "explicitly disabled";
+
+   c2->bfdIs( intfBfdEnabled );
+   vrfConfig->bfdIntfDefaultIs( false );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" )->bfdEnabled() );
+   EXPECT_TRUE( pimIntf( "default", "Ethernet2" )->bfdEnabled() );
+
+   // An unknown setting leaves the value as it is.
+   c2->bfdIs( static_cast< IntfBfd >( 7 ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( pimIntf( "default", "Ethernet2" )->bfdEnabled() );
+}
+
+TEST_F( ConfigSmIntfTest, ReliableTransportCapabilityNeedsAConnectionAddress ) {
+   auto c = intfConfigIs( "Ethernet1", pimModeSparse );
+   c->portCapabilityFlagsIs( Reliable::kCapabilitySctp | 0x4u );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->portCapabilityFlags(), 0x4u )
+      << "no connection address: the transport bit is cleared, the rest kept";
+
+   auto port = globalStatus_->portStatus( L3::VrfName( "default" ) );
+   ASSERT_TRUE( port ) << "the VRF's reliable-transport status exists with its configuration";
+   port->pimsmSctpConnectionIdIs( ip( "198.18.0.1" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->portCapabilityFlags(), Reliable::kCapabilitySctp | 0x4u );
+
+   port->pimsmSctpConnectionIdIs( ip( "0.0.0.0" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->portCapabilityFlags(), 0x4u );
+}
+
+TEST_F( ConfigSmIntfTest, SourceInjectFollowsTheHostInjectConfiguration ) {
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" )->sourceInject() );
+   auto entry = hostInject_->configIs( Lumo::IntfId( "Ethernet1" ), 10u );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( pimIntf( "default", "Ethernet1" )->sourceInject() );
+   entry->prefIs( 20 );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( pimIntf( "default", "Ethernet1" )->sourceInject() );
+   hostInject_->configDel( Lumo::IntfId( "Ethernet1" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" )->sourceInject() );
+}
+
+TEST_F( ConfigSmIntfTest, SecondaryAddressesAndPrefixesFollowTheIpStatus ) {
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   ipStatus_->intfSecondaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.10.5/24" ), true );
+   ipStatus_->intfSecondaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.11.5/32" ), true );
+   ASSERT_TRUE( settle() );
+   auto intf = pimIntf( "default", "Ethernet1" );
+   ASSERT_TRUE( intf );
+   EXPECT_TRUE( intf->secondaryAddress( ip( "198.18.10.5" ) ) );
+   EXPECT_TRUE( intf->secondaryPrefix( prefix( "198.18.10.0/24" ) ) );
+   EXPECT_TRUE( intf->secondaryPrefix( prefix( "198.18.11.5/32" ) ) ) << "a /32 is a prefix too";
+   EXPECT_FALSE( intf->secondaryAddress( ip( "198.18.1.1" ) ) ) << "the primary is not a secondary";
+   EXPECT_EQ( intf->secondaryAddressSize(), 2u );
+
+   ipStatus_->intfSecondaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.10.5/24" ), false );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( intf->secondaryAddress( ip( "198.18.10.5" ) ) );
+   EXPECT_FALSE( intf->secondaryPrefix( prefix( "198.18.10.0/24" ) ) );
+   EXPECT_TRUE( intf->secondaryAddress( ip( "198.18.11.5" ) ) );
+
+   // A new primary address is taken over in place.
+   ipStatus_->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.3.1/25" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" ), intf );
+   EXPECT_EQ( intf->addressWithMask(), ipm( "198.18.3.1/25" ) );
+}
+
+TEST_F( ConfigSmIntfTest, WaysAnInterfaceStopsBeingPim ) {
+   auto c1 = intfConfigIs( "Ethernet1", pimModeSparse );
+   intfConfigIs( "Ethernet2", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   auto intf1 = pimIntf( "default", "Ethernet1" );
+   ASSERT_TRUE( intf1 && pimIntf( "default", "Ethernet2" ) );
+
+   // Address 0.0.0.0: deleted, after being disabled.
+   ipStatus_->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "0.0.0.0/0" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   EXPECT_FALSE( intf1->enabled() ) << "disabled before removal";
+   EXPECT_FALSE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_TRUE( traced( "No IP address configured on interface" ) );
+   ipStatus_->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.1.1/24" ) );
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+
+   // Configuration removed.
+   configColl_->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   EXPECT_TRUE( traced( "), deleted" ) );
+
+   // Interface gone from the IP status.
+   ipStatus_->intfDel( Lumo::IntfId( "Ethernet2" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet2" ) );
+}
+
+TEST_F( ConfigSmIntfTest, AnInterfaceMovesWithItsVrf ) {
+   vrfIs( "red" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+   ipStatus_->intfVrfIs( Lumo::IntfId( "Ethernet1" ), L3::VrfName( "red" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   ASSERT_TRUE( pimIntf( "red", "Ethernet1" ) );
+   EXPECT_TRUE( inSparseSet( "red", "Ethernet1" ) );
+   EXPECT_FALSE( inSparseSet( "default", "Ethernet1" ) );
+}
+
+// The interface inputs are missing one at a time; each is a traced state.
+class ConfigSmMissingInputTest : public ConfigSmFixture {};
+
+TEST_F( ConfigSmMissingInputTest, NothingButTheConfigurationStillRuns ) {
+   ConfigSmInputs in;
+   in.pimConfigColl = configColl_;
+   vrfIs( "default" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   start( in );
+   EXPECT_TRUE( sm_->initialized() );
+   sm_->updatePimIntf( L3::VrfName( "default" ), Lumo::IntfId( "Ethernet1" ) );
+   EXPECT_TRUE( traced( "No ipStatus" ) );
+   cellGlobalStatus_->reloadIs( true );
+   sm_->handleAsuCompletedVrf();
+   sm_->handleClearCountersCount( L3::VrfName( "default" ) );
+   EXPECT_TRUE( traced( "Can not clear counters for vrf default" ) );
+   sm_->doCreateOrDeleteContainer( L3::VrfName( "default" ) );
+   EXPECT_TRUE( traced( "container does not exist" ) );
+}
+
+TEST_F( ConfigSmMissingInputTest, EachMissingStatusIsTracedAndDeletes ) {
+   vrfIs( "default" );
+   ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   start();
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+
+   // Multicast routing disabled in the VRF.
+   vrfEnabledStatus_->vrfIs( L3::VrfName( "default" ), false );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   EXPECT_TRUE( traced( "multicastEnabledStatus doesn't have default" ) );
+   vrfEnabledStatus_->vrfIs( L3::VrfName( "default" ), true );
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+
+   // An interface in a VRF with multicast routing but no PIM configuration.
+   ipIntfIs( "Ethernet3", "green", "198.18.3.1/24" );
+   intfConfigIs( "Ethernet3", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( traced( "multicastEnabledStatus doesn't have green" ) );
+   vrfEnabledStatus_->vrfIs( L3::VrfName( "green" ), true );
+   ASSERT_TRUE( settle() );
+   sm_->updatePimIntf( L3::VrfName(), Lumo::IntfId( "Ethernet3" ) );
+   EXPECT_FALSE( pimIntf( "green", "Ethernet3" ) );
+   EXPECT_TRUE( traced( "pimConfig, pimAllStatus, pimStatus 0, 0, 0" ) );
+
+   // A VRF that the VRF agent does not know (yet).
+   configColl_->vrfConfigIs( L3::VrfName( "green" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "green", "Ethernet3" ) );
+   EXPECT_TRUE( traced( "allvrfStatus doesn't have green" ) );
+   allVrfStatusLocal_->vrfIs( L3::VrfName( "green" ), Lumo::NamespaceName( "ns-green" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( pimIntf( "green", "Ethernet3" ) );
+
+   // An interface the IP status has never heard of.
+   intfConfigIs( "Ethernet9", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   sm_->updatePimIntf( L3::VrfName( "default" ), Lumo::IntfId( "Ethernet9" ) );
+   EXPECT_TRUE( traced( "No ipStatus->intf" ) );
+   sm_->updatePimIntf( L3::VrfName(), Lumo::IntfId( "Ethernet9" ) );
+   EXPECT_TRUE( traced( "doesn't exist" ) );
+}
+
+} // namespace
+} // namespace PimConfigTest

@@ -1,0 +1,191 @@
+// DR start-up after a reload (with the MLAG hold-off and the DR delay),
+// fast-upgrade completion across VRFs, and the clear commands.
+#include "ConfigSmFixture.h"
+
+namespace PimConfigTest {
+namespace {
+
+using Vrf = L3::VrfName;
+
+// Counts every raise of drDelayTimerExpired as it happens: the VRF's
+// interface owner resets the flag as soon as it has re-run the elections.
+struct DrDelayExpiries : CellGlobalStatus::NotifieeConst {
+   explicit DrDelayExpiries( const Kiv::Ptr< CellGlobalStatus > & s ) {
+      kivImmediateIs( CellGlobalStatus::kivAttr_drDelayTimerExpired, true );
+      notifierIs( s );
+   }
+   void onDrDelayTimerExpiredkivImmediate() override { count += notifier()->drDelayTimerExpired(); }
+   int count = 0;
+};
+
+class ConfigSmDrStartupTest : public ConfigSmFixture {
+ protected:
+   void SetUp() override { vrfIs( "default" ); }
+   void drDelayIs( std::uint16_t s ) { configColl_->globalConfig()->drDelayIs( s ); }
+   DrDelayExpiries expiries_{ cellGlobalStatus_ };
+};
+
+TEST_F( ConfigSmDrStartupTest, WithoutReloadNeitherTimerEverFires ) {
+   drDelayIs( 10 );
+   start();
+   EXPECT_EQ( sm_->drInitTimerTimeMin(), Kiv::kNever );
+   EXPECT_EQ( sm_->drDelayTimerTimeMin(), Kiv::kNever );
+   ASSERT_TRUE( loop_.advanceBy( 3600.0 ) );
+   EXPECT_FALSE( cellGlobalStatus_->reload() );
+   EXPECT_EQ( expiries_.count, 0 );
+   EXPECT_TRUE( traced( "Don't need reload delay" ) );
+}
+
+TEST_F( ConfigSmDrStartupTest, ReloadHoldsOffFiftySecondsThenRunsTheDrDelay ) {
+   cellGlobalStatus_->reloadIs( true );
+   drDelayIs( 10 );
+   const double t0 = loop_.now();
+   start();
+   EXPECT_TRUE( traced( "DR priority with reload delay 50second" ) );
+   ASSERT_TRUE( loop_.advanceTo( t0 + 49.9 ) );
+   EXPECT_TRUE( cellGlobalStatus_->reload() );
+   ASSERT_TRUE( loop_.advanceTo( t0 + 50.0 ) );
+   EXPECT_FALSE( cellGlobalStatus_->reload() );
+   EXPECT_EQ( expiries_.count, 0 );
+   ASSERT_TRUE( loop_.advanceTo( t0 + 59.9 ) );
+   EXPECT_EQ( expiries_.count, 0 );
+   ASSERT_TRUE( loop_.advanceTo( t0 + 60.0 ) );
+   EXPECT_EQ( expiries_.count, 1 );
+   ASSERT_TRUE( loop_.advanceBy( 3600.0 ) );
+   EXPECT_EQ( expiries_.count, 1 ) << "one start-up sequence";
+}
+
+TEST_F( ConfigSmDrStartupTest, ZeroDrDelayExpiresOnTheNextTurnAfterTheHoldOff ) {
+   cellGlobalStatus_->reloadIs( true );
+   const double t0 = loop_.now();
+   start();
+   ASSERT_TRUE( loop_.advanceTo( t0 + 50.0 ) );
+   EXPECT_FALSE( cellGlobalStatus_->reload() );
+   EXPECT_EQ( expiries_.count, 1 );
+}
+
+TEST_F( ConfigSmDrStartupTest, MlagErrorDisabledPortsExtendTheHoldOff ) {
+   cellGlobalStatus_->reloadIs( true );
+   mlag_->portsErrdisabledIs( true );
+   drDelayIs( 5 );
+   const double t0 = loop_.now();
+   start();
+   // The init timer fires and changes nothing while the ports are down.
+   ASSERT_TRUE( loop_.advanceTo( t0 + 120.0 ) );
+   EXPECT_TRUE( cellGlobalStatus_->reload() );
+   EXPECT_EQ( expiries_.count, 0 );
+   EXPECT_EQ( sm_->drDelayTimerTimeMin(), Kiv::kNever );
+
+   mlag_->portsErrdisabledIs( false );
+   ASSERT_TRUE( settle() );
+   const double up = loop_.now();
+   ASSERT_TRUE( loop_.advanceTo( up + 49.9 ) );
+   EXPECT_TRUE( cellGlobalStatus_->reload() );
+   ASSERT_TRUE( loop_.advanceTo( up + 50.0 ) );
+   EXPECT_FALSE( cellGlobalStatus_->reload() );
+   ASSERT_TRUE( loop_.advanceTo( up + 54.9 ) );
+   EXPECT_EQ( expiries_.count, 0 );
+   ASSERT_TRUE( loop_.advanceTo( up + 55.0 ) );
+   EXPECT_EQ( expiries_.count, 1 );
+}
+
+class ConfigSmAsuTest : public ConfigSmFixture {};
+
+TEST_F( ConfigSmAsuTest, ShutdownStageCompletesWhenTheLastParticipatingVrfCompletes ) {
+   vrfIs( "default" );
+   vrfIs( "red" )->pimConfiguredIs( true );
+   start();
+   asuVrfStatus_->participatingVrfIs( Vrf( "default" ), true );
+   asuVrfStatus_->participatingVrfIs( Vrf( "red" ), true );
+   asuVrfStatus_->completedVrfIs( Vrf( "default" ), true );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( stages_.empty() );
+   EXPECT_TRUE( traced( "in progress for VRF red" ) );
+   asuVrfStatus_->completedVrfIs( Vrf( "red" ), true );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( stages_, std::vector< std::string >{ "NetworkAgentShutdown" } );
+}
+
+TEST_F( ConfigSmAsuTest, NothingCompletedNothingDeclared ) {
+   vrfIs( "default" );
+   start();
+   asuVrfStatus_->participatingVrfIs( Vrf( "default" ), true );
+   asuVrfStatus_->completedVrfIs( Vrf( "default" ), false );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( stages_.empty() );
+   EXPECT_TRUE( traced( "No VRFs have completed." ) );
+}
+
+class ConfigSmClearTest : public ConfigSmFixture {
+ protected:
+   void SetUp() override {
+      vrfIs( "default" );
+      ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
+      ipIntfIs( "Ethernet2", "default", "198.18.2.1/24" );
+      intfConfigIs( "Ethernet1", pimModeSparse );
+      intfConfigIs( "Ethernet2", pimModeSparse );
+   }
+};
+
+TEST_F( ConfigSmClearTest, ClearCountersZeroesTheVrfCounterTable ) {
+   start();
+   auto counters = sm_->pimVrfCounters( Vrf( "default" ) );
+   ASSERT_TRUE( counters );
+   counters->rxInc( 0, 7 );
+   counters->txInc( 0, 3 );
+   auto clear = clearConfigColl_->vrfClearConfigIs( Vrf( "default" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( counters->rx( 0 ), 7u ) << "a new request entry is not a request";
+   clear->countersCountInc();
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( counters->rx( 0 ), 0u );
+   EXPECT_EQ( counters->tx( 0 ), 0u );
+
+   // A VRF without PIM: traced and dropped.
+   auto other = clearConfigColl_->vrfClearConfigIs( Vrf( "blue" ) );
+   ASSERT_TRUE( settle() );
+   other->countersCountInc();
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( traced( "Can not clear counters for vrf blue vrf not defined or PIM not enabled for vrf" ) );
+}
+
+TEST_F( ConfigSmClearTest, ClearMulticastRoutesRegeneratesGenerationIdsOnlyWhenItApplies ) {
+   start();
+   auto e1 = pimIntf( "default", "Ethernet1" );
+   auto e2 = pimIntf( "default", "Ethernet2" );
+   ASSERT_TRUE( e1 && e2 );
+   const std::uint32_t g1 = e1->generationId();
+   const std::uint32_t g2 = e2->generationId();
+
+   auto request = clearMroute_->vrfClearMrouteConfigIs( Vrf( "default" ) );
+   request->requestFlagsIs( 1u << 2 );   // a bit this agent does not act on
+   ASSERT_TRUE( settle() );
+   request->routesCountInc();
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( e1->generationId(), g1 );
+   EXPECT_EQ( e2->generationId(), g2 );
+
+   for( std::uint8_t bit : { 0, 1, 3 } ) {
+      const std::uint32_t before1 = e1->generationId();
+      const std::uint32_t before2 = e2->generationId();
+      request->requestFlagsIs( std::uint8_t( 1u << bit ) );
+      request->routesCountInc();
+      ASSERT_TRUE( settle() );
+      EXPECT_NE( e1->generationId(), before1 ) << "bit " << int( bit );
+      EXPECT_NE( e2->generationId(), before2 ) << "bit " << int( bit );
+      EXPECT_NE( e1->generationId(), e2->generationId() );
+   }
+}
+
+TEST_F( ConfigSmClearTest, ClearMulticastRoutesEntryPresentAtStartIsRunOnce ) {
+   auto request = clearMroute_->vrfClearMrouteConfigIs( Vrf( "default" ) );
+   request->requestFlagsIs( kClearMroutePim );
+   capture_.clear();
+   start();
+   std::size_t runs = 0;
+   for( const auto & l : capture_.lines() ) runs += l.text.rfind( "handleClearIpMroute", 0 ) == 0;
+   EXPECT_EQ( runs, 1u );
+}
+
+} // namespace
+} // namespace PimConfigTest

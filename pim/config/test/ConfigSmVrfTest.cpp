@@ -1,0 +1,244 @@
+// VRF lifecycle: the enabled flags, the per-VRF container with its tables and
+// namespace view, VIF and ALL-PIM-ROUTERS requests, and the order in which a
+// VRF comes up and goes down.
+#include "ConfigSmFixture.h"
+
+namespace PimConfigTest {
+namespace {
+
+using Vrf = L3::VrfName;
+
+class ConfigSmVrfTest : public ConfigSmFixture {};
+
+TEST_F( ConfigSmVrfTest, DefaultVrfRunsSparseModeWithoutInterfacesButBidirNeedsConfiguration ) {
+   auto config = vrfIs( "default" );
+   start();
+   EXPECT_TRUE( sparseEnabled( "default" ) );
+   EXPECT_TRUE( mcastPimStatus_->pimEnabledSparseModeVrf( Vrf( "default" ) ) );
+   EXPECT_FALSE( bidirEnabled( "default" ) ) << "no exception for the default VRF";
+   EXPECT_FALSE( mcastPimStatus_->pimEnabledBidirVrfHas( Vrf( "default" ) ) );
+   EXPECT_TRUE( hasContainer( "default" ) );
+   EXPECT_TRUE( statusColl_->vrfStatusHas( Vrf( "default" ) ) );
+
+   config->pimConfiguredIs( true );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( bidirEnabled( "default" ) );
+   EXPECT_TRUE( mcastPimStatus_->pimEnabledBidirVrf( Vrf( "default" ) ) );
+
+   config->pimConfiguredIs( false );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( globalStatus_->pimEnabledBidirVrfHas( Vrf( "default" ) ) ) << "the entry is deleted, not cleared";
+   EXPECT_TRUE( traced( "PIM disabled for bidir" ) );
+
+   // A bidirectional interface enables bidir on its own.
+   ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
+   intfConfigIs( "Ethernet1", pimModeBidir );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( bidirEnabled( "default" ) );
+}
+
+TEST_F( ConfigSmVrfTest, VrfComesUpWithFlagsThenNamespaceAndTablesThenContainer ) {
+   vrfIs( "red" );
+   ipIntfIs( "Ethernet1", "red", "198.18.1.1/24" );
+   start();
+   EXPECT_FALSE( sparseEnabled( "red" ) ) << "a VRF other than default needs PIM on something";
+   EXPECT_FALSE( hasContainer( "red" ) );
+   EXPECT_TRUE( kni_->calls.empty() );
+
+   capture_.clear();
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( sparseEnabled( "red" ) );
+   ASSERT_TRUE( hasContainer( "red" ) );
+   EXPECT_EQ( traceOrder( { "PIM enabled for sparse mode", "Creating ContainerSm", "), initializing",
+                            "Mounting PIM counters", "Mounting PIM varn table" } ),
+              ( std::vector< std::string >{ "PIM enabled for sparse mode", "Creating ContainerSm",
+                                            "), initializing", "Mounting PIM counters",
+                                            "Mounting PIM varn table" } ) );
+   EXPECT_EQ( kni_->calls, std::vector< std::string >{ "mount kni/ns/ns-red/status" } );
+   EXPECT_EQ( sm_->namespaceName( Vrf( "red" ) ), Lumo::NamespaceName( "ns-red" ) );
+   ASSERT_TRUE( sm_->pimVarnStatus( Vrf( "red" ) ) );
+   EXPECT_EQ( varnDir_.entity( "routing/pim/status/red" ), sm_->pimVarnStatus( Vrf( "red" ) ) );
+   ASSERT_TRUE( sm_->pimVrfCounters( Vrf( "red" ) ) );
+   EXPECT_EQ( varnDir_.entity( "routing/pim/counters/red/pim" ), sm_->pimVrfCounters( Vrf( "red" ) ) );
+   // The container got the VRF's own pieces.
+   const auto container = sm_->pimVrfContainerSm( Vrf( "red" ) );
+   EXPECT_EQ( container->args().pimAllStatus, allStatusColl_->vrfStatus( Vrf( "red" ) ) );
+   EXPECT_EQ( container->args().namespaceName, Lumo::NamespaceName( "ns-red" ) );
+   EXPECT_EQ( container->args().pimVarnStatus, sm_->pimVarnStatus( Vrf( "red" ) ) );
+   EXPECT_EQ( container->args().bfdPimAppConfig->appName(), "pim" );
+   EXPECT_TRUE( bfdDir_->entityRef( Kiv::Name( "red" ) ) ) << "the VRF's BFD sub-directory";
+}
+
+TEST_F( ConfigSmVrfTest, VrfGoesDownContainerFirstThenTablesThenNamespaceView ) {
+   vrfIs( "red" );
+   ipIntfIs( "Ethernet1", "red", "198.18.1.1/24" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   start();
+   ASSERT_TRUE( hasContainer( "red" ) );
+   const auto container = sm_->pimVrfContainerSm( Vrf( "red" ) );
+
+   capture_.clear();
+   configColl_->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( sparseEnabled( "red" ) );
+   EXPECT_FALSE( hasContainer( "red" ) );
+   EXPECT_EQ( traceOrder( { "PIM disabled for sparse mode", "Deleting ContainerSm", "Unmount PIM counters",
+                            "Unmount PIM varn table", "de-initializing" } ),
+              ( std::vector< std::string >{ "PIM disabled for sparse mode", "Deleting ContainerSm",
+                                            "Unmount PIM counters", "Unmount PIM varn table",
+                                            "de-initializing" } ) );
+   EXPECT_EQ( kni_->calls.back(), "unmount kni/ns/ns-red/status" );
+   EXPECT_FALSE( varnDir_.entity( "routing/pim/status/red" ) ) << "cleaned up after the unmount";
+   EXPECT_FALSE( varnDir_.entity( "routing/pim/counters/red/pim" ) );
+   EXPECT_FALSE( sm_->namespaceNameHas( Vrf( "red" ) ) );
+   EXPECT_FALSE( sm_->pimVarnStatusHas( Vrf( "red" ) ) );
+}
+
+TEST_F( ConfigSmVrfTest, DefaultVrfKeepsItsNamespaceView ) {
+   vrfIs( "default" );
+   start();
+   ASSERT_TRUE( hasContainer( "default" ) );
+   EXPECT_EQ( kni_->calls, std::vector< std::string >{ "mount kni/ns/default/status" } );
+   vrfEnabledStatus_->vrfIs( Vrf( "default" ), false );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( hasContainer( "default" ) );
+   EXPECT_FALSE( sparseEnabled( "default" ) );
+   EXPECT_TRUE( traced( "doKniDeinit( default ), not cleaning up" ) );
+   EXPECT_EQ( kni_->calls.size(), 1u ) << "never unmounted";
+   vrfEnabledStatus_->vrfIs( Vrf( "default" ), true );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( hasContainer( "default" ) );
+   EXPECT_TRUE( traced( "doKniInit( default ), already exists" ) );
+   EXPECT_EQ( kni_->calls.size(), 1u );
+}
+
+TEST_F( ConfigSmVrfTest, VifAndAllPimRoutersFollowEachPimInterface ) {
+   vrfIs( "default" );
+   ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
+   ipIntfIs( "Ethernet2", "default", "198.18.2.1/24" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   start();
+   EXPECT_TRUE( vifRequested( "Ethernet1" ) );
+   EXPECT_TRUE( allPimRoutersJoined( "Ethernet1", "224.0.0.13" ) );
+   EXPECT_FALSE( vifRequested( "Ethernet2" ) );
+   EXPECT_FALSE( allPimRoutersJoined( "Ethernet2", "224.0.0.13" ) );
+
+   intfConfigIs( "Ethernet2", pimModeBidir );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( vifRequested( "Ethernet2" ) );
+   EXPECT_TRUE( allPimRoutersJoined( "Ethernet2", "224.0.0.13" ) );
+
+   configColl_->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( vifRequested( "Ethernet1" ) );
+   EXPECT_FALSE( allPimRoutersJoined( "Ethernet1", "224.0.0.13" ) );
+   EXPECT_TRUE( vifRequested( "Ethernet2" ) );
+}
+
+TEST_F( ConfigSmVrfTest, RemovingTheVrfConfigurationTearsDownBeforeDeletingStatus ) {
+   vrfIs( "red" )->pimConfiguredIs( true );
+   ipIntfIs( "Ethernet1", "red", "198.18.1.1/24" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   start();
+   const auto intf = pimIntf( "red", "Ethernet1" );
+   ASSERT_TRUE( intf && hasContainer( "red" ) && bidirEnabled( "red" ) );
+   ASSERT_TRUE( vifRequested( "Ethernet1" ) );
+
+   capture_.clear();
+   configColl_->vrfConfigDel( Vrf( "red" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( traceOrder( { "Deleting VRF related status", "Disabling on vrf red", "Deleting interface",
+                            "PIM disabled for sparse mode", "PIM disabled for bidir", "Deleting ContainerSm" } ),
+              ( std::vector< std::string >{ "Deleting VRF related status", "Disabling on vrf red",
+                                            "Deleting interface", "PIM disabled for sparse mode",
+                                            "PIM disabled for bidir", "Deleting ContainerSm" } ) );
+   EXPECT_FALSE( intf->enabled() );
+   EXPECT_FALSE( hasContainer( "red" ) );
+   EXPECT_FALSE( allStatusColl_->vrfStatusHas( Vrf( "red" ) ) );
+   EXPECT_FALSE( statusColl_->vrfStatusHas( Vrf( "red" ) ) );
+   EXPECT_FALSE( globalStatus_->portStatusHas( Vrf( "red" ) ) );
+   EXPECT_FALSE( sm_->vrfSparseModeIntfHas( Vrf( "red" ) ) );
+   EXPECT_FALSE( sm_->vrfBidirIntfHas( Vrf( "red" ) ) );
+   EXPECT_FALSE( globalStatus_->pimEnabledSparseModeVrfHas( Vrf( "red" ) ) );
+   EXPECT_FALSE( mcastPimStatus_->pimEnabledSparseModeVrfHas( Vrf( "red" ) ) );
+   EXPECT_FALSE( vifRequested( "Ethernet1" ) ) << "requests of deleted interfaces are withdrawn";
+   EXPECT_FALSE( allPimRoutersJoined( "Ethernet1", "224.0.0.13" ) );
+}
+
+TEST_F( ConfigSmVrfTest, EnablingUpdatesAnInterfaceOnceEvenIfConfiguredAndPresent ) {
+   vrfIs( "default" );
+   ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   start();
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+   capture_.clear();
+   sm_->doUpdateMulticastEnabled( Vrf( "default" ) );
+   EXPECT_EQ( traceOrder( { "updatePimIntf( Ethernet1, default )" } ).size(), 1u );
+   EXPECT_EQ( sm_->reviewedMulticastIntfSize(), 0u );
+}
+
+TEST_F( ConfigSmVrfTest, VrfsAreIndependent ) {
+   vrfIs( "red" );
+   vrfIs( "blue" );
+   ipIntfIs( "Ethernet1", "red", "198.18.1.1/24" );
+   ipIntfIs( "Ethernet2", "blue", "198.18.2.1/24" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   intfConfigIs( "Ethernet2", pimModeSparse );
+   start();
+   ASSERT_TRUE( hasContainer( "red" ) && hasContainer( "blue" ) );
+   allVrfStatusLocal_->vrfDel( Vrf( "blue" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( hasContainer( "blue" ) );
+   EXPECT_FALSE( pimIntf( "blue", "Ethernet2" ) );
+   EXPECT_TRUE( hasContainer( "red" ) );
+   EXPECT_TRUE( pimIntf( "red", "Ethernet1" ) );
+   EXPECT_TRUE( allStatusColl_->vrfStatusHas( Vrf( "blue" ) ) ) << "still configured: status stays";
+}
+
+TEST_F( ConfigSmVrfTest, MissingMountsLeaveNoHalfBuiltVrf ) {
+   vrfIs( "red" );
+   ipIntfIs( "Ethernet1", "red", "198.18.1.1/24" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   auto in = inputs();
+   in.varnMount = nullptr;
+   start( in );
+   EXPECT_TRUE( sparseEnabled( "red" ) );
+   EXPECT_FALSE( hasContainer( "red" ) );
+   EXPECT_TRUE( traced( "missing input, no ContainerSm" ) );
+   EXPECT_TRUE( kni_->calls.empty() );
+
+   // Without the kernel status the container still runs (no kernel interfaces).
+   sm_ = nullptr;
+   kni_->missing = true;
+   start();
+   EXPECT_TRUE( hasContainer( "red" ) );
+   EXPECT_FALSE( sm_->pimVrfContainerSm( Vrf( "red" ) )->args().kernelIntfStatusDir );
+}
+
+class ConfigSmVrf6Test : public ConfigSmFixture {
+ protected:
+   ConfigSmVrf6Test() : ConfigSmFixture( Lumo::AddressFamily::ipv6 ) {}
+};
+
+TEST_F( ConfigSmVrf6Test, Ipv6UsesItsOwnGroupTablesAndBfdApplication ) {
+   vrfIs( "default" );
+   ipIntfIs( "Ethernet1", "default", "2001:db8:1::1/64" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   start();
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+   EXPECT_TRUE( vifRequested( "Ethernet1" ) );
+   EXPECT_TRUE( allPimRoutersJoined( "Ethernet1", "ff02::d" ) );
+   EXPECT_TRUE( varnDir_.entity( "routing6/pim/status/default" ) );
+   EXPECT_TRUE( varnDir_.entity( "routing6/pim/counters/default/pim" ) );
+   EXPECT_EQ( sm_->bfdPimAppConfig( Vrf( "default" ) )->appName(), "pim6" );
+
+   // The unspecified address counts as no address.
+   ipStatus_->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "::/0" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   EXPECT_FALSE( allPimRoutersJoined( "Ethernet1", "ff02::d" ) );
+}
+
+} // namespace
+} // namespace PimConfigTest

@@ -1,0 +1,215 @@
+// Neighbours coupled to BFD sessions: a session per neighbour while BFD is on,
+// a neighbour whose session goes down is held out of the DR election and the
+// delay computation, the session coming back up sends a Hello, and the
+// neighbour's next Hello returns it to service.
+#include "EngineFixture.h"
+
+namespace PimScenario {
+namespace {
+
+Bfd::Peer peer( std::string_view addr ) { return Bfd::Peer( ip( addr ), L3::VrfName( "default" ) ); }
+
+IntfParams withBfd() {
+   IntfParams p;
+   p.bfdEnabled = true;
+   return p;
+}
+
+std::string stateChange( Bfd::OperState from, Bfd::OperState to ) {
+   return std::string( "neighbor 198.18.0.2 " ) + Bfd::operStateName( from ) + " to " + Bfd::operStateName( to ) +
+          " on interface Ethernet1";
+}
+
+TEST( ScenarioBfd, EveryNeighborGetsASessionWhileBfdIsOnAndLosesItWhenItGoes ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   f.receive( eth1, hello( "198.18.0.3" ).hold( 30 ) );
+   EXPECT_TRUE( f.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
+   EXPECT_TRUE( f.bfdAppConfig->peerConfig( peer( "198.18.0.3" ) ) );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 5, "Enabling BFD on neighbor 198.18.0.2 for interface Ethernet1" ) );
+
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
+   EXPECT_FALSE( f.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 5, "Disabling BFD on neighbor 198.18.0.2 for interface Ethernet1" ) );
+   f.advanceBy( 31.0 );
+   EXPECT_EQ( f.bfdAppConfig->peerConfigSize(), 0u );
+
+   // BFD switched off on the interface: no session for new neighbours.
+   intf->bfdEnabledIs( false );
+   f.runUntilIdle();
+   f.receive( eth1, hello( "198.18.0.4" ) );
+   EXPECT_EQ( f.bfdAppConfig->peerConfigSize(), 0u );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.4" ) );
+
+   // And on again: every present neighbour gets one.
+   intf->bfdEnabledIs( true );
+   f.runUntilIdle();
+   EXPECT_TRUE( f.bfdAppConfig->peerConfig( peer( "198.18.0.4" ) ) );
+}
+
+TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
+   auto sm = f.intfSm( eth1 );
+   f.receive( eth1, hello( "198.18.0.2" ).dr( 5 ).lpd( 900, 3000, true ) );
+   f.receive( eth1, hello( "198.18.0.3" ).dr( 1 ).lpd( 400, 2500, true ) );
+   f.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
+   f.runUntilIdle();
+   f.advanceBy( 2.0 );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
+   EXPECT_EQ( intf->usedPropagationDelay(), 900 );
+   const auto countBefore = intf->triggeredHelloCount();
+   f.clearSent();
+
+   auto status = f.bfdAppStatus->peerStatus( peer( "198.18.0.2" ) );
+   status->statusIs( Bfd::operUp );
+   f.runUntilIdle();
+   auto nb = f.neighbor( eth1, "198.18.0.2" );
+   ASSERT_TRUE( nb );
+   EXPECT_EQ( nb->bfdState(), Bfd::operUp );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 5,
+                          "BFD status changed (" + str( Bfd::operDown ) + " => " + str( Bfd::operUp ) +
+                             ") for neighbor 198.18.0.2 on interface Ethernet1" ) );
+   EXPECT_EQ( f.logged( "PIM_BFD_STATE_CHANGE" ), 0u );
+   EXPECT_TRUE( f.sent().empty() );
+
+   // Down: held out of everything, the entry stays.
+   f.advanceBy( 2.0 );
+   status->statusIs( Bfd::operDown );
+   f.runUntilIdle();
+   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
+   EXPECT_TRUE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
+   EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.3" ) );
+   EXPECT_EQ( intf->usedPropagationDelay(), 500 );   // own 500 beats .3's 400
+   auto logs = f.logTexts( "PIM_BFD_STATE_CHANGE" );
+   ASSERT_EQ( logs.size(), 1u );
+   EXPECT_EQ( logs[ 0 ], stateChange( Bfd::operUp, Bfd::operDown ) );
+   EXPECT_TRUE( f.tracedAnyLevel( EngineFixture::kNeighborTrace,
+                                  "BFD is up.  Place neighbor 198.18.0.2 in the down list for interface Ethernet1" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 5,
+                          "BFD neighbor 198.18.0.2 is added to down list for interface Ethernet1" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 2, "Neighbor 198.18.0.2 is DOWN for interface Ethernet1" ) );
+   EXPECT_TRUE( f.sent().empty() );
+
+   // Up again: a Hello at once with the interface's hold time, but the
+   // neighbour stays on the down list.
+   f.advanceBy( 2.0 );
+   status->statusIs( Bfd::operUp );
+   f.runUntilIdle();
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( f.sent()[ 0 ].time, f.now() );
+   expectFullHello( f.sent()[ 0 ], *intf, 1 );
+   logs = f.logTexts( "PIM_BFD_STATE_CHANGE" );
+   ASSERT_EQ( logs.size(), 2u );
+   EXPECT_EQ( logs[ 1 ], stateChange( Bfd::operDown, Bfd::operUp ) );
+   EXPECT_TRUE( f.tracedAnyLevel( EngineFixture::kNeighborTrace,
+                                  "BFD is in the down list for neighbor 198.18.0.2 for interface Ethernet1.  "
+                                  "Triggering  hello on interface." ) );
+   EXPECT_TRUE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
+   EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
+   EXPECT_EQ( intf->triggeredHelloCount(), countBefore );
+
+   // Its next Hello returns it: active, DR again, and greeted with a counted Hello.
+   f.advanceBy( 2.0 );
+   f.clearSent();
+   f.receive( eth1, hello( "198.18.0.2" ).dr( 5 ).lpd( 900, 3000, true ) );
+   EXPECT_FALSE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
+   EXPECT_EQ( intf->usedPropagationDelay(), 900 );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 5,
+                          "BFD neighbor 198.18.0.2 is removed from down list for interface Ethernet1" ) );
+   EXPECT_TRUE( intf->triggeredHello() );
+   EXPECT_TRUE( sm->neighborEventTriggeredHello() );
+   f.advanceBy( 1.0 );
+   EXPECT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( intf->triggeredHelloCount(), countBefore + 1 );
+}
+
+TEST( ScenarioBfd, DownFromAnythingButUpChangesNothing ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   auto status = f.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
+   f.runUntilIdle();
+
+   status->statusIs( Bfd::operInit );
+   f.runUntilIdle();
+   EXPECT_EQ( f.neighbor( eth1, "198.18.0.2" )->bfdState(), Bfd::operInit );
+   status->statusIs( Bfd::operDown );
+   f.runUntilIdle();
+   EXPECT_EQ( f.neighbor( eth1, "198.18.0.2" )->bfdState(), Bfd::operDown );
+   EXPECT_EQ( intf->inactiveBfdNeighborSize(), 0u );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
+
+   // Up, Init, then Down: the session was not up just before going down.
+   status->statusIs( Bfd::operUp );
+   f.runUntilIdle();
+   status->statusIs( Bfd::operInit );
+   f.runUntilIdle();
+   status->statusIs( Bfd::operAdminDown );
+   f.runUntilIdle();
+   EXPECT_EQ( intf->inactiveBfdNeighborSize(), 0u );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
+   EXPECT_EQ( f.logged( "PIM_BFD_STATE_CHANGE" ), 0u );
+
+   // Admin down right after up does count as down.
+   f.advanceBy( 2.0 );
+   status->statusIs( Bfd::operUp );
+   f.runUntilIdle();
+   status->statusIs( Bfd::operAdminDown );
+   f.runUntilIdle();
+   EXPECT_TRUE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
+   EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
+   EXPECT_EQ( f.logged( "PIM_BFD_STATE_CHANGE" ), 1u );
+}
+
+TEST( ScenarioBfd, StatusChangesAreIgnoredWhereBfdIsOff ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   EXPECT_EQ( f.bfdAppConfig->peerConfigSize(), 0u );
+   auto status = f.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
+   f.runUntilIdle();
+   status->statusIs( Bfd::operUp );
+   f.runUntilIdle();
+   status->statusIs( Bfd::operDown );
+   f.runUntilIdle();
+   EXPECT_EQ( f.neighbor( eth1, "198.18.0.2" )->bfdState(), Bfd::operDown );
+   EXPECT_EQ( intf->inactiveBfdNeighborSize(), 0u );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 5, "BFD is not enabled on interface Ethernet1" ) );
+   EXPECT_EQ( f.logged( "PIM_BFD_STATE_CHANGE" ), 0u );
+}
+
+TEST( ScenarioBfd, SwitchingBfdOffReleasesHeldNeighbors ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
+   f.receive( eth1, hello( "198.18.0.2" ).dr( 3 ) );
+   auto status = f.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
+   f.runUntilIdle();
+   status->statusIs( Bfd::operUp );
+   f.runUntilIdle();
+   status->statusIs( Bfd::operDown );
+   f.runUntilIdle();
+   ASSERT_FALSE( f.active( eth1, "198.18.0.2" ) );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.1" ) );
+
+   intf->bfdEnabledIs( false );
+   f.runUntilIdle();
+   EXPECT_FALSE( f.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
+   EXPECT_EQ( intf->inactiveBfdNeighborSize(), 0u );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
+}
+
+} // namespace
+} // namespace PimScenario

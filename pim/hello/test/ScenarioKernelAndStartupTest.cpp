@@ -1,0 +1,281 @@
+// Interface machines and the kernel's view of interfaces, start-up over the
+// neighbours an earlier run left in the status, the router id taken from the
+// bridge MAC and the Interface ID it feeds, and the per-VRF owner's guards.
+#include <limits>
+
+#include "EngineFixture.h"
+
+namespace PimScenario {
+namespace {
+
+Bridging::MacAddr mac( std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d, std::uint8_t e,
+                       std::uint8_t g ) {
+   Bridging::MacAddr m;
+   m.bytes = { a, b, c, d, e, g };
+   return m;
+}
+
+TEST( ScenarioKernelAndStartup, MachineExistsOnlyWhileTheKernelKnowsTheInterface ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   IntfParams p;
+   p.kernelKnown = false;
+   p.ifIndex = 21;
+   auto intf = f.addIntf( eth1, "198.18.0.1/24", p );
+   IntfParams other;
+   other.ifIndex = 22;
+   f.startIntf( ethernet( 2 ), "198.18.1.1/24", other );
+   EXPECT_FALSE( f.intfSm( eth1 ) );
+   f.at( 100.0 );
+   EXPECT_TRUE( f.sentOn( eth1 ).empty() );
+
+   f.random().push( { drawForTenths( 7 ) } );
+   const double known = f.now();
+   f.kernelAdd( eth1, 21 );
+   f.runUntilIdle();
+   ASSERT_TRUE( f.intfSm( eth1 ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 3, "Creating state machine for interface Ethernet1" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 3, "Created state machine for interface Ethernet1" ) );
+   EXPECT_EQ( intf->usedAddressWithMask(), ipm( "198.18.0.1/24" ) );
+   f.advanceBy( 1.0 );
+   auto sent = f.sentOn( eth1 );
+   ASSERT_EQ( sent.size(), 1u );
+   EXPECT_NEAR( sent[ 0 ].time - known, 0.7, 1e-6 );
+   expectFullHello( sent[ 0 ], *intf, 1 );
+   EXPECT_EQ( sent[ 0 ].interfaceIdIfIndex, 21u );
+
+   // The kernel forgets it: the machine goes, silently.
+   f.clearSent();
+   f.kernelDel( eth1 );
+   f.runUntilIdle();
+   EXPECT_FALSE( f.intfSm( eth1 ) );
+   EXPECT_TRUE( f.sentOn( eth1 ).empty() );
+   f.advanceBy( 100.0 );
+   EXPECT_TRUE( f.sentOn( eth1 ).empty() );
+   // The other interface goes on.
+   EXPECT_FALSE( f.sentOn( ethernet( 2 ) ).empty() );
+   EXPECT_TRUE( f.intfSm( ethernet( 2 ) ) );
+}
+
+TEST( ScenarioKernelAndStartup, InterfaceRemovedFromTheStatusLosesItsMachineWithoutAGoodbye ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   f.startIntf( eth1, "198.18.0.1/24" );
+   f.receive( eth1, hello( "198.18.0.2" ) );
+   f.advanceBy( 2.0 );
+   f.clearSent();
+   f.allStatus->pimIntfDel( eth1 );
+   f.runUntilIdle();
+   EXPECT_FALSE( f.intfSm( eth1 ) );
+   f.advanceBy( 200.0 );
+   EXPECT_TRUE( f.sent().empty() );
+}
+
+TEST( ScenarioKernelAndStartup, StartupReconcilesWhatAnEarlierRunLeftBehind ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   IntfParams p;
+   p.kernelKnown = false;
+   auto intf = f.addIntf( eth1, "198.18.0.1/24", p );
+   f.at( 300.0 );
+   const double now = f.now();
+
+   const LanPruneDelayOption lpdT{ true, 500, 2500, true };
+   auto left = [ & ]( const char * a, double lastRefresh, std::uint16_t hold, DrPriorityOption dr,
+                      LanPruneDelayOption lpd ) {
+      auto nb = intf->neighborIs( ip( a ), eth1, hold, dr, GenerationIdOption{ true, 1 }, lpd );
+      nb->creationTimeIs( lastRefresh );
+      nb->lastRefreshTimeIs( lastRefresh );
+      return nb;
+   };
+   auto expired = left( "198.18.0.2", now - 200, 105, { true, 1 }, lpdT );
+   expired->secondaryAddressIs( ip( "198.18.0.160" ), true );
+   left( "198.18.0.4", now - 105, 105, { true, 1 }, lpdT );   // deadline exactly now
+   auto noDr = left( "198.18.0.3", now - 10, 105, {}, lpdT );
+   noDr->secondaryAddressIs( ip( "198.18.0.151" ), true );
+   auto noLpd = left( "198.18.0.6", now - 5, 105, { true, 9 }, {} );
+   left( "198.18.0.1", now - 1, 105, { true, 1 }, lpdT );   // holds the own address
+   auto ghost = Kiv::make< Neighbor >( ip( "198.18.0.5" ), eth1, 105, DrPriorityOption{ true, 1 },
+                                       GenerationIdOption{}, lpdT );
+   intf->activeNeighborIs( expired );
+   intf->activeNeighborIs( noDr );
+   intf->activeNeighborIs( noLpd );
+   intf->activeNeighborIs( ghost );
+   intf->nbSecondaryAddressIs( ip( "198.18.0.150" ), ip( "198.18.0.3" ) );   // .3 no longer holds it
+   intf->nbSecondaryAddressIs( ip( "198.18.0.151" ), ip( "198.18.0.3" ) );
+   intf->nbSecondaryAddressIs( ip( "198.18.0.160" ), ip( "198.18.0.2" ) );   // owner expired
+   f.runUntilIdle();
+
+   f.kernelAdd( eth1, 11 );
+   f.runUntilIdle();
+   auto sm = f.intfSm( eth1 );
+   ASSERT_TRUE( sm );
+
+   EXPECT_EQ( intf->neighborSize(), 2u );
+   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.3" ) );
+   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.6" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7, "Deleting neighbor 198.18.0.2" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7, "Deleting neighbor 198.18.0.4" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7, "Deleting active neighbor 198.18.0.5" ) );
+   EXPECT_EQ( intf->activeNeighborSize(), 2u );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.3" ) );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.6" ) );
+
+   // Each surviving active neighbour is counted once.
+   EXPECT_EQ( sm->neighborNotUsingDrPriority(), 1u );
+   EXPECT_EQ( sm->neighborNotUsingLanPrune(), 1u );
+   EXPECT_EQ( sm->neighborNotUsingTBit(), 1u );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.6" ) );
+   EXPECT_EQ( intf->usedDrPriority(), 0xFFFFFFFFu );
+   EXPECT_EQ( intf->usedPropagationDelay(), 500 );
+   EXPECT_EQ( intf->usedOverrideInterval(), 2500 );
+   EXPECT_FALSE( intf->usedTBit() );
+
+   EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
+   EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.151" ) ), ip( "198.18.0.3" ) );
+   EXPECT_TRUE( f.tracedAnyLevel( EngineFixture::kIntfTrace,
+                                  "Neighbor secondary address 198.18.0.150 deleted for neighbor 198.18.0.3 for "
+                                  "interface Ethernet1" ) );
+
+   ASSERT_TRUE( sm->neighborSm( ip( "198.18.0.3" ) ) );
+   ASSERT_TRUE( sm->neighborSm( ip( "198.18.0.6" ) ) );
+   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.3" ) )->neighborTimerTimeMin(), now - 10 + 105 );
+
+   // The survivors expire on their old deadlines, and the counts follow.
+   f.advanceTo( now - 10 + 105 );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.3" ) );
+   EXPECT_EQ( sm->neighborNotUsingDrPriority(), 0u );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.6" ) );
+   EXPECT_EQ( intf->usedDrPriority(), 9u );
+   EXPECT_EQ( intf->nbSecondaryAddressSize(), 0u );
+   f.advanceTo( now - 5 + 105 );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.6" ) );
+   EXPECT_EQ( sm->neighborNotUsingLanPrune(), 0u );
+   EXPECT_EQ( sm->neighborNotUsingTBit(), 0u );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.1" ) );
+}
+
+TEST( ScenarioKernelAndStartup, StartupDeadlineRuleAppliesToEveryLeftoverNeighborWhateverItsHoldTime ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   IntfParams p;
+   p.kernelKnown = false;
+   auto intf = f.addIntf( eth1, "198.18.0.1/24", p );
+   f.at( 70000.0 );
+   const double now = f.now();
+   const LanPruneDelayOption lpdT{ true, 500, 2500, true };
+   auto stale = intf->neighborIs( ip( "198.18.0.2" ), eth1, 0xFFFF, DrPriorityOption{ true, 1 },
+                                  GenerationIdOption{ true, 1 }, lpdT );
+   stale->lastRefreshTimeIs( now - 65535 );   // lastRefreshTime + holdTime == now
+   auto fresh = intf->neighborIs( ip( "198.18.0.3" ), eth1, 0xFFFF, DrPriorityOption{ true, 1 },
+                                  GenerationIdOption{ true, 1 }, lpdT );
+   fresh->lastRefreshTimeIs( now - 100 );
+   f.runUntilIdle();
+
+   f.kernelAdd( eth1, 11 );
+   f.runUntilIdle();
+   ASSERT_TRUE( f.intfSm( eth1 ) );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
+   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7, "Deleting neighbor 198.18.0.2" ) );
+   ASSERT_TRUE( f.neighbor( eth1, "198.18.0.3" ) );
+   // The survivor keeps its never-expiring timer.
+   ASSERT_TRUE( f.intfSm( eth1 )->neighborSm( ip( "198.18.0.3" ) ) );
+   EXPECT_EQ( f.intfSm( eth1 )->neighborSm( ip( "198.18.0.3" ) )->neighborTimerTimeMin(),
+              std::numeric_limits< double >::infinity() );
+}
+
+TEST( ScenarioKernelAndStartup, StartupHoldsOutANeighborWhoseBfdSessionIsDown ) {
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   IntfParams p;
+   p.kernelKnown = false;
+   p.bfdEnabled = true;
+   auto intf = f.addIntf( eth1, "198.18.0.1/24", p );
+   f.at( 50.0 );
+   const LanPruneDelayOption lpdT{ true, 500, 2500, true };
+   auto down = intf->neighborIs( ip( "198.18.0.2" ), eth1, 105, DrPriorityOption{ true, 1 },
+                                 GenerationIdOption{ true, 1 }, lpdT );
+   down->lastRefreshTimeIs( f.now() - 5 );
+   auto up = intf->neighborIs( ip( "198.18.0.3" ), eth1, 105, DrPriorityOption{ true, 1 },
+                               GenerationIdOption{ true, 1 }, lpdT );
+   up->lastRefreshTimeIs( f.now() - 5 );
+   intf->activeNeighborIs( down );
+   intf->activeNeighborIs( up );
+   const L3::VrfName vrf( "default" );
+   f.bfdAppStatus->peerStatusIs( Bfd::Peer( ip( "198.18.0.2" ), vrf ), Bfd::operDown );
+   f.bfdAppStatus->peerStatusIs( Bfd::Peer( ip( "198.18.0.3" ), vrf ), Bfd::operUp );
+   f.runUntilIdle();
+
+   f.kernelAdd( eth1, 11 );
+   f.runUntilIdle();
+   ASSERT_TRUE( f.intfSm( eth1 ) );
+   EXPECT_TRUE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
+   EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.3" ) );
+   EXPECT_TRUE( f.bfdAppConfig->peerConfig( Bfd::Peer( ip( "198.18.0.2" ), vrf ) ) );
+   EXPECT_TRUE( f.bfdAppConfig->peerConfig( Bfd::Peer( ip( "198.18.0.3" ), vrf ) ) );
+   EXPECT_TRUE( f.tracedAnyLevel( EngineFixture::kIntfTrace, "BFD peer state : " ) );
+   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.3" ) );
+
+   // Only the start-up Hello goes out; none for a neighbour event.
+   f.advanceBy( 2.0 );
+   EXPECT_EQ( f.sent().size(), 1u );
+   EXPECT_EQ( intf->triggeredHelloCount(), 0u );
+}
+
+TEST( ScenarioKernelAndStartup, RouterIdFromTheBridgeMacFeedsTheInterfaceId ) {
+   EngineFixture f;
+   f.startRouterId( mac( 0x02, 0x00, 0x5e, 0x10, 0x20, 0x30 ) );
+   EXPECT_EQ( f.routerIdInfo->routerId(), 0x5E102030u );
+
+   const auto eth1 = ethernet( 1 );
+   IntfParams p;
+   p.ifIndex = 42;
+   auto intf = f.addIntf( eth1, "198.18.0.1/24", p );
+   EXPECT_EQ( intf->portInterfaceId(), ( Reliable::InterfaceId{ 0x5E102030, 42 } ) );
+   f.advanceBy( 1.0 );
+   ASSERT_EQ( f.sent().size(), 1u );
+   EXPECT_TRUE( f.sent()[ 0 ].interfaceIdPresent );
+   EXPECT_EQ( f.sent()[ 0 ].interfaceIdRouterId, 0x5E102030u );
+   EXPECT_EQ( f.sent()[ 0 ].interfaceIdIfIndex, 42u );
+
+   f.bridging->bridgeMacAddrIs( mac( 0x02, 0x00, 0xfe, 0xaa, 0xbb, 0x0c ) );
+   f.runUntilIdle();
+   EXPECT_EQ( f.routerIdInfo->routerId(), 0xFEAABB0Cu );
+   EXPECT_EQ( intf->portInterfaceId(), ( Reliable::InterfaceId{ 0xFEAABB0C, 42 } ) );
+   EXPECT_TRUE( f.tracedAnyLevel( EngineFixture::kIntfTrace, "Router Id changed for interface Ethernet1 to " ) );
+   f.at( 30.0 );
+   ASSERT_EQ( f.sent().size(), 2u );
+   EXPECT_EQ( f.sent()[ 1 ].interfaceIdRouterId, 0xFEAABB0Cu );
+
+   // A second VRF of the same switch gets the same id; without bridging
+   // configuration the id stays 0.
+   auto red = routerIdInfoFactory( L3::VrfName( "red" ) );
+   auto redSm = routerIdSmFactory( L3::VrfName( "red" ), f.bridging, red );
+   auto blue = routerIdInfoFactory( L3::VrfName( "blue" ) );
+   auto blueSm = routerIdSmFactory( L3::VrfName( "blue" ), nullptr, blue );
+   f.runUntilIdle();
+   EXPECT_EQ( red->routerId(), 0xFEAABB0Cu );
+   EXPECT_EQ( blue->routerId(), 0u );
+}
+
+TEST( ScenarioKernelAndStartup, NullEntriesForTheOwnersCollectionsAreRangeErrors ) {
+   EngineFixture f;
+   try {
+      f.global->pimIntfIs( nullptr );
+      ADD_FAILURE() << "no range error for a null interface";
+   } catch( const Kiv::RangeException & e ) {
+      EXPECT_EQ( std::string( e.what() ),
+                 "null _pimIntf parameter to mutator for Routing::Pim::GlobalIntfSm::pimIntf not allowed\"" );
+   }
+   try {
+      f.global->peerStatusIs( nullptr );
+      ADD_FAILURE() << "no range error for a null peer status";
+   } catch( const Kiv::RangeException & e ) {
+      EXPECT_EQ( std::string( e.what() ),
+                 "null _peerStatus parameter to mutator for Routing::Pim::GlobalIntfSm::peerStatus not allowed\"" );
+   }
+}
+
+} // namespace
+} // namespace PimScenario

@@ -1,0 +1,164 @@
+#pragma once
+// StatusWriterSm: mirrors one VRF's PIM interfaces and neighbours into the
+// VRF's shared-memory status tables, where other processes read them. It
+// only reads the status entities and only writes the tables.
+//
+// Three levels of reactors follow the entity tree: KivAllStatus owns one
+// KivIntf per interface, each KivIntf one KivNeighbor per neighbour. Each
+// level remembers the child rows it wrote, so that removal deletes exactly
+// those, children before their parent.
+#include <memory>
+
+#include "kiv/EntityMacros.h"
+#include "kiv/HashMap.h"
+#include "lumo/IntfId.h"
+#include "lumo/IpGenAddr.h"
+#include "lumo/IpGenPrefix.h"
+#include "lumo/VrfName.h"
+#include "model/PimStatus.h"
+#include "services/varn/PimVarnStatus.h"
+
+namespace Routing::Pim::Varn {
+
+class StatusWriterSm : public Kiv::StateMachine {
+ public:
+   class KivAllStatus;
+   class KivIntf;
+
+   // One neighbour's row and its secondary-address rows.
+   class KivNeighbor : public ::Routing::Pim::Neighbor::NotifieeConst {
+    public:
+      // Refuses a null neighbour with the framework's null-parameter error.
+      KivNeighbor( KivIntf * owner, const Kiv::Ptr< const ::Routing::Pim::Neighbor > & neighbor );
+      const Lumo::IpGenAddr & address() const { return address_; }
+
+      void handleNew();
+      void handleNeighbor();
+      void handleSecondaryAddress( const Lumo::IpGenAddr & addr );
+      void handleDel();
+
+      void onCreationTime() override { handleNeighbor(); }
+      void onLastRefreshTime() override { handleNeighbor(); }
+      void onHoldTime() override { handleNeighbor(); }
+      void onDrPriorityOption() override { handleNeighbor(); }
+      void onGenerationIdOption() override { handleNeighbor(); }
+      void onLanPruneDelayOption() override { handleNeighbor(); }
+      void onSecondaryAddress( const Lumo::IpGenAddr & addr ) override {
+         handleSecondaryAddress( addr );
+      }
+      void onBfdState() override { handleNeighbor(); }
+      void onPortInfo() override { handleNeighbor(); }
+      void onTransportProtocol() override { handleNeighbor(); }
+
+    private:
+      KivIntf * owner_;
+      const Lumo::IpGenAddr address_;
+      // Secondary addresses whose rows this reactor wrote.
+      Kiv::HashMap< Lumo::IpGenAddr, bool > secondaryWritten_;
+   };
+
+   // One interface's row, its secondary address and prefix rows, its
+   // inactive-neighbour rows and its neighbours.
+   class KivIntf : public ::Routing::Pim::Intf::NotifieeConst {
+    public:
+      KivIntf( KivAllStatus * owner, const Kiv::Ptr< const ::Routing::Pim::Intf > & intf );
+      const Lumo::IntfId & id() const { return id_; }
+      StatusWriterSm * sm() const;
+
+      void handleNew();
+      void handleIntf();
+      void handleSecondaryAddress( const Lumo::IpGenAddr & addr );
+      void handleSecondaryPrefix( const Lumo::IpGenPrefix & prefix );
+      void handleInactiveBfdNeighbor( const Lumo::IpGenAddr & addr );
+      void handleNeighbor( const Lumo::IpGenAddr & addr );
+      void handleDel();
+
+      void onEnabled() override { handleIntf(); }
+      void onMode() override { handleIntf(); }
+      void onAddressWithMask() override { handleIntf(); }
+      void onUsedAddressWithMask() override { handleIntf(); }
+      void onSecondaryAddress( const Lumo::IpGenAddr & a ) override { handleSecondaryAddress( a ); }
+      void onSecondaryPrefix( const Lumo::IpGenPrefix & p ) override { handleSecondaryPrefix( p ); }
+      void onHelloPeriod() override { handleIntf(); }
+      void onHelloHoldTime() override { handleIntf(); }
+      void onHelloDelay() override { handleIntf(); }
+      void onDrPriority() override { handleIntf(); }
+      void onGenerationId() override { handleIntf(); }
+      void onJoinPrunePeriod() override { handleIntf(); }
+      void onJoinPruneHoldTime() override { handleIntf(); }
+      void onBfdEnabled() override { handleIntf(); }
+      void onBorderRouter() override { handleIntf(); }
+      void onFastFailover() override { handleIntf(); }
+      void onSourceInject() override { handleIntf(); }
+      void onPortCapabilityFlags() override { handleIntf(); }
+      void onPortInterfaceId() override { handleIntf(); }
+      void onNeighbor( const Lumo::IpGenAddr & a ) override { handleNeighbor( a ); }
+      void onInactiveBfdNeighbor( const Lumo::IpGenAddr & a ) override {
+         handleInactiveBfdNeighbor( a );
+      }
+      void onUsedDr() override { handleIntf(); }
+      void onUsedDrPriority() override { handleIntf(); }
+      void onUsedPropagationDelay() override { handleIntf(); }
+      void onUsedOverrideInterval() override { handleIntf(); }
+      void onUsedTBit() override { handleIntf(); }
+      void onTriggeredHello() override { handleIntf(); }
+      void onPropagationDelay() override { handleIntf(); }
+      void onOverrideInterval() override { handleIntf(); }
+      void onTBit() override { handleIntf(); }
+      void onAssertTimeout() override { handleIntf(); }
+      void onAssertOverrideInterval() override { handleIntf(); }
+      void onTriggeredHelloCount() override { handleIntf(); }
+      void onLastHelloTime() override { handleIntf(); }
+
+    private:
+      friend class KivNeighbor;
+      KivAllStatus * owner_;
+      const Lumo::IntfId id_;
+      Kiv::HashMap< Lumo::IpGenAddr, std::unique_ptr< KivNeighbor > > neighbor_;
+      // Child rows this reactor wrote.
+      Kiv::HashMap< Lumo::IpGenAddr, bool > secondaryAddressWritten_;
+      Kiv::HashMap< Lumo::IpGenPrefix, bool > secondaryPrefixWritten_;
+      Kiv::HashMap< Lumo::IpGenAddr, bool > inactiveWritten_;
+   };
+
+   // The VRF's AllStatus: one KivIntf per interface.
+   class KivAllStatus : public ::Routing::Pim::AllStatus::NotifieeConst {
+    public:
+      KivAllStatus( StatusWriterSm * owner, const Kiv::Ptr< const ::Routing::Pim::AllStatus > & s );
+      ~KivAllStatus() override;
+      StatusWriterSm * sm() const { return owner_; }
+      void onPimIntf( const Lumo::IntfId & id ) override { handlePimIntf( id ); }
+      void handlePimIntf( const Lumo::IntfId & id );
+      // The reactor of an interface, or null.
+      KivIntf * intf( const Lumo::IntfId & id ) const;
+      std::size_t intfCount() const { return intf_.size(); }
+    private:
+      StatusWriterSm * owner_;
+      Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIntf > > intf_;
+   };
+
+   // allStatus and varnStatus are required ("null ValidPtr").
+   StatusWriterSm( const L3::VrfName & vrfName,
+                   const Kiv::Ptr< const ::Routing::Pim::AllStatus > & allStatus,
+                   const Kiv::Ptr< Status > & varnStatus );
+   ~StatusWriterSm() override;
+
+   const L3::VrfName & vrfName() const { return vrfName_; }
+   const Kiv::Ptr< Status > & varnStatus() const { return varnStatus_; }
+   const KivAllStatus & allStatusReactor() const { return *allStatus_; }
+
+ private:
+   const L3::VrfName vrfName_;
+   Kiv::Ptr< Status > varnStatus_;
+   std::unique_ptr< KivAllStatus > allStatus_;
+};
+
+Kiv::Ptr< StatusWriterSm > StatusWriterSmIs( const L3::VrfName & vrfName,
+                                             const Kiv::Ptr< const ::Routing::Pim::AllStatus > & allStatus,
+                                             const Kiv::Ptr< Status > & varnStatus );
+
+// Row builders, exposed for readers' tests.
+Intf intfRow( const ::Routing::Pim::Intf & intf );
+Neighbor neighborRow( const Lumo::IntfId & intf, const ::Routing::Pim::Neighbor & neighbor );
+
+} // namespace Routing::Pim::Varn

@@ -1,0 +1,375 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kiv/RangeException.h"
+#include "kiv/Trace.h"
+#include "kiv/testing/TestLoop.h"
+#include "model/PimStatus.h"
+#include "services/varn/PimVarnStatus.h"
+#include "services/varn/VarnMount.h"
+#include "status/PimStatusWriterSm.h"
+
+namespace {
+
+using namespace Routing::Pim;
+namespace V = Routing::Pim::Varn;
+
+Lumo::IpGenAddr ip( const char * s ) { return Lumo::IpGenAddr::fromStrep( s ); }
+Lumo::IpGenAddrWithMask ipm( const char * s ) { return Lumo::IpGenAddrWithMask::fromStrep( s ); }
+Lumo::IpGenPrefix pfx( const char * s ) { return Lumo::IpGenPrefix::fromStrep( s ); }
+
+// One table operation as the writer made it: table, "set" or "del", and the
+// key in readable form.
+struct Op {
+   std::string table;
+   std::string op;
+   std::string key;
+   bool operator==( const Op & ) const = default;
+};
+std::ostream & operator<<( std::ostream & os, const Op & o ) {
+   return os << o.table << ":" << o.op << ":" << o.key;
+}
+
+std::string keyText( const std::string & table, const void * key ) {
+   std::ostringstream os;
+   auto name = [ & ]( const void * p ) { return static_cast< const V::IntfName * >( p )->intfId(); };
+   auto addr = [ & ]( const void * p ) { return static_cast< const V::Addr * >( p )->ipGenAddr(); };
+   const char * b = static_cast< const char * >( key );
+   if( table == V::kPimIntfTable ) {
+      os << name( b );
+   } else if( table == V::kNeighborTable || table == V::kInactiveNeighborTable ||
+              table == V::kIntfSecondaryAddressTable ) {
+      os << name( b ) << "/" << addr( b + sizeof( V::IntfName ) );
+   } else if( table == V::kNeighborSecondaryAddressTable ) {
+      os << name( b ) << "/" << addr( b + sizeof( V::IntfName ) ) << "/"
+         << addr( b + sizeof( V::IntfName ) + sizeof( V::Addr ) );
+   } else if( table == V::kIntfSecondaryPrefixTable ) {
+      os << name( b ) << "/"
+         << static_cast< const V::Prefix * >( static_cast< const void * >( b + sizeof( V::IntfName ) ) )
+               ->ipGenPrefix();
+   }
+   return os.str();
+}
+
+// Heap tables that also log every operation that changed something.
+class RecordingStore : public KivVarn::TableStore {
+ public:
+   std::unique_ptr< KivVarn::RowTable > tableIs( const std::string & name, std::size_t rowSize,
+                                                 std::size_t keySize,
+                                                 std::size_t capacity ) override {
+      return std::make_unique< Table >(
+         KivVarn::HeapTableStore::instance().tableIs( name, rowSize, keySize, capacity ), ops );
+   }
+   std::vector< Op > ops;
+
+ private:
+   class Table : public KivVarn::RowTable {
+    public:
+      Table( std::unique_ptr< KivVarn::RowTable > t, std::vector< Op > & ops )
+            : RowTable( t->name(), t->rowSize(), t->keySize(), t->capacity() ),
+              t_( std::move( t ) ), ops_( ops ) {}
+      bool rowIs( const void * row ) override {
+         const bool changed = t_->rowIs( row );
+         if( changed ) ops_.push_back( { name(), "set", keyText( name(), row ) } );
+         return changed;
+      }
+      bool rowDel( const void * key ) override {
+         const bool changed = t_->rowDel( key );
+         if( changed ) ops_.push_back( { name(), "del", keyText( name(), key ) } );
+         return changed;
+      }
+      const void * row( const void * key ) const override { return t_->row( key ); }
+      std::size_t size() const override { return t_->size(); }
+      void clear() override { t_->clear(); }
+      void forEach( const std::function< void( const void * ) > & f ) const override {
+         t_->forEach( f );
+      }
+    private:
+      std::unique_ptr< KivVarn::RowTable > t_;
+      std::vector< Op > & ops_;
+   };
+};
+
+std::size_t indexOf( const std::vector< Op > & ops, const Op & o ) {
+   const auto it = std::find( ops.begin(), ops.end(), o );
+   EXPECT_NE( it, ops.end() ) << "missing " << o;
+   return static_cast< std::size_t >( it - ops.begin() );
+}
+
+class StatusWriterFixture : public ::testing::Test {
+ protected:
+   void SetUp() override {
+      allStatus_ = Kiv::make< AllStatus >( "red" );
+      varn_ = Kiv::make< V::Status >( "routing/pim/status/red", V::Status::mountInfo(), store_ );
+   }
+   void startWriter() { writer_ = V::StatusWriterSmIs( "red", allStatus_, varn_ ); }
+   void run() { ASSERT_TRUE( loop_.runUntilIdle() ); }
+   Kiv::Ptr< Neighbor > addNeighbor( const Kiv::Ptr< Intf > & intf, const char * addr ) {
+      return intf->neighborIs( ip( addr ), intf->id(), std::uint16_t( 105 ), DrPriorityOption{},
+                               GenerationIdOption{}, LanPruneDelayOption{} );
+   }
+   // An interface with a neighbour carrying a secondary address, a secondary
+   // address and prefix of its own, and the neighbour held inactive.
+   Kiv::Ptr< Intf > populatedIntf( const char * name ) {
+      auto intf = allStatus_->pimIntfIs( name, ipm( "198.18.0.1/24" ) );
+      intf->secondaryAddressIs( ip( "198.18.1.1" ) );
+      intf->secondaryPrefixIs( pfx( "198.18.1.0/24" ) );
+      auto nbr = addNeighbor( intf, "198.18.0.2" );
+      nbr->secondaryAddressIs( ip( "198.18.1.2" ) );
+      addNeighbor( intf, "198.18.0.3" );
+      intf->inactiveBfdNeighborIs( nbr );
+      return intf;
+   }
+   std::size_t rows() const {
+      return varn_->pimIntf().size() + varn_->neighbor().size() +
+             varn_->neighborSecondaryAddress().size() + varn_->intfSecondaryAddress().size() +
+             varn_->intfSecondaryPrefix().size() + varn_->inactiveNeighbor().size();
+   }
+
+   Kiv::Testing::TestLoop loop_;
+   RecordingStore store_;
+   Kiv::Ptr< AllStatus > allStatus_;
+   Kiv::Ptr< V::Status > varn_;
+   Kiv::Ptr< V::StatusWriterSm > writer_;
+};
+
+TEST_F( StatusWriterFixture, StatusPresentAtStartIsWrittenAtOnceParentsFirst ) {
+   populatedIntf( "Ethernet1" );
+   startWriter();
+   // No loop turn needed: creation writes the rows.
+   EXPECT_EQ( varn_->pimIntf().size(), 1u );
+   EXPECT_EQ( varn_->neighbor().size(), 2u );
+   EXPECT_EQ( varn_->neighborSecondaryAddress().size(), 1u );
+   EXPECT_EQ( varn_->intfSecondaryAddress().size(), 1u );
+   EXPECT_EQ( varn_->intfSecondaryPrefix().size(), 1u );
+   EXPECT_EQ( varn_->inactiveNeighbor().size(), 1u );
+
+   const auto & ops = store_.ops;
+   const auto intfRow = indexOf( ops, { V::kPimIntfTable, "set", "Ethernet1" } );
+   const auto nbrRow = indexOf( ops, { V::kNeighborTable, "set", "Ethernet1/198.18.0.2" } );
+   const auto nbrSec =
+      indexOf( ops, { V::kNeighborSecondaryAddressTable, "set", "Ethernet1/198.18.0.2/198.18.1.2" } );
+   const auto inactive = indexOf( ops, { V::kInactiveNeighborTable, "set", "Ethernet1/198.18.0.2" } );
+   EXPECT_LT( intfRow, nbrRow );
+   EXPECT_LT( nbrRow, nbrSec );
+   EXPECT_LT( intfRow, inactive );
+}
+
+TEST_F( StatusWriterFixture, RowsMirrorTheEntities ) {
+   startWriter();
+   auto intf = allStatus_->pimIntfIs( "Ethernet1", ipm( "198.18.0.1/24" ) );
+   run();
+   intf->modeIs( pimModeSparseBidir );
+   intf->drPriorityIs( 7 );
+   intf->usedDrIs( ip( "198.18.0.9" ) );
+   intf->portInterfaceIdIs( Reliable::InterfaceId{ 0x0A0B0C0D, 12 } );
+   intf->triggeredHelloCountInc( 3 );
+   intf->lastHelloTimeIs( 12.5 );
+   auto nbr = addNeighbor( intf, "198.18.0.2" );
+   nbr->drPriorityOptionIs( DrPriorityOption{ true, 42 } );
+   nbr->lanPruneDelayOptionIs( LanPruneDelayOption{ true, 700, 3000, true } );
+   nbr->bfdStateIs( Bfd::operUp );
+   nbr->portInfoIs( Reliable::NeighborInfo{ Reliable::protocolSctp, 1, ip( "198.18.0.2" ), {} } );
+   run();
+
+   const auto r = varn_->pimIntf().row( V::IntfKey( "Ethernet1" ) );
+   ASSERT_TRUE( r );
+   EXPECT_EQ( r->mode, 3u );
+   EXPECT_EQ( r->drPriority, 7u );
+   EXPECT_EQ( r->usedDr.ipGenAddr(), ip( "198.18.0.9" ) );
+   EXPECT_EQ( r->addressWithMask.ipGenAddrWithMask(), ipm( "198.18.0.1/24" ) );
+   EXPECT_EQ( r->portInterfaceId, ( std::uint64_t( 0x0A0B0C0D ) << 32 ) | 12 );
+   EXPECT_EQ( r->triggeredHelloCount, 3u );
+   EXPECT_EQ( r->lastHelloTime, 12.5 );
+   EXPECT_EQ( r->generationId, intf->generationId() );
+   EXPECT_EQ( r->helloHoldTime, 105 );
+   EXPECT_TRUE( r->enabled );
+
+   const auto n = varn_->neighbor().row( V::NeighborKey( "Ethernet1", ip( "198.18.0.2" ) ) );
+   ASSERT_TRUE( n );
+   EXPECT_EQ( n->holdTime, 105 );
+   EXPECT_TRUE( n->drPriorityOption.valid );
+   EXPECT_EQ( n->drPriorityOption.value, 42u );
+   EXPECT_FALSE( n->generationIdOption.valid );
+   EXPECT_EQ( n->lanPruneDelayOption.propagationDelay, 700 );
+   EXPECT_EQ( n->lanPruneDelayOption.overrideInterval, 3000 );
+   EXPECT_TRUE( n->lanPruneDelayOption.tBit );
+   EXPECT_EQ( n->bfdState, 3 );
+   EXPECT_EQ( n->portInfo.transport, 1 );
+   EXPECT_EQ( n->portInfo.connectionAddr.ipGenAddr(), ip( "198.18.0.2" ) );
+}
+
+TEST_F( StatusWriterFixture, ParentThenChildAppearThenChildThenParentGo ) {
+   startWriter();
+   auto intf = allStatus_->pimIntfIs( "Ethernet1", ipm( "198.18.0.1/24" ) );
+   run();
+   EXPECT_EQ( varn_->pimIntf().size(), 1u );
+   auto nbr = addNeighbor( intf, "198.18.0.2" );
+   nbr->secondaryAddressIs( ip( "198.18.1.2" ) );
+   run();
+   EXPECT_EQ( varn_->neighbor().size(), 1u );
+   EXPECT_EQ( varn_->neighborSecondaryAddress().size(), 1u );
+
+   // A secondary address leaving the neighbour's set takes its row alone.
+   nbr->secondaryAddressIs( ip( "198.18.1.3" ) );
+   nbr->secondaryAddressDel( ip( "198.18.1.2" ) );
+   run();
+   EXPECT_EQ( varn_->neighborSecondaryAddress().size(), 1u );
+   EXPECT_TRUE( varn_->neighborSecondaryAddress().has(
+      V::NeighborSecondaryAddressKey( "Ethernet1", ip( "198.18.0.2" ), ip( "198.18.1.3" ) ) ) );
+
+   // The child goes first: its secondary row, then its own row.
+   store_.ops.clear();
+   intf->neighborDel( ip( "198.18.0.2" ) );
+   run();
+   const std::vector< Op > expectNbr = {
+      { V::kNeighborSecondaryAddressTable, "del", "Ethernet1/198.18.0.2/198.18.1.3" },
+      { V::kNeighborTable, "del", "Ethernet1/198.18.0.2" } };
+   EXPECT_EQ( store_.ops, expectNbr );
+   EXPECT_EQ( varn_->pimIntf().size(), 1u );
+
+   store_.ops.clear();
+   allStatus_->pimIntfDel( "Ethernet1" );
+   run();
+   const std::vector< Op > expectIntf = { { V::kPimIntfTable, "del", "Ethernet1" } };
+   EXPECT_EQ( store_.ops, expectIntf );
+   EXPECT_EQ( rows(), 0u );
+}
+
+TEST_F( StatusWriterFixture, ParentGoingWithItsChildrenRemovesChildRowsFirst ) {
+   startWriter();
+   populatedIntf( "Ethernet1" );
+   populatedIntf( "Ethernet2" );
+   run();
+   EXPECT_EQ( varn_->neighbor().size(), 4u );
+
+   store_.ops.clear();
+   allStatus_->pimIntfDel( "Ethernet1" );
+   run();
+   const auto & ops = store_.ops;
+   // Exactly Ethernet1's rows went, and only deletions happened.
+   ASSERT_EQ( ops.size(), 7u );
+   for( const auto & o : ops ) {
+      EXPECT_EQ( o.op, "del" ) << o;
+      EXPECT_EQ( o.key.rfind( "Ethernet1", 0 ), 0u ) << o;
+   }
+   EXPECT_EQ( ops.front(), ( Op{ V::kInactiveNeighborTable, "del", "Ethernet1/198.18.0.2" } ) );
+   EXPECT_EQ( ops.back(), ( Op{ V::kPimIntfTable, "del", "Ethernet1" } ) );
+   const auto nbrSec = indexOf(
+      ops, { V::kNeighborSecondaryAddressTable, "del", "Ethernet1/198.18.0.2/198.18.1.2" } );
+   const auto nbr2 = indexOf( ops, { V::kNeighborTable, "del", "Ethernet1/198.18.0.2" } );
+   const auto nbr3 = indexOf( ops, { V::kNeighborTable, "del", "Ethernet1/198.18.0.3" } );
+   const auto sec = indexOf( ops, { V::kIntfSecondaryAddressTable, "del", "Ethernet1/198.18.1.1" } );
+   const auto prefix = indexOf( ops, { V::kIntfSecondaryPrefixTable, "del", "Ethernet1/198.18.1.0/24" } );
+   EXPECT_LT( nbrSec, nbr2 );
+   EXPECT_LT( std::max( nbr2, nbr3 ), sec );
+   EXPECT_LT( sec, prefix );
+
+   // Ethernet2's rows are untouched.
+   EXPECT_EQ( varn_->pimIntf().size(), 1u );
+   EXPECT_EQ( varn_->neighbor().size(), 2u );
+   EXPECT_EQ( varn_->inactiveNeighbor().size(), 1u );
+}
+
+TEST_F( StatusWriterFixture, RefreshRewritesOnlyThatNeighborsRow ) {
+   startWriter();
+   auto intf = populatedIntf( "Ethernet1" );
+   run();
+   store_.ops.clear();
+   intf->neighbor( ip( "198.18.0.3" ) )->lastRefreshTimeIs( 40.0 );
+   run();
+   const std::vector< Op > expect = { { V::kNeighborTable, "set", "Ethernet1/198.18.0.3" } };
+   EXPECT_EQ( store_.ops, expect );
+   EXPECT_EQ( varn_->neighbor().row( V::NeighborKey( "Ethernet1", ip( "198.18.0.3" ) ) )->lastRefreshTime,
+              40.0 );
+
+   // A write of the same value is no change at all.
+   store_.ops.clear();
+   intf->neighbor( ip( "198.18.0.3" ) )->lastRefreshTimeIs( 40.0 );
+   run();
+   EXPECT_TRUE( store_.ops.empty() );
+}
+
+TEST_F( StatusWriterFixture, InterfaceSetsAndInactiveNeighborsFollow ) {
+   startWriter();
+   auto intf = populatedIntf( "Ethernet1" );
+   run();
+   intf->secondaryAddressDel( ip( "198.18.1.1" ) );
+   intf->secondaryPrefixDel( pfx( "198.18.1.0/24" ) );
+   intf->secondaryPrefixIs( pfx( "198.18.2.0/24" ) );
+   intf->inactiveBfdNeighborDel( ip( "198.18.0.2" ) );
+   intf->inactiveBfdNeighborIs( intf->neighbor( ip( "198.18.0.3" ) ) );
+   run();
+   EXPECT_EQ( varn_->intfSecondaryAddress().size(), 0u );
+   EXPECT_EQ( varn_->intfSecondaryPrefix().size(), 1u );
+   EXPECT_TRUE( varn_->intfSecondaryPrefix().has(
+      V::IntfSecondaryPrefixKey( "Ethernet1", pfx( "198.18.2.0/24" ) ) ) );
+   EXPECT_EQ( varn_->inactiveNeighbor().size(), 1u );
+   EXPECT_TRUE( varn_->inactiveNeighbor().has( V::NeighborKey( "Ethernet1", ip( "198.18.0.3" ) ) ) );
+
+   // Rows added after start-up are removed with the interface too.
+   allStatus_->pimIntfDel( "Ethernet1" );
+   run();
+   EXPECT_EQ( rows(), 0u );
+}
+
+TEST_F( StatusWriterFixture, ReplacedEntriesAreMirroredFromTheNewEntity ) {
+   startWriter();
+   auto intf = populatedIntf( "Ethernet1" );
+   run();
+   // A neighbour re-created under the same address, without the old
+   // secondary address.
+   auto fresh = addNeighbor( intf, "198.18.0.2" );
+   fresh->holdTimeIs( 30 );
+   run();
+   EXPECT_EQ( varn_->neighbor().row( V::NeighborKey( "Ethernet1", ip( "198.18.0.2" ) ) )->holdTime, 30 );
+   EXPECT_EQ( varn_->neighborSecondaryAddress().size(), 0u );
+   // The new entity is the one watched.
+   fresh->holdTimeIs( 31 );
+   run();
+   EXPECT_EQ( varn_->neighbor().row( V::NeighborKey( "Ethernet1", ip( "198.18.0.2" ) ) )->holdTime, 31 );
+
+   // An interface re-created under the same name starts from its own state.
+   allStatus_->pimIntfIs( "Ethernet1", ipm( "198.18.0.1/24" ) );
+   run();
+   EXPECT_EQ( varn_->pimIntf().size(), 1u );
+   EXPECT_EQ( varn_->neighbor().size(), 0u );
+   EXPECT_EQ( varn_->intfSecondaryAddress().size(), 0u );
+   EXPECT_EQ( varn_->inactiveNeighbor().size(), 0u );
+}
+
+TEST_F( StatusWriterFixture, RequiredInputsAndReactorEntities ) {
+   EXPECT_THROW( V::StatusWriterSmIs( "red", nullptr, varn_ ), Kiv::RangeException );
+   EXPECT_THROW( V::StatusWriterSmIs( "red", allStatus_, nullptr ), Kiv::RangeException );
+   startWriter();
+   auto * all = const_cast< V::StatusWriterSm::KivAllStatus * >( &writer_->allStatusReactor() );
+   try {
+      V::StatusWriterSm::KivIntf( all, nullptr );
+      ADD_FAILURE() << "a reactor without its interface was built";
+   } catch( const Kiv::RangeException & e ) {
+      EXPECT_STREQ( e.what(), "null _intf parameter to mutator for "
+                              "Routing::Pim::Varn::StatusWriterSm::KivAllStatus::intf not allowed\"" );
+   }
+}
+
+TEST_F( StatusWriterFixture, TracesOnItsOwnHandle ) {
+   Kiv::TraceCapture capture;
+   capture.enable( "Pim::StatusWriter/1-9" );
+   startWriter();
+   auto intf = allStatus_->pimIntfIs( "Ethernet1", ipm( "198.18.0.1/24" ) );
+   intf->secondaryAddressIs( ip( "198.18.1.1" ) );
+   run();
+   EXPECT_TRUE( capture.contains( "Pim::StatusWriter", 8, "handleIntf( Ethernet1 )" ) );
+   EXPECT_TRUE( capture.contains( "Pim::StatusWriter", 7,
+                                  "(), Adding secondary address 198.18.1.1 to interface Ethernet1" ) );
+   intf->secondaryAddressDel( ip( "198.18.1.1" ) );
+   run();
+   EXPECT_TRUE( capture.contains( "Pim::StatusWriter", 7,
+                                  "(), Removing secondary address 198.18.1.1 from interface Ethernet1" ) );
+}
+
+} // namespace

@@ -1,0 +1,190 @@
+// Conversion between the wire codec's Hello and the agent's Hello entity, in
+// both directions, and through the encoder and decoder.
+#include <gtest/gtest.h>
+
+#include "pimwire/HelloCodec.h"
+#include "services/pimio/HelloAdapter.h"
+
+namespace {
+
+using namespace Routing::Pim::IO;
+using Routing::Pim::Packet::HelloMessage;
+
+Lumo::IpGenAddr ip( const char * s ) { return Lumo::IpGenAddr::fromStrep( s ); }
+PimWire::Addr wa( const char * s ) { return *PimWire::Addr::parse( s ); }
+
+// Every option set, addresses already in the order the adapter writes them.
+PimWire::Hello fullWireHello( bool v6 ) {
+   PimWire::Hello h;
+   h.source = wa( v6 ? "2001:db8::1" : "198.18.1.1" );
+   h.destination = wa( v6 ? "ff02::d" : "224.0.0.13" );
+   h.holdtimePresent = true;
+   h.holdtime = 105;
+   h.lanPruneDelay = PimWire::LanPruneDelay{ true, true, 0x7fff, 2500 };
+   h.drPriorityPresent = true;
+   h.drPriority = 0xfffffffe;
+   h.generationIdPresent = true;
+   h.generationId = 0x12345678;
+   h.addressList = { wa( v6 ? "2001:db8::7" : "198.18.1.7" ), wa( v6 ? "2001:db8::8" : "198.18.1.8" ) };
+   h.bidirCapable = true;
+   h.interfaceId = PimWire::InterfaceId{ true, 0xc6120001, 101 };
+   h.sctpCapable.present = true;
+   h.sctpCapable.flags = 0x00a50000;   // reserved bits, bit 0 clear
+   h.sctpCapable.connectionAddr = wa( v6 ? "2001:db8::100" : "198.18.0.100" );
+   return h;
+}
+
+TEST( HelloAdapterTest, AddressesConvertBothWays ) {
+   for( const char * s : { "198.18.0.1", "0.0.0.0", "255.255.255.255", "2001:db8::1", "ff02::d", "::" } ) {
+      const Lumo::IpGenAddr a = ip( s );
+      const PimWire::Addr w = wireAddr( a );
+      EXPECT_EQ( w.toString(), valueToStrep( a ) ) << s;
+      EXPECT_EQ( ipGenAddr( w ), a ) << s;
+   }
+   EXPECT_FALSE( wireAddr( Lumo::IpGenAddr() ).isSet() );
+   EXPECT_TRUE( ipGenAddr( PimWire::Addr() ).isEmpty() );
+   EXPECT_EQ( allPimRouters( Lumo::AddressFamily::ipv4 ), ip( "224.0.0.13" ) );
+   EXPECT_EQ( allPimRouters( Lumo::AddressFamily::ipv6 ), ip( "ff02::d" ) );
+   EXPECT_TRUE( allPimRouters( Lumo::AddressFamily::none ).isEmpty() );
+   EXPECT_EQ( addressFamily( wireFamily( Lumo::AddressFamily::ipv6 ) ), Lumo::AddressFamily::ipv6 );
+}
+
+TEST( HelloAdapterTest, WireHelloSurvivesTheRoundTripThroughTheMessage ) {
+   for( bool v6 : { false, true } ) {
+      const PimWire::Hello wire = fullWireHello( v6 );
+      const auto msg = helloMessageFromWire( wire );
+      EXPECT_EQ( msg->srcAddr(), ipGenAddr( wire.source ) );
+      EXPECT_TRUE( msg->holdTimePresent() );
+      EXPECT_EQ( msg->holdTime(), 105 );
+      EXPECT_TRUE( msg->lanPruneDelayPresent() );
+      EXPECT_TRUE( msg->tBit() );
+      EXPECT_EQ( msg->propagationDelay(), 0x7fff );
+      EXPECT_EQ( msg->overrideInterval(), 2500 );
+      EXPECT_EQ( msg->drPriority(), 0xfffffffeu );
+      EXPECT_EQ( msg->generationId(), 0x12345678u );
+      EXPECT_TRUE( msg->bidirCapable() );
+      EXPECT_EQ( msg->secondaryAddrSize(), 2u );
+      EXPECT_EQ( msg->interfaceIdRouterId(), 0xc6120001u );
+      EXPECT_EQ( msg->interfaceIdIfIndex(), 101u );
+      EXPECT_TRUE( msg->portOptionPresent() );
+      EXPECT_EQ( msg->portTransport(), kPortTransportSctp );
+      EXPECT_EQ( msg->portCapabilityFlags(), 0x00a50000u | kPortCapabilitySctp );
+      EXPECT_TRUE( msg->connectionAddrPresent() );
+      EXPECT_EQ( wireHelloFrom( *msg ), wire ) << ( v6 ? "IPv6" : "IPv4" );
+   }
+}
+
+TEST( HelloAdapterTest, AbsentOptionsStayAbsentBothWays ) {
+   PimWire::Hello bare;
+   bare.source = wa( "198.18.1.1" );
+   bare.destination = wa( "224.0.0.13" );
+   const auto msg = helloMessageFromWire( bare );
+   EXPECT_FALSE( msg->holdTimePresent() );
+   EXPECT_FALSE( msg->lanPruneDelayPresent() );
+   EXPECT_FALSE( msg->drPriorityPresent() );
+   EXPECT_FALSE( msg->generationIdPresent() );
+   EXPECT_FALSE( msg->bidirCapable() );
+   EXPECT_EQ( msg->secondaryAddrSize(), 0u );
+   EXPECT_FALSE( msg->interfaceIdPresent() );
+   EXPECT_FALSE( msg->portOptionPresent() );
+   EXPECT_FALSE( msg->connectionAddrPresent() );
+   EXPECT_EQ( wireHelloFrom( *msg ), bare );
+
+   // A goodbye as the agent builds it: hold time 0 and the interface id only.
+   HelloMessage goodbye;
+   goodbye.srcAddrIs( ip( "198.18.1.2" ) );
+   goodbye.holdTimePresentIs( true );
+   goodbye.holdTimeIs( 0 );
+   goodbye.interfaceIdPresentIs( true );
+   const PimWire::Hello w = wireHelloFrom( goodbye );
+   EXPECT_TRUE( w.holdtimePresent );
+   EXPECT_EQ( w.holdtime, 0 );
+   EXPECT_FALSE( w.lanPruneDelay.present );
+   EXPECT_FALSE( w.drPriorityPresent );
+   EXPECT_FALSE( w.generationIdPresent );
+   EXPECT_TRUE( w.addressList.empty() );
+   EXPECT_TRUE( w.interfaceId.present );
+   EXPECT_FALSE( w.sctpCapable.present );
+   EXPECT_EQ( w.destination, wa( "224.0.0.13" ) );
+}
+
+TEST( HelloAdapterTest, MessageSurvivesEncodingAndDecoding ) {
+   HelloMessage m;
+   m.srcAddrIs( ip( "198.18.1.5" ) );
+   m.holdTimePresentIs( true );
+   m.holdTimeIs( 0xffff );
+   m.lanPruneDelayPresentIs( true );
+   m.propagationDelayIs( 1 );
+   m.overrideIntervalIs( 0xffff );
+   m.drPriorityPresentIs( true );
+   m.drPriorityIs( 0 );
+   m.generationIdPresentIs( true );
+   m.generationIdIs( 0xffffffff );
+   // The set's hash order is not the wire's: the adapter sorts.
+   for( const char * a : { "198.18.1.200", "198.18.1.3", "198.18.1.77" } ) m.secondaryAddrIs( ip( a ), true );
+   const PimWire::Hello w = wireHelloFrom( m );
+   ASSERT_EQ( w.addressList.size(), 3u );
+   EXPECT_EQ( w.addressList[ 0 ], wa( "198.18.1.3" ) );
+   EXPECT_EQ( w.addressList[ 2 ], wa( "198.18.1.200" ) );
+
+   const auto bytes = PimWire::encodeHello( w, PimWire::Family::ipv4, w.source, w.destination );
+   ASSERT_FALSE( bytes.empty() );
+   const auto r = PimWire::decodeHello( bytes.data(), bytes.size(), PimWire::Family::ipv4, w.source, w.destination );
+   ASSERT_TRUE( r.ok() ) << r.reason;
+   const auto back = helloMessageFromWire( r.hello );
+   EXPECT_EQ( back->srcAddr(), m.srcAddr() );
+   EXPECT_EQ( back->holdTime(), 0xffff );
+   EXPECT_EQ( back->propagationDelay(), 1 );
+   EXPECT_FALSE( back->tBit() );
+   EXPECT_EQ( back->overrideInterval(), 0xffff );
+   EXPECT_TRUE( back->drPriorityPresent() );
+   EXPECT_EQ( back->drPriority(), 0u );
+   EXPECT_EQ( back->generationId(), 0xffffffffu );
+   EXPECT_EQ( back->secondaryAddrColl(), m.secondaryAddrColl() );
+}
+
+TEST( HelloAdapterTest, PortOptionMapsCapabilityToTheSctpOption ) {
+   // The agent advertises a connection address without setting the port
+   // flags: that is still the SCTP-capable option.
+   HelloMessage m;
+   m.srcAddrIs( ip( "198.18.1.1" ) );
+   m.connectionAddrPresentIs( true );
+   m.connectionAddrIs( ip( "198.18.0.1" ) );
+   PimWire::Hello w = wireHelloFrom( m );
+   EXPECT_TRUE( w.sctpCapable.present );
+   EXPECT_EQ( w.sctpCapable.flags, 0u );
+   EXPECT_EQ( w.sctpCapable.connectionAddr, wa( "198.18.0.1" ) );
+   EXPECT_FALSE( w.tcpCapable.present );
+
+   // Capability flags beyond the option's 24 bits do not reach the wire.
+   HelloMessage flags;
+   flags.srcAddrIs( ip( "198.18.1.1" ) );
+   flags.portOptionPresentIs( true );
+   flags.portCapabilityFlagsIs( 0xff000003 );
+   w = wireHelloFrom( flags );
+   EXPECT_TRUE( w.sctpCapable.present );
+   EXPECT_EQ( w.sctpCapable.flags, 0x2u );
+   EXPECT_FALSE( w.sctpCapable.connectionAddr.isSet() );
+   EXPECT_NE( PimWire::encodedHelloSize( w ), 0u );
+
+   // A received SCTP option with all-zero flags means "capable": the message
+   // reads capability bit 0, so the receiver does not take it for absent.
+   PimWire::Hello in;
+   in.source = wa( "198.18.1.9" );
+   in.sctpCapable.present = true;
+   auto msg = helloMessageFromWire( in );
+   EXPECT_TRUE( msg->portOptionPresent() );
+   EXPECT_EQ( msg->portCapabilityFlags(), kPortCapabilitySctp );
+   EXPECT_FALSE( msg->connectionAddrPresent() );
+
+   // The TCP-capable option has no place in the message.
+   PimWire::Hello tcp;
+   tcp.source = wa( "198.18.1.9" );
+   tcp.tcpCapable.present = true;
+   tcp.tcpCapable.connectionAddr = wa( "198.18.0.9" );
+   msg = helloMessageFromWire( tcp );
+   EXPECT_FALSE( msg->portOptionPresent() );
+   EXPECT_FALSE( msg->connectionAddrPresent() );
+}
+
+} // namespace

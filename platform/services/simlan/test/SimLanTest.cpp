@@ -1,0 +1,404 @@
+// The simulated LAN on its own: what it delivers, to whom, when, and what it
+// drops or rejects. Each node is a VRF's PIM socket handle (PamManager) with
+// its receive mailbox; Hellos are handed to the transmit mailbox the way the
+// agent does it.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kiv/testing/TestLoop.h"
+#include "pimwire/HelloCodec.h"
+#include "services/pimio/HelloAdapter.h"
+#include "services/pimio/MessageInfo.h"
+#include "services/simlan/SimLan.h"
+#include "tolm/TimerWheel.h"
+
+namespace {
+
+using Routing::Pim::IO::MessageInfo;
+using Routing::Pim::IO::PamManager;
+using Routing::Pim::Packet::HelloMessage;
+
+Lumo::IpGenAddr ip( const char * s ) { return Lumo::IpGenAddr::fromStrep( s ); }
+
+struct Received {
+   double time;
+   std::string intf;
+   Lumo::IpGenAddr src;
+   std::uint16_t holdTime;
+};
+
+// One VRF: its PamManager with a Hello mailbox, a deferred reader of that
+// mailbox (as the agent's Hello processor reads it) and its endpoint.
+class Node {
+ public:
+   Node( SimLan::Lan & lan, const std::string & name, const Kiv::Ptr< Tolm::TimerWheel > & wheel,
+         bool withMailbox = true )
+         : pam_( Kiv::make< PamManager >( Lumo::AddressFamily::ipv4, Lumo::NamespaceName(), true ) ),
+           reader_( this ) {
+      if( withMailbox ) {
+         rx_ = Kiv::make< MessageInfo >();
+         pam_->rxMessageInfoIs( 0, rx_ );
+         reader_.notifierIs( rx_ );
+      }
+      endpoint = std::make_unique< SimLan::Endpoint >( lan, name, pam_, wheel );
+   }
+   // Hands a Hello to the transmit mailbox as the agent does.
+   void send( const char * intf, const Lumo::IpGenAddr & src, std::uint16_t hold ) {
+      auto h = Kiv::make< HelloMessage >();
+      h->srcAddrIs( src );
+      h->holdTimePresentIs( true );
+      h->holdTimeIs( hold );
+      sendMessage( intf, h );
+   }
+   void sendMessage( const char * intf, const Kiv::Ptr< HelloMessage > & h ) {
+      auto tx = pam_->txMessageInfo();
+      tx->messageIs( h );
+      tx->intfIdIs( Lumo::IntfId( intf ) );
+      tx->countInc( 1 );
+   }
+   const SimLan::EndpointCounters & counters() const { return endpoint->counters(); }
+   Kiv::Ptr< const HelloMessage > lastHello() const { return rx_ ? rx_->helloMessage() : nullptr; }
+
+   std::vector< Received > received;
+   std::unique_ptr< SimLan::Endpoint > endpoint;
+
+ private:
+   class Reader : public MessageInfo::NotifieeConst {
+    public:
+      explicit Reader( Node * n ) : n_( n ) {}
+      void onCount() override {
+         const auto m = notifier();
+         const auto h = m->helloMessage();
+         n_->received.push_back(
+            Received{ Kiv::System::currentTime(), std::string( m->intfId().stringValue() ), h->srcAddr(), h->holdTime() } );
+      }
+    private:
+      Node * n_;
+   };
+   Kiv::Ptr< PamManager > pam_;
+   Kiv::Ptr< MessageInfo > rx_;
+   Reader reader_;
+};
+
+class SimLanTest : public ::testing::Test {
+ protected:
+   explicit SimLanTest( std::uint64_t seed = 1 ) : loop_( 1000.0, seed ) {}
+   void SetUp() override {
+      wheel_ = Tolm::TimerWheelIs( loop_.clock() );
+      lan_ = std::make_unique< SimLan::Lan >();
+   }
+   void TearDown() override {
+      nodes_.clear();
+      lan_.reset();
+      wheel_ = nullptr;
+   }
+   Node & node( const std::string & name, bool withMailbox = true ) {
+      nodes_.push_back( std::make_unique< Node >( *lan_, name, wheel_, withMailbox ) );
+      return *nodes_.back();
+   }
+   // Three nodes a, b, c with Ethernet1 on segment "lan".
+   void threeOnOneSegment( double delay = 0.001 ) {
+      lan_->segmentIs( "lan", delay );
+      a_ = &node( "a" );
+      b_ = &node( "b" );
+      c_ = &node( "c" );
+      a_->endpoint->attach( "Ethernet1", "lan" );
+      b_->endpoint->attach( "Ethernet1", "lan" );
+      c_->endpoint->attach( "Ethernet1", "lan" );
+   }
+   void settle() { ASSERT_TRUE( loop_.advanceBy( 1.0 ) ); }
+
+   Kiv::Testing::TestLoop loop_;
+   Kiv::Ptr< Tolm::TimerWheel > wheel_;
+   std::unique_ptr< SimLan::Lan > lan_;
+   std::vector< std::unique_ptr< Node > > nodes_;
+   Node * a_ = nullptr;
+   Node * b_ = nullptr;
+   Node * c_ = nullptr;
+};
+
+TEST_F( SimLanTest, DeliversToEveryOtherInterfaceButNotBackToTheSender ) {
+   threeOnOneSegment();
+   // b has a second interface on the same segment: it gets its own copy.
+   b_->endpoint->attach( "Ethernet2", "lan" );
+   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
+   settle();
+   EXPECT_TRUE( a_->received.empty() );
+   ASSERT_EQ( b_->received.size(), 2u );
+   EXPECT_EQ( b_->received[ 0 ].intf, "Ethernet1" );
+   EXPECT_EQ( b_->received[ 1 ].intf, "Ethernet2" );
+   ASSERT_EQ( c_->received.size(), 1u );
+   EXPECT_EQ( c_->received[ 0 ].src, ip( "198.18.1.1" ) );
+   EXPECT_EQ( c_->received[ 0 ].holdTime, 105 );
+   EXPECT_EQ( a_->counters().txFrames, 1u );
+   EXPECT_EQ( b_->counters().rxFrames, 2u );
+   EXPECT_EQ( c_->counters().rxFrames, 1u );
+
+   // A send from b's second interface reaches b's first one, not itself.
+   b_->send( "Ethernet2", ip( "198.18.1.2" ), 105 );
+   settle();
+   EXPECT_EQ( b_->received.size(), 3u );
+   EXPECT_EQ( b_->received.back().intf, "Ethernet1" );
+   EXPECT_EQ( a_->received.size(), 1u );
+}
+
+TEST_F( SimLanTest, SegmentsAreSeparateAndUnattachedSendsAreCounted ) {
+   lan_->segmentIs( "left" );
+   lan_->segmentIs( "right" );
+   Node & a = node( "a" );
+   Node & b = node( "b" );
+   Node & c = node( "c" );
+   a.endpoint->attach( "Ethernet1", "left" );
+   b.endpoint->attach( "Ethernet1", "left" );
+   c.endpoint->attach( "Ethernet1", "right" );
+   a.send( "Ethernet1", ip( "198.18.1.1" ), 105 );
+   a.send( "Ethernet9", ip( "198.18.9.1" ), 105 );
+   settle();
+   EXPECT_EQ( b.received.size(), 1u );
+   EXPECT_TRUE( c.received.empty() );
+   EXPECT_EQ( a.counters().txFrames, 1u );
+   EXPECT_EQ( a.counters().txNotAttached, 1u );
+   // Re-attaching moves the interface: c now hears the left segment only.
+   c.endpoint->attach( "Ethernet1", "left" );
+   EXPECT_EQ( lan_->segment( "right" )->attachedCount(), 0u );
+   a.send( "Ethernet1", ip( "198.18.1.1" ), 105 );
+   settle();
+   EXPECT_EQ( c.received.size(), 1u );
+}
+
+TEST_F( SimLanTest, DeliveryWaitsForTheSegmentDelayOnVirtualTime ) {
+   threeOnOneSegment( 0.25 );
+   const double t0 = loop_.now();
+   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
+   ASSERT_TRUE( loop_.advanceTo( t0 + 0.249 ) );
+   EXPECT_TRUE( b_->received.empty() );
+   EXPECT_EQ( b_->endpoint->pendingFrames(), 1u );
+   ASSERT_TRUE( loop_.advanceTo( t0 + 0.3 ) );
+   ASSERT_EQ( b_->received.size(), 1u );
+   EXPECT_DOUBLE_EQ( b_->received[ 0 ].time, t0 + 0.25 );
+
+   // A delay change applies to frames sent afterwards.
+   lan_->segment( "lan" )->delayIs( 2.0 );
+   const double t1 = loop_.now();
+   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
+   ASSERT_TRUE( loop_.advanceTo( t1 + 3.0 ) );
+   ASSERT_EQ( b_->received.size(), 2u );
+   EXPECT_DOUBLE_EQ( b_->received[ 1 ].time, t1 + 2.0 );
+}
+
+TEST_F( SimLanTest, SimultaneousHellosReachADeferredReaderOneByOne ) {
+   threeOnOneSegment();
+   // Five Hellos due at the same instant: a deferred, coalescing reader of
+   // the mailbox still sees every one of them, in the order they were sent.
+   a_->send( "Ethernet1", ip( "198.18.1.1" ), 101 );
+   c_->send( "Ethernet1", ip( "198.18.1.3" ), 103 );
+   a_->send( "Ethernet1", ip( "198.18.1.1" ), 102 );
+   c_->send( "Ethernet1", ip( "198.18.1.3" ), 104 );
+   a_->send( "Ethernet1", ip( "198.18.1.1" ), 0 );
+   settle();
+   ASSERT_EQ( b_->received.size(), 5u );
+   const std::uint16_t expected[] = { 101, 103, 102, 104, 0 };
+   for( std::size_t i = 0; i < 5; ++i ) {
+      EXPECT_EQ( b_->received[ i ].holdTime, expected[ i ] ) << i;
+      EXPECT_DOUBLE_EQ( b_->received[ i ].time, b_->received[ 0 ].time );
+   }
+   EXPECT_EQ( a_->received.size(), 2u );
+   EXPECT_EQ( c_->received.size(), 3u );
+}
+
+TEST_F( SimLanTest, CutSegmentCarriesNothingUntilHealed ) {
+   threeOnOneSegment( 0.5 );
+   SimLan::Segment & lan = *lan_->segment( "lan" );
+   lan.cutIs( true );
+   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
+   settle();
+   EXPECT_TRUE( b_->received.empty() );
+   EXPECT_TRUE( c_->received.empty() );
+   EXPECT_EQ( b_->counters().rxCut, 1u );
+   EXPECT_EQ( c_->counters().rxCut, 1u );
+
+   lan.cutIs( false );
+   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
+   settle();
+   EXPECT_EQ( b_->received.size(), 1u );
+   EXPECT_EQ( c_->received.size(), 1u );
+
+   // A frame in flight when the cut happens is lost with the cut.
+   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
+   ASSERT_TRUE( loop_.advanceBy( 0.2 ) );
+   lan.cutIs( true );
+   ASSERT_TRUE( loop_.advanceBy( 0.5 ) );
+   lan.cutIs( false );
+   settle();
+   EXPECT_EQ( b_->received.size(), 1u );
+   EXPECT_EQ( b_->counters().rxCut, 2u );
+}
+
+TEST_F( SimLanTest, DetachedInterfaceAndDownEndpointHearNothing ) {
+   threeOnOneSegment();
+   b_->endpoint->detach( "Ethernet1" );
+   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
+   b_->send( "Ethernet1", ip( "198.18.1.2" ), 105 );
+   settle();
+   EXPECT_TRUE( b_->received.empty() );
+   EXPECT_EQ( c_->received.size(), 1u ) << "a detached interface does not send either";
+   EXPECT_EQ( b_->counters().txNotAttached, 1u );
+
+   b_->endpoint->attach( "Ethernet1", "lan" );
+   c_->endpoint->upIs( false );
+   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
+   c_->send( "Ethernet1", ip( "198.18.1.3" ), 105 );
+   settle();
+   EXPECT_EQ( b_->received.size(), 1u );
+   EXPECT_EQ( b_->received[ 0 ].src, ip( "198.18.1.1" ) );
+   EXPECT_EQ( c_->received.size(), 1u );
+   EXPECT_EQ( c_->counters().rxDetached, 1u );
+   EXPECT_EQ( c_->counters().txWhileDown, 1u );
+}
+
+TEST_F( SimLanTest, DamagedFramesAreRejectedByReason ) {
+   threeOnOneSegment();
+   PimWire::Hello h;
+   h.holdtimePresent = true;
+   h.holdtime = 105;
+   const auto src = PimWire::Addr::v4( 198, 18, 1, 1 );
+   const auto dst = PimWire::Addr::v4( 224, 0, 0, 13 );
+   std::vector< std::uint8_t > good = PimWire::encodeHello( h, PimWire::Family::ipv4, src, dst );
+   ASSERT_FALSE( good.empty() );
+
+   std::vector< std::uint8_t > flipped = good;
+   flipped.back() ^= 0x01;
+   a_->endpoint->sendBytes( "Ethernet1", ip( "198.18.1.1" ), ip( "224.0.0.13" ), flipped );
+   a_->endpoint->sendBytes( "Ethernet1", ip( "198.18.1.1" ), ip( "224.0.0.13" ), { 0x20 } );
+   a_->endpoint->sendBytes( "Ethernet1", ip( "198.18.1.1" ), ip( "224.0.0.13" ), good );
+   settle();
+   ASSERT_EQ( b_->received.size(), 1u ) << "only the intact frame gets through";
+   EXPECT_EQ( b_->counters().rejected( PimWire::RejectReason::badChecksum ), 1u );
+   EXPECT_EQ( b_->counters().rejected( PimWire::RejectReason::tooShort ), 1u );
+   EXPECT_EQ( b_->counters().rejected(), 2u );
+   EXPECT_EQ( c_->counters().rejected(), 2u );
+   EXPECT_EQ( b_->counters().rxFrames, 1u );
+}
+
+TEST_F( SimLanTest, HelloCrossesTheWireWithEveryOption ) {
+   lan_->segmentIs( "lan" );
+   Node & a = node( "a" );
+   Node & b = node( "b" );
+   Node & quiet = node( "quiet", false );
+   for( Node * n : { &a, &b, &quiet } ) n->endpoint->attach( "Ethernet1", "lan" );
+
+   for( const char * source : { "198.18.1.1", "2001:db8::1" } ) {
+      auto h = Kiv::make< HelloMessage >();
+      h->srcAddrIs( ip( source ) );
+      h->holdTimePresentIs( true );
+      h->holdTimeIs( 105 );
+      h->lanPruneDelayPresentIs( true );
+      h->propagationDelayIs( 750 );
+      h->overrideIntervalIs( 3000 );
+      h->tBitIs( true );
+      h->drPriorityPresentIs( true );
+      h->drPriorityIs( 42 );
+      h->generationIdPresentIs( true );
+      h->generationIdIs( 0xdeadbeef );
+      h->bidirCapableIs( true );
+      const bool v6 = ip( source ).isIpv6();
+      h->secondaryAddrIs( ip( v6 ? "2001:db8::9" : "198.18.1.9" ), true );
+      h->interfaceIdPresentIs( true );
+      h->interfaceIdRouterIdIs( 7 );
+      h->interfaceIdIfIndexIs( 11 );
+      h->connectionAddrPresentIs( true );
+      h->connectionAddrIs( ip( v6 ? "2001:db8::100" : "198.18.0.100" ) );
+      a.sendMessage( "Ethernet1", h );
+      settle();
+      const auto got = b.lastHello();
+      ASSERT_TRUE( got ) << source;
+      EXPECT_EQ( got->srcAddr(), ip( source ) );
+      EXPECT_EQ( got->holdTime(), 105 );
+      EXPECT_TRUE( got->lanPruneDelayPresent() );
+      EXPECT_EQ( got->propagationDelay(), 750 );
+      EXPECT_EQ( got->overrideInterval(), 3000 );
+      EXPECT_TRUE( got->tBit() );
+      EXPECT_EQ( got->drPriority(), 42u );
+      EXPECT_EQ( got->generationId(), 0xdeadbeefu );
+      EXPECT_TRUE( got->bidirCapable() );
+      EXPECT_EQ( got->secondaryAddrSize(), 1u );
+      EXPECT_TRUE( got->secondaryAddr( ip( v6 ? "2001:db8::9" : "198.18.1.9" ) ) );
+      EXPECT_EQ( got->interfaceIdRouterId(), 7u );
+      EXPECT_EQ( got->interfaceIdIfIndex(), 11u );
+      EXPECT_TRUE( got->portOptionPresent() );
+      EXPECT_EQ( got->portCapabilityFlags() & Routing::Pim::IO::kPortCapabilitySctp,
+                 Routing::Pim::IO::kPortCapabilitySctp );
+      EXPECT_EQ( got->connectionAddr(), ip( v6 ? "2001:db8::100" : "198.18.0.100" ) );
+   }
+   EXPECT_EQ( b.counters().rejected(), 0u );
+   EXPECT_EQ( quiet.counters().rxNoMailbox, 2u );
+   EXPECT_EQ( quiet.counters().rxFrames, 0u );
+}
+
+TEST_F( SimLanTest, InvalidSegmentSettingsAreRefused ) {
+   SimLan::Segment & s = lan_->segmentIs( "lan" );
+   EXPECT_THROW( s.lossIs( 1.5 ), std::invalid_argument );
+   EXPECT_THROW( s.lossIs( -0.1 ), std::invalid_argument );
+   EXPECT_THROW( s.delayIs( -1.0 ), std::invalid_argument );
+   EXPECT_EQ( &lan_->segmentIs( "lan", 5.0 ), &s ) << "an existing segment is returned unchanged";
+   EXPECT_DOUBLE_EQ( s.delay(), SimLan::Segment::kDefaultDelay );
+}
+
+// Loss: which copies are lost follows the activity manager's random source.
+class SimLanLossTest : public ::testing::Test {
+ protected:
+   struct Outcome {
+      std::vector< std::uint16_t > bHeard;
+      std::uint64_t bLost = 0;
+      std::uint64_t cLost = 0;
+      std::size_t cHeard = 0;
+   };
+   static Outcome run( std::uint64_t seed, double loss ) {
+      Kiv::Testing::TestLoop loop( 0.0, seed );
+      auto wheel = Tolm::TimerWheelIs( loop.clock() );
+      Outcome o;
+      {
+         SimLan::Lan lan;
+         lan.segmentIs( "lan" ).lossIs( loss );
+         Node a( lan, "a", wheel ), b( lan, "b", wheel ), c( lan, "c", wheel );
+         for( Node * n : { &a, &b, &c } ) n->endpoint->attach( "Ethernet1", "lan" );
+         for( std::uint16_t i = 1; i <= 200; ++i ) {
+            a.send( "Ethernet1", ip( "198.18.1.1" ), i );
+            EXPECT_TRUE( loop.advanceBy( 0.01 ) );
+         }
+         EXPECT_TRUE( loop.advanceBy( 1.0 ) );
+         for( const auto & r : b.received ) o.bHeard.push_back( r.holdTime );
+         o.bLost = b.counters().rxLost;
+         o.cLost = c.counters().rxLost;
+         o.cHeard = c.received.size();
+      }
+      return o;
+   }
+};
+
+TEST_F( SimLanLossTest, LossIsDeterministicForASeedAndAccountsForEveryFrame ) {
+   const Outcome first = run( 42, 0.3 );
+   const Outcome again = run( 42, 0.3 );
+   const Outcome other = run( 43, 0.3 );
+   EXPECT_EQ( first.bHeard, again.bHeard );
+   EXPECT_EQ( first.cLost, again.cLost );
+   EXPECT_NE( first.bHeard, other.bHeard ) << "another seed loses other frames";
+   EXPECT_EQ( first.bHeard.size() + first.bLost, 200u );
+   EXPECT_EQ( first.cHeard + first.cLost, 200u );
+   // 30 % of 200 copies: far outside 30..90 would mean a broken draw.
+   EXPECT_GT( first.bLost, 30u );
+   EXPECT_LT( first.bLost, 90u );
+   // Copies to different receivers are lost independently.
+   EXPECT_NE( first.bLost + first.cLost, 2 * first.bLost );
+
+   const Outcome none = run( 42, 0.0 );
+   EXPECT_EQ( none.bHeard.size(), 200u );
+   const Outcome all = run( 42, 1.0 );
+   EXPECT_TRUE( all.bHeard.empty() );
+   EXPECT_EQ( all.bLost, 200u );
+}
+
+} // namespace

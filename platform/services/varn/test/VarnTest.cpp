@@ -1,0 +1,171 @@
+#include <gtest/gtest.h>
+
+#include <type_traits>
+
+#include "kiv/RangeException.h"
+#include "services/varn/PimVarnStatus.h"
+#include "services/varn/VarnMount.h"
+
+namespace {
+
+namespace V = Routing::Pim::Varn;
+using Lumo::IpGenAddr;
+
+IpGenAddr a( const char * s ) { return IpGenAddr::fromStrep( s ); }
+
+static_assert( std::is_trivially_copyable_v< V::Intf > );
+static_assert( std::is_trivially_copyable_v< V::Neighbor > );
+static_assert( sizeof( V::NeighborKey ) == V::IntfName::size + 17, "keys carry no padding" );
+
+TEST( VarnRows, ValuePiecesRoundTripAndNamesAreBounded ) {
+   for( const char * s : { "198.18.0.1", "2001:db8::1", "" } ) {
+      EXPECT_EQ( V::Addr( a( s ) ).ipGenAddr(), a( s ) ) << s;
+   }
+   const auto awm = Lumo::IpGenAddrWithMask::fromStrep( "2001:db8::7/64" );
+   EXPECT_EQ( V::AddrWithMask( awm ).ipGenAddrWithMask(), awm );
+   const auto p = Lumo::IpGenPrefix::fromStrep( "198.18.4.0/22" );
+   EXPECT_EQ( V::Prefix( p ).ipGenPrefix(), p );
+   EXPECT_EQ( V::IntfName( Lumo::IntfId( "Ethernet1/1" ) ).intfId(), Lumo::IntfId( "Ethernet1/1" ) );
+
+   const std::string longest( 63, 'x' );
+   EXPECT_EQ( V::IntfName( Lumo::IntfId( longest ) ).intfId(), Lumo::IntfId( longest ) );
+   try {
+      V::IntfName( Lumo::IntfId( longest + "x" ) );
+      ADD_FAILURE() << "an over-long name was accepted";
+   } catch( const Kiv::RangeException & e ) {
+      EXPECT_STREQ( e.what(), "Varn::IntfName::bytes > 63 not allowed" );
+   }
+   // A v4 address and the v6 address with the same leading bytes differ.
+   EXPECT_FALSE( V::Addr( a( "0.0.0.0" ) ) == V::Addr( a( "::" ) ) );
+}
+
+TEST( VarnTables, RowsAreKeyedWrittenOnlyWhenChangedAndBounded ) {
+   V::Status s;
+   V::Intf row( "Ethernet1" );
+   row.helloPeriod = 30;
+   EXPECT_TRUE( s.pimIntfIs( row ) );
+   EXPECT_FALSE( s.pimIntfIs( row ) ) << "an equal row is not rewritten";
+   row.helloPeriod = 10;
+   EXPECT_TRUE( s.pimIntfIs( row ) );
+   ASSERT_EQ( s.pimIntf().size(), 1u );
+   EXPECT_EQ( s.pimIntf().row( V::IntfKey( "Ethernet1" ) )->helloPeriod, 10 );
+   EXPECT_EQ( s.pimIntf().rowTable().writes(), 2u );
+
+   // Same interface, two neighbours; same neighbour address on two interfaces.
+   s.neighborIs( V::Neighbor( "Ethernet1", a( "198.18.0.2" ) ) );
+   s.neighborIs( V::Neighbor( "Ethernet1", a( "198.18.0.3" ) ) );
+   s.neighborIs( V::Neighbor( "Ethernet2", a( "198.18.0.2" ) ) );
+   EXPECT_EQ( s.neighbor().size(), 3u );
+   EXPECT_TRUE( s.neighborDel( V::NeighborKey( "Ethernet2", a( "198.18.0.2" ) ) ) );
+   EXPECT_FALSE( s.neighborDel( V::NeighborKey( "Ethernet2", a( "198.18.0.2" ) ) ) );
+   EXPECT_TRUE( s.neighbor().has( V::NeighborKey( "Ethernet1", a( "198.18.0.2" ) ) ) );
+   EXPECT_TRUE( s.pimIntfDel( Lumo::IntfId( "Ethernet1" ) ) );
+   EXPECT_EQ( s.pimIntf().size(), 0u );
+
+   // A full table refuses new rows but still replaces existing ones.
+   KivVarn::MountInfo small = V::Status::mountInfo();
+   small.collectionIs( V::kIntfSecondaryAddressTable, 2 );
+   V::Status bounded( "b", small, KivVarn::HeapTableStore::instance() );
+   using K = V::IntfSecondaryAddressKey;
+   EXPECT_TRUE( bounded.intfSecondaryAddressIs( V::IntfSecondaryAddress( K( "E1", a( "198.18.1.1" ) ) ) ) );
+   EXPECT_TRUE( bounded.intfSecondaryAddressIs( V::IntfSecondaryAddress( K( "E1", a( "198.18.1.2" ) ) ) ) );
+   EXPECT_FALSE( bounded.intfSecondaryAddressIs( V::IntfSecondaryAddress( K( "E1", a( "198.18.1.3" ) ) ) ) );
+   EXPECT_EQ( bounded.intfSecondaryAddress().rowTable().overflows(), 1u );
+   EXPECT_EQ( bounded.intfSecondaryAddress().size(), 2u );
+   EXPECT_EQ( bounded.intfSecondaryAddress().rowTable().capacity(), 2u );
+
+   bounded.clear();
+   EXPECT_EQ( bounded.intfSecondaryAddress().size(), 0u );
+}
+
+TEST( VarnCounters, CountPerTypeAndClear ) {
+   V::MessageCounters c;
+   c.rxInc( 0 );
+   c.rxInc( 0, 2 );
+   c.txInc( 0 );
+   c.rxRejectedInc( 3 );
+   EXPECT_EQ( c.rx( 0 ), 3u );
+   EXPECT_EQ( c.tx( 0 ), 1u );
+   EXPECT_EQ( c.rxRejected( 3 ), 1u );
+   EXPECT_EQ( c.rx( 3 ), 0u );
+   EXPECT_THROW( c.rxInc( 16 ), Kiv::RangeException );
+   c.clearMessageCounters();
+   EXPECT_EQ( c.rx( 0 ), 0u );
+   EXPECT_EQ( c.rxRejected( 3 ), 0u );
+   c.txInc( 0 );
+   EXPECT_EQ( c.tx( 0 ), 1u );
+}
+
+TEST( VarnMount, WritersCreateReadersAttachCleanupWaitsForTheLastMount ) {
+   KivVarn::Directory dir;
+   const std::string path = V::statusPath( Lumo::AddressFamily::ipv4, "red" );
+   EXPECT_EQ( path, "routing/pim/status/red" );
+   EXPECT_EQ( V::statusPath( Lumo::AddressFamily::ipv6, "red" ), "routing6/pim/status/red" );
+   EXPECT_EQ( V::countersPath( Lumo::AddressFamily::ipv4, "red" ), "routing/pim/counters/red/pim" );
+   EXPECT_EQ( V::countersPath( Lumo::AddressFamily::ipv6, "red" ), "routing6/pim/counters/red/pim" );
+
+   auto writer = Kiv::make< KivVarn::Mount >( dir );
+   auto reader = Kiv::make< KivVarn::Mount >( dir );
+   // Nothing to attach to yet.
+   EXPECT_FALSE( reader->doMount( path, "r", V::Status::mountInfo() ) );
+   EXPECT_FALSE( reader->isMounted( path ) );
+
+   auto w = Kiv::entity_cast< V::Status >( writer->doMount( path, "w", V::Status::mountInfo() ) );
+   ASSERT_TRUE( w );
+   EXPECT_EQ( writer->doMount( path, "wi", V::Status::mountInfo() ), w );
+   EXPECT_EQ( dir.mounts( path ), 1u );
+   auto r = Kiv::entity_cast< V::Status >( reader->doMount( path, "r", V::Status::mountInfo() ) );
+   ASSERT_EQ( r, w );
+   EXPECT_EQ( dir.mounts( path ), 2u );
+
+   // What the writer writes, the reader reads.
+   w->pimIntfIs( V::Intf( "Ethernet1" ) );
+   EXPECT_TRUE( r->pimIntf().has( V::IntfKey( "Ethernet1" ) ) );
+
+   // Wrong type at a mounted path, unknown type, bad mode.
+   EXPECT_THROW( writer->doMount( path, "w", V::MessageCounters::mountInfo() ), Kiv::RangeException );
+   EXPECT_THROW( writer->doMount( "x", "w", KivVarn::MountInfo( "No::Such", {} ) ),
+                 Kiv::RangeException );
+   EXPECT_THROW( writer->doMount( "x", "", V::Status::mountInfo() ), Kiv::RangeException );
+
+   // The writer leaves; the reader still holds the tables.
+   writer->doUnmount( path );
+   writer->cleanup( path );
+   EXPECT_FALSE( writer->getEntity( path ) );
+   EXPECT_TRUE( dir.entity( path ) );
+   // A restarting writer finds its rows again.
+   auto again = Kiv::entity_cast< V::Status >( writer->doMount( path, "w", V::Status::mountInfo() ) );
+   EXPECT_EQ( again, w );
+   writer->doUnmount( path );
+
+   reader->doUnmount( path );
+   reader->cleanup( path );
+   EXPECT_FALSE( dir.entity( path ) );
+   EXPECT_EQ( dir.tableSets(), 0u );
+   // A fresh writer gets fresh tables.
+   auto fresh = Kiv::entity_cast< V::Status >( writer->doMount( path, "w", V::Status::mountInfo() ) );
+   ASSERT_TRUE( fresh );
+   EXPECT_EQ( fresh->pimIntf().size(), 0u );
+
+   // Counters by their own type; a Mount that goes away unmounts.
+   const std::string cpath = V::countersPath( Lumo::AddressFamily::ipv4, "red" );
+   EXPECT_TRUE( Kiv::entity_cast< V::MessageCounters >(
+      writer->doMount( cpath, "w", V::MessageCounters::mountInfo() ) ) );
+   writer = nullptr;
+   EXPECT_EQ( dir.mounts( path ), 0u );
+   EXPECT_EQ( dir.mounts( cpath ), 0u );
+}
+
+TEST( VarnMount, MountInfoSizesTheTables ) {
+   KivVarn::Directory dir;
+   KivVarn::Mount m( dir );
+   KivVarn::MountInfo info = V::Status::mountInfo();
+   info.collectionIs( V::kNeighborTable, 3 );
+   auto s = Kiv::entity_cast< V::Status >( m.doMount( "t", "w", info ) );
+   ASSERT_TRUE( s );
+   EXPECT_EQ( s->neighbor().rowTable().capacity(), 3u );
+   EXPECT_EQ( s->pimIntf().rowTable().capacity(),
+              V::Status::mountInfo().size( V::kPimIntfTable, 0 ) );
+}
+
+} // namespace

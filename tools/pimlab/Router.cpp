@@ -1,0 +1,389 @@
+#include "Router.h"
+
+#include "config/PimConfigSm.h"
+#include "feeds/RouterIdSm.h"
+#include "hello/PimHelloSm.h"
+#include "hello/PimIntfSm.h"
+#include "kiv/ActivityManager.h"
+#include "model/PimConfig.h"
+#include "services/bridging/BridgingConfig.h"
+#include "services/intf/DeviceIntfStatus.h"
+#include "services/kni/KernelNetInfo.h"
+#include "services/pimio/MessageInfo.h"
+
+namespace PimLab {
+
+using namespace Routing::Pim;
+
+namespace {
+constexpr std::uint8_t kHelloMessageType = 0;
+
+void add( SimLan::EndpointCounters & sum, const SimLan::EndpointCounters & c ) {
+   sum.txFrames += c.txFrames;
+   sum.txNotAttached += c.txNotAttached;
+   sum.txWhileDown += c.txWhileDown;
+   sum.txEncodeFailed += c.txEncodeFailed;
+   sum.rxFrames += c.rxFrames;
+   sum.rxLost += c.rxLost;
+   sum.rxCut += c.rxCut;
+   sum.rxDetached += c.rxDetached;
+   sum.rxNoMailbox += c.rxNoMailbox;
+   for( std::size_t i = 0; i < sum.rxRejected.size(); ++i ) sum.rxRejected[ i ] += c.rxRejected[ i ];
+}
+
+Bridging::MacAddr bridgeMac( std::uint32_t index ) {
+   return Bridging::MacAddr{ { 0x02, 0x00, 0x5e, 0x10, std::uint8_t( index >> 8 ), std::uint8_t( index ) } };
+}
+
+Interface::DeviceIntfStatus kernelDevice( std::uint32_t ifIndex ) {
+   return Interface::DeviceIntfStatus{ "eth" + std::to_string( ifIndex ), ifIndex, true };
+}
+
+// The kernel feed of one router: "kni/ns/<ns>/status" with the router's
+// interfaces as kernel devices.
+class LabKniMounter : public KernelNetInfoMounter {
+ public:
+   explicit LabKniMounter( const Kiv::Ptr< Interface::DeviceIntfStatusDir > & devices ) : devices_( devices ) {}
+   Kiv::Ptr< KernelNetInfo::Status > doMount( const std::string & path ) override {
+      auto s = Kiv::make< KernelNetInfo::Status >( Kiv::Name( path ) );
+      devices_->deviceIntfStatusForEach( [ & ]( const Lumo::IntfId & id, const Interface::DeviceIntfStatus & d ) {
+         s->devices()->deviceIntfStatusIs( id, d );
+      } );
+      return s;
+   }
+   void doUnmount( const std::string & ) override {}
+ private:
+   Kiv::Ptr< Interface::DeviceIntfStatusDir > devices_;
+};
+
+} // namespace
+
+const char * engineName( Engine e ) { return e == Engine::direct ? "direct" : "pipeline"; }
+
+// ---- direct: the engines with the entities they need ----------------------------------
+struct Router::Direct {
+   L3::VrfName vrfName{ Router::kVrf };
+   Kiv::Ptr< AllStatus > allStatus;
+   Kiv::Ptr< GlobalStatus > globalStatus;
+   Kiv::Ptr< CellGlobalStatus > cellGlobalStatus;
+   Kiv::Ptr< GlobalConfig > globalConfig;
+   Kiv::Ptr< Config > config;
+   Kiv::Ptr< IO::PamManager > pamManager;
+   Kiv::Ptr< IO::MessageInfo > rxHelloMessageInfo;
+   Kiv::Ptr< Bfd::AppConfig > bfdAppConfig;
+   Kiv::Ptr< Bfd::AppStatus > bfdAppStatus;
+   Kiv::Ptr< Interface::DeviceIntfStatusDir > kernel;
+   Kiv::Ptr< Bridging::Config > bridging;
+   Kiv::Ptr< RouterIdInfo > routerIdInfo;
+   Kiv::Ptr< RouterIdSm > routerIdSm;
+   Kiv::Ptr< GlobalIntfSm > globalIntfSm;
+   Kiv::Ptr< HelloSm > helloSm;
+
+   ~Direct() {
+      // Machines before the entities they watch.
+      helloSm = nullptr;
+      globalIntfSm = nullptr;
+      routerIdSm = nullptr;
+   }
+};
+
+// ---- pipeline: the platform inputs of the configuration pipeline ------------------------
+struct Router::Pipeline {
+   explicit Pipeline( Router * r ) : bindTimer( r, r->wheel_.ptr() ), globalStatusReactor( r ) {}
+
+   // Re-binds the endpoint once the cascade that may have (re)created the
+   // VRF's container has settled: a timer due now fires before any Hello
+   // timer of the new machines can.
+   class KivBindTimer : public Tolm::TimerWheel::NotifieeConst {
+    public:
+      KivBindTimer( Router * r, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), r_( r ) {}
+      void onTime() override { r_->bindEndpoint(); }
+    private:
+      Router * r_;
+   };
+   // The VRF's PIM enablement decides whether a container exists.
+   class KivGlobalStatus : public GlobalStatus::NotifieeConst {
+    public:
+      explicit KivGlobalStatus( Router * r ) : r_( r ) {}
+      void onPimEnabledSparseModeVrf( const L3::VrfName & ) override { rebind(); }
+      void onPimEnabledBidirVrf( const L3::VrfName & ) override { rebind(); }
+      void rebind() { r_->pipeline_->bindTimer.timeMinIs( Kiv::System::currentTime() ); }
+    private:
+      Router * r_;
+   };
+
+   Lumo::AddressFamily af = Lumo::AddressFamily::ipv4;
+   L3::VrfName vrfName{ Router::kVrf };
+   KivVarn::Directory varnDir;
+   Kiv::Ptr< KivVarn::Mount > varnMount;
+   Kiv::Ptr< Interface::DeviceIntfStatusDir > kernel;
+   Kiv::Ptr< LabKniMounter > kni;
+   Kiv::Ptr< ConfigColl > configColl;
+   Kiv::Ptr< ClearConfigColl > clearConfigColl;
+   Kiv::Ptr< HostInject::HostInjectConfig > hostInject;
+   Kiv::Ptr< Kiv::Dir > appDir;
+   Kiv::Ptr< ClearMrouteConfigColl > clearMroute;
+   Kiv::Ptr< StatusColl > statusColl;
+   Kiv::Ptr< GlobalStatus > globalStatus;
+   Kiv::Ptr< CellGlobalStatus > cellGlobalStatus;
+   Kiv::Ptr< Routing::Multicast::Pim::Status > mcastPimStatus;
+   Kiv::Ptr< Mlag::ProtoStatus > mlag;
+   Kiv::Ptr< IpGen::Status > ipStatus;
+   Kiv::Ptr< Ip::AllVrfStatusLocal > allVrfStatusLocal;
+   Kiv::Ptr< McastCommon::AppVrfIntfs > appVrfIntfs;
+   Kiv::Ptr< Routing::Multicast::Fib::VrfEnabledStatus > vrfEnabledStatus;
+   Kiv::Ptr< IpGen::MulticastGroupsForApplications > groups;
+   Kiv::Ptr< McastCommon::MulticastIntfsForApplications > vifs;
+   Kiv::Ptr< Kiv::Dir > bfdDir;
+   Kiv::Ptr< Bfd::StatusPeer > bfdStatusPeer;
+   Kiv::Ptr< McastCommon::AsuShutdownStatus > asuShutdown;
+   Kiv::Ptr< McastCommon::AsuVrfStatus > asuVrfStatus;
+   Kiv::Ptr< Bridging::Config > bridging;
+   Kiv::Ptr< ConfigSm > configSm;
+   KivBindTimer bindTimer;
+   KivGlobalStatus globalStatusReactor;
+
+   ~Pipeline() { configSm = nullptr; }
+};
+
+Router::Router( const RouterSpec & spec, std::uint32_t index, SimLan::Lan & lan,
+                const Kiv::Ptr< Tolm::TimerWheel > & wheel, Engine engine )
+      : spec_( spec ), index_( index ), lan_( lan ), wheel_( wheel ), engine_( engine ),
+        allStatusColl_( Kiv::make< AllStatusColl >() ) {}
+
+Router::~Router() {
+   endpoint_.reset();
+   direct_.reset();
+   pipeline_.reset();
+}
+
+SimLan::EndpointCounters Router::counters() const {
+   SimLan::EndpointCounters c = pastCounters_;
+   if( endpoint_ ) add( c, endpoint_->counters() );
+   return c;
+}
+
+void Router::endpointIs( const Kiv::Ptr< IO::PamManager > & pam ) {
+   if( endpoint_ && endpoint_->pamManager() == pam ) return;
+   if( endpoint_ ) {
+      add( pastCounters_, endpoint_->counters() );
+      endpoint_.reset();
+   }
+   if( !pam ) return;
+   endpoint_ = std::make_unique< SimLan::Endpoint >( lan_, spec_.name, pam, wheel_ );
+   for( const auto & i : spec_.interfaces ) endpoint_->attach( Lumo::IntfId( i.name ), i.segment );
+}
+
+void Router::bindEndpoint() {
+   if( !pipeline_ ) return;
+   const auto container = pipeline_->configSm->pimVrfContainerSm( pipeline_->vrfName );
+   endpointIs( container ? container->pimPamManager() : Kiv::Ptr< IO::PamManager >() );
+}
+
+Kiv::Ptr< Intf > Router::intf( const std::string & name ) const {
+   const auto all = allStatusColl_->vrfStatus( L3::VrfName( kVrf ) );
+   return all ? all->pimIntf( Lumo::IntfId( name ) ) : Kiv::Ptr< Intf >();
+}
+
+void Router::start() {
+   if( running_ ) return;
+   running_ = true;
+   allStatusColl_ = Kiv::make< AllStatusColl >();
+   if( engine_ == Engine::direct ) {
+      startDirect();
+   } else {
+      startPipeline();
+   }
+}
+
+void Router::startDirect() {
+   auto v = std::make_unique< Direct >();
+   const Lumo::AddressFamily af =
+      spec_.interfaces.empty() ? Lumo::AddressFamily::ipv4 : spec_.interfaces.front().address.af();
+   const char * bfdApp = af == Lumo::AddressFamily::ipv6 ? "pim6" : "pim";
+   v->allStatus = allStatusColl_->vrfStatusIs( v->vrfName );
+   v->globalStatus = Kiv::make< GlobalStatus >( af );
+   v->cellGlobalStatus = Kiv::make< CellGlobalStatus >();
+   v->globalConfig = Kiv::make< GlobalConfig >();
+   v->config = Kiv::make< Config >( v->vrfName );
+   v->config->pimConfiguredIs( true );
+   v->pamManager = Kiv::make< IO::PamManager >( af, Lumo::NamespaceName(), true );
+   v->rxHelloMessageInfo = Kiv::make< IO::MessageInfo >();
+   v->pamManager->rxMessageInfoIs( kHelloMessageType, v->rxHelloMessageInfo );
+   v->bfdAppConfig = Kiv::make< Bfd::AppConfig >( bfdApp );
+   v->bfdAppStatus = Kiv::make< Bfd::AppStatus >( bfdApp );
+   v->kernel = Kiv::make< Interface::DeviceIntfStatusDir >();
+   v->bridging = Kiv::make< Bridging::Config >();
+   v->bridging->bridgeMacAddrIs( bridgeMac( index_ ) );
+   v->routerIdInfo = routerIdInfoFactory( v->vrfName );
+   v->routerIdSm = routerIdSmFactory( v->vrfName, v->bridging, v->routerIdInfo );
+
+   // The wire first, so that the first Hello finds it.
+   endpointIs( v->pamManager );
+
+   IntfSmInputs in;
+   in.vrfName = v->vrfName;
+   in.pimGlobalStatus = v->globalStatus;
+   in.pimCellGlobalStatus = v->cellGlobalStatus;
+   in.pimGlobalConfig = v->globalConfig;
+   in.pimConfig = v->config;
+   in.pimPamManager = v->pamManager;
+   in.timerWheel = wheel_;
+   in.bfdPimAppConfig = v->bfdAppConfig;
+   in.bfdPimAppStatus = v->bfdAppStatus;
+   in.kernelIntfStatus = v->kernel;
+   in.routerIdInfo = v->routerIdInfo;
+   v->globalIntfSm = GlobalIntfSmIs( v->allStatus, in );
+   v->helloSm = HelloSmIs( v->allStatus, v->rxHelloMessageInfo );
+
+   std::uint32_t ifIndex = 100 * index_;
+   for( const auto & i : spec_.interfaces ) {
+      const Lumo::IntfId id( i.name );
+      auto intf = v->allStatus->pimIntfIs( id, i.address );
+      intf->modeIs( pimModeSparse );
+      intf->drPriorityIs( i.drPriority );
+      intf->helloPeriodIs( i.helloInterval );
+      intf->helloHoldTimeIs( i.holdTime() );
+      v->kernel->deviceIntfStatusIs( id, kernelDevice( ++ifIndex ) );
+   }
+   direct_ = std::move( v );
+}
+
+void Router::startPipeline() {
+   auto p = std::make_unique< Pipeline >( this );
+   const Lumo::AddressFamily af =
+      spec_.interfaces.empty() ? Lumo::AddressFamily::ipv4 : spec_.interfaces.front().address.af();
+   const bool v6 = af == Lumo::AddressFamily::ipv6;
+   p->af = af;
+   p->varnMount = Kiv::make< KivVarn::Mount >( p->varnDir );
+   p->kernel = Kiv::make< Interface::DeviceIntfStatusDir >();
+   p->kni = Kiv::make< LabKniMounter >( p->kernel );
+   p->configColl = Kiv::make< ConfigColl >();
+   p->clearConfigColl = Kiv::make< ClearConfigColl >();
+   p->hostInject = Kiv::make< HostInject::HostInjectConfig >();
+   p->appDir = Kiv::make< Kiv::Dir >( Kiv::Name( "application" ) );
+   p->clearMroute = Kiv::make< ClearMrouteConfigColl >();
+   p->statusColl = Kiv::make< StatusColl >();
+   p->globalStatus = Kiv::make< GlobalStatus >( af );
+   p->cellGlobalStatus = Kiv::make< CellGlobalStatus >();
+   p->mcastPimStatus = Kiv::make< Routing::Multicast::Pim::Status >();
+   p->mlag = Kiv::make< Mlag::ProtoStatus >();
+   p->ipStatus = v6 ? Kiv::Ptr< IpGen::Status >( Kiv::make< IpGen::Ipv6Status >() )
+                    : Kiv::Ptr< IpGen::Status >( Kiv::make< IpGen::Ipv4Status >() );
+   p->allVrfStatusLocal = Kiv::make< Ip::AllVrfStatusLocal >();
+   p->appVrfIntfs = Kiv::make< McastCommon::AppVrfIntfs >();
+   p->vrfEnabledStatus = Kiv::make< Routing::Multicast::Fib::VrfEnabledStatus >();
+   p->groups = v6 ? Kiv::Ptr< IpGen::MulticastGroupsForApplications >(
+                       Kiv::make< IpGen::Ipv6MulticastGroupsForApplications >() )
+                  : Kiv::Ptr< IpGen::MulticastGroupsForApplications >(
+                       Kiv::make< IpGen::Ipv4MulticastGroupsForApplications >() );
+   p->vifs = Kiv::make< McastCommon::MulticastIntfsForApplications >();
+   p->bfdDir = Kiv::make< Kiv::Dir >( Kiv::Name( v6 ? "pim6" : "pim" ) );
+   p->bfdStatusPeer = Kiv::make< Bfd::StatusPeer >();
+   p->asuShutdown = Kiv::make< McastCommon::AsuShutdownStatus >();
+   p->asuVrfStatus = Kiv::make< McastCommon::AsuVrfStatus >();
+   p->bridging = Kiv::make< Bridging::Config >();
+   p->bridging->bridgeMacAddrIs( bridgeMac( index_ ) );
+
+   // What the platform publishes for this router: the VRF with PIM and
+   // multicast routing, its interfaces in IP and in the kernel, and the PIM
+   // configuration of every interface.
+   p->configColl->vrfConfigIs( p->vrfName )->pimConfiguredIs( true );
+   p->vrfEnabledStatus->vrfIs( p->vrfName, true );
+   std::uint32_t ifIndex = 100 * index_;
+   for( const auto & i : spec_.interfaces ) {
+      const Lumo::IntfId id( i.name );
+      p->kernel->deviceIntfStatusIs( id, kernelDevice( ++ifIndex ) );
+      p->ipStatus->intfVrfIs( id, p->vrfName );
+      p->ipStatus->intfPrimaryIs( id, i.address );
+      auto c = p->configColl->intfConfigIs( id );
+      c->modeIs( pimModeSparse );
+      c->helloIntervalIs( i.helloInterval );
+      c->helloCountIs( i.holdMultiplier );
+      c->helloPriorityIs( i.drPriority );
+   }
+
+   ConfigSmInputs in;
+   in.af = af;
+   in.pimConfigColl = p->configColl;
+   in.pimClearConfigColl = p->clearConfigColl;
+   in.hostInjectConfig = p->hostInject;
+   in.appConfigDir = p->appDir;
+   in.clearMrouteConfigColl = p->clearMroute;
+   in.pimStatusColl = p->statusColl;
+   in.pimAllStatusColl = allStatusColl_;
+   in.pimGlobalStatus = p->globalStatus;
+   in.pimCellGlobalStatus = p->cellGlobalStatus;
+   in.mcastPimStatus = p->mcastPimStatus;
+   in.mlagProtoStatus = p->mlag;
+   in.ipStatus = p->ipStatus;
+   in.allVrfStatusLocal = p->allVrfStatusLocal;
+   in.appVrfIntfs = p->appVrfIntfs;
+   in.vrfEnabledStatus = p->vrfEnabledStatus;
+   in.multicastGroups = p->groups;
+   in.multicastIntfs = p->vifs;
+   in.bfdAppConfigDir = p->bfdDir;
+   in.bfdStatusPeer = p->bfdStatusPeer;
+   in.varnMount = p->varnMount;
+   in.kniMounter = p->kni;
+   in.asuShutdownStatus = p->asuShutdown;
+   in.asuVrfStatus = p->asuVrfStatus;
+   in.bridgingConfig = p->bridging;
+   in.timerWheel = wheel_;
+   in.stageComplete = []( const std::string & ) {};
+   p->globalStatusReactor.notifierIs( p->globalStatus );
+   pipeline_ = std::move( p );
+   pipeline_->configSm = configSmFactory( in );
+   pipeline_->bindTimer.timeMinIs( Kiv::System::currentTime() );
+}
+
+void Router::goodbyeIs() {
+   if( direct_ ) {
+      // Disabling an interface sends its goodbye and forgets its neighbours.
+      direct_->allStatus->pimIntfForEach(
+         []( const Lumo::IntfId &, const Kiv::Ptr< Intf > & intf ) { intf->enabledIs( false ); } );
+   }
+   if( pipeline_ ) {
+      // PIM off in the configuration: the pipeline deletes the interfaces.
+      for( const auto & i : spec_.interfaces ) pipeline_->configColl->intfConfigDel( Lumo::IntfId( i.name ) );
+   }
+}
+
+void Router::stop() {
+   if( !running_ ) return;
+   running_ = false;
+   // Down first: whatever the teardown sends stays in the router.
+   if( endpoint_ ) endpoint_->upIs( false );
+   direct_.reset();
+   pipeline_.reset();
+   Kiv::activityManager().runUntilIdle();
+   endpointIs( nullptr );
+}
+
+void Router::drPriorityIs( const std::string & intfName, std::uint32_t priority ) {
+   for( auto & i : spec_.interfaces ) {
+      if( !intfName.empty() && i.name != intfName ) continue;
+      i.drPriority = priority;
+      if( pipeline_ ) {
+         if( auto c = pipeline_->configColl->intfConfig( Lumo::IntfId( i.name ) ) ) c->helloPriorityIs( priority );
+      } else if( auto x = intf( i.name ) ) {
+         x->drPriorityIs( priority );
+      }
+   }
+}
+
+void Router::detach( const std::string & intfName ) {
+   if( !endpoint_ ) return;
+   for( const auto & i : spec_.interfaces ) {
+      if( intfName.empty() || i.name == intfName ) endpoint_->detach( Lumo::IntfId( i.name ) );
+   }
+}
+
+void Router::attach( const std::string & intfName ) {
+   if( !endpoint_ ) return;
+   for( const auto & i : spec_.interfaces ) {
+      if( intfName.empty() || i.name == intfName ) endpoint_->attach( Lumo::IntfId( i.name ), i.segment );
+   }
+}
+
+} // namespace PimLab

@@ -1,0 +1,333 @@
+// The lab end to end: real PIM machines of several routers talking over the
+// simulated LAN on virtual time.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "Lab.h"
+#include "Scenario.h"
+#include "kiv/Log.h"
+
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using namespace PimLab;
+
+std::vector< LabEvent > eventsOf( const Report & r, const std::string & router, const std::string & kind ) {
+   std::vector< LabEvent > out;
+   for( const auto & e : r.events ) {
+      if( e.router == router && e.kind == kind ) out.push_back( e );
+   }
+   return out;
+}
+
+const LabEvent * firstEvent( const Report & r, const std::string & router, const std::string & kind,
+                             const std::string & neighbor, double after = -1.0 ) {
+   for( const auto & e : r.events ) {
+      if( e.router == router && e.kind == kind && e.neighbor == neighbor && e.time > after ) return &e;
+   }
+   return nullptr;
+}
+
+std::string drOf( const Snapshot & s, const std::string & router ) {
+   for( const auto & i : s.interfaces ) {
+      if( i.router == router ) return i.dr;
+   }
+   return "<router not running>";
+}
+
+std::size_t neighborsOf( const Snapshot & s, const std::string & router ) {
+   return std::count_if( s.neighbors.begin(), s.neighbors.end(),
+                         [ & ]( const NeighborRow & n ) { return n.router == router; } );
+}
+
+class LabTest : public ::testing::Test {
+ protected:
+   // The agent's structured logs are not the subject here.
+   void SetUp() override { Kiv::LogHandle::outputIs( Kiv::LogOutput::None ); }
+};
+
+TEST_F( LabTest, DefaultScenarioIsReproducibleForASeed ) {
+   const Scenario s = defaultScenario();
+   const Report a = runScenario( s );
+   const Report b = runScenario( s );
+   EXPECT_EQ( renderText( a ), renderText( b ) );
+   EXPECT_EQ( renderJson( a ), renderJson( b ) );
+   LabOptions other;
+   other.seed = s.seed + 1;
+   const Report c = runScenario( s, other );
+   EXPECT_NE( renderText( a ), renderText( c ) ) << "generation ids and Hello jitter follow the seed";
+   EXPECT_EQ( c.seed, s.seed + 1 );
+}
+
+// The same story whichever way the machines are built.
+class LabStoryTest : public LabTest, public ::testing::WithParamInterface< Engine > {};
+
+TEST_P( LabStoryTest, DefaultScenarioTellsTheFailoverStory ) {
+   const Scenario s = defaultScenario();
+   LabOptions o;
+   o.engine = GetParam();
+   const Report r = runScenario( s, o );
+   EXPECT_EQ( r.engine, engineName( GetParam() ) );
+   const std::string r3 = "198.18.1.3", r2 = "198.18.1.2", r4 = "198.18.1.4";
+
+   // Neighbours form and the highest priority (r3) is everyone's DR.
+   const Snapshot * formed = r.snapshot( "formed" );
+   ASSERT_TRUE( formed );
+   for( const char * router : { "r1", "r2", "r3" } ) {
+      EXPECT_EQ( neighborsOf( *formed, router ), 2u ) << router;
+      EXPECT_EQ( drOf( *formed, router ), r3 ) << router;
+   }
+   EXPECT_EQ( drOf( *formed, "r4" ), "<router not running>" );
+
+   // r3 stops silently; r1 and r2 drop it only when its hold time has run out
+   // since its last Hello, and elect r2 at that very moment.
+   const auto stops = eventsOf( r, "r3", "stop" );
+   ASSERT_EQ( stops.size(), 1u );
+   const double stopAt = stops[ 0 ].time;
+   for( const char * router : { "r1", "r2" } ) {
+      const LabEvent * down = firstEvent( r, router, "down", r3 );
+      ASSERT_TRUE( down ) << router;
+      EXPECT_GE( down->time, stopAt + 105.0 - 30.0 ) << "not before a hold time after the last Hello";
+      EXPECT_LE( down->time, stopAt + 105.0 + 0.01 );
+      EXPECT_NE( down->detail.find( "expired" ), std::string::npos ) << down->detail;
+      const LabEvent * dr = firstEvent( r, router, "dr", r2, stopAt );
+      ASSERT_TRUE( dr ) << router;
+      EXPECT_DOUBLE_EQ( dr->time, down->time );
+      // Between the stop and the expiry, no DR change at all.
+      for( const auto & e : eventsOf( r, router, "dr" ) ) {
+         EXPECT_FALSE( e.time > stopAt && e.time < down->time ) << e.detail;
+      }
+   }
+   const Snapshot * after = r.snapshot( "after-failover" );
+   ASSERT_TRUE( after );
+   EXPECT_EQ( drOf( *after, "r1" ), r2 );
+   EXPECT_EQ( drOf( *after, "r2" ), r2 );
+   EXPECT_EQ( neighborsOf( *after, "r1" ), 1u );
+
+   // r4 joins with priority 40 and takes over within its first Hello's delay.
+   const auto starts = eventsOf( r, "r4", "start" );
+   ASSERT_EQ( starts.size(), 1u );
+   for( const char * router : { "r1", "r2" } ) {
+      const LabEvent * dr = firstEvent( r, router, "dr", r4 );
+      ASSERT_TRUE( dr ) << router;
+      EXPECT_GT( dr->time, starts[ 0 ].time );
+      EXPECT_LE( dr->time, starts[ 0 ].time + 1.1 );
+      ASSERT_TRUE( dr->priority );
+      EXPECT_EQ( *dr->priority, 40u );
+   }
+   const Snapshot * end = r.snapshot( "end" );
+   ASSERT_TRUE( end );
+   for( const char * router : { "r1", "r2", "r4" } ) {
+      EXPECT_EQ( drOf( *end, router ), r4 ) << router;
+      EXPECT_EQ( neighborsOf( *end, router ), 2u ) << router;
+   }
+   for( const auto & c : end->counters ) {
+      EXPECT_EQ( c.rejected, 0u ) << c.router;
+      EXPECT_EQ( c.lost, 0u ) << c.router;
+   }
+}
+
+INSTANTIATE_TEST_SUITE_P( Engines, LabStoryTest, ::testing::Values( Engine::pipeline, Engine::direct ),
+                          []( const ::testing::TestParamInfo< Engine > & i ) { return std::string( engineName( i.param ) ); } );
+
+// The text form carries the tables a person reads.
+TEST_F( LabTest, TextReportShowsEventsAndTables ) {
+   const std::string text = renderText( runScenario( defaultScenario() ) );
+   EXPECT_NE( text.find( "r3    stopped silently" ), std::string::npos );
+   EXPECT_NE( text.find( "== checkpoint \"formed\" at 60.000 s ==" ), std::string::npos );
+   EXPECT_NE( text.find( "neighbor 198.18.1.3 down (expired" ), std::string::npos );
+   EXPECT_NE( text.find( "generation id" ), std::string::npos );
+   EXPECT_NE( text.find( "== end at 330.000 s ==" ), std::string::npos );
+   EXPECT_LT( text.find( "checkpoint \"formed\"" ), text.find( "stopped silently" ) ) << "checkpoints sit in the story";
+}
+
+Scenario threeRouters( const char * extraEvents, std::uint32_t p1, std::uint32_t p2, std::uint32_t p3,
+                       double duration = 300, const char * segmentExtra = "" ) {
+   const std::string json = std::string( R"({ "name": "t", "seed": 5, "duration": )" ) + std::to_string( duration ) +
+                            R"(, "segments": [ { "name": "lan" )" + segmentExtra + R"( } ], "routers": [
+      { "name": "a", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.1/24", "drPriority": )" +
+                            std::to_string( p1 ) + R"( } ] },
+      { "name": "b", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.2/24", "drPriority": )" +
+                            std::to_string( p2 ) + R"( } ] },
+      { "name": "c", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.3/24", "drPriority": )" +
+                            std::to_string( p3 ) + R"( } ] } ],
+      "events": [ )" + extraEvents + R"( ] })";
+   return scenarioFromJson( json );
+}
+
+TEST_P( LabStoryTest, RoutersElectTheDrByPriorityThenByAddress ) {
+   LabOptions o;
+   o.engine = GetParam();
+   Report r = runScenario( threeRouters( R"({ "at": 30, "action": "checkpoint", "name": "x" })", 5, 50, 7 ), o );
+   const Snapshot * x = r.snapshot( "x" );
+   ASSERT_TRUE( x );
+   for( const char * router : { "a", "b", "c" } ) {
+      EXPECT_EQ( drOf( *x, router ), "198.18.2.2" ) << router;
+      EXPECT_EQ( neighborsOf( *x, router ), 2u ) << router;
+   }
+   // Equal priorities: the highest address wins.
+   r = runScenario( threeRouters( R"({ "at": 30, "action": "checkpoint", "name": "x" })", 9, 9, 9 ), o );
+   for( const char * router : { "a", "b", "c" } ) EXPECT_EQ( drOf( *r.snapshot( "x" ), router ), "198.18.2.3" ) << router;
+
+   // A priority change re-elects at once, on every router.
+   r = runScenario( threeRouters( R"({ "at": 40, "action": "priority", "router": "a", "interface": "Ethernet1", "value": 99 },
+                                     { "at": 41, "action": "checkpoint", "name": "x" })",
+                                  5, 50, 7 ),
+                    o );
+   for( const char * router : { "a", "b", "c" } ) EXPECT_EQ( drOf( *r.snapshot( "x" ), router ), "198.18.2.1" ) << router;
+}
+
+TEST_P( LabStoryTest, GoodbyeRemovesTheRouterAtOnce ) {
+   LabOptions o;
+   o.engine = GetParam();
+   const Report r = runScenario( threeRouters( R"({ "at": 50, "action": "shutdown", "router": "b" },
+                                                  { "at": 51, "action": "checkpoint", "name": "x" })",
+                                               5, 50, 7 ),
+                                 o );
+   for( const char * router : { "a", "c" } ) {
+      const LabEvent * down = firstEvent( r, router, "down", "198.18.2.2" );
+      ASSERT_TRUE( down ) << router;
+      EXPECT_LT( down->time, 50.1 );
+      EXPECT_NE( down->detail.find( "goodbye" ), std::string::npos ) << down->detail;
+      EXPECT_EQ( drOf( *r.snapshot( "x" ), router ), "198.18.2.3" ) << router;
+   }
+}
+
+TEST_F( LabTest, CutSegmentSplitsEveryoneAndHealingReunitesThem ) {
+   const Report r = runScenario( threeRouters( R"({ "at": 40, "action": "cut", "segment": "lan" },
+                                                  { "at": 170, "action": "checkpoint", "name": "split" },
+                                                  { "at": 180, "action": "heal", "segment": "lan" },
+                                                  { "at": 215, "action": "checkpoint", "name": "healed" })",
+                                               5, 50, 7 ) );
+   const Snapshot * split = r.snapshot( "split" );
+   ASSERT_TRUE( split );
+   for( const char * router : { "a", "b", "c" } ) EXPECT_EQ( neighborsOf( *split, router ), 0u ) << router;
+   EXPECT_EQ( drOf( *split, "a" ), "198.18.2.1" ) << "alone, each router is its own DR";
+   EXPECT_EQ( drOf( *split, "c" ), "198.18.2.3" );
+   const Snapshot * healed = r.snapshot( "healed" );
+   ASSERT_TRUE( healed );
+   for( const char * router : { "a", "b", "c" } ) {
+      EXPECT_EQ( neighborsOf( *healed, router ), 2u ) << router;
+      EXPECT_EQ( drOf( *healed, router ), "198.18.2.2" ) << router;
+   }
+   std::uint64_t cut = 0;
+   for( const auto & c : r.snapshot( "end" )->counters ) cut += c.cut;
+   EXPECT_GT( cut, 0u );
+}
+
+TEST_F( LabTest, LossyLanIsReproducibleAndStillConverges ) {
+   const Scenario s = threeRouters( R"({ "at": 250, "action": "checkpoint", "name": "x" })", 5, 50, 7, 300,
+                                    R"(, "loss": 0.2)" );
+   const Report a = runScenario( s );
+   const Report b = runScenario( s );
+   EXPECT_EQ( renderText( a ), renderText( b ) );
+   std::uint64_t lost = 0;
+   for( const auto & c : a.snapshot( "end" )->counters ) lost += c.lost;
+   EXPECT_GT( lost, 0u );
+   for( const char * router : { "a", "b", "c" } ) EXPECT_EQ( drOf( *a.snapshot( "x" ), router ), "198.18.2.2" );
+}
+
+TEST_P( LabStoryTest, StoppedRouterReturnsWithANewGenerationIdAndUnpluggedOneIsForgotten ) {
+   LabOptions o;
+   o.engine = GetParam();
+   const Report r = runScenario( threeRouters( R"({ "at": 20, "action": "checkpoint", "name": "before" },
+                                                  { "at": 25, "action": "stop", "router": "a" },
+                                                  { "at": 160, "action": "start", "router": "a" },
+                                                  { "at": 165, "action": "detach", "router": "c" },
+                                                  { "at": 170, "action": "checkpoint", "name": "back" },
+                                                  { "at": 290, "action": "checkpoint", "name": "unplugged" },
+                                                  { "at": 291, "action": "attach", "router": "c" },
+                                                  { "at": 330, "action": "checkpoint", "name": "replugged" })",
+                                               5, 50, 7, 340 ),
+                                 o );
+   auto genIdOf = []( const Snapshot & s, const std::string & router, const std::string & nb ) {
+      for( const auto & n : s.neighbors ) {
+         if( n.router == router && n.neighbor == nb && n.generationId ) return *n.generationId;
+      }
+      return 0u;
+   };
+   const std::uint32_t before = genIdOf( *r.snapshot( "before" ), "b", "198.18.2.1" );
+   const std::uint32_t after = genIdOf( *r.snapshot( "back" ), "b", "198.18.2.1" );
+   EXPECT_NE( before, 0u );
+   EXPECT_NE( after, 0u ) << "a is a neighbour of b again";
+   EXPECT_NE( before, after ) << "a restarted router comes back with a new generation id";
+   EXPECT_EQ( neighborsOf( *r.snapshot( "back" ), "a" ), 2u );
+   // c unplugged: everybody forgets it after the hold time, it forgets everybody.
+   EXPECT_EQ( neighborsOf( *r.snapshot( "unplugged" ), "c" ), 0u );
+   EXPECT_EQ( neighborsOf( *r.snapshot( "unplugged" ), "a" ), 1u );
+   EXPECT_EQ( drOf( *r.snapshot( "unplugged" ), "c" ), "198.18.2.3" );
+   EXPECT_EQ( neighborsOf( *r.snapshot( "replugged" ), "c" ), 2u );
+   EXPECT_EQ( drOf( *r.snapshot( "replugged" ), "c" ), "198.18.2.2" );
+}
+
+TEST_F( LabTest, JsonReportCarriesEventsAndTables ) {
+   const auto j = nlohmann::json::parse( renderJson( runScenario( defaultScenario() ) ) );
+   EXPECT_EQ( j.at( "scenario" ), "dr-failover" );
+   EXPECT_EQ( j.at( "engine" ), "pipeline" );
+   std::size_t ups = 0, drs = 0;
+   for( const auto & e : j.at( "events" ) ) {
+      ups += e.at( "kind" ) == "up";
+      if( e.at( "kind" ) == "dr" ) {
+         ++drs;
+         EXPECT_TRUE( e.contains( "dr" ) && e.contains( "previous" ) ) << e.dump();
+      }
+   }
+   EXPECT_EQ( ups, 10u ) << "6 among r1..r3, then r4 and its 2 neighbours both ways";
+   EXPECT_GT( drs, 0u );
+   const auto & end = j.at( "snapshots" ).back();
+   EXPECT_EQ( end.at( "name" ), "end" );
+   EXPECT_EQ( end.at( "neighbors" ).size(), 6u );
+   EXPECT_EQ( end.at( "interfaces" ).at( 0 ).at( "dr" ), "198.18.1.4" );
+}
+
+TEST_F( LabTest, UntilShortensTheRunAndSkipsLaterEvents ) {
+   LabOptions o;
+   o.until = 150;
+   const Report r = runScenario( defaultScenario(), o );
+   EXPECT_DOUBLE_EQ( r.snapshot( "end" )->time, 150.0 );
+   EXPECT_FALSE( r.snapshot( "after-failover" ) );
+   EXPECT_FALSE( firstEvent( r, "r1", "down", "198.18.1.3" ) ) << "the hold time has not run out at 150 s";
+   EXPECT_EQ( drOf( *r.snapshot( "end" ), "r1" ), "198.18.1.3" );
+}
+
+TEST_F( LabTest, ScenarioFilesAreCheckedAndRoundTrip ) {
+   const Scenario d = defaultScenario();
+   const Scenario again = scenarioFromJson( scenarioToJson( d ) );
+   EXPECT_EQ( scenarioToJson( again ), scenarioToJson( d ) );
+   EXPECT_FALSE( again.router( "r4" )->start );
+
+   auto error = []( const std::string & json ) {
+      try {
+         scenarioFromJson( json );
+      } catch( const std::runtime_error & e ) {
+         return std::string( e.what() );
+      }
+      return std::string( "<accepted>" );
+   };
+   const std::string router =
+      R"({ "name": "r1", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.1.1/24" } ] })";
+   EXPECT_NE( error( "{" ).find( "not valid JSON" ), std::string::npos );
+   EXPECT_NE( error( R"({ "routers": [] })" ).find( "at least one router" ), std::string::npos );
+   EXPECT_NE( error( R"({ "routers": [ )" + router + R"( ], "events": [ { "at": 1, "action": "explode" } ] })" )
+                 .find( "unknown action \"explode\"" ),
+              std::string::npos );
+   EXPECT_NE( error( R"({ "routers": [ )" + router + R"( ], "events": [ { "at": 1, "action": "stop", "router": "r9" } ] })" )
+                 .find( "unknown router \"r9\"" ),
+              std::string::npos );
+   EXPECT_NE( error( R"({ "routers": [ )" + router + "," + router + " ] }" ).find( "duplicate router" ), std::string::npos );
+   EXPECT_NE( error( R"({ "routers": [ { "name": "x", "interfaces": [ { "name": "e", "segment": "s", "address": "bogus" } ] } ] })" )
+                 .find( "not an address with mask" ),
+              std::string::npos );
+   EXPECT_NE( error( R"({ "duration": 10, "routers": [ )" + router + R"( ], "events": [ { "at": 11, "action": "checkpoint" } ] })" )
+                 .find( "outside the duration" ),
+              std::string::npos );
+   EXPECT_NE( error( R"({ "routers": [ )" + router + R"( ], "events": [ { "at": 1, "action": "loss", "segment": "lan", "value": 2 } ] })" )
+                 .find( "loss must lie in [0, 1]" ),
+              std::string::npos );
+}
+
+} // namespace
