@@ -111,7 +111,7 @@ std::size_t Notifier::notifieeCount() const {
 }
 
 void Notifier::attach( NotifieeBase * n ) const {
-   notifiees_.push_back( n );
+   notifiees_.pushBack( n );
    anyImmediate_ |= n->immediateMask_;
 }
 
@@ -122,7 +122,7 @@ void Notifier::detach( NotifieeBase * n ) const {
       *it = nullptr;     // tombstone; compacted when the walk ends
       tombstones_ = true;
    } else {
-      notifiees_.erase( it );
+      notifiees_.eraseAt( static_cast< std::uint32_t >( it - notifiees_.begin() ) );
    }
 }
 
@@ -132,8 +132,8 @@ void Notifier::notifySlow( AttrId id, const void * key ) const {
    Ptr< const Notifier > keep( this );
    ++walking_;
    assert( walking_ < 64 && "immediate callbacks recurse without bound" );
-   const std::size_t count = notifiees_.size();
-   for( std::size_t i = 0; i < count; ++i ) {
+   const std::uint32_t count = notifiees_.size();
+   for( std::uint32_t i = 0; i < count; ++i ) {
       NotifieeBase * n = notifiees_[ i ];
       if( !n || !n->active_ || n->zombie_ ) continue;
       if( n->immediateMask_ & bit ) {
@@ -146,8 +146,7 @@ void Notifier::notifySlow( AttrId id, const void * key ) const {
       }
    }
    if( --walking_ == 0 && tombstones_ ) {
-      notifiees_.erase( std::remove( notifiees_.begin(), notifiees_.end(), nullptr ),
-                        notifiees_.end() );
+      notifiees_.removeNulls();
       tombstones_ = false;
    }
 }

@@ -155,6 +155,50 @@ class NotifieeBase {
    bool zombie_ = false;
 };
 
+// The reactors bound to one notifier. Most entities have one or two, so those
+// live inline: a notification then touches no extra heap memory.
+class NotifieeList {
+ public:
+   NotifieeList() = default;
+   NotifieeList( const NotifieeList & ) = delete;
+   NotifieeList & operator=( const NotifieeList & ) = delete;
+   ~NotifieeList() {
+      if( data_ != inline_ ) delete[] data_;
+   }
+   bool empty() const { return size_ == 0; }
+   std::uint32_t size() const { return size_; }
+   NotifieeBase * operator[]( std::uint32_t i ) const { return data_[ i ]; }
+   NotifieeBase ** begin() const { return data_; }
+   NotifieeBase ** end() const { return data_ + size_; }
+   void pushBack( NotifieeBase * n ) {
+      if( size_ == cap_ ) {
+         auto ** bigger = new NotifieeBase *[ cap_ * 2 ];
+         for( std::uint32_t i = 0; i < size_; ++i ) bigger[ i ] = data_[ i ];
+         if( data_ != inline_ ) delete[] data_;
+         data_ = bigger;
+         cap_ *= 2;
+      }
+      data_[ size_++ ] = n;
+   }
+   // Removes the element at i, keeping the order of the others.
+   void eraseAt( std::uint32_t i ) {
+      for( ; i + 1 < size_; ++i ) data_[ i ] = data_[ i + 1 ];
+      --size_;
+   }
+   void removeNulls() {
+      std::uint32_t out = 0;
+      for( std::uint32_t i = 0; i < size_; ++i ) {
+         if( data_[ i ] ) data_[ out++ ] = data_[ i ];
+      }
+      size_ = out;
+   }
+ private:
+   NotifieeBase * inline_[ 2 ] = { nullptr, nullptr };
+   NotifieeBase ** data_ = inline_;
+   std::uint32_t size_ = 0;
+   std::uint32_t cap_ = 2;
+};
+
 // Base of every watchable type: carries the reference count and the list of
 // reactors bound to it.
 class Notifier : public PtrInterface {
@@ -195,7 +239,7 @@ class Notifier : public PtrInterface {
    void notifySlow( AttrId id, const void * key ) const;
    void attach( NotifieeBase * n ) const;
    void detach( NotifieeBase * n ) const;
-   mutable std::vector< NotifieeBase * > notifiees_;
+   mutable NotifieeList notifiees_;
    mutable std::uint64_t anyImmediate_ = 0;
    mutable std::uint32_t walking_ = 0;
    mutable bool tombstones_ = false;

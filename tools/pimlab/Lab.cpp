@@ -469,6 +469,8 @@ Report runScenario( const Scenario & scenario, const LabOptions & options ) {
 std::string renderText( const Report & r ) {
    std::string out = fmt::format( "pimlab: scenario \"{}\", seed {}, {} routers, {:.0f} s of virtual time\n\n", r.scenario,
                                   r.seed, r.routers, r.until );
+   std::size_t who = 3;   // "lan"
+   for( const auto & e : r.events ) who = std::max( who, e.router.size() );
    std::size_t si = 0;
    for( std::size_t ei = 0; ei <= r.events.size(); ++ei ) {
       // Checkpoints appear in the story where they were taken.
@@ -478,11 +480,11 @@ std::string renderText( const Report & r ) {
       }
       if( ei == r.events.size() ) break;
       const LabEvent & e = r.events[ ei ];
-      const std::string who = e.router.empty() ? std::string( "lan" ) : e.router;
+      const std::string router = e.router.empty() ? std::string( "lan" ) : e.router;
       const std::string where = e.interface.empty() || e.kind == "priority" || e.kind == "detach" || e.kind == "attach"
                                    ? std::string()
                                    : e.interface + ": ";
-      out += fmt::format( "{:>10.3f}  {:<4}  {}{}\n", e.time, who, where, e.detail );
+      out += fmt::format( "{:>10.3f}  {:<{}}  {}{}\n", e.time, router, who, where, e.detail );
    }
    for( ; si < r.snapshots.size(); ++si ) out += renderSnapshot( r.snapshots[ si ] );
    if( const Snapshot * end = r.snapshot( "end" ) ) {

@@ -56,8 +56,8 @@ int main( int argc, char ** argv ) {
          for( const auto & err : Kiv::TraceHandle::configIs( trace ) ) std::cerr << "pimlab: --trace: " << err << "\n";
          Kiv::LogHandle::outputIs( Kiv::LogOutput::Stderr );
       } else {
-         // The tables tell the story; the agent's own logs would only repeat it.
-         Kiv::TraceHandle::configIs( "" );
+         // The tables tell the story; the agent's own logs would only repeat
+         // it. (KIV_TRACE in the environment still selects traces.)
          Kiv::LogHandle::outputIs( Kiv::LogOutput::None );
       }
       PimLab::LabOptions options;

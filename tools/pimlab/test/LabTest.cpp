@@ -137,7 +137,7 @@ INSTANTIATE_TEST_SUITE_P( Engines, LabStoryTest, ::testing::Values( Engine::pipe
 // The text form carries the tables a person reads.
 TEST_F( LabTest, TextReportShowsEventsAndTables ) {
    const std::string text = renderText( runScenario( defaultScenario() ) );
-   EXPECT_NE( text.find( "r3    stopped silently" ), std::string::npos );
+   EXPECT_NE( text.find( "  r3   stopped silently (last Hello at 90.000)" ), std::string::npos );
    EXPECT_NE( text.find( "== checkpoint \"formed\" at 60.000 s ==" ), std::string::npos );
    EXPECT_NE( text.find( "neighbor 198.18.1.3 down (expired" ), std::string::npos );
    EXPECT_NE( text.find( "generation id" ), std::string::npos );
