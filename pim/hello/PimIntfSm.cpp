@@ -730,7 +730,7 @@ void GlobalIntfSm::KivBfdPimAppStatus::onPeerStatus( const Bfd::Peer & peer ) {
 
 GlobalIntfSm::KivPimIntf::KivPimIntf( GlobalIntfSm * o, const Kiv::Ptr< const Intf > & intf )
       : owner_( o ), id_( intf->id() ) {
-   kivOwnerIs( o );
+   kivOwnerIs( owner_ );
    // It only marks the interface as known: no attribute of it is watched,
    // so it stays off the interface's notification list.
    isRegisteredNotifieeIs( false );

@@ -102,13 +102,4 @@ TEST_F( VxlanStatusSmTest, FullVlanPassRemovesInterfacesWhoseVlanLostItsVni ) {
    EXPECT_FALSE( published( "Vlan8" ) );
 }
 
-TEST_F( VxlanStatusSmTest, MissingOutputIsInert ) {
-   auto sm = VxlanStatusSmIs( map_, pimStatus_, nullptr );
-   pimStatus_->pimIntfIs( Lumo::IntfId( "Vlan10" ), pimModeSparse );
-   map_->vlanToVniMapIs( 10, VniExtOrNone( 5010 ) );
-   EXPECT_TRUE( loop_.runUntilIdle() );
-   sm->handleVlanId();
-   sm->handlePimIntf();
-}
-
 } // namespace

@@ -30,8 +30,7 @@ std::uint64_t EndpointCounters::rejected() const {
 
 // ---- Segment -----------------------------------------------------------------
 
-Segment::Segment( Lan & lan, std::string name, Kiv::Seconds delay )
-      : lan_( lan ), name_( std::move( name ) ), delay_( 0.0 ) {
+Segment::Segment( std::string name, Kiv::Seconds delay ) : name_( std::move( name ) ), delay_( 0.0 ) {
    delayIs( delay );
 }
 
@@ -107,7 +106,7 @@ Lan::~Lan() { segments_.clear(); }
 Segment & Lan::segmentIs( const std::string & name, Kiv::Seconds delay ) {
    auto it = segments_.find( name );
    if( it != segments_.end() ) return *it->second;
-   auto s = std::make_unique< Segment >( *this, name, delay );
+   auto s = std::make_unique< Segment >( name, delay );
    Segment & r = *s;
    segments_.emplace( name, std::move( s ) );
    return r;

@@ -60,7 +60,7 @@ class Segment {
  public:
    static constexpr Kiv::Seconds kDefaultDelay = 0.001;
 
-   Segment( Lan & lan, std::string name, Kiv::Seconds delay );
+   Segment( std::string name, Kiv::Seconds delay );
    Segment( const Segment & ) = delete;
    Segment & operator=( const Segment & ) = delete;
    ~Segment();
@@ -91,7 +91,6 @@ class Segment {
                const Lumo::IpGenAddr & src, const Lumo::IpGenAddr & dst,
                const std::shared_ptr< const Bytes > & bytes );
 
-   Lan & lan_;
    std::string name_;
    Kiv::Seconds delay_;
    double loss_ = 0.0;

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -282,6 +285,42 @@ TEST_F( LabTest, JsonReportCarriesEventsAndTables ) {
    EXPECT_EQ( end.at( "name" ), "end" );
    EXPECT_EQ( end.at( "neighbors" ).size(), 6u );
    EXPECT_EQ( end.at( "interfaces" ).at( 0 ).at( "dr" ), "198.18.1.4" );
+}
+
+std::string fileText( const std::filesystem::path & p ) {
+   std::ifstream in( p );
+   std::stringstream ss;
+   ss << in.rdbuf();
+   return ss.str();
+}
+
+// The example scenarios shipped with the lab load, run reproducibly and tell
+// the story their events promise.
+TEST_F( LabTest, ShippedScenariosRun ) {
+   std::size_t files = 0;
+   for( const auto & f : std::filesystem::directory_iterator( PIMLAB_SCENARIO_DIR ) ) {
+      if( f.path().extension() != ".json" ) continue;
+      ++files;
+      const Scenario s = scenarioFromJson( fileText( f.path() ) );
+      const Report r = runScenario( s );
+      EXPECT_EQ( renderText( r ), renderText( runScenario( s ) ) ) << f.path();
+      ASSERT_TRUE( r.snapshot( "end" ) ) << f.path();
+   }
+   EXPECT_GT( files, 0u );
+
+   const Report r = runScenario( scenarioFromJson( fileText( std::filesystem::path( PIMLAB_SCENARIO_DIR ) / "two-segments.json" ) ) );
+   auto drOn = []( const Snapshot & s, const std::string & router, const std::string & intf ) {
+      for( const auto & i : s.interfaces ) {
+         if( i.router == router && i.interface == intf ) return i.dr;
+      }
+      return std::string( "<none>" );
+   };
+   EXPECT_EQ( drOn( *r.snapshot( "formed" ), "core", "Ethernet2" ), "198.18.20.3" ) << "equal priorities: higher address";
+   EXPECT_EQ( drOn( *r.snapshot( "lan-a-cut" ), "core", "Ethernet2" ), "198.18.20.2" ) << "after the priority change";
+   EXPECT_EQ( drOn( *r.snapshot( "lan-a-cut" ), "edge1", "Ethernet1" ), "198.18.10.2" ) << "alone behind the cut";
+   EXPECT_EQ( drOn( *r.snapshot( "edge2-gone" ), "edge1", "Ethernet1" ), "198.18.10.1" ) << "healed";
+   EXPECT_EQ( drOn( *r.snapshot( "edge2-gone" ), "core", "Ethernet2" ), "198.18.20.3" );
+   EXPECT_EQ( drOn( *r.snapshot( "edge3-unplugged" ), "core", "Ethernet2" ), "198.18.20.1" );
 }
 
 TEST_F( LabTest, UntilShortensTheRunAndSkipsLaterEvents ) {
