@@ -51,6 +51,32 @@ void BM_TimerWheelReArm( benchmark::State & state ) {
 }
 BENCHMARK( BM_TimerWheelReArm )->Arg( 1000 )->Arg( 100'000 )->Arg( 1'000'000 );
 
+// The neighbour workload: time runs on, and a random timer is pushed to
+// now + 105 s (a refresh always moves a deadline later). The loop asks for
+// the next deadline now and then, so timers left in place by a re-arm are
+// re-filed inside the measured time too.
+void BM_TimerWheelRefresh( benchmark::State & state ) {
+   Kiv::Testing::TestLoop loop( kStart );
+   auto wheel = Tolm::TimerWheelIs( loop.clock() );
+   const auto n = static_cast< std::size_t >( state.range( 0 ) );
+   std::unique_ptr< TimerWheel::NotifieeConst[] > timers( new TimerWheel::NotifieeConst[ n ] );
+   Rng rng;
+   for( std::size_t i = 0; i < n; ++i ) {
+      timers[ i ].notifierIs( wheel.ptr() );
+      timers[ i ].timeMinIs( kStart + rng.refresh() );
+   }
+   // Each timer is refreshed about every 30 s of virtual time.
+   const double step = 30.0 / static_cast< double >( n );
+   std::uint64_t i = 0;
+   for( auto _ : state ) {
+      loop.clock().nowIs( loop.now() + step );
+      timers[ rng.below( n ) ].timeMinIs( loop.now() + 105.0 );
+      if( ( ++i & 63 ) == 0 ) benchmark::DoNotOptimize( wheel->nextDeadline() );
+   }
+   state.SetItemsProcessed( state.iterations() );
+}
+BENCHMARK( BM_TimerWheelRefresh )->Arg( 1000 )->Arg( 100'000 )->Arg( 1'000'000 );
+
 // Reference for the figure above: what the memory alone costs when one random
 // node of the same size and its two list neighbours are written, which is the
 // least any re-arm of an intrusively listed timer does once the timers no

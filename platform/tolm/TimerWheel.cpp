@@ -17,6 +17,10 @@
 //  * a timer whose tick is below C (a past deadline, or the cursor ran ahead of
 //    the clock) goes into C's level-0 slot. That slot is scanned as a whole
 //    and ordered by the exact (deadline, seq), so it stays correct.
+// A re-arm that moves a deadline later leaves the timer where it is (a slot
+// never later than its true place) and so touches no other timer: the common
+// case of a neighbour refresh. Such a timer is re-filed when its slot comes up
+// in nextDue(), before the slot is searched.
 // The cursor only moves over empty space, inside nextDue(): to the next
 // occupied level-0 slot, or to the start of the first occupied slot of a
 // higher level, whose timers then cascade into lower levels. Each timer
@@ -172,10 +176,12 @@ void TimerWheel::NotifieeConst::timeMinIs( Kiv::Seconds t ) {
    }
    assert( wheel_ && "arming a timer that is bound to no wheel" );
    if( !wheel_ ) return;
+   const std::uint64_t tick = tickOf( t );
+   const bool movedLater = armed() && tick >= tick_;
    deadline_ = t;
    seq_ = ++armingSeq;
-   tick_ = tickOf( t );
-   wheel_->link( *this );
+   tick_ = tick;
+   wheel_->link( *this, movedLater );
 }
 
 // ---- TimerWheel --------------------------------------------------------------------
@@ -215,8 +221,9 @@ void TimerWheel::unbind( NotifieeConst & n ) {
 }
 
 // Files n, whose deadline_, seq_ and tick_ are already set; n may be armed
-// already (a re-arm), in which case it only moves when its slot changes.
-void TimerWheel::link( NotifieeConst & n ) {
+// already (a re-arm), in which case it only moves when its deadline moved
+// earlier and its slot changes.
+void TimerWheel::link( NotifieeConst & n, bool movedLater ) {
    Impl & w = *impl_;
    if( !n.slot_ ) {
       if( armed_++ == 0 ) {
@@ -231,6 +238,7 @@ void TimerWheel::link( NotifieeConst & n ) {
       w.earliest = nullptr;   // it may have moved later
    }
    if( w.earliest && Impl::before( n, *w.earliest ) ) w.earliest = &n;
+   if( movedLater ) return;
    const std::size_t flat = w.slotOf( n.tick_ );
    if( n.slot_ == &w.slots[ flat ] ) return;
    if( n.slot_ ) w.remove( n );
@@ -249,7 +257,22 @@ bool TimerWheel::nextDue( Kiv::Seconds & deadline, std::uint64_t & seq ) {
    if( armed_ == 0 ) return false;
    Impl & w = *impl_;
    if( !w.earliest ) {
-      NotifieeConst * best = w.firstSlot().head;
+      Slot * slot;
+      for( ;; ) {
+         slot = &w.firstSlot();
+         // The slot's own tick is the cursor: later timers were left here by a
+         // re-arm and go to their true place now.
+         for( NotifieeConst * n = slot->head; n; ) {
+            NotifieeConst * next = n->next_;
+            if( n->tick_ > w.cursor ) {
+               w.remove( *n );
+               w.push( *n, w.slotOf( n->tick_ ) );
+            }
+            n = next;
+         }
+         if( slot->head ) break;
+      }
+      NotifieeConst * best = slot->head;
       for( NotifieeConst * n = best->next_; n; n = n->next_ ) {
          if( Impl::before( *n, *best ) ) best = n;
       }

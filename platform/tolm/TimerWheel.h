@@ -76,7 +76,7 @@ class TimerWheel : public Kiv::PtrInterface {
    friend class NotifieeConst;
    TimerWheel( const TimerWheel & ) = delete;
    TimerWheel & operator=( const TimerWheel & ) = delete;
-   void link( NotifieeConst & n );
+   void link( NotifieeConst & n, bool movedLater );
    void unlink( NotifieeConst & n );
    void bind( NotifieeConst & n );
    void unbind( NotifieeConst & n );
