@@ -108,6 +108,10 @@ void ContainerSm::handleInitialized() {
    // always finds its interface machine.
    pimGlobalIntfSmIs( GlobalIntfSmIs( allStatus, inputs ) );
    pimHelloSmIs( HelloSmIs( allStatus, rxHelloMessageInfo() ) );
+   // The fast-upgrade client; without its inputs the VRF takes no part.
+   if( vrfConfig && args_.asuShutdownStatus && args_.asuVrfStatus ) {
+      pimAsuSmIs( AsuSmIs( vrfConfig, allStatus, timerWheel, args_.asuShutdownStatus, args_.asuVrfStatus ) );
+   }
 
    sourceIntfDirIs( Kiv::make< IpGen::SourceIntf::SourceIntfDir >( kSourceIntfDirName ) );
    sourceIntfSmIs( Kiv::make< IpGen::SourceIntf::VrfSourceIntfSm >( sourceIntfDir(),
@@ -130,6 +134,7 @@ void ContainerSm::handleDestruction() {
    bfdPimSmDel();
    pimGlobalIntfSmDel();
    pimHelloSmDel();
+   pimAsuSmDel();
    sourceIntfDirDel();
    // The reliable-transport machine does not touch the registry it points to
    // when it goes, so the registry may go first.

@@ -20,6 +20,7 @@
 // configuration root, the IP status and the timer wheel.
 #include <string>
 
+#include "agent/PimAsuSm.h"
 #include "hello/PimHelloSm.h"
 #include "hello/PimIntfSm.h"
 #include "feeds/PortConfigSm.h"
@@ -82,6 +83,7 @@ struct ContainerSmArgs {
    X( PTR, routerIdSm, RouterIdSm, RouterIdSm )                                         \
    X( PTR, pimGlobalIntfSm, PimGlobalIntfSm, GlobalIntfSm )                             \
    X( PTR, pimHelloSm, PimHelloSm, HelloSm )                                            \
+   X( PTR, pimAsuSm, PimAsuSm, AsuSm )                                                  \
    X( PTR, sourceIntfDir, SourceIntfDir, IpGen::SourceIntf::SourceIntfDir )             \
    X( PTR, sourceIntfSm, SourceIntfSm, IpGen::SourceIntf::VrfSourceIntfSm )             \
    X( PTR, portConfigSm, PortConfigSm, Reliable::ConfigSm )                             \

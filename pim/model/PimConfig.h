@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "kiv/Entity.h"
 #include "kiv/EntityMacros.h"
 #include "lumo/AddressFamily.h"
 #include "lumo/IntfId.h"
@@ -143,13 +144,13 @@ namespace Application {
 #define PIM_APPLICATION_CONFIG_ATTRS( X ) \
    X( COLL, intfMode, IntfMode, std::string, Mode )
 
-class Config : public Kiv::Notifier {
+// One application's requests; it lives in the application directory under
+// the application's name.
+class Config : public Kiv::Entity {
  public:
-   explicit Config( const std::string & name ) : name_( name ) {}
-   const std::string & name() const { return name_; }
+   explicit Config( const Kiv::Name & name ) : Kiv::Entity( name ) {}
+   const char * typeName() const override { return "Routing::Pim::Application::Config"; }
    KIV_ENTITY( Config, "Routing::Pim::Application::Config", PIM_APPLICATION_CONFIG_ATTRS )
- private:
-   const std::string name_;
 };
 KIV_NOTIFIEE( Config, PIM_APPLICATION_CONFIG_ATTRS )
 

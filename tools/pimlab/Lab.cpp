@@ -303,7 +303,7 @@ class LabRun {
                break;
             }
             std::string what;
-            for( const auto & i : r->spec().interfaces ) {
+            for( const auto & i : r->desc().interfaces ) {
                what += fmt::format( "{}{} {} on {}, DR priority {}, hello {} s, hold {} s", what.empty() ? "" : "; ",
                                     i.name, valueToStrep( i.address ), i.segment, i.drPriority, i.helloInterval,
                                     i.holdTime() );

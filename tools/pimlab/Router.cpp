@@ -146,9 +146,9 @@ struct Router::Pipeline {
    ~Pipeline() { configSm = nullptr; }
 };
 
-Router::Router( const RouterSpec & spec, std::uint32_t index, SimLan::Lan & lan,
+Router::Router( const RouterDesc & desc, std::uint32_t index, SimLan::Lan & lan,
                 const Kiv::Ptr< Tolm::TimerWheel > & wheel, Engine engine )
-      : spec_( spec ), index_( index ), lan_( lan ), wheel_( wheel ), engine_( engine ),
+      : desc_( desc ), index_( index ), lan_( lan ), wheel_( wheel ), engine_( engine ),
         allStatusColl_( Kiv::make< AllStatusColl >() ) {}
 
 Router::~Router() {
@@ -170,8 +170,8 @@ void Router::endpointIs( const Kiv::Ptr< IO::PamManager > & pam ) {
       endpoint_.reset();
    }
    if( !pam ) return;
-   endpoint_ = std::make_unique< SimLan::Endpoint >( lan_, spec_.name, pam, wheel_ );
-   for( const auto & i : spec_.interfaces ) endpoint_->attach( Lumo::IntfId( i.name ), i.segment );
+   endpoint_ = std::make_unique< SimLan::Endpoint >( lan_, desc_.name, pam, wheel_ );
+   for( const auto & i : desc_.interfaces ) endpoint_->attach( Lumo::IntfId( i.name ), i.segment );
 }
 
 void Router::bindEndpoint() {
@@ -199,7 +199,7 @@ void Router::start() {
 void Router::startDirect() {
    auto v = std::make_unique< Direct >();
    const Lumo::AddressFamily af =
-      spec_.interfaces.empty() ? Lumo::AddressFamily::ipv4 : spec_.interfaces.front().address.af();
+      desc_.interfaces.empty() ? Lumo::AddressFamily::ipv4 : desc_.interfaces.front().address.af();
    const char * bfdApp = af == Lumo::AddressFamily::ipv6 ? "pim6" : "pim";
    v->allStatus = allStatusColl_->vrfStatusIs( v->vrfName );
    v->globalStatus = Kiv::make< GlobalStatus >( af );
@@ -237,7 +237,7 @@ void Router::startDirect() {
    v->helloSm = HelloSmIs( v->allStatus, v->rxHelloMessageInfo );
 
    std::uint32_t ifIndex = 100 * index_;
-   for( const auto & i : spec_.interfaces ) {
+   for( const auto & i : desc_.interfaces ) {
       const Lumo::IntfId id( i.name );
       auto intf = v->allStatus->pimIntfIs( id, i.address );
       intf->modeIs( pimModeSparse );
@@ -252,7 +252,7 @@ void Router::startDirect() {
 void Router::startPipeline() {
    auto p = std::make_unique< Pipeline >( this );
    const Lumo::AddressFamily af =
-      spec_.interfaces.empty() ? Lumo::AddressFamily::ipv4 : spec_.interfaces.front().address.af();
+      desc_.interfaces.empty() ? Lumo::AddressFamily::ipv4 : desc_.interfaces.front().address.af();
    const bool v6 = af == Lumo::AddressFamily::ipv6;
    p->af = af;
    p->varnMount = Kiv::make< KivVarn::Mount >( p->varnDir );
@@ -291,7 +291,7 @@ void Router::startPipeline() {
    p->configColl->vrfConfigIs( p->vrfName )->pimConfiguredIs( true );
    p->vrfEnabledStatus->vrfIs( p->vrfName, true );
    std::uint32_t ifIndex = 100 * index_;
-   for( const auto & i : spec_.interfaces ) {
+   for( const auto & i : desc_.interfaces ) {
       const Lumo::IntfId id( i.name );
       p->kernel->deviceIntfStatusIs( id, kernelDevice( ++ifIndex ) );
       p->ipStatus->intfVrfIs( id, p->vrfName );
@@ -345,7 +345,7 @@ void Router::goodbyeIs() {
    }
    if( pipeline_ ) {
       // PIM off in the configuration: the pipeline deletes the interfaces.
-      for( const auto & i : spec_.interfaces ) pipeline_->configColl->intfConfigDel( Lumo::IntfId( i.name ) );
+      for( const auto & i : desc_.interfaces ) pipeline_->configColl->intfConfigDel( Lumo::IntfId( i.name ) );
    }
 }
 
@@ -361,7 +361,7 @@ void Router::stop() {
 }
 
 void Router::drPriorityIs( const std::string & intfName, std::uint32_t priority ) {
-   for( auto & i : spec_.interfaces ) {
+   for( auto & i : desc_.interfaces ) {
       if( !intfName.empty() && i.name != intfName ) continue;
       i.drPriority = priority;
       if( pipeline_ ) {
@@ -374,14 +374,14 @@ void Router::drPriorityIs( const std::string & intfName, std::uint32_t priority 
 
 void Router::detach( const std::string & intfName ) {
    if( !endpoint_ ) return;
-   for( const auto & i : spec_.interfaces ) {
+   for( const auto & i : desc_.interfaces ) {
       if( intfName.empty() || i.name == intfName ) endpoint_->detach( Lumo::IntfId( i.name ) );
    }
 }
 
 void Router::attach( const std::string & intfName ) {
    if( !endpoint_ ) return;
-   for( const auto & i : spec_.interfaces ) {
+   for( const auto & i : desc_.interfaces ) {
       if( intfName.empty() || i.name == intfName ) endpoint_->attach( Lumo::IntfId( i.name ), i.segment );
    }
 }

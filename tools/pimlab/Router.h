@@ -35,14 +35,14 @@ class Router {
    static constexpr const char * kVrf = "default";
 
    // index (from 1) makes the router's bridge MAC address and ifindexes.
-   Router( const RouterSpec & spec, std::uint32_t index, SimLan::Lan & lan,
+   Router( const RouterDesc & desc, std::uint32_t index, SimLan::Lan & lan,
            const Kiv::Ptr< Tolm::TimerWheel > & wheel, Engine engine = Engine::pipeline );
    ~Router();
    Router( const Router & ) = delete;
    Router & operator=( const Router & ) = delete;
 
-   const RouterSpec & spec() const { return spec_; }
-   const std::string & name() const { return spec_.name; }
+   const RouterDesc & desc() const { return desc_; }
+   const std::string & name() const { return desc_.name; }
    bool running() const { return running_; }
 
    Engine engine() const { return engine_; }
@@ -74,7 +74,7 @@ class Router {
    void endpointIs( const Kiv::Ptr< Routing::Pim::IO::PamManager > & pam );
    Kiv::Ptr< Routing::Pim::Intf > intf( const std::string & name ) const;
 
-   RouterSpec spec_;
+   RouterDesc desc_;
    std::uint32_t index_;
    SimLan::Lan & lan_;
    Kiv::Ptr< Tolm::TimerWheel > wheel_;

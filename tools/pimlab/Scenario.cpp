@@ -76,9 +76,9 @@ Action actionFromName( const std::string & s, const std::string & where ) {
    fail( where, "unknown action \"" + s + "\"" );
 }
 
-IntfSpec intfFromJson( const json & j, const std::string & where ) {
+IntfDesc intfFromJson( const json & j, const std::string & where ) {
    if( !j.is_object() ) fail( where, "an interface must be an object" );
-   IntfSpec i;
+   IntfDesc i;
    i.name = getString( j, "name", where, true );
    i.segment = getString( j, "segment", where, true );
    const std::string addr = getString( j, "address", where, true );
@@ -103,7 +103,7 @@ IntfSpec intfFromJson( const json & j, const std::string & where ) {
 
 } // namespace
 
-std::uint16_t IntfSpec::holdTime() const {
+std::uint16_t IntfDesc::holdTime() const {
    return static_cast< std::uint16_t >( std::lround( helloInterval * holdMultiplier ) );
 }
 
@@ -114,7 +114,7 @@ const char * actionName( Action a ) {
    return "?";
 }
 
-const RouterSpec * Scenario::router( const std::string & n ) const {
+const RouterDesc * Scenario::router( const std::string & n ) const {
    for( const auto & r : routers ) {
       if( r.name == n ) return &r;
    }
@@ -157,11 +157,11 @@ void Scenario::validate() const {
          case Action::priority:
          case Action::detach:
          case Action::attach: {
-            const RouterSpec * r = router( e.router );
+            const RouterDesc * r = router( e.router );
             if( !r ) fail( where, "unknown router \"" + e.router + "\"" );
             if( !e.interface.empty() &&
                 std::none_of( r->interfaces.begin(), r->interfaces.end(),
-                              [ & ]( const IntfSpec & i ) { return i.name == e.interface; } ) ) {
+                              [ & ]( const IntfDesc & i ) { return i.name == e.interface; } ) ) {
                fail( where, "router " + e.router + " has no interface \"" + e.interface + "\"" );
             }
             if( e.action == Action::priority && ( e.value < 0 || e.value > 4294967295.0 ) ) {
@@ -197,7 +197,7 @@ Scenario scenarioFromJson( const std::string & text ) {
    if( auto it = j.find( "segments" ); it != j.end() ) {
       if( !it->is_array() ) fail( "segments", "must be an array" );
       for( const auto & sj : *it ) {
-         SegmentSpec seg;
+         SegmentDesc seg;
          seg.name = getString( sj, "name", "segments", true );
          seg.delay = get< double >( sj, "delay", 0.001, "segments." + seg.name );
          seg.loss = get< double >( sj, "loss", 0.0, "segments." + seg.name );
@@ -210,7 +210,7 @@ Scenario scenarioFromJson( const std::string & text ) {
    if( rit == j.end() || !rit->is_array() ) fail( "routers", "an array of routers is needed" );
    for( const auto & rj : *rit ) {
       if( !rj.is_object() ) fail( "routers", "a router must be an object" );
-      RouterSpec r;
+      RouterDesc r;
       r.name = getString( rj, "name", "routers", true );
       const std::string where = "routers." + r.name;
       if( auto st = rj.find( "start" ); st != rj.end() ) {

@@ -10,7 +10,7 @@
 
 namespace PimLab {
 
-struct IntfSpec {
+struct IntfDesc {
    std::string name;                   // e.g. "Ethernet1"
    std::string segment;                // segment the interface is plugged into
    Lumo::IpGenAddrWithMask address;    // primary address and mask
@@ -20,15 +20,15 @@ struct IntfSpec {
    std::uint16_t holdTime() const;
 };
 
-struct RouterSpec {
+struct RouterDesc {
    std::string name;
    // Virtual time at which the router comes up; none: only a "start" event
    // brings it up.
    std::optional< double > start = 0.0;
-   std::vector< IntfSpec > interfaces;
+   std::vector< IntfDesc > interfaces;
 };
 
-struct SegmentSpec {
+struct SegmentDesc {
    std::string name;
    double delay = 0.001;   // seconds
    double loss = 0.0;      // probability of losing one copy of a frame
@@ -62,11 +62,11 @@ struct Scenario {
    std::string name;
    std::uint64_t seed = 1;
    double duration = 600.0;
-   std::vector< SegmentSpec > segments;   // optional; others are created on use
-   std::vector< RouterSpec > routers;
+   std::vector< SegmentDesc > segments;   // optional; others are created on use
+   std::vector< RouterDesc > routers;
    std::vector< Event > events;           // kept in time order (stable)
 
-   const RouterSpec * router( const std::string & name ) const;
+   const RouterDesc * router( const std::string & name ) const;
    // Consistency: unique names, events naming known routers, interfaces and
    // segments, times within [0, duration]. Throws std::runtime_error.
    void validate() const;

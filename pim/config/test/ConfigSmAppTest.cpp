@@ -14,12 +14,8 @@ class ConfigSmAppTest : public ConfigSmFixture {
       ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
       ipIntfIs( "Ethernet2", "default", "198.18.2.1/24" );
       start();
-      probe_ = applicationIs( "probe" );
-      if( !probe_ ) GTEST_SKIP() << "application requests are not directory entries in this model";
-      appDir_->entryDel( Kiv::Name( "probe" ) );
       ASSERT_TRUE( settle() );
    }
-   Kiv::Ptr< Application::Config > probe_;
 };
 
 TEST_F( ConfigSmAppTest, SparseRequestAloneGivesTheDefaultParameters ) {

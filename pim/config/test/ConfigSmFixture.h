@@ -116,16 +116,11 @@ class ConfigSmFixture : public ::testing::Test {
       c->borderRouterIs( borderRouter );
       return c;
    }
-   // An application's request directory entry, when the model allows one.
-   template< class C = Application::Config >
-   Kiv::Ptr< C > applicationIs( const std::string & name ) {
-      if constexpr( std::is_base_of_v< Kiv::Entity, C > ) {
-         auto c = Kiv::make< C >( name );
-         appDir_->entryIs( Kiv::Name( name ), Kiv::Ptr< Kiv::Entity >( c ) );
-         return c;
-      } else {
-         return nullptr;
-      }
+   // An application's request entry in the application directory.
+   Kiv::Ptr< Application::Config > applicationIs( const std::string & name ) {
+      auto c = Kiv::make< Application::Config >( Kiv::Name( name ) );
+      appDir_->entryIs( Kiv::Name( name ), Kiv::Ptr< Kiv::Entity >( c ) );
+      return c;
    }
 
    // ---- outputs ----

@@ -106,6 +106,34 @@ TEST_F( ConfigSmAsuTest, ShutdownStageCompletesWhenTheLastParticipatingVrfComple
    EXPECT_EQ( stages_, std::vector< std::string >{ "NetworkAgentShutdown" } );
 }
 
+// End to end: the shutdown flag reaches every VRF's container, each stretches
+// its interfaces' hold time and reports after the notify delay, and the stage
+// completes only then.
+TEST_F( ConfigSmAsuTest, ShutdownFlowsThroughTheContainersToTheStage ) {
+   vrfIs( "default" );
+   vrfIs( "red" );
+   ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
+   ipIntfIs( "Ethernet2", "red", "198.18.2.1/24" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   intfConfigIs( "Ethernet2", pimModeSparse );
+   start();
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( hasContainer( "default" ) );
+   ASSERT_TRUE( hasContainer( "red" ) );
+   asuVrfStatus_->participatingVrfIs( Vrf( "default" ), true );
+   asuVrfStatus_->participatingVrfIs( Vrf( "red" ), true );
+   const double t0 = loop_.now();
+   asuShutdown_->shutdownIs( true );
+   ASSERT_TRUE( loop_.advanceTo( t0 + 4.9 ) );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloHoldTime(), 420 );
+   EXPECT_EQ( pimIntf( "red", "Ethernet2" )->helloPeriod(), 120 );
+   EXPECT_TRUE( stages_.empty() );
+   ASSERT_TRUE( loop_.advanceTo( t0 + 5.0 ) );
+   EXPECT_TRUE( asuVrfStatus_->completedVrf( Vrf( "default" ) ) );
+   EXPECT_TRUE( asuVrfStatus_->completedVrf( Vrf( "red" ) ) );
+   EXPECT_EQ( stages_, std::vector< std::string >{ "NetworkAgentShutdown" } );
+}
+
 TEST_F( ConfigSmAsuTest, NothingCompletedNothingDeclared ) {
    vrfIs( "default" );
    start();

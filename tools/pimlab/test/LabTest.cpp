@@ -15,6 +15,11 @@
 
 #include <nlohmann/json.hpp>
 
+namespace PimLab {
+// Test names print the engine by its name.
+inline void PrintTo( Engine e, std::ostream * os ) { *os << engineName( e ); }
+} // namespace PimLab
+
 namespace {
 
 using namespace PimLab;
