@@ -1,0 +1,70 @@
+// End to end through the configuration pipeline: PIM enabled on an interface
+// by configuration alone; a Hello handed to the VRF's receive mailbox becomes
+// a row of the VRF's status table, and the row goes when the neighbour
+// expires.
+#include "ConfigSmFixture.h"
+
+#include "services/varn/PimVarnStatus.h"
+
+namespace PimConfigTest {
+namespace {
+
+class ConfigEndToEndTest : public ConfigSmFixture {
+ protected:
+   // The kernel of the VRF's namespace knows the interface.
+   void kernelIntfIs( const char * ns, const char * intf, std::uint32_t ifIndex ) {
+      auto status = kni_->doMount( KernelNetInfo::Status::mountPath( Lumo::NamespaceName( ns ) ) );
+      status->devices()->deviceIntfStatusIs( Lumo::IntfId( intf ),
+                                             Interface::DeviceIntfStatus{ intf, ifIndex, true } );
+   }
+   void receiveHello( const char * vrf, const char * intf, const char * src, std::uint16_t hold ) {
+      auto container = sm_->pimVrfContainerSm( L3::VrfName( vrf ) );
+      ASSERT_TRUE( container );
+      auto hello = Kiv::make< Packet::HelloMessage >();
+      hello->srcAddrIs( ip( src ) );
+      hello->holdTimePresentIs( true );
+      hello->holdTimeIs( hold );
+      hello->drPriorityPresentIs( true );
+      hello->drPriorityIs( 5 );
+      auto rx = container->rxHelloMessageInfo();
+      rx->messageIs( hello );
+      rx->intfIdIs( Lumo::IntfId( intf ) );
+      rx->countInc( 1 );
+      ASSERT_TRUE( settle() );
+   }
+   Kiv::Ptr< Varn::Status > table( const char * vrf ) const {
+      return Kiv::entity_cast< Varn::Status >( varnDir_.entity( std::string( "routing/pim/status/" ) + vrf ) );
+   }
+};
+
+TEST_F( ConfigEndToEndTest, ConfiguredInterfaceLearnsANeighbourIntoTheStatusTableAndForgetsIt ) {
+   vrfIs( "red" );
+   kernelIntfIs( "ns-red", "Ethernet7", 12 );
+   ipIntfIs( "Ethernet7", "red", "198.18.7.1/24" );
+   intfConfigIs( "Ethernet7", pimModeSparse );
+   start();
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( hasContainer( "red" ) );
+   auto status = table( "red" );
+   ASSERT_TRUE( status );
+   ASSERT_TRUE( status->pimIntf().has( Varn::IntfKey( Lumo::IntfId( "Ethernet7" ) ) ) );
+
+   const double t0 = loop_.now();
+   receiveHello( "red", "Ethernet7", "198.18.7.2", 30 );
+   const Varn::NeighborKey key( Lumo::IntfId( "Ethernet7" ), ip( "198.18.7.2" ) );
+   auto row = status->neighbor().row( key );
+   ASSERT_TRUE( row );
+   EXPECT_EQ( row->holdTime, 30 );
+   EXPECT_TRUE( pimIntf( "red", "Ethernet7" )->activeNeighbor( ip( "198.18.7.2" ) ) );
+   // A neighbour with the higher priority is the DR, and the table says so.
+   EXPECT_EQ( pimIntf( "red", "Ethernet7" )->usedDr(), ip( "198.18.7.2" ) );
+
+   ASSERT_TRUE( loop_.advanceTo( t0 + 29.9 ) );
+   EXPECT_TRUE( status->neighbor().has( key ) );
+   ASSERT_TRUE( loop_.advanceTo( t0 + 30.0 ) );
+   EXPECT_FALSE( status->neighbor().has( key ) );
+   EXPECT_EQ( pimIntf( "red", "Ethernet7" )->usedDr(), ip( "198.18.7.1" ) );
+}
+
+} // namespace
+} // namespace PimConfigTest
