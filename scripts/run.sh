@@ -7,4 +7,4 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh
 cmake --preset release >/dev/null
 cmake --build --preset release -j "$(nproc)" --target pimlab
-exec build/release/tools/pimlab "$@"
+exec build/release/tools/pimlab/pimlab "$@"
