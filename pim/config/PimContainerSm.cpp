@@ -88,6 +88,20 @@ void ContainerSm::handleInitialized() {
    pimStatusWriterSmIs( Varn::StatusWriterSmIs( args_.vrfName, allStatus, varnStatus ) );
 
    vrfIpIntfStatusIs( IpGen::intfStatusFactory( ipStatus, args_.vrfName ) );
+   IO::IOSmArgs io;
+   io.pamManager = pimPamManager();
+   io.messageCounters = args_.pimMessageCounters;
+   io.pimStatus = args_.pimStatus;
+   io.configColl = configColl;
+   io.intfStatus = vrfIpIntfStatus();
+   io.aclTypeConfig = args_.aclTypeConfig;
+   io.kernelIntfStatusDir = args_.kernelIntfStatusDir;
+   io.allIntfStatusDir = args_.allIntfStatusDir;
+   io.pimAttrLogSm = args_.pimAttrLogSm;
+   io.serviceAclFilterSm = args_.serviceAclFilterSm;
+   io.timerWheel = timerWheel;
+   io.mcastBoundaryStatus = args_.mcastBoundaryStatus;
+   pimIOSmIs( IO::ioSmFactory( io ) );
 
    routerIdInfoIs( routerIdInfoFactory( args_.vrfName ) );
    routerIdSmIs( routerIdSmFactory( args_.vrfName, args_.bridgingConfig, routerIdInfo() ) );
@@ -113,6 +127,7 @@ void ContainerSm::handleInitialized() {
       pimAsuSmIs( AsuSmIs( vrfConfig, allStatus, timerWheel, args_.asuShutdownStatus, args_.asuVrfStatus ) );
    }
 
+   ipGenIntfSmIs( IpGen::intfSmFactory( vrfIpIntfStatus() ) );
    sourceIntfDirIs( Kiv::make< IpGen::SourceIntf::SourceIntfDir >( kSourceIntfDirName ) );
    sourceIntfSmIs( Kiv::make< IpGen::SourceIntf::VrfSourceIntfSm >( sourceIntfDir(),
                                                                     vrfIpIntfStatus() ) );
@@ -133,8 +148,10 @@ void ContainerSm::handleDestruction() {
    rxHelloMessageInfoDel();
    bfdPimSmDel();
    pimGlobalIntfSmDel();
+   pimIOSmDel();
    pimHelloSmDel();
    pimAsuSmDel();
+   ipGenIntfSmDel();
    sourceIntfDirDel();
    // The reliable-transport machine does not touch the registry it points to
    // when it goes, so the registry may go first.

@@ -12,17 +12,17 @@
 //    pimAttrLogSm, serviceAclFilterSm, timerWheel, kernelIntfStatusDir,
 //    asuShutdownStatus, asuVrfStatus, bridgingConfig.
 // The ACL, interface-directory, boundary, attribute-log and service-ACL inputs
-// are passed through opaquely (they may be null): the machines that read
-// them (the I/O machine) are not built by this container yet, nor is the
-// fast-upgrade machine or the IP interface machine.
+// are passed through opaquely to the I/O machine (they may be null).
 // Required (a null one raises "null ValidPtr" during construction): the
 // global, cell-global and all-status entities, the Varn status table, the
-// configuration root, the IP status and the timer wheel.
+// configuration root, the IP status and the timer wheel. Without the
+// fast-upgrade inputs the VRF takes no part in fast upgrades.
 #include <string>
 
 #include "agent/PimAsuSm.h"
 #include "hello/PimHelloSm.h"
 #include "hello/PimIntfSm.h"
+#include "io/PimIOSm.h"
 #include "feeds/PortConfigSm.h"
 #include "feeds/RouterIdSm.h"
 #include "kiv/EntityMacros.h"
@@ -35,6 +35,7 @@
 #include "services/bfd/BfdApp.h"
 #include "services/bridging/BridgingConfig.h"
 #include "services/intf/DeviceIntfStatus.h"
+#include "services/ip/IpIntfSm.h"
 #include "services/ip/IpStatus.h"
 #include "services/mcast/Multicast.h"
 #include "services/pimio/MessageInfo.h"
@@ -79,11 +80,13 @@ struct ContainerSmArgs {
    X( PTR, bfdPimSm, BfdPimSm, Bfd::BfdAppSm )                                          \
    X( PTR, pimStatusWriterSm, PimStatusWriterSm, Varn::StatusWriterSm )                 \
    X( PTR, vrfIpIntfStatus, VrfIpIntfStatus, IpGen::IntfStatus )                        \
+   X( PTR, pimIOSm, PimIOSm, IO::IOSm )                                                 \
    X( PTR, routerIdInfo, RouterIdInfo, RouterIdInfo )                                   \
    X( PTR, routerIdSm, RouterIdSm, RouterIdSm )                                         \
    X( PTR, pimGlobalIntfSm, PimGlobalIntfSm, GlobalIntfSm )                             \
    X( PTR, pimHelloSm, PimHelloSm, HelloSm )                                            \
    X( PTR, pimAsuSm, PimAsuSm, AsuSm )                                                  \
+   X( PTR, ipGenIntfSm, IpGenIntfSm, IpGen::IntfSm )                                    \
    X( PTR, sourceIntfDir, SourceIntfDir, IpGen::SourceIntf::SourceIntfDir )             \
    X( PTR, sourceIntfSm, SourceIntfSm, IpGen::SourceIntf::VrfSourceIntfSm )             \
    X( PTR, portConfigSm, PortConfigSm, Reliable::ConfigSm )                             \

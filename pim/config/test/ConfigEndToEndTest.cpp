@@ -4,6 +4,7 @@
 // expires.
 #include "ConfigSmFixture.h"
 
+#include "feeds/VxlanStatusSm.h"
 #include "services/varn/PimVarnStatus.h"
 
 namespace PimConfigTest {
@@ -64,6 +65,32 @@ TEST_F( ConfigEndToEndTest, ConfiguredInterfaceLearnsANeighbourIntoTheStatusTabl
    ASSERT_TRUE( loop_.advanceTo( t0 + 30.0 ) );
    EXPECT_FALSE( status->neighbor().has( key ) );
    EXPECT_EQ( pimIntf( "red", "Ethernet7" )->usedDr(), ip( "198.18.7.1" ) );
+}
+
+TEST_F( ConfigEndToEndTest, ConfiguredVlanOfTheDefaultVrfReachesTheVxlanSet ) {
+   vrfIs( "default" );
+   ipIntfIs( "Vlan10", "default", "198.18.10.1/24" );
+   ipIntfIs( "Vlan20", "default", "198.18.20.1/24" );
+   intfConfigIs( "Vlan10", pimModeSparse );
+   start();
+   ASSERT_TRUE( settle() );
+   auto pimStatus = statusColl_->vrfStatus( L3::VrfName( "default" ) );
+   ASSERT_TRUE( pimStatus );
+   auto vxlan = Kiv::make< ::Vxlan::EnabledStatus >();
+   vxlan->vlanToVniMapIs( 10, ::Vxlan::VniExtOrNone( 10010 ) );
+   vxlan->vlanToVniMapIs( 20, ::Vxlan::VniExtOrNone( 10020 ) );
+   auto out = Kiv::make< Routing::Multicast::Vxlan::Status >();
+   auto sm = Kiv::make< Routing::Pim::VxlanStatusSm >( vxlan, pimStatus, out );
+   ASSERT_TRUE( settle() );
+   EXPECT_TRUE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
+   EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan20" ) ) ) << "not a PIM interface";
+
+   // PIM configured on the other VLAN later, and taken off the first.
+   intfConfigIs( "Vlan20", pimModeSparse );
+   intfConfigIs( "Vlan10", pimModeNone );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
+   EXPECT_TRUE( out->vxlanIntf( Lumo::IntfId( "Vlan20" ) ) );
 }
 
 } // namespace

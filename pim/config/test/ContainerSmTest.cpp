@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "config/PimContainerSm.h"
 #include "kiv/RangeException.h"
 #include "kiv/Trace.h"
@@ -87,6 +90,36 @@ TEST_F( ContainerFixture, ReceivedHelloReachesHelloSmAndTheStatusTable ) {
    EXPECT_TRUE( seen->neighbor().has( V::NeighborKey( "Ethernet1", ip( "198.18.0.2" ) ) ) );
 }
 
+TEST_F( ContainerFixture, ConfiguredInterfacesArePublishedAndMessagesCounted ) {
+   ContainerSmArgs a = args( Lumo::AddressFamily::ipv4, "red" );
+   auto ip = Kiv::make< IpGen::Ipv4Status >();
+   ip->intfVrfIs( "Ethernet1", "red" );
+   ip->intfVrfIs( "Ethernet2", "blue" );
+   auto config = Kiv::make< ConfigColl >();
+   config->vrfConfigIs( "red" );
+   a.ipStatus = ip;
+   a.pimConfigColl = config;
+   config->intfConfigIs( "Ethernet1" )->modeIs( pimModeSparse );
+   config->intfConfigIs( "Ethernet2" )->modeIs( pimModeSparse );
+   auto container = containerSmFactory( a );
+   run();
+   EXPECT_TRUE( container->vrfIpIntfStatus()->intf( "Ethernet1" ) );
+   EXPECT_FALSE( container->vrfIpIntfStatus()->intf( "Ethernet2" ) );
+   EXPECT_EQ( a.pimStatus->pimIntfSize(), 1u );
+   EXPECT_EQ( a.pimStatus->pimIntf( "Ethernet1" ), pimModeSparse );
+
+   auto rx = container->rxHelloMessageInfo();
+   rx->intfIdIs( "Ethernet1" );
+   rx->messageIs( Kiv::make< Packet::HelloMessage >() );
+   rx->countInc( 1 );
+   run();
+   EXPECT_EQ( a.pimMessageCounters->rx( 0 ), 1u );
+
+   // The VRF's published interfaces and its interface set go with it.
+   container = nullptr;
+   EXPECT_EQ( a.pimStatus->pimIntfSize(), 0u );
+}
+
 TEST_F( ContainerFixture, MembersAreWiredForTheFamily ) {
    auto v4 = containerSmFactory( args( Lumo::AddressFamily::ipv4, "red" ) );
    auto v6 = containerSmFactory( args( Lumo::AddressFamily::ipv6, "blue" ) );
@@ -110,6 +143,9 @@ TEST_F( ContainerFixture, MembersAreWiredForTheFamily ) {
    EXPECT_EQ( v6->portConfigSm()->vrfSourceIntfSm(), v6->sourceIntfSm().ptr() );
    EXPECT_TRUE( v6->pimHelloSm() );
    EXPECT_TRUE( v6->pimStatusWriterSm() );
+   EXPECT_EQ( v6->pimIOSm()->args().pamManager, pam );
+   EXPECT_EQ( v6->pimIOSm()->args().intfStatus, v6->vrfIpIntfStatus() );
+   EXPECT_EQ( v6->ipGenIntfSm()->intfStatus(), v6->vrfIpIntfStatus() );
 }
 
 TEST_F( ContainerFixture, MissingRequiredInputIsRefused ) {
@@ -132,8 +168,13 @@ TEST_F( ContainerFixture, DestructionStopsTheMirror ) {
    capture.enable( "Pim::*/8" );
    container = nullptr;
    run();
-   EXPECT_TRUE( capture.contains( "Pim::StatusWriter", 8, "~StatusWriterSm()" ) );
    EXPECT_TRUE( capture.contains( "Pim::Container", 8, "handleDestruction()" ) );
+   // The status writer goes before the I/O machine.
+   std::vector< std::string > order;
+   for( const auto & line : capture.lines() ) {
+      if( line.text.find( '~' ) != std::string::npos ) order.push_back( line.handle );
+   }
+   EXPECT_EQ( order, ( std::vector< std::string >{ "Pim::StatusWriter", "Pim::IO" } ) );
    // Once the writer is gone, changes no longer reach the table.
    intf->helloPeriodIs( 5 );
    run();

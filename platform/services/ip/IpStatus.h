@@ -120,8 +120,13 @@ class IpIntfStatusAddrIteratorConst {
 // The IP interface status of one VRF: the family's status seen through a VRF
 // name. Machines of a VRF (the source-interface registry, the I/O service)
 // take this instead of the whole status.
-#define IPGEN_INTF_STATUS_ATTRS( X ) \
-   X( SCALAR, initialized, Initialized, bool, true )
+//
+// intf: the interfaces that are in the VRF, as a set that can be watched per
+// interface. An IntfSm (IpIntfSm.h) keeps it in step with the status; without
+// one it stays empty and only the query operations below are meaningful.
+#define IPGEN_INTF_STATUS_ATTRS( X )                 \
+   X( SCALAR, initialized, Initialized, bool, true ) \
+   X( SET, intf, Intf, Lumo::IntfId )
 
 class IntfStatus : public Kiv::Notifier {
  public:

@@ -1,0 +1,125 @@
+#pragma once
+// IOSm: the agent's side of the PIM I/O service for one VRF.
+//
+//  * It publishes, in the VRF's PIM status entry (Status.pimIntf), every
+//    interface of the VRF on which PIM is configured, with its configured
+//    mode: an interface is there while it is in the VRF's IP interface status
+//    (IntfStatus.intf) and its PIM interface configuration has a mode other
+//    than none. Readers that need the set of PIM interfaces of a VRF, such as
+//    the VXLAN feed, watch that collection.
+//  * It counts, per PIM message type, every message that the transport puts
+//    in one of the VRF's receive mailboxes and every message the agent hands
+//    to the transmit mailbox, in the VRF's message-counter table. The
+//    mailboxes are overwritten by the next message, so the counting reactors
+//    are immediate: they run inside the count increment.
+//
+// The ACL, boundary, attribute-log, service-ACL, interface-directory and
+// timer inputs are held for the socket layer's filters, which this build does
+// not have: traffic is not filtered by them here.
+#include <cstdint>
+#include <memory>
+
+#include "kiv/EntityMacros.h"
+#include "kiv/HashMap.h"
+#include "model/PimConfig.h"
+#include "model/PimStatus.h"
+#include "services/intf/DeviceIntfStatus.h"
+#include "services/ip/IpStatus.h"
+#include "services/pimio/MessageInfo.h"
+#include "services/varn/PimVarnStatus.h"
+#include "tolm/TimerWheel.h"
+
+namespace Routing::Pim::IO {
+
+struct IOSmArgs {
+   Kiv::Ptr< PamManager > pamManager;
+   Kiv::Ptr< Varn::MessageCounters > messageCounters;
+   Kiv::Ptr< Status > pimStatus;
+   Kiv::Ptr< const ConfigColl > configColl;
+   Kiv::Ptr< const IpGen::IntfStatus > intfStatus;
+   Kiv::Ptr< const Kiv::Notifier > aclTypeConfig;
+   Kiv::Ptr< const Interface::DeviceIntfStatusDir > kernelIntfStatusDir;
+   Kiv::Ptr< const Kiv::Notifier > allIntfStatusDir;
+   Kiv::Ptr< Kiv::Notifier > pimAttrLogSm;
+   Kiv::Ptr< Kiv::Notifier > serviceAclFilterSm;
+   Kiv::Ptr< Tolm::TimerWheel > timerWheel;
+   Kiv::Ptr< const Kiv::Notifier > mcastBoundaryStatus;
+};
+
+class IOSm : public Kiv::StateMachine {
+ public:
+   // The PAM manager, the configuration and the IP interface status are
+   // required ("null ValidPtr"). Without a PIM status entry nothing is
+   // published, without a counter table nothing is counted (both traced).
+   explicit IOSm( const IOSmArgs & args );
+   ~IOSm() override;
+
+   const IOSmArgs & args() const { return args_; }
+
+   // Recomputes one interface's entry in Status.pimIntf.
+   void handlePimIntf( const Lumo::IntfId & intf );
+   void handleAllPimIntf();
+   // (Re)binds the counting reactor of one receive mailbox.
+   void handleRxMessageInfo( std::uint8_t type );
+   void handleRxCount( std::uint8_t type );
+   void handleTxCount();
+
+ private:
+   class KivIntfStatus : public IpGen::IntfStatus::NotifieeConst {
+    public:
+      explicit KivIntfStatus( IOSm * o ) : owner_( o ) {}
+      void onIntf( const Lumo::IntfId & intf ) override { owner_->handlePimIntf( intf ); }
+    private:
+      IOSm * owner_;
+   };
+   class KivConfigColl : public ConfigColl::NotifieeConst {
+    public:
+      explicit KivConfigColl( IOSm * o ) : owner_( o ) {}
+      void onIntfConfig( const Lumo::IntfId & intf ) override { owner_->handlePimIntf( intf ); }
+    private:
+      IOSm * owner_;
+   };
+   class KivIntfConfig : public IntfConfig::NotifieeConst {
+    public:
+      KivIntfConfig( IOSm * o, const Lumo::IntfId & intf ) : owner_( o ), intf_( intf ) {}
+      void onMode() override { owner_->handlePimIntf( intf_ ); }
+    private:
+      IOSm * owner_;
+      Lumo::IntfId intf_;
+   };
+   class KivPamManager : public PamManager::NotifieeConst {
+    public:
+      explicit KivPamManager( IOSm * o ) : owner_( o ) {}
+      void onRxMessageInfo( const std::uint8_t & type ) override { owner_->handleRxMessageInfo( type ); }
+    private:
+      IOSm * owner_;
+   };
+   class KivRxMessageInfo : public MessageInfo::NotifieeConst {
+    public:
+      KivRxMessageInfo( IOSm * o, std::uint8_t type );
+      void onCountkivImmediate() override { owner_->handleRxCount( type_ ); }
+    private:
+      IOSm * owner_;
+      std::uint8_t type_;
+   };
+   class KivTxMessageInfo : public MessageInfo::NotifieeConst {
+    public:
+      explicit KivTxMessageInfo( IOSm * o );
+      void onCountkivImmediate() override { owner_->handleTxCount(); }
+    private:
+      IOSm * owner_;
+   };
+
+   IOSmArgs args_;
+   KivIntfStatus intfStatus_;
+   KivConfigColl configColl_;
+   KivPamManager pamManager_;
+   KivTxMessageInfo txMessageInfo_;
+   // Configured interfaces of the VRF, watched for mode changes.
+   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIntfConfig > > intfConfig_;
+   Kiv::HashMap< std::uint8_t, std::unique_ptr< KivRxMessageInfo > > rxMessageInfo_;
+};
+
+Kiv::Ptr< IOSm > ioSmFactory( const IOSmArgs & args );
+
+} // namespace Routing::Pim::IO

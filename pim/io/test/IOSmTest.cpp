@@ -1,0 +1,179 @@
+#include <gtest/gtest.h>
+
+#include "io/PimIOSm.h"
+#include "kiv/RangeException.h"
+#include "kiv/Trace.h"
+#include "kiv/testing/TestLoop.h"
+#include "services/ip/IpIntfSm.h"
+
+namespace {
+
+using namespace Routing::Pim;
+namespace V = Routing::Pim::Varn;
+
+class IOSmFixture : public ::testing::Test {
+ protected:
+   IOSmFixture() {
+      args_.pamManager = pam_;
+      args_.messageCounters = counters_;
+      args_.pimStatus = status_;
+      args_.configColl = config_;
+      args_.intfStatus = red_;
+      pam_->rxMessageInfoIs( 0, rxHello_ );
+   }
+   void run() { ASSERT_TRUE( loop_.runUntilIdle() ); }
+   // What the transport does with a received message.
+   void receive( const Kiv::Ptr< IO::MessageInfo > & rx, const Kiv::Ptr< Packet::Message > & m ) {
+      rx->intfIdIs( "Ethernet1" );
+      rx->messageIs( m );
+      rx->countInc( 1 );
+   }
+   // What an interface machine does to send.
+   void send( const Kiv::Ptr< Packet::Message > & m ) {
+      pam_->txMessageInfo()->messageIs( m );
+      pam_->txMessageInfo()->countInc( 1 );
+   }
+
+   Kiv::Testing::TestLoop loop_;
+   Kiv::Ptr< IO::PamManager > pam_ =
+      Kiv::make< IO::PamManager >( Lumo::AddressFamily::ipv4, Lumo::NamespaceName(), true );
+   Kiv::Ptr< IO::MessageInfo > rxHello_ = Kiv::make< IO::MessageInfo >();
+   Kiv::Ptr< V::MessageCounters > counters_ = Kiv::make< V::MessageCounters >();
+   Kiv::Ptr< Status > status_ = Kiv::make< Status >( L3::VrfName( "red" ) );
+   Kiv::Ptr< ConfigColl > config_ = Kiv::make< ConfigColl >();
+   Kiv::Ptr< IpGen::Status > ip_ = Kiv::make< IpGen::Ipv4Status >();
+   Kiv::Ptr< IpGen::IntfStatus > red_ = IpGen::intfStatusFactory( ip_, L3::VrfName( "red" ) );
+   Kiv::Ptr< IpGen::IntfSm > ipIntfSm_ = IpGen::intfSmFactory( red_ );
+   IO::IOSmArgs args_;
+};
+
+TEST_F( IOSmFixture, PublishesConfiguredInterfacesOfTheVrfWithTheirMode ) {
+   ip_->intfVrfIs( "Ethernet1", "red" );
+   ip_->intfVrfIs( "Ethernet2", "red" );
+   ip_->intfVrfIs( "Ethernet3", "blue" );
+   config_->intfConfigIs( "Ethernet1" )->modeIs( pimModeSparse );
+   config_->intfConfigIs( "Ethernet3" )->modeIs( pimModeSparse );   // another VRF's
+   config_->intfConfigIs( "Ethernet4" )->modeIs( pimModeSparse );   // no IP status
+   run();
+   auto io = IO::ioSmFactory( args_ );
+   run();
+   EXPECT_EQ( status_->pimIntfSize(), 1u );
+   EXPECT_EQ( status_->pimIntf( "Ethernet1" ), pimModeSparse );
+
+   // Configured later, mode changed, unconfigured.
+   config_->intfConfigIs( "Ethernet2" )->modeIs( pimModeBidir );
+   config_->intfConfig( "Ethernet1" )->modeIs( pimModeSparseBidir );
+   run();
+   EXPECT_EQ( status_->pimIntf( "Ethernet2" ), pimModeBidir );
+   EXPECT_EQ( status_->pimIntf( "Ethernet1" ), pimModeSparseBidir );
+   config_->intfConfig( "Ethernet2" )->modeIs( pimModeNone );
+   run();
+   EXPECT_FALSE( status_->pimIntfHas( "Ethernet2" ) );
+   config_->intfConfigDel( "Ethernet1" );
+   run();
+   EXPECT_EQ( status_->pimIntfSize(), 0u );
+}
+
+TEST_F( IOSmFixture, FollowsInterfacesIntoAndOutOfTheVrf ) {
+   config_->intfConfigIs( "Ethernet1" )->modeIs( pimModeSparse );
+   auto io = IO::ioSmFactory( args_ );
+   ip_->intfVrfIs( "Ethernet1", "red" );
+   run();
+   EXPECT_TRUE( status_->pimIntfHas( "Ethernet1" ) );
+   ip_->intfVrfIs( "Ethernet1", "blue" );
+   run();
+   EXPECT_FALSE( status_->pimIntfHas( "Ethernet1" ) );
+   // While out of the VRF its configuration may change; back in, it counts.
+   config_->intfConfig( "Ethernet1" )->modeIs( pimModeBidir );
+   run();
+   EXPECT_FALSE( status_->pimIntfHas( "Ethernet1" ) );
+   ip_->intfVrfIs( "Ethernet1", "red" );
+   run();
+   EXPECT_EQ( status_->pimIntf( "Ethernet1" ), pimModeBidir );
+   ip_->intfDel( "Ethernet1" );
+   run();
+   EXPECT_FALSE( status_->pimIntfHas( "Ethernet1" ) );
+}
+
+TEST_F( IOSmFixture, CountsEveryMessageInTheMailboxesByType ) {
+   auto io = IO::ioSmFactory( args_ );
+   // Two Hellos in one turn of the loop: the mailbox holds only the last,
+   // but both are counted.
+   receive( rxHello_, Kiv::make< Packet::HelloMessage >() );
+   receive( rxHello_, Kiv::make< Packet::HelloMessage >() );
+   EXPECT_EQ( counters_->rx( 0 ), 2u );
+
+   // A mailbox registered later is counted once the machine has seen it.
+   auto rxJoin = Kiv::make< IO::MessageInfo >();
+   pam_->rxMessageInfoIs( 3, rxJoin );
+   run();
+   receive( rxJoin, Kiv::make< Packet::Message >( Packet::MessageType::joinPrune ) );
+   EXPECT_EQ( counters_->rx( 3 ), 1u );
+   pam_->rxMessageInfoDel( 3 );
+   run();
+   receive( rxJoin, Kiv::make< Packet::Message >( Packet::MessageType::joinPrune ) );
+   EXPECT_EQ( counters_->rx( 3 ), 1u );
+
+   send( Kiv::make< Packet::HelloMessage >() );
+   send( Kiv::make< Packet::Message >( Packet::MessageType::assertMsg ) );
+   EXPECT_EQ( counters_->tx( 0 ), 1u );
+   EXPECT_EQ( counters_->tx( 5 ), 1u );
+   // An increment with no message is not a message sent.
+   pam_->txMessageInfo()->messageIs( nullptr );
+   pam_->txMessageInfo()->countInc( 1 );
+   EXPECT_EQ( counters_->tx( 0 ), 1u );
+
+   // Counting goes on after a clear.
+   counters_->clearMessageCounters();
+   receive( rxHello_, Kiv::make< Packet::HelloMessage >() );
+   EXPECT_EQ( counters_->rx( 0 ), 1u );
+   EXPECT_EQ( counters_->tx( 0 ), 0u );
+
+   // Once the machine is gone nothing is counted.
+   io = nullptr;
+   receive( rxHello_, Kiv::make< Packet::HelloMessage >() );
+   EXPECT_EQ( counters_->rx( 0 ), 1u );
+}
+
+TEST_F( IOSmFixture, MissingInputs ) {
+   IO::IOSmArgs a = args_;
+   a.intfStatus = nullptr;
+   try {
+      IO::ioSmFactory( a );
+      ADD_FAILURE() << "built without the VRF's IP interface status";
+   } catch( const Kiv::RangeException & e ) {
+      EXPECT_STREQ( e.what(), "null ValidPtr" );
+   }
+
+   // Without a status entry or counter table it traces and carries on.
+   a = args_;
+   a.pimStatus = nullptr;
+   a.messageCounters = nullptr;
+   Kiv::TraceCapture capture;
+   capture.enable( "Pim::IO/1-9" );
+   ip_->intfVrfIs( "Ethernet1", "red" );
+   config_->intfConfigIs( "Ethernet1" )->modeIs( pimModeSparse );
+   auto io = IO::ioSmFactory( a );
+   run();
+   receive( rxHello_, Kiv::make< Packet::HelloMessage >() );
+   send( Kiv::make< Packet::HelloMessage >() );
+   io = nullptr;
+   EXPECT_TRUE( capture.contains( "Pim::IO", 5, "<Vrf:red> no PIM status entry" ) );
+   EXPECT_EQ( status_->pimIntfSize(), 0u );
+}
+
+TEST_F( IOSmFixture, GoingAwayWithdrawsThePublishedInterfaces ) {
+   ip_->intfVrfIs( "Ethernet1", "red" );
+   config_->intfConfigIs( "Ethernet1" )->modeIs( pimModeSparse );
+   run();
+   auto io = IO::ioSmFactory( args_ );
+   EXPECT_TRUE( status_->pimIntfHas( "Ethernet1" ) );
+   io = nullptr;
+   EXPECT_EQ( status_->pimIntfSize(), 0u );
+   config_->intfConfigIs( "Ethernet2" )->modeIs( pimModeSparse );
+   ip_->intfVrfIs( "Ethernet2", "red" );
+   run();
+   EXPECT_EQ( status_->pimIntfSize(), 0u );
+}
+
+} // namespace

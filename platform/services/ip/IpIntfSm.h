@@ -1,0 +1,57 @@
+#pragma once
+// IntfSm: keeps one VRF's IP interface status (IntfStatus.intf) in step with
+// the family's status, so that machines of the VRF can watch the VRF's
+// interfaces one by one instead of every interface of every VRF.
+//
+// An interface is in intf while it has a status entry whose vrf is the
+// VRF's. Changes reach the set on the next turn of the loop (the machine's
+// reactors are deferred). When the machine goes, the set is emptied: nothing
+// would keep it true any more.
+#include <memory>
+
+#include "kiv/EntityMacros.h"
+#include "kiv/HashMap.h"
+#include "services/ip/IpStatus.h"
+
+namespace IpGen {
+
+class IntfSm : public Kiv::StateMachine {
+ public:
+   // intfStatus is required ("null ValidPtr").
+   explicit IntfSm( const Kiv::Ptr< IntfStatus > & intfStatus );
+   ~IntfSm() override;
+
+   const Kiv::Ptr< IntfStatus > & intfStatus() const { return intfStatus_; }
+
+   // Recomputes one interface's membership.
+   void handleIntf( const Lumo::IntfId & intf );
+   // Recomputes every interface's membership (start-up).
+   void handleAllIntf();
+
+ private:
+   class KivStatus : public Status::NotifieeConst {
+    public:
+      explicit KivStatus( IntfSm * o ) : owner_( o ) {}
+      void onIntfStatus( const Lumo::IntfId & intf ) override { owner_->handleIntf( intf ); }
+    private:
+      IntfSm * owner_;
+   };
+   // One per interface of the status, whatever its VRF: an interface may
+   // move into this VRF at any time.
+   class KivIpIntfStatus : public IpIntfStatus::NotifieeConst {
+    public:
+      KivIpIntfStatus( IntfSm * o, const Lumo::IntfId & intf ) : owner_( o ), intf_( intf ) {}
+      void onVrf() override { owner_->handleIntf( intf_ ); }
+    private:
+      IntfSm * owner_;
+      Lumo::IntfId intf_;
+   };
+
+   Kiv::Ptr< IntfStatus > intfStatus_;
+   KivStatus status_;
+   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIpIntfStatus > > ipIntfStatus_;
+};
+
+Kiv::Ptr< IntfSm > intfSmFactory( const Kiv::Ptr< IntfStatus > & intfStatus );
+
+} // namespace IpGen
