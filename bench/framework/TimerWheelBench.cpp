@@ -85,7 +85,7 @@ void BM_TimerWheelReArmMemoryFloor( benchmark::State & state ) {
    struct Node {
       Node * prev;
       Node * next;
-      std::uint64_t payload[ 8 ];
+      std::uint64_t payload[ ( sizeof( TimerWheel::NotifieeConst ) - 2 * sizeof( Node * ) ) / 8 ];
    };
    static_assert( sizeof( Node ) == sizeof( TimerWheel::NotifieeConst ) );
    const auto n = static_cast< std::size_t >( state.range( 0 ) );

@@ -201,7 +201,10 @@ class HashMap {
    }
    template< class VV >
    Node * insertNew( std::size_t h, const K & k, VV && v ) {
-      if( size_ + 1 > buckets_.size() ) {
+      // At most three entries per four buckets: a lookup then rarely walks
+      // past a node that is not the one it wants, each of which is a cache
+      // miss once the table is larger than the cache.
+      if( 4 * ( size_ + 1 ) > 3 * buckets_.size() ) {
          rehash( buckets_.empty() ? 4 : buckets_.size() * 2 );
       }
       Node * n = new Node( h, k, std::forward< VV >( v ) );

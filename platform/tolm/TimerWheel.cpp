@@ -20,7 +20,11 @@
 // A re-arm that moves a deadline later leaves the timer where it is (a slot
 // never later than its true place) and so touches no other timer: the common
 // case of a neighbour refresh. Such a timer is re-filed when its slot comes up
-// in nextDue(), before the slot is searched.
+// in nextDue(), before the slot is searched. A re-arm that moves a deadline
+// earlier is only noted, and such timers are filed in batches (when the batch
+// is full, and before nextDue() searches), so that the cache misses on their
+// list neighbours overlap. A timer's tick is not stored: it is recomputed from
+// the deadline where needed, which keeps the timer small.
 // The cursor only moves over empty space, inside nextDue(): to the next
 // occupied level-0 slot, or to the start of the first occupied slot of a
 // higher level, whose timers then cascade into lower levels. Each timer
@@ -34,11 +38,8 @@ constexpr int kLevels = 8;
 constexpr int kSlotBits = 8;
 constexpr int kSlots = 1 << kSlotBits;
 constexpr int kWords = kSlots / 64;
+constexpr int kLanes = 4;   // lists per slot; a power of two
 constexpr double kTicksPerSecond = 1024.0;
-
-// Arming order across every wheel of the process (the activity loop is single
-// threaded).
-std::uint64_t armingSeq = 0;
 
 std::uint64_t tickOf( Kiv::Seconds t ) {
    const double x = t * kTicksPerSecond;
@@ -54,18 +55,24 @@ struct TimerWheel::Slot {
 };
 
 struct TimerWheel::Impl {
-   // Slot (level, index) is slots[ level * kSlots + index ]; its occupancy bit
-   // is bit (index % 64) of occupied[ level * kWords + index / 64 ].
-   Slot slots[ kLevels * kSlots ];
+   // Slot (level, index) has the flat number f = level * kSlots + index. Its
+   // timers are spread over the kLanes lists lanes[ f * kLanes + k ], so that
+   // walking a slot (a cascade, a re-file) follows kLanes chains at once and
+   // overlaps their cache misses instead of taking them one after another.
+   // Its occupancy bit is bit (f % 64) of occupied[ f / 64 ].
+   Slot lanes[ kLevels * kSlots * kLanes ];
    std::uint64_t occupied[ kLevels * kWords ] = {};
    std::uint64_t cursor = 0;
-   // The earliest armed timer when known; null when it must be searched for.
-   NotifieeConst * earliest = nullptr;
+   unsigned nextLane = 0;
    NotifieeConst * bound = nullptr;
 
    // Firing order: exact deadline, then arming order.
    static bool before( const NotifieeConst & a, const NotifieeConst & b ) {
       return a.deadline_ < b.deadline_ || ( a.deadline_ == b.deadline_ && a.seq_ < b.seq_ );
+   }
+
+   std::size_t flatOf( const Slot * lane ) const {
+      return static_cast< std::size_t >( lane - lanes ) / kLanes;
    }
 
    // First occupied slot of a level at index >= from, or -1.
@@ -88,7 +95,7 @@ struct TimerWheel::Impl {
    }
 
    void push( NotifieeConst & n, std::size_t flat ) {
-      Slot & s = slots[ flat ];
+      Slot & s = lanes[ flat * kLanes + ( nextLane++ & ( kLanes - 1 ) ) ];
       n.prev_ = nullptr;
       n.next_ = s.head;
       if( s.head ) s.head->prev_ = &n;
@@ -102,21 +109,43 @@ struct TimerWheel::Impl {
       if( n.prev_ ) n.prev_->next_ = n.next_; else s->head = n.next_;
       if( n.next_ ) n.next_->prev_ = n.prev_;
       if( !s->head ) {
-         const auto flat = static_cast< std::size_t >( s - slots );
-         occupied[ flat >> 6 ] &= ~( std::uint64_t{ 1 } << ( flat & 63 ) );
+         const std::size_t flat = flatOf( s );
+         const Slot * lane = &lanes[ flat * kLanes ];
+         bool empty = true;
+         for( int k = 0; k < kLanes; ++k ) empty = empty && !lane[ k ].head;
+         if( empty ) occupied[ flat >> 6 ] &= ~( std::uint64_t{ 1 } << ( flat & 63 ) );
+      }
+   }
+
+   // Calls f on every timer of a slot, walking its lanes side by side. f may
+   // move the timer it is given to another slot.
+   template< typename F >
+   void forEach( std::size_t flat, F f ) {
+      NotifieeConst * cur[ kLanes ];
+      for( int k = 0; k < kLanes; ++k ) cur[ k ] = lanes[ flat * kLanes + k ].head;
+      for( bool any = true; any; ) {
+         any = false;
+         for( int k = 0; k < kLanes; ++k ) {
+            if( NotifieeConst * n = cur[ k ] ) {
+               cur[ k ] = n->next_;
+               f( *n );
+               any = true;
+            }
+         }
       }
    }
 
    // Moves the cursor over empty space until it sits on the earliest occupied
-   // level-0 slot, cascading higher slots on the way. Needs a timer armed.
-   Slot & firstSlot() {
+   // level-0 slot, cascading higher slots on the way; returns that slot.
+   // Needs a timer armed.
+   std::size_t firstSlot() {
       for( ;; ) {
          const int c0 = static_cast< int >( cursor & ( kSlots - 1 ) );
          const int i0 = firstOccupied( 0, c0 );
          if( i0 >= 0 ) {
             // Nothing is armed below slot i0, so the cursor may move onto it.
             cursor = ( cursor & ~std::uint64_t{ kSlots - 1 } ) | static_cast< std::uint64_t >( i0 );
-            return slots[ i0 ];
+            return static_cast< std::size_t >( i0 );
          }
          int level = 1;
          int index = -1;
@@ -126,7 +155,7 @@ struct TimerWheel::Impl {
             if( c + 1 < kSlots && ( index = firstOccupied( level, c + 1 ) ) >= 0 ) break;
          }
          assert( index >= 0 && "an armed timer must be in some slot" );
-         if( index < 0 ) return slots[ 0 ];
+         if( index < 0 ) return 0;
          // Every lower level is empty: jump to the start of the slot's range
          // and spread its timers over the lower levels.
          const int shift = level * kSlotBits;
@@ -134,13 +163,23 @@ struct TimerWheel::Impl {
          const std::uint64_t keep = above >= 64 ? 0 : ~( ( std::uint64_t{ 1 } << above ) - 1 );
          cursor = ( cursor & keep ) | ( static_cast< std::uint64_t >( index ) << shift );
          const std::size_t flat = static_cast< std::size_t >( level * kSlots + index );
-         NotifieeConst * n = slots[ flat ].head;
-         slots[ flat ].head = nullptr;
+         // The slot's lanes are emptied first: its timers all land at lower
+         // levels, and the walk reads each next_ before the timer moves.
+         NotifieeConst * heads[ kLanes ];
+         for( int k = 0; k < kLanes; ++k ) {
+            heads[ k ] = lanes[ flat * kLanes + k ].head;
+            lanes[ flat * kLanes + k ].head = nullptr;
+         }
          occupied[ flat >> 6 ] &= ~( std::uint64_t{ 1 } << ( flat & 63 ) );
-         while( n ) {
-            NotifieeConst * next = n->next_;
-            push( *n, slotOf( n->tick_ ) );
-            n = next;
+         for( bool any = true; any; ) {
+            any = false;
+            for( int k = 0; k < kLanes; ++k ) {
+               if( NotifieeConst * n = heads[ k ] ) {
+                  heads[ k ] = n->next_;
+                  push( *n, slotOf( tickOf( n->deadline_ ) ) );
+                  any = true;
+               }
+            }
          }
       }
    }
@@ -166,7 +205,7 @@ void TimerWheel::NotifieeConst::notifierIs( TimerWheel * wheel ) {
    if( wheel_ ) wheel_->bind( *this );
 }
 
-void TimerWheel::NotifieeConst::timeMinIs( Kiv::Seconds t ) {
+void TimerWheel::NotifieeConst::rearm( Kiv::Seconds t ) {
    assert( !std::isnan( t ) && "a deadline is never NaN" );
    if( std::isnan( t ) ) return;
    if( t == Kiv::kNever ) {
@@ -176,12 +215,9 @@ void TimerWheel::NotifieeConst::timeMinIs( Kiv::Seconds t ) {
    }
    assert( wheel_ && "arming a timer that is bound to no wheel" );
    if( !wheel_ ) return;
-   const std::uint64_t tick = tickOf( t );
-   const bool movedLater = armed() && tick >= tick_;
    deadline_ = t;
-   seq_ = ++armingSeq;
-   tick_ = tick;
-   wheel_->link( *this, movedLater );
+   seq_ = ++armingSeq_;
+   wheel_->link( *this );
 }
 
 // ---- TimerWheel --------------------------------------------------------------------
@@ -204,6 +240,8 @@ TimerWheel::~TimerWheel() {
       n = next;
    }
    armed_ = 0;
+   earliest_ = nullptr;
+   deferredCount_ = 0;
    delete impl_;
 }
 
@@ -220,66 +258,77 @@ void TimerWheel::unbind( NotifieeConst & n ) {
    n.boundPrev_ = n.boundNext_ = nullptr;
 }
 
-// Files n, whose deadline_, seq_ and tick_ are already set; n may be armed
-// already (a re-arm), in which case it only moves when its deadline moved
-// earlier and its slot changes.
-void TimerWheel::link( NotifieeConst & n, bool movedLater ) {
+void TimerWheel::fileDeferred() {
    Impl & w = *impl_;
-   if( !n.slot_ ) {
-      if( armed_++ == 0 ) {
-         // Nothing armed: re-centre the cursor on the clock, so that a cursor
-         // which ran ahead does not gather near-term timers into one slot.
-         w.cursor = tickOf( clock_.now() );
-         w.earliest = &n;
-         w.push( n, w.slotOf( n.tick_ ) );
-         return;
-      }
-   } else if( w.earliest == &n ) {
-      w.earliest = nullptr;   // it may have moved later
+   // Ask for every list neighbour first (the timers themselves are still
+   // cached from their re-arm), then move them.
+   for( unsigned i = 0; i < deferredCount_; ++i ) {
+      __builtin_prefetch( deferred_[ i ]->prev_, 1 );
+      __builtin_prefetch( deferred_[ i ]->next_, 1 );
    }
-   if( w.earliest && Impl::before( n, *w.earliest ) ) w.earliest = &n;
-   if( movedLater ) return;
-   const std::size_t flat = w.slotOf( n.tick_ );
-   if( n.slot_ == &w.slots[ flat ] ) return;
-   if( n.slot_ ) w.remove( n );
-   w.push( n, flat );
+   for( unsigned i = 0; i < deferredCount_; ++i ) {
+      NotifieeConst & n = *deferred_[ i ];
+      const std::size_t flat = w.slotOf( tickOf( n.deadline_ ) );
+      if( w.flatOf( n.slot_ ) == flat ) continue;
+      w.remove( n );
+      w.push( n, flat );
+   }
+   deferredCount_ = 0;
+}
+
+// Files the unarmed n, whose deadline_ and seq_ are already set.
+void TimerWheel::link( NotifieeConst & n ) {
+   assert( !n.slot_ );
+   Impl & w = *impl_;
+   const std::uint64_t tick = tickOf( n.deadline_ );
+   if( armed_++ == 0 ) {
+      // Nothing armed: re-centre the cursor on the clock, so that a cursor
+      // which ran ahead does not gather near-term timers into one slot.
+      w.cursor = tickOf( clock_.now() );
+      earliest_ = &n;
+      w.push( n, w.slotOf( tick ) );
+      return;
+   }
+   if( earliest_ && Impl::before( n, *earliest_ ) ) earliest_ = &n;
+   w.push( n, w.slotOf( tick ) );
 }
 
 void TimerWheel::unlink( NotifieeConst & n ) {
    impl_->remove( n );
+   // A disarmed timer must not be filed again.
+   for( unsigned i = 0; i < deferredCount_; ) {
+      if( deferred_[ i ] == &n ) deferred_[ i ] = deferred_[ --deferredCount_ ]; else ++i;
+   }
    n.prev_ = n.next_ = nullptr;
    n.slot_ = nullptr;
    --armed_;
-   if( impl_->earliest == &n ) impl_->earliest = nullptr;
+   if( earliest_ == &n ) earliest_ = nullptr;
 }
 
 bool TimerWheel::nextDue( Kiv::Seconds & deadline, std::uint64_t & seq ) {
    if( armed_ == 0 ) return false;
    Impl & w = *impl_;
-   if( !w.earliest ) {
-      Slot * slot;
-      for( ;; ) {
-         slot = &w.firstSlot();
+   if( !earliest_ ) {
+      if( deferredCount_ ) fileDeferred();
+      NotifieeConst * best = nullptr;
+      while( !best ) {
+         const std::size_t flat = w.firstSlot();
          // The slot's own tick is the cursor: later timers were left here by a
-         // re-arm and go to their true place now.
-         for( NotifieeConst * n = slot->head; n; ) {
-            NotifieeConst * next = n->next_;
-            if( n->tick_ > w.cursor ) {
-               w.remove( *n );
-               w.push( *n, w.slotOf( n->tick_ ) );
+         // re-arm and go to their true place now; the others are due first.
+         w.forEach( flat, [ &w, &best ]( NotifieeConst & n ) {
+            const std::uint64_t tick = tickOf( n.deadline_ );
+            if( tick > w.cursor ) {
+               w.remove( n );
+               w.push( n, w.slotOf( tick ) );
+            } else if( !best || Impl::before( n, *best ) ) {
+               best = &n;
             }
-            n = next;
-         }
-         if( slot->head ) break;
+         } );
       }
-      NotifieeConst * best = slot->head;
-      for( NotifieeConst * n = best->next_; n; n = n->next_ ) {
-         if( Impl::before( *n, *best ) ) best = n;
-      }
-      w.earliest = best;
+      earliest_ = best;
    }
-   deadline = w.earliest->deadline_;
-   seq = w.earliest->seq_;
+   deadline = earliest_->deadline_;
+   seq = earliest_->seq_;
    return true;
 }
 
@@ -293,7 +342,7 @@ bool TimerWheel::fireNext( Kiv::Seconds now ) {
    Kiv::Seconds deadline;
    std::uint64_t seq;
    if( !nextDue( deadline, seq ) || deadline > now ) return false;
-   NotifieeConst & n = *impl_->earliest;
+   NotifieeConst & n = *earliest_;
    unlink( n );
    n.deadline_ = Kiv::kNever;
    // onTime() may re-arm or delete the timer, or release the wheel: touch

@@ -13,7 +13,10 @@
 //
 // Cost: arming and disarming are O(1) whatever the number of armed timers
 // (hierarchical wheel of intrusive lists with occupancy bitmaps); finding the
-// next deadline scans one slot.
+// next deadline scans one slot. Re-arming an armed timer later (a refresh) is
+// inline and writes only the timer: with many timers the cost of a re-arm is
+// the cache miss on the timer, so that path stays short enough for the CPU to
+// overlap the misses of consecutive re-arms.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -40,18 +43,28 @@ class TimerWheel : public Kiv::PtrInterface {
       void notifierIs( TimerWheel * wheel );
       Kiv::Seconds timeMin() const { return deadline_; }
       // Arms for absolute time t; +infinity disarms. NaN is a programming error.
-      void timeMinIs( Kiv::Seconds t );
+      void timeMinIs( Kiv::Seconds t ) {
+         // deadline_ is finite or -infinity exactly when armed.
+         if( !( t < Kiv::kNever ) || deadline_ == Kiv::kNever ) {
+            rearm( t );
+            return;
+         }
+         wheel_->moved( *this, t );
+      }
       bool armed() const { return slot_ != nullptr; }
       virtual void onTime() {}
 
     private:
       friend class TimerWheel;
-      TimerWheel * wheel_ = nullptr;
+      // Every other case of timeMinIs(): disarming, arming, NaN.
+      void rearm( Kiv::Seconds t );
+      // The fields a refresh touches come first and together, so that it
+      // rarely needs a second cache line.
       Kiv::Seconds deadline_ = Kiv::kNever;
       std::uint64_t seq_ = 0;     // global arming order
-      std::uint64_t tick_ = 0;    // deadline quantised to wheel ticks
-      NotifieeConst * prev_ = nullptr;
+      TimerWheel * wheel_ = nullptr;
       NotifieeConst * next_ = nullptr;
+      NotifieeConst * prev_ = nullptr;
       Slot * slot_ = nullptr;
       // Every timer bound to the wheel, armed or not, so that a dying wheel
       // can detach them all and none keeps a dangling notifier().
@@ -76,12 +89,50 @@ class TimerWheel : public Kiv::PtrInterface {
    friend class NotifieeConst;
    TimerWheel( const TimerWheel & ) = delete;
    TimerWheel & operator=( const TimerWheel & ) = delete;
-   void link( NotifieeConst & n, bool movedLater );
+   // Re-arms the armed timer n for t. Whether t is earlier or later than the
+   // old deadline is known only once n is in cache, so nothing here branches
+   // on it: a misprediction there would stall until that miss returns and
+   // keep the misses of consecutive re-arms from overlapping.
+   //  * Later: n stays in its slot, which comes up no later than t. n cannot
+   //    pass the earliest timer (its deadline and arming order both grew), so
+   //    that cache goes stale only if it was n.
+   //  * Earlier: n is noted, and filed with others in a batch (when the batch
+   //    is full, and before nextDue() searches). An earliest n stays so; any
+   //    other n passes the earliest when its deadline is smaller, since its
+   //    arming order is the newest.
+   void moved( NotifieeConst & n, Kiv::Seconds t ) {
+      const bool earlier = t < n.deadline_;
+      if( NotifieeConst * e = earliest_ ) {
+         const auto self = reinterpret_cast< std::uintptr_t >( &n );
+         const auto other = reinterpret_cast< std::uintptr_t >( e );
+         const std::uintptr_t ifLater = e == &n ? 0 : other;
+         const std::uintptr_t ifEarlier = e == &n || t < e->deadline_ ? self : other;
+         const std::uintptr_t mask = std::uintptr_t{ 0 } - earlier;
+         earliest_ = reinterpret_cast< NotifieeConst * >( ( ifEarlier & mask ) | ( ifLater & ~mask ) );
+      }
+      n.deadline_ = t;
+      n.seq_ = ++armingSeq_;
+      deferred_[ deferredCount_ ] = &n;
+      deferredCount_ += earlier;
+      if( deferredCount_ == kDeferred ) fileDeferred();
+   }
+   void fileDeferred();
+   void link( NotifieeConst & n );
    void unlink( NotifieeConst & n );
    void bind( NotifieeConst & n );
    void unbind( NotifieeConst & n );
+   // Arming order across every wheel of the process (the activity loop is
+   // single threaded).
+   static inline std::uint64_t armingSeq_ = 0;
    const Kiv::Clock & clock_;
    std::size_t armed_ = 0;
+   // The earliest armed timer when known; null when it must be searched for.
+   NotifieeConst * earliest_ = nullptr;
+   // Armed timers whose deadline moved earlier and which may sit in a slot
+   // later than their true place; a timer may appear more than once.
+   static constexpr unsigned kDeferred = 64;
+   unsigned deferredCount_ = 0;
+   std::array< NotifieeConst *, kDeferred > deferred_;
    struct Impl;
    Impl * impl_;
 };

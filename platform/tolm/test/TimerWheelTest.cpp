@@ -275,6 +275,47 @@ TEST_F( TimerWheelTest, ReArmAfterTheWheelCachedTheEarliest ) {
    EXPECT_EQ( wheel_->nextDeadline(), 1.0 );
 }
 
+// Moves to an earlier deadline are filed in batches: more of them than one
+// batch holds, with no search in between, mixed with later moves of the same
+// timers, ties, disarming and destroying timers whose move is still waiting.
+TEST_F( TimerWheelTest, ManyEarlierMovesBetweenSearchesKeepTheOrder ) {
+   std::vector< int > log;
+   std::vector< std::unique_ptr< Timer > > timers;
+   constexpr int kCount = 300;
+   for( int id = 0; id < kCount; ++id ) {
+      timers.push_back( std::make_unique< Timer >( wheel_.ptr(), id, &log ) );
+      timers.back()->timeMinIs( 5000.0 + id );
+   }
+   // No search yet: the cursor stays at 0, so every timer sits in a slot far
+   // later than its place after the moves below.
+   // Every move is earlier, and the last ones (still waiting to be filed when
+   // the search starts) are the first due.
+   for( int id = kCount - 1; id >= 0; --id ) timers[ id ]->timeMinIs( 1.0 + id * 0.5 );
+   timers[ 10 ]->timeMinIs( 20000.0 );                  // earlier, then later again
+   timers[ 20 ]->timeMinIs( timers[ 30 ]->timeMin() );   // a tie, armed after 30
+   timers[ 7 ]->timeMinIs( kNever );
+   timers[ 5 ].reset();
+   timers[ 299 ]->timeMinIs( 0.5 );                      // earlier twice
+   EXPECT_EQ( wheel_->armedCount(), static_cast< std::size_t >( kCount - 2 ) );
+   EXPECT_EQ( wheel_->nextDeadline(), 0.5 );
+
+   std::vector< std::tuple< Seconds, int, int > > expected;   // deadline, rank, id
+   for( int id = 0; id < kCount; ++id ) {
+      if( id == 5 || id == 7 ) continue;
+      const int rank = id == 20 ? 1 : 0;
+      expected.emplace_back( timers[ id ]->timeMin(), rank, id );
+   }
+   std::sort( expected.begin(), expected.end() );
+   // In order and on time: all that is due by 200 s has fired by then.
+   runTo( 200.0 );
+   const auto due = std::count_if( expected.begin(), expected.end(),
+                                   []( const auto & e ) { return std::get< 0 >( e ) <= 200.0; } );
+   EXPECT_EQ( log.size(), static_cast< std::size_t >( due ) );
+   runTo( 30000.0 );
+   ASSERT_EQ( log.size(), expected.size() );
+   for( std::size_t i = 0; i < expected.size(); ++i ) EXPECT_EQ( log[ i ], std::get< 2 >( expected[ i ] ) ) << i;
+}
+
 // ---- callbacks that change the wheel ------------------------------------------------------
 
 TEST_F( TimerWheelTest, OnTimeMayDisarmAnotherDueTimer ) {
