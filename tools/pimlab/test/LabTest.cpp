@@ -189,6 +189,35 @@ TEST_P( LabStoryTest, RoutersElectTheDrByPriorityThenByAddress ) {
    for( const char * router : { "a", "b", "c" } ) EXPECT_EQ( drOf( *r.snapshot( "x" ), router ), "198.18.2.1" ) << router;
 }
 
+TEST_P( LabStoryTest, Ipv6RoutersFormElectAndFailOver ) {
+   LabOptions o;
+   o.engine = GetParam();
+   const Report r = runScenario( scenarioFromJson( R"({ "name": "v6", "seed": 3, "duration": 300,
+      "segments": [ { "name": "lan" } ],
+      "routers": [
+         { "name": "a", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "2001:db8:2::1/64", "drPriority": 5 } ] },
+         { "name": "b", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "2001:db8:2::2/64", "drPriority": 50 } ] },
+         { "name": "c", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "2001:db8:2::3/64", "drPriority": 7 } ] } ],
+      "events": [ { "at": 30, "action": "checkpoint", "name": "formed" },
+                  { "at": 60, "action": "stop", "router": "b" },
+                  { "at": 200, "action": "checkpoint", "name": "failed-over" } ] })" ),
+                                 o );
+   const Snapshot * formed = r.snapshot( "formed" );
+   ASSERT_TRUE( formed );
+   for( const char * router : { "a", "b", "c" } ) {
+      EXPECT_EQ( drOf( *formed, router ), "2001:db8:2::2" ) << router;
+      EXPECT_EQ( neighborsOf( *formed, router ), 2u ) << router;
+   }
+   // b went silent: the others expire it after its hold time, not before.
+   for( const char * router : { "a", "c" } ) {
+      const LabEvent * down = firstEvent( r, router, "down", "2001:db8:2::2" );
+      ASSERT_TRUE( down ) << router;
+      EXPECT_GT( down->time, 60.0 + 105.0 - 30.0 - 0.01 );
+      EXPECT_LE( down->time, 60.0 + 105.0 + 0.01 );
+      EXPECT_EQ( drOf( *r.snapshot( "failed-over" ), router ), "2001:db8:2::3" ) << router;
+   }
+}
+
 TEST_P( LabStoryTest, GoodbyeRemovesTheRouterAtOnce ) {
    LabOptions o;
    o.engine = GetParam();
