@@ -58,11 +58,9 @@ void IOSm::handlePimIntf( const Lumo::IntfId & intf ) {
    const bool inVrf = args_.intfStatus->intf( intf );
    const Kiv::Ptr< const IntfConfig > config = inVrf ? args_.configColl->intfConfig( intf ) : nullptr;
    if( config ) {
-      auto [ reactor, inserted ] = intfConfig_.tryInsert( intf, nullptr );
-      if( inserted ) *reactor = std::make_unique< KivIntfConfig >( this, intf );
-      ( *reactor )->notifierIs( config );
+      intfConfig_.bind( intf, config, this, intf );
    } else {
-      intfConfig_.erase( intf );
+      intfConfig_.unbind( intf );
    }
    const Mode mode = config ? config->mode() : pimModeNone;
    if( mode == pimModeNone ) {
@@ -79,13 +77,11 @@ void IOSm::handlePimIntf( const Lumo::IntfId & intf ) {
 
 void IOSm::handleRxMessageInfo( std::uint8_t type ) {
    const Kiv::Ptr< MessageInfo > info = args_.pamManager->rxMessageInfo( type );
-   if( !info ) {
-      rxMessageInfo_.erase( type );
-      return;
+   if( info ) {
+      rxMessageInfo_.bind( type, info, this, type );
+   } else {
+      rxMessageInfo_.unbind( type );
    }
-   auto [ reactor, inserted ] = rxMessageInfo_.tryInsert( type, nullptr );
-   if( inserted ) *reactor = std::make_unique< KivRxMessageInfo >( this, type );
-   ( *reactor )->notifierIs( info );
 }
 
 void IOSm::handleRxCount( std::uint8_t type ) {

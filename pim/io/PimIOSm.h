@@ -17,10 +17,9 @@
 // timer inputs are held for the socket layer's filters, which this build does
 // not have: traffic is not filtered by them here.
 #include <cstdint>
-#include <memory>
 
 #include "kiv/EntityMacros.h"
-#include "kiv/HashMap.h"
+#include "kiv/ReactorMap.h"
 #include "model/PimConfig.h"
 #include "model/PimStatus.h"
 #include "services/intf/DeviceIntfStatus.h"
@@ -116,8 +115,8 @@ class IOSm : public Kiv::StateMachine {
    KivPamManager pamManager_;
    KivTxMessageInfo txMessageInfo_;
    // Configured interfaces of the VRF, watched for mode changes.
-   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIntfConfig > > intfConfig_;
-   Kiv::HashMap< std::uint8_t, std::unique_ptr< KivRxMessageInfo > > rxMessageInfo_;
+   Kiv::ReactorMap< Lumo::IntfId, KivIntfConfig > intfConfig_;
+   Kiv::ReactorMap< std::uint8_t, KivRxMessageInfo > rxMessageInfo_;
 };
 
 Kiv::Ptr< IOSm > ioSmFactory( const IOSmArgs & args );

@@ -27,12 +27,9 @@ void IntfSm::handleAllIntf() {
 void IntfSm::handleIntf( const Lumo::IntfId & intf ) {
    const Kiv::Ptr< const IpIntfStatus > entry = intfStatus_->status()->intfStatus( intf );
    if( entry ) {
-      auto [ reactor, inserted ] = ipIntfStatus_.tryInsert( intf, nullptr );
-      if( inserted ) *reactor = std::make_unique< KivIpIntfStatus >( this, intf );
-      // The entry may have been replaced by a new one under the same key.
-      ( *reactor )->notifierIs( entry );
+      ipIntfStatus_.bind( intf, entry, this, intf );
    } else {
-      ipIntfStatus_.erase( intf );
+      ipIntfStatus_.unbind( intf );
    }
    const bool member = entry && entry->vrf() == intfStatus_->vrfName();
    if( member == intfStatus_->intf( intf ) ) return;

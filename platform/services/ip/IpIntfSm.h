@@ -7,10 +7,8 @@
 // VRF's. Changes reach the set on the next turn of the loop (the machine's
 // reactors are deferred). When the machine goes, the set is emptied: nothing
 // would keep it true any more.
-#include <memory>
-
 #include "kiv/EntityMacros.h"
-#include "kiv/HashMap.h"
+#include "kiv/ReactorMap.h"
 #include "services/ip/IpStatus.h"
 
 namespace IpGen {
@@ -49,7 +47,7 @@ class IntfSm : public Kiv::StateMachine {
 
    Kiv::Ptr< IntfStatus > intfStatus_;
    KivStatus status_;
-   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIpIntfStatus > > ipIntfStatus_;
+   Kiv::ReactorMap< Lumo::IntfId, KivIpIntfStatus > ipIntfStatus_;
 };
 
 Kiv::Ptr< IntfSm > intfSmFactory( const Kiv::Ptr< IntfStatus > & intfStatus );
