@@ -151,13 +151,12 @@ class RuleTrie {
       for( unsigned d = 0; d < p.len(); ++d ) {
          const bool bit = bitAt( p.address(), d );
          if( nodes_[ n ].child[ bit ] < 0 ) {
-            const std::int32_t c = std::int32_t( nodes_.size() );
+            nodes_[ n ].child[ bit ] = std::int32_t( nodes_.size() );
             nodes_.emplace_back();
-            nodes_.back().prefix = childPrefix( nodes_[ n ].prefix, bit );
-            nodes_[ n ].child[ bit ] = c;
          }
          n = nodes_[ n ].child[ bit ];
       }
+      nodes_[ n ].prefix = p;
       nodes_[ n ].rules.push_back( rule );
    }
 
@@ -170,7 +169,7 @@ class RuleTrie {
 
  private:
    struct Node {
-      IpGenPrefix prefix;
+      IpGenPrefix prefix; // set where rules are
       std::int32_t child[ 2 ] = { -1, -1 };
       std::vector< std::uint32_t > rules;
    };
@@ -180,7 +179,6 @@ class RuleTrie {
       if( root < 0 ) {
          root = std::int32_t( nodes_.size() );
          nodes_.emplace_back();
-         nodes_.back().prefix = rootPrefix( af );
       }
       return root;
    }

@@ -155,21 +155,38 @@ struct Window {
    unsigned s;
 };
 
-IpGenAddr withBit( const IpGenAddr & a, unsigned i, bool v ) {
+IpGenAddr::Bytes16 bytesOf( const IpGenAddr & a ) {
    IpGenAddr::Bytes16 b{};
    const auto src = a.bytes();
    std::copy( src.begin(), src.end(), b.begin() );
+   return b;
+}
+
+void setBit( IpGenAddr::Bytes16 & b, unsigned i, bool v ) {
    const std::uint8_t m = std::uint8_t( 0x80u >> ( i % 8 ) );
    b[ i / 8 ] = v ? ( b[ i / 8 ] | m ) : ( b[ i / 8 ] & ~m );
-   return a.isIpv4() ? IpGenAddr( IpGenAddr::Bytes4{ b[ 0 ], b[ 1 ], b[ 2 ], b[ 3 ] } )
-                     : IpGenAddr( b );
+}
+
+IpGenAddr addrOf( AddressFamily af, const IpGenAddr::Bytes16 & b ) {
+   if( af == AddressFamily::ipv6 ) return IpGenAddr( b );
+   return IpGenAddr( IpGenAddr::Bytes4{ b[ 0 ], b[ 1 ], b[ 2 ], b[ 3 ] } );
+}
+
+bool bitOf( const IpGenAddr & a, unsigned i ) {
+   return ( a.bytes()[ i / 8 ] >> ( 7 - i % 8 ) ) & 1;
+}
+
+IpGenAddr withBit( const IpGenAddr & a, unsigned i, bool v ) {
+   IpGenAddr::Bytes16 b = bytesOf( a );
+   setBit( b, i, v );
+   return addrOf( a.af(), b );
 }
 
 // base with the n bits of value (most significant first) from bit s on.
 IpGenAddr windowAddr( const Window & win, std::uint32_t value, unsigned n ) {
-   IpGenAddr a = win.base;
-   for( unsigned k = 0; k < n; ++k ) a = withBit( a, win.s + k, ( value >> ( n - 1 - k ) ) & 1 );
-   return a;
+   IpGenAddr::Bytes16 b = bytesOf( win.base );
+   for( unsigned k = 0; k < n; ++k ) setBit( b, win.s + k, ( value >> ( n - 1 - k ) ) & 1 );
+   return addrOf( win.base.af(), b );
 }
 
 IpGenPrefix anyPrefix( AddressFamily af ) {
@@ -180,6 +197,15 @@ struct Oracle {
    const Window & win;
    const std::vector< StaticRpRule > & rules;
    const Acl::StandardAclConfig & acls;
+   std::vector< IpGenAddr > cells; // the 2^w window addresses
+   IpGenAddr outsideAddr;          // one address outside the base
+
+   Oracle( const Window & win, const std::vector< StaticRpRule > & rules,
+           const Acl::StandardAclConfig & acls )
+         : win( win ), rules( rules ), acls( acls ) {
+      for( std::uint32_t c = 0; c < ( 1u << w ); ++c ) cells.push_back( windowAddr( win, c, w ) );
+      if( win.s > 0 ) outsideAddr = withBit( win.base, win.s - 1, !bitOf( win.base, win.s - 1 ) );
+   }
 
    bool member( const StaticRpRule & r, const IpGenAddr & a ) const {
       if( !r.usesAcl() ) return r.groupPrefix().contains( a );
@@ -188,16 +214,18 @@ struct Oracle {
    }
 
    std::vector< IpGenPrefix > blocks( const StaticRpRule & r ) const {
-      const std::uint32_t cells = 1u << w;
-      std::vector< bool > in( cells );
-      for( std::uint32_t c = 0; c < cells; ++c ) in[ c ] = member( r, windowAddr( win, c, w ) );
-      const bool outside =
-         win.s > 0 && member( r, withBit( win.base, win.s - 1, !bitOf( win.base, win.s - 1 ) ) );
+      static_assert( w == 6, "one bit per window address in a 64-bit mask" );
+      std::uint64_t in = 0;
+      for( std::uint32_t c = 0; c < cells.size(); ++c ) {
+         if( member( r, cells[ c ] ) ) in |= std::uint64_t( 1 ) << c;
+      }
+      const bool outside = win.s > 0 && member( r, outsideAddr );
+      // Block j of length l covers the cells [j << (w - l), (j + 1) << (w - l)).
       auto full = [ & ]( unsigned l, std::uint32_t j ) {
-         for( std::uint32_t c = j << ( w - l ); c < ( j + 1 ) << ( w - l ); ++c ) {
-            if( !in[ c ] ) return false;
-         }
-         return true;
+         const unsigned size = 1u << ( w - l );
+         const std::uint64_t m =
+            size == 64 ? ~std::uint64_t( 0 ) : ( std::uint64_t( 1 ) << size ) - 1;
+         return ( ( in >> ( j * size ) ) & m ) == m;
       };
       std::vector< IpGenPrefix > out;
       if( outside && full( 0, 0 ) ) return { anyPrefix( win.base.af() ) };
@@ -215,10 +243,6 @@ struct Oracle {
          }
       }
       return out;
-   }
-
-   static bool bitOf( const IpGenAddr & a, unsigned i ) {
-      return ( a.bytes()[ i / 8 ] >> ( 7 - i % 8 ) ) & 1;
    }
 
    RpCheckFindings findings() const {
@@ -329,10 +353,12 @@ TEST( RpConfigCheckTest, FindingsMatchBruteForceOverRandomRuleSets ) {
          [ & ]( const StaticRpRule & r, const StaticRpRuleOptions & ) { rules.push_back( r ); } );
 
       sm->doStart();
-      const RpCheckFindings want = Oracle{ win, rules, *acls }.findings();
+      const RpCheckFindings want = Oracle( win, rules, *acls ).findings();
       const RpCheckFindings got = resultFindings( *result );
       // Streamed only on failure.
-      auto where = [ & ] { return fmt::format( "iteration {}\n{}", iter, describe( rules, *acls ) ); };
+      auto where = [ & ] {
+         return fmt::format( "iteration {}\n{}", iter, describe( rules, *acls ) );
+      };
       ASSERT_EQ( got.conflicts, want.conflicts ) << where();
       ASSERT_EQ( got.overlaps, want.overlaps ) << where();
       ASSERT_EQ( got.missingAcls, want.missingAcls ) << "iteration " << iter;
