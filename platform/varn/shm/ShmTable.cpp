@@ -144,8 +144,9 @@ class ShmRowTable : public RowTable {
       std::size_t b = bucket( bytes );
       const std::uint32_t found = index_[ b ];
       if( found != kEmpty ) {
-         unsigned char * data = rowData( found );
-         if( std::memcmp( data, bytes, rowSize() ) == 0 ) return false;
+         // The key matched already: only the rest can differ.
+         const std::size_t k = keySize();
+         if( std::memcmp( rowData( found ) + k, bytes + k, rowSize() - k ) == 0 ) return false;
          writeSlot( found, bytes, true );
          ++writes_;
          return true;
