@@ -411,8 +411,8 @@ bool TableReader::map( std::string * err ) {
    } else if( h->version != kLayoutVersion || h->headerSize != sizeof( Header ) ) {
       why = "layout version " + std::to_string( h->version ) + ", expected " +
             std::to_string( kLayoutVersion );
-   } else if( h->slotSize != slotSize( h->rowSize ) ||
-              objectLength( h->rowSize, h->capacity ) > static_cast< std::size_t >( st.st_size ) ) {
+   } else if( h->rowSize == 0 || h->slotSize != slotSize( h->rowSize ) ||
+              h->capacity > ( static_cast< std::size_t >( st.st_size ) - sizeof( Header ) ) / h->slotSize ) {
       why = "not a table (sizes disagree)";
    }
    if( !why.empty() ) {
@@ -422,6 +422,9 @@ bool TableReader::map( std::string * err ) {
    base_ = p;
    length_ = st.st_size;
    header_ = h;
+   rowSize_ = h->rowSize;
+   slotSize_ = h->slotSize;
+   capacity_ = h->capacity;
    return true;
 }
 
@@ -439,15 +442,14 @@ std::optional< double > TableReader::writerClock() const {
 }
 
 bool TableReader::readSlot( std::size_t i, void * out, bool * busy ) const {
-   const auto * base = static_cast< const unsigned char * >( base_ ) + sizeof( Header ) +
-                       header_->slotSize * i;
+   const auto * base = static_cast< const unsigned char * >( base_ ) + sizeof( Header ) + slotSize_ * i;
    const auto * h = reinterpret_cast< const SlotHeader * >( base );
    const unsigned char * data = base + sizeof( SlotHeader );
    for( int tries = 0; tries < kBusyTries; ++tries ) {
       const std::uint64_t s1 = h->seq.load( std::memory_order_acquire );
       if( s1 & 1 ) continue;
       const std::uint64_t present = h->present;
-      std::memcpy( out, data, header_->rowSize );
+      std::memcpy( out, data, rowSize_ );
       std::atomic_thread_fence( std::memory_order_acquire );
       if( h->seq.load( std::memory_order_relaxed ) != s1 ) continue;
       if( busy ) *busy = false;
@@ -459,8 +461,8 @@ bool TableReader::readSlot( std::size_t i, void * out, bool * busy ) const {
 
 void TableReader::forEach( const std::function< void( const void * row ) > & f ) {
    busy_ = 0;
-   std::vector< unsigned char > buf( header_->rowSize );
-   const std::size_t n = std::min< std::size_t >( highWater(), header_->capacity );
+   std::vector< unsigned char > buf( rowSize_ );
+   const std::size_t n = std::min< std::size_t >( highWater(), capacity_ );
    for( std::size_t i = 0; i < n; ++i ) {
       bool busy = false;
       if( readSlot( i, buf.data(), &busy ) ) f( buf.data() );

@@ -107,9 +107,9 @@ class TableReader {
    TableReader( const TableReader & ) = delete;
    TableReader & operator=( const TableReader & ) = delete;
 
-   std::size_t rowSize() const { return header_->rowSize; }
+   std::size_t rowSize() const { return rowSize_; }
    std::size_t keySize() const { return header_->keySize; }
-   std::size_t capacity() const { return header_->capacity; }
+   std::size_t capacity() const { return capacity_; }
    std::uint64_t generation() const { return header_->generation; }
    int writerPid() const { return header_->writerPid; }
    std::uint64_t heartbeat() const { return header_->heartbeat.load( std::memory_order_acquire ); }
@@ -140,6 +140,11 @@ class TableReader {
    void * base_ = nullptr;
    std::size_t length_ = 0;
    const Header * header_ = nullptr;
+   // Checked against the object's length when mapped; never read again from
+   // the object, so a writer cannot make us read past the end.
+   std::size_t rowSize_ = 0;
+   std::size_t slotSize_ = 0;
+   std::size_t capacity_ = 0;
    std::size_t busy_ = 0;
 };
 
