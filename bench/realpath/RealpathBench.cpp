@@ -156,7 +156,10 @@ struct Lan {
           run( fmt::format( "ip netns exec {} cat /proc/net/raw /proc/net/raw6 "
                             "/sys/class/net/{}/statistics/rx_dropped",
                             dut, dutIf ) );
-      auto lastNl = raw.find_last_of( '\n', raw.size() - 2 );
+      auto lastNl = raw.size() < 2 ? std::string::npos : raw.find_last_of( '\n', raw.size() - 2 );
+      if( !ok || lastNl == std::string::npos ) {
+         throw std::runtime_error( "cannot read the device's drop counters" );
+      }
       std::uint64_t ifDrops = std::stoull( raw.substr( lastNl + 1 ) );
       return RealPath::parseRawDrops( raw, PimWire::kIpProtoPim ) + ifDrops;
    }
