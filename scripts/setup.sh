@@ -4,7 +4,7 @@
 set -euo pipefail
 pkgs=(build-essential g++ cmake ninja-build clang-14 libclang-rt-14-dev
       libgtest-dev libgmock-dev libbenchmark-dev libfmt-dev libmnl-dev
-      libcli11-dev nlohmann-json3-dev iproute2 tshark)
+      libcli11-dev nlohmann-json3-dev libyaml-cpp-dev iproute2 tshark)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
