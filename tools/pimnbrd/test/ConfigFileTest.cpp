@@ -205,3 +205,61 @@ TEST( ConfigApplyTest, ReloadTouchesOnlyTheDifference ) {
 
 } // namespace
 } // namespace Pimnbrd
+
+namespace Pimnbrd {
+namespace {
+
+struct ProcessResult {
+   int exitCode = -1;
+   std::string out;
+};
+
+ProcessResult run( const std::string & args ) {
+   ProcessResult r;
+   // Run from the corpus folder, so that the messages name the file as the
+   // .expect files do.
+   const std::string cmd = std::string( "cd '" ) + PIMNBRD_CONFIGS + "' && '" + PIMNBRD_BINARY + "' " + args;
+   FILE * p = ::popen( cmd.c_str(), "r" );
+   if( !p ) return r;
+   char buf[ 512 ];
+   while( std::fgets( buf, sizeof buf, p ) ) r.out += buf;
+   const int status = ::pclose( p );
+   r.exitCode = WIFEXITED( status ) ? WEXITSTATUS( status ) : -1;
+   return r;
+}
+
+// The daemon's --check over the whole corpus: exit code and every message.
+TEST( PimnbrdCheck, CorpusVerdictsFromTheCommandLine ) {
+   for( const auto & e : fs::directory_iterator( PIMNBRD_CONFIGS ) ) {
+      if( e.path().extension() != ".yaml" ) continue;
+      const std::string name = e.path().filename().string();
+      auto expectPath = e.path();
+      expectPath.replace_extension( ".expect" );
+      const ProcessResult r = run( "--check -c " + name + " 2>&1 >/dev/null" );
+      const std::string actual = "exit " + std::to_string( r.exitCode ) + "\n" + r.out;
+      EXPECT_EQ( slurp( expectPath ), actual ) << name;
+   }
+}
+
+TEST( PimnbrdCheck, OptionsAndTheRunPath ) {
+   struct Case {
+      const char * args;
+      int exitCode;
+      const char * says;
+   } const cases[] = {
+      { "--version", 0, "pimnbrd " },
+      { "--check -c good-full.yaml", 0, "good-full.yaml: valid" },
+      { "--check -c no-such-file.yaml 2>&1", 1, "no-such-file.yaml:0:0: (file): cannot be read" },
+      { "--log journal 2>&1", 105, "--log" },
+      // Hosting the agent is not in this build: it must say so, not pretend.
+      { "-c good-minimal.yaml --foreground 2>&1", 69, "not available" },
+   };
+   for( const auto & c : cases ) {
+      const ProcessResult r = run( c.args );
+      EXPECT_EQ( r.exitCode, c.exitCode ) << c.args << "\n" << r.out;
+      EXPECT_NE( r.out.find( c.says ), std::string::npos ) << c.args << "\n" << r.out;
+   }
+}
+
+} // namespace
+} // namespace Pimnbrd
