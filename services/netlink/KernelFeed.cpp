@@ -12,9 +12,12 @@
 #include <system_error>
 #include <vector>
 
+#include "kiv/Trace.h"
 #include "services/netns/Netns.h"
 
 namespace Netlink {
+
+KIV_TRACE_HANDLE( "Netlink::KernelFeed" )
 
 namespace {
 
@@ -153,6 +156,7 @@ void KernelFeed::handleReadable() {
             // the gap: replayed after the dump it would bring back what the
             // lost events undid. Drop it, then dump.
             ++counters_.resyncs;
+            KIV_TRACE( th(), 2, "namespace '" << ns_ << "': events dropped by the kernel, dumping again" );
             for( int j = 0; j < kDiscardLimit && mnl_socket_recvfrom( events_, buf.data(), buf.size() ) >= 0; ++j ) {
             }
             doDump();

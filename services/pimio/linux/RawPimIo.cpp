@@ -11,10 +11,13 @@
 #include <system_error>
 
 #include "kiv/Clock.h"
+#include "kiv/Trace.h"
 #include "services/netns/Netns.h"
 #include "services/pimio/HelloAdapter.h"
 
 namespace Routing::Pim::IO {
+
+KIV_TRACE_HANDLE( "PimIo::Raw" )
 
 namespace {
 constexpr std::uint8_t kHelloMessageType = 0;
@@ -42,12 +45,14 @@ RawPimIo::RawPimIo( const Kiv::Ptr< PamManager > & pam,
                     const Kiv::Ptr< const Interface::DeviceIntfStatusDir > & devices,
                     const Kiv::Ptr< Tolm::TimerWheel > & wheel )
       : pam_( pam ), devices_( devices ), wheel_( wheel ), af_( pam->af() ), txReactor_( this ),
-        delivery_( this, wheel.ptr() ), slots_( new RxSlot[ kBatch ] ) {
+        delivery_( this, wheel.ptr() ), groupsReactor_( this ), devicesReactor_( this ), slots_( new RxSlot[ kBatch ] ) {
    txReactor_.notifierIs( pam_->txMessageInfo() );
 }
 
 RawPimIo::~RawPimIo() {
    txReactor_.notifierIs( nullptr );
+   groupsReactor_.notifierIs( nullptr );
+   devicesReactor_.notifierIs( nullptr );
    fdIs( -1 );
    if( fd_ >= 0 ) ::close( fd_ );
 }
@@ -104,8 +109,7 @@ Lumo::IntfId RawPimIo::intfOf( std::uint32_t ifIndex ) const {
    return Lumo::IntfId();
 }
 
-bool RawPimIo::allPimRoutersIs( const Lumo::IntfId & intf, bool joined ) {
-   const std::uint32_t idx = ifIndexOf( intf );
+bool RawPimIo::membershipIs( std::uint32_t idx, bool joined ) {
    int r = -1;
    if( idx && fd_ >= 0 ) {
       if( af_ == Lumo::AddressFamily::ipv6 ) {
@@ -122,10 +126,43 @@ bool RawPimIo::allPimRoutersIs( const Lumo::IntfId & intf, bool joined ) {
    }
    if( r != 0 ) {
       ++counters_.membershipFailed;
+      KIV_TRACE( th(), 1, "ifindex " << idx << ( joined ? " join" : " leave" ) << " of ALL-PIM-ROUTERS failed" );
       return false;
    }
    ++( joined ? counters_.joins : counters_.leaves );
    return true;
+}
+
+bool RawPimIo::allPimRoutersIs( const Lumo::IntfId & intf, bool joined ) {
+   return membershipIs( ifIndexOf( intf ), joined );
+}
+
+void RawPimIo::groupsIs( const Kiv::Ptr< const IpGen::MulticastGroupsForApplications > & groups ) {
+   groupsReactor_.notifierIs( groups );
+   devicesReactor_.notifierIs( groups ? devices_ : nullptr );
+   if( groups ) {
+      groups->intfGroupForEach( [ & ]( const IpGen::IntfGroup & g, bool ) { handleGroup( g.intf ); } );
+   }
+   for( auto it = joined_.begin(); it != joined_.end(); ) {
+      const Lumo::IntfId intf = it++->first;
+      handleGroup( intf );
+   }
+}
+
+void RawPimIo::handleGroup( const Lumo::IntfId & intf ) {
+   const auto groups = groupsReactor_.notifier();
+   const bool want = groups && groups->isMember( intf, allPimRouters( af_ ) );
+   const std::uint32_t idx = ifIndexOf( intf );
+   const auto it = joined_.find( intf );
+   const std::uint32_t have = it == joined_.end() ? 0 : it->second;
+   if( want && idx && have == idx ) return;
+   if( have ) {
+      // A link that went away took its membership with it; leave only what
+      // is still there.
+      if( have == idx ) membershipIs( have, false );
+      joined_.erase( intf );
+   }
+   if( want && idx && membershipIs( idx, true ) ) joined_[ intf ] = idx;
 }
 
 void RawPimIo::handleReadable() {
@@ -210,6 +247,7 @@ void RawPimIo::receive( std::size_t i, std::size_t len, const msghdr & h ) {
    const Lumo::IntfId intf = intfOf( ifIndex );
    if( intf.isEmpty() ) {
       ++counters_.rxNotPimIntf;
+      KIV_TRACE( th(), 6, "dropped from " << ipGenAddr( src ) << " on ifindex " << ifIndex << ": not a PIM interface" );
       return;
    }
    PimWire::DecodeStats stats;
@@ -217,10 +255,12 @@ void RawPimIo::receive( std::size_t i, std::size_t len, const msghdr & h ) {
       PimWire::decodeHello( pim, pimLen, v6 ? PimWire::Family::ipv6 : PimWire::Family::ipv4, src, dst, scratch_, stats );
    if( r != PimWire::RejectReason::none ) {
       ++counters_.rxRejected[ std::size_t( r ) ];
+      KIV_TRACE( th(), 2, intf << " rejected from " << ipGenAddr( src ) << ": " << r );
       return;
    }
    if( acl_ && !acl_( ipGenAddr( src ) ) ) {
       ++counters_.rxAclDenied;
+      KIV_TRACE( th(), 6, intf << " dropped from " << ipGenAddr( src ) << ": denied by the service ACL" );
       return;
    }
    queue_.push_back( { intf, helloMessageFromWire( scratch_ ) } );
@@ -303,8 +343,10 @@ void RawPimIo::handleTx() {
    h.msg_name = &to;
    if( ::sendmsg( fd_, &h, 0 ) != ssize_t( len ) ) {
       ++counters_.txFailed;
+      KIV_TRACE( th(), 1, tx->intfId() << " send failed: " << std::strerror( errno ) );
       return;
    }
+   KIV_TRACE( th(), 5, tx->intfId() << " TX " << wire );
    ++counters_.txSent;
 }
 

@@ -28,6 +28,7 @@
 #include "lumo/IntfId.h"
 #include "lumo/NamespaceName.h"
 #include "services/intf/DeviceIntfStatus.h"
+#include "services/mcast/Multicast.h"
 #include "services/pimio/MessageInfo.h"
 #include "services/pimwire/HelloCodec.h"
 #include "tolm/TimerWheel.h"
@@ -69,9 +70,15 @@ class RawPimIo : public Kiv::FdReactor {
    void start();
    // The interfaces PIM runs on; Hellos on others are dropped.
    void pimIntfIs( const Lumo::IntfId & intf, bool on );
-   // ALL-PIM-ROUTERS membership of an interface, as the agent requests it.
-   // False when the kernel refuses (counted).
+   // ALL-PIM-ROUTERS membership of an interface. False when the kernel
+   // refuses (counted).
    bool allPimRoutersIs( const Lumo::IntfId & intf, bool joined );
+   // Follows the group memberships that the agent requests: ALL-PIM-ROUTERS
+   // of this family on an interface of this namespace is joined while
+   // requested, and joined again when the interface comes back with a new
+   // index. Requests for interfaces of other namespaces are not ours.
+   void groupsIs( const Kiv::Ptr< const IpGen::MulticastGroupsForApplications > & groups );
+   void handleGroup( const Lumo::IntfId & intf );
    // The service ACL: false denies a source. None permits all.
    void aclIs( std::function< bool( const Lumo::IpGenAddr & ) > permits ) { acl_ = std::move( permits ); }
 
@@ -99,6 +106,20 @@ class RawPimIo : public Kiv::FdReactor {
     private:
       RawPimIo * owner_;
    };
+   class KivGroups : public IpGen::MulticastGroupsForApplications::NotifieeConst {
+    public:
+      explicit KivGroups( RawPimIo * o ) : owner_( o ) {}
+      void onIntfGroup( const IpGen::IntfGroup & g ) override { owner_->handleGroup( g.intf ); }
+    private:
+      RawPimIo * owner_;
+   };
+   class KivDevices : public Interface::DeviceIntfStatusDir::NotifieeConst {
+    public:
+      explicit KivDevices( RawPimIo * o ) : owner_( o ) {}
+      void onDeviceIntfStatus( const Lumo::IntfId & intf ) override { owner_->handleGroup( intf ); }
+    private:
+      RawPimIo * owner_;
+   };
    struct Pending {
       Lumo::IntfId intf;
       Kiv::Ptr< Packet::HelloMessage > hello;
@@ -109,6 +130,7 @@ class RawPimIo : public Kiv::FdReactor {
    std::uint32_t ifIndexOf( const Lumo::IntfId & intf ) const;
    Lumo::IntfId intfOf( std::uint32_t ifIndex ) const;
    void readingIs( bool on );
+   bool membershipIs( std::uint32_t ifIndex, bool joined );
 
    Kiv::Ptr< PamManager > pam_;
    Kiv::Ptr< const Interface::DeviceIntfStatusDir > devices_;
@@ -122,6 +144,10 @@ class RawPimIo : public Kiv::FdReactor {
    RawIoCounters counters_;
    KivTx txReactor_;
    KivDelivery delivery_;
+   KivGroups groupsReactor_;
+   KivDevices devicesReactor_;
+   // Interfaces joined through the requests, with the index joined on.
+   std::map< Lumo::IntfId, std::uint32_t > joined_;
    // recvmmsg buffers, kept between wake-ups.
    struct RxSlot;
    std::unique_ptr< RxSlot[] > slots_;

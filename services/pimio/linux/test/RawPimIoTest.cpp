@@ -21,6 +21,7 @@
 #include "services/netlink/KernelFeed.h"
 #include "services/netns/Netns.h"
 #include "services/netns/test/NetnsLab.h"
+#include "services/pimio/HelloAdapter.h"
 #include "services/pimio/linux/RawPimIo.h"
 
 namespace Routing::Pim::IO {
@@ -274,6 +275,51 @@ TEST_P( RawPimIoTest, WhatIsNotForPimIsDroppedAndCounted ) {
    EXPECT_EQ( sa->io->counters().txNoInterface, 1u );
    EXPECT_FALSE( sb->io->allPimRoutersIs( Lumo::IntfId( "nosuch0" ), true ) );
    EXPECT_EQ( sb->io->counters().membershipFailed, 1u );
+}
+
+std::string groupsOf( const std::string & ns, const char * intf ) {
+   std::string out;
+   FILE * p = ::popen( ( "ip -n " + ns + " maddr show dev " + intf + " 2>/dev/null" ).c_str(), "r" );
+   if( !p ) return out;
+   char buf[ 256 ];
+   while( std::fgets( buf, sizeof buf, p ) ) out += buf;
+   ::pclose( p );
+   return out;
+}
+
+// Memberships follow the requests, and come back with a re-created link.
+TEST_P( RawPimIoTest, MembershipFollowsTheRequests ) {
+   const bool v6 = af == Lumo::AddressFamily::ipv6;
+   const std::string group = v6 ? "ff02::d" : "224.0.0.13";
+   const Lumo::IntfId a0( "a0" );
+   auto groups = Kiv::make< IpGen::MulticastGroupsForApplications >( af );
+   groups->joinGroup( a0, allPimRouters( af ) );
+   groups->joinGroup( Lumo::IntfId( "elsewhere0" ), allPimRouters( af ) );   // not in this namespace
+   sa->io->groupsIs( groups );
+   EXPECT_NE( groupsOf( a, "a0" ).find( group ), std::string::npos );
+   EXPECT_EQ( sa->io->counters().joins, 1u );
+   EXPECT_EQ( sa->io->counters().membershipFailed, 0u );
+
+   groups->leaveGroup( a0, allPimRouters( af ) );
+   loop.runUntilIdle();
+   EXPECT_EQ( groupsOf( a, "a0" ).find( group ), std::string::npos );
+
+   groups->joinGroup( a0, allPimRouters( af ) );
+   loop.runUntilIdle();
+   EXPECT_EQ( sa->io->counters().joins, 2u );
+   // The link goes and comes back with a new index: joined again on it.
+   const auto before = sa->targets.devices->deviceIntfStatus( a0 ).ifIndex;
+   ASSERT_TRUE( NetnsLab::sh( "ip -n " + a + " link del a0 && ip -n " + a + " link add a0 type veth peer name a1 && ip -n " +
+                              a + " link set a0 up && ip -n " + a + " link set a1 up" ) );
+   ASSERT_TRUE( NetnsLab::waitFor( sa->feed->fd(), [ & ] { sa->feed->handleReadable(); },
+                                   [ & ] {
+                                      const auto d = sa->targets.devices->deviceIntfStatus( a0 );
+                                      return d.ifIndex && d.ifIndex != before;
+                                   } ) );
+   loop.runUntilIdle();
+   EXPECT_EQ( sa->io->counters().joins, 3u );
+   EXPECT_NE( groupsOf( a, "a0" ).find( group ), std::string::npos );
+   sa->io->groupsIs( nullptr );
 }
 
 INSTANTIATE_TEST_SUITE_P( Families, RawPimIoTest,
