@@ -47,7 +47,9 @@ class Reader {
       }
       std::set< std::string > seen;
       for( auto it = n.begin(); it != n.end(); ++it ) {
-         const YAML::Node & k = it->first;
+         // Copies: it-> yields a temporary pair, and nodes are handles.
+         const YAML::Node k = it->first;
+         const YAML::Node v = it->second;
          if( !k.IsScalar() ) {
             error( k.Mark(), path, "expected a plain key" );
             continue;
@@ -57,7 +59,7 @@ class Reader {
             error( k.Mark(), join( path, key ), "duplicate key" );
             continue;
          }
-         each( key, k, it->second );
+         each( key, k, v );
       }
       return true;
    }
