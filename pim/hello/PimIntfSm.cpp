@@ -224,11 +224,15 @@ void IntfSm::handleAddress() {
    if( !initialized() ) return;
    ITRACE( 7, "Address changed for interface " << intfId_ << " from " << intf_->usedAddressWithMask()
                                                << " to " << intf_->addressWithMask() );
+   const Lumo::IpGenAddr oldAddress = intf_->usedAddressWithMask().address();
    sendHelloMessage( kHoldTimeGoodbye );
    intf_->neighborDel( intf_->addressWithMask().address() );
    intf_->usedAddressWithMaskIs( intf_->addressWithMask() );
    sendHelloMessage( intf_->helloHoldTime() );
    updateDr( intf_->usedAddressWithMask().address(), intf_->drPriority(), intf_->iAmDr() );
+   // The incremental update cannot take the role from an address that no
+   // longer exists: when the old address still holds it, re-elect.
+   if( intf_->usedDr() == oldAddress && oldAddress != intf_->usedAddressWithMask().address() ) updateDr();
 }
 
 void IntfSm::handleMode() {
