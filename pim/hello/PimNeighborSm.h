@@ -1,8 +1,9 @@
 #pragma once
-// NeighborSm: one per neighbour entry. Owns the liveness timer, turns option
-// changes into calls on its IntfSm (DR election, LAN prune delay, T bit,
-// triggered Hellos), keeps the interface's secondary-address map, follows the
-// neighbour's BFD state and picks its transport protocol.
+// NeighborSm: one per neighbour entry. Owns the liveness timer, reports option
+// changes to its owner (the IntfSm, which turns them into DR election, LAN
+// prune delay, T bit and triggered Hellos), keeps the interface's
+// secondary-address map, follows the neighbour's BFD state and picks its
+// transport protocol.
 #include "kiv/EntityMacros.h"
 #include "model/PimConfig.h"
 #include "model/PimStatus.h"
