@@ -1,7 +1,7 @@
 #pragma once
 // Addresses the Hello fuzz target decodes with; the corpus generator uses
 // the same ones so that its seeds carry valid checksums.
-#include "pimwire/Addr.h"
+#include "services/pimwire/Addr.h"
 
 namespace PimWireFuzz {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "FuzzAddrs.h"
-#include "pimwire/HelloCodec.h"
+#include "services/pimwire/HelloCodec.h"
 
 using namespace PimWire;
 

@@ -2,7 +2,7 @@
 // delay, DR priority, generation id and one secondary address.
 #include <benchmark/benchmark.h>
 
-#include "pimwire/HelloCodec.h"
+#include "services/pimwire/HelloCodec.h"
 
 using namespace PimWire;
 

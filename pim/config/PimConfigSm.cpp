@@ -759,11 +759,10 @@ void ConfigSm::doMounts( const L3::VrfName & vrf ) {
       return;
    }
    const std::string counters = Varn::countersPath( af(), vrf );
-   pimVrfCountersIs( vrf, Kiv::ptr_cast< Varn::MessageCounters >(
-                             mount->doMount( counters, "w", Varn::MessageCounters::mountInfo() ) ) );
+   pimVrfCountersIs( vrf, mount->doMount< Varn::MessageCounters >( counters, "w" ) );
    CTRACE( 7, "doMounts( " << vrf << " ), Mounting PIM varn table" );
    const std::string status = Varn::statusPath( af(), vrf );
-   pimVarnStatusIs( vrf, Kiv::ptr_cast< Varn::Status >( mount->doMount( status, "w", Varn::Status::mountInfo() ) ) );
+   pimVarnStatusIs( vrf, mount->doMount< Varn::Status >( status, "w" ) );
 }
 
 void ConfigSm::doUnmounts( const L3::VrfName & vrf ) {

@@ -40,8 +40,8 @@
 #include "services/kni/KernelNetInfo.h"
 #include "services/mcast/Multicast.h"
 #include "services/mlag/Mlag.h"
-#include "services/varn/PimVarnStatus.h"
-#include "services/varn/VarnMount.h"
+#include "status/PimVarnStatus.h"
+#include "varn/VarnMount.h"
 #include "tolm/TimerWheel.h"
 
 namespace Routing::Pim {

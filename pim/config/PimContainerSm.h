@@ -40,7 +40,7 @@
 #include "services/mcast/Multicast.h"
 #include "services/pimio/MessageInfo.h"
 #include "services/sourceintf/SourceIntf.h"
-#include "services/varn/PimVarnStatus.h"
+#include "status/PimVarnStatus.h"
 #include "status/PimStatusWriterSm.h"
 #include "tolm/TimerWheel.h"
 

@@ -25,7 +25,7 @@
 #include "services/intf/DeviceIntfStatus.h"
 #include "services/ip/IpStatus.h"
 #include "services/pimio/MessageInfo.h"
-#include "services/varn/PimVarnStatus.h"
+#include "status/PimVarnStatus.h"
 #include "tolm/TimerWheel.h"
 
 namespace Routing::Pim::IO {

@@ -16,7 +16,7 @@
 #include "lumo/IpGenPrefix.h"
 #include "lumo/VrfName.h"
 #include "model/PimStatus.h"
-#include "services/varn/PimVarnStatus.h"
+#include "status/PimVarnStatus.h"
 
 namespace Routing::Pim::Varn {
 

@@ -5,7 +5,7 @@
 #include "ConfigSmFixture.h"
 
 #include "feeds/VxlanStatusSm.h"
-#include "services/varn/PimVarnStatus.h"
+#include "status/PimVarnStatus.h"
 
 namespace PimConfigTest {
 namespace {

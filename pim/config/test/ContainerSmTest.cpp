@@ -7,7 +7,7 @@
 #include "kiv/RangeException.h"
 #include "kiv/Trace.h"
 #include "kiv/testing/TestLoop.h"
-#include "services/varn/VarnMount.h"
+#include "varn/VarnMount.h"
 #include "tolm/TimerWheel.h"
 
 namespace {
@@ -27,15 +27,13 @@ class ContainerFixture : public ::testing::Test {
       a.pimGlobalStatus = Kiv::make< GlobalStatus >( af );
       a.pimGlobalStatus->portStatusIs( vrf );
       a.pimCellGlobalStatus = Kiv::make< CellGlobalStatus >();
-      a.pimVarnStatus = Kiv::entity_cast< V::Status >(
-         mount_->doMount( V::statusPath( af, vrf ), "w", V::Status::mountInfo() ) );
+      a.pimVarnStatus = mount_->doMount< V::Status >( V::statusPath( af, vrf ), "w" );
       a.pimStatus = Kiv::make< Status >( vrf );
       a.pimAllStatus = allStatus_ = Kiv::make< AllStatus >( vrf );
       auto config = Kiv::make< ConfigColl >();
       config->vrfConfigIs( vrf );
       a.pimConfigColl = config;
-      a.pimMessageCounters = Kiv::entity_cast< V::MessageCounters >(
-         mount_->doMount( V::countersPath( af, vrf ), "w", V::MessageCounters::mountInfo() ) );
+      a.pimMessageCounters = mount_->doMount< V::MessageCounters >( V::countersPath( af, vrf ), "w" );
       a.ipStatus = af == Lumo::AddressFamily::ipv6
                       ? Kiv::Ptr< IpGen::Status >( Kiv::make< IpGen::Ipv6Status >() )
                       : Kiv::Ptr< IpGen::Status >( Kiv::make< IpGen::Ipv4Status >() );

@@ -9,8 +9,8 @@
 #include "kiv/Trace.h"
 #include "kiv/testing/TestLoop.h"
 #include "model/PimStatus.h"
-#include "services/varn/PimVarnStatus.h"
-#include "services/varn/VarnMount.h"
+#include "status/PimVarnStatus.h"
+#include "varn/VarnMount.h"
 #include "status/PimStatusWriterSm.h"
 
 namespace {

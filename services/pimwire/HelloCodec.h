@@ -12,8 +12,8 @@
 #include <ostream>
 #include <vector>
 
-#include "pimwire/Addr.h"
-#include "pimwire/Hello.h"
+#include "services/pimwire/Addr.h"
+#include "services/pimwire/Hello.h"
 
 namespace PimWire {
 

@@ -14,8 +14,8 @@
 #include "kiv/Ptr.h"
 #include "lumo/AddressFamily.h"
 #include "lumo/IpGenAddr.h"
-#include "pimwire/Addr.h"
-#include "pimwire/Hello.h"
+#include "services/pimwire/Addr.h"
+#include "services/pimwire/Hello.h"
 #include "services/pimio/HelloMessage.h"
 
 namespace Routing::Pim::IO {

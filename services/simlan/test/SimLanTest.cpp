@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "kiv/testing/TestLoop.h"
-#include "pimwire/HelloCodec.h"
+#include "services/pimwire/HelloCodec.h"
 #include "services/pimio/HelloAdapter.h"
 #include "services/pimio/MessageInfo.h"
 #include "services/simlan/SimLan.h"

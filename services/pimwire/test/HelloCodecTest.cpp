@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "pimwire/HelloCodec.h"
+#include "services/pimwire/HelloCodec.h"
 
 using namespace PimWire;
 

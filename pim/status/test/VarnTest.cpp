@@ -3,8 +3,8 @@
 #include <type_traits>
 
 #include "kiv/RangeException.h"
-#include "services/varn/PimVarnStatus.h"
-#include "services/varn/VarnMount.h"
+#include "status/PimVarnStatus.h"
+#include "varn/VarnMount.h"
 
 namespace {
 
@@ -98,6 +98,8 @@ TEST( VarnCounters, CountPerTypeAndClear ) {
 
 TEST( VarnMount, WritersCreateReadersAttachCleanupWaitsForTheLastMount ) {
    KivVarn::Directory dir;
+   dir.typeIs< V::Status >();
+   dir.typeIs< V::MessageCounters >();
    const std::string path = V::statusPath( Lumo::AddressFamily::ipv4, "red" );
    EXPECT_EQ( path, "routing/pim/status/red" );
    EXPECT_EQ( V::statusPath( Lumo::AddressFamily::ipv6, "red" ), "routing6/pim/status/red" );
@@ -158,6 +160,7 @@ TEST( VarnMount, WritersCreateReadersAttachCleanupWaitsForTheLastMount ) {
 
 TEST( VarnMount, MountInfoSizesTheTables ) {
    KivVarn::Directory dir;
+   dir.typeIs< V::Status >();
    KivVarn::Mount m( dir );
    KivVarn::MountInfo info = V::Status::mountInfo();
    info.collectionIs( V::kNeighborTable, 3 );

@@ -1,9 +1,9 @@
-#include "services/varn/PimVarnStatus.h"
+#include "status/PimVarnStatus.h"
 
 #include <algorithm>
 
 #include "kiv/RangeException.h"
-#include "services/varn/VarnMount.h"
+#include "varn/VarnMount.h"
 
 namespace Routing::Pim::Varn {
 

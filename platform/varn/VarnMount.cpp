@@ -1,7 +1,6 @@
-#include "services/varn/VarnMount.h"
+#include "varn/VarnMount.h"
 
 #include "kiv/RangeException.h"
-#include "services/varn/PimVarnStatus.h"
 
 namespace KivVarn {
 
@@ -23,18 +22,7 @@ MountInfo & MountInfo::collectionIs( const std::string & name, std::size_t size 
    return *this;
 }
 
-Directory::Directory( TableStore & store ) : store_( store ) {
-   typeIs( Routing::Pim::Varn::Status::kTypeName,
-           []( const std::string & path, const MountInfo & info, TableStore & s ) {
-              return Kiv::Ptr< Kiv::Entity >(
-                 new Routing::Pim::Varn::Status( Kiv::Name( path ), info, s ) );
-           } );
-   typeIs( Routing::Pim::Varn::MessageCounters::kTypeName,
-           []( const std::string & path, const MountInfo & info, TableStore & s ) {
-              return Kiv::Ptr< Kiv::Entity >(
-                 new Routing::Pim::Varn::MessageCounters( Kiv::Name( path ), info, s ) );
-           } );
-}
+Directory::Directory( TableStore & store ) : store_( store ) {}
 
 Directory & Directory::instance() {
    static Directory dir;

@@ -22,7 +22,7 @@
 #include "lumo/IpGenAddrWithMask.h"
 #include "lumo/IpGenPrefix.h"
 #include "lumo/VrfName.h"
-#include "services/varn/VarnTable.h"
+#include "varn/VarnTable.h"
 
 namespace KivVarn {
 struct MountInfo;

@@ -6,8 +6,8 @@
 // a Directory (the process-wide one unless another is given) until they are
 // cleaned up after their last unmount, so a writer that restarts finds its
 // tables again, and a reader attached to a table set keeps it as long as it
-// holds it. The types a Directory can create are registered by type name;
-// the PIM status and counter table sets are known from the start.
+// holds it. The types a Directory can create are registered by type name,
+// by whoever defines the rows (a typed mount registers its type itself).
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -16,7 +16,7 @@
 #include "kiv/Entity.h"
 #include "kiv/HashMap.h"
 #include "kiv/Ptr.h"
-#include "services/varn/VarnTable.h"
+#include "varn/VarnTable.h"
 
 namespace KivVarn {
 
@@ -49,6 +49,15 @@ class Directory {
    static Directory & instance();
 
    void typeIs( const std::string & typeName, Creator c );
+   // Registers T (with T::kTypeName and a (name, MountInfo, TableStore)
+   // constructor) unless its name is already known.
+   template< class T >
+   void typeIs() {
+      if( hasType( T::kTypeName ) ) return;
+      typeIs( T::kTypeName, []( const std::string & path, const MountInfo & info, TableStore & s ) {
+         return Kiv::Ptr< Kiv::Entity >( new T( Kiv::Name( path ), info, s ) );
+      } );
+   }
    bool hasType( const std::string & typeName ) const { return creators_.contains( typeName ); }
 
    // The table set at path, or null.
@@ -81,6 +90,18 @@ class Mount : public Kiv::PtrInterface {
    // entity and counts once.
    Kiv::Ptr< Kiv::Entity > doMount( const std::string & path, const std::string & mode,
                                     const MountInfo & mountInfo );
+   // The typed form: registers T with the directory and mounts with
+   // T::mountInfo() unless info is given.
+   template< class T >
+   Kiv::Ptr< T > doMount( const std::string & path, const std::string & mode ) {
+      return doMount< T >( path, mode, T::mountInfo() );
+   }
+   template< class T >
+   Kiv::Ptr< T > doMount( const std::string & path, const std::string & mode, const MountInfo & info ) {
+      dir_.typeIs< T >();
+      return Kiv::ptr_cast< T >( doMount( path, mode, info ) );
+   }
+   Directory & directory() const { return dir_; }
    // Forgets this mount's table set at path (nothing when not mounted).
    void doUnmount( const std::string & path );
    // The table set this mount holds at path, or null.

@@ -1,4 +1,4 @@
-#include "services/varn/VarnTable.h"
+#include "varn/VarnTable.h"
 
 #include <cassert>
 

@@ -2,7 +2,7 @@
 // both directions, and through the encoder and decoder.
 #include <gtest/gtest.h>
 
-#include "pimwire/HelloCodec.h"
+#include "services/pimwire/HelloCodec.h"
 #include "services/pimio/HelloAdapter.h"
 
 namespace {

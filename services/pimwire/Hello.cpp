@@ -1,4 +1,4 @@
-#include "pimwire/Hello.h"
+#include "services/pimwire/Hello.h"
 
 #include <cstdio>
 

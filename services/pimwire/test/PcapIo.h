@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "pimwire/HelloCodec.h"
+#include "services/pimwire/HelloCodec.h"
 
 namespace PimWireTest {
 

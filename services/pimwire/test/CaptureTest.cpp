@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "PcapIo.h"
-#include "pimwire/HelloCodec.h"
+#include "services/pimwire/HelloCodec.h"
 
 using namespace PimWire;
 using namespace PimWireTest;

@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "PcapIo.h"
-#include "pimwire/HelloCodec.h"
+#include "services/pimwire/HelloCodec.h"
 
 using namespace PimWire;
 using namespace PimWireTest;

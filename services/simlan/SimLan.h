@@ -27,7 +27,7 @@
 #include "kiv/Ptr.h"
 #include "lumo/IntfId.h"
 #include "lumo/IpGenAddr.h"
-#include "pimwire/HelloCodec.h"
+#include "services/pimwire/HelloCodec.h"
 #include "services/pimio/MessageInfo.h"
 #include "tolm/TimerWheel.h"
 

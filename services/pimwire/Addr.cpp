@@ -1,4 +1,4 @@
-#include "pimwire/Addr.h"
+#include "services/pimwire/Addr.h"
 
 #include <algorithm>
 #include <cstring>

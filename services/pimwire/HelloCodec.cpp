@@ -1,4 +1,4 @@
-#include "pimwire/HelloCodec.h"
+#include "services/pimwire/HelloCodec.h"
 
 #include <algorithm>
 #include <cstring>

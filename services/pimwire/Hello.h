@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "pimwire/Addr.h"
+#include "services/pimwire/Addr.h"
 
 namespace PimWire {
 
