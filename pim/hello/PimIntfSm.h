@@ -99,12 +99,6 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
    void removeBfd( const Lumo::IpGenAddr & addr );
    void updateBfd( const Lumo::IpGenAddr & addr, bool enabled );
 
-   // --- what the NeighborSms report ---
-   void neighborGenerationIdChanged() override;
-   void neighborDrPriorityOptionIs( const Lumo::IpGenAddr & addr, const DrPriorityOption & option ) override;
-   bool neighborLanPruneDelayOptionIs( const Lumo::IpGenAddr & addr, const LanPruneDelayOption & option ) override;
-   void neighborBfdRecovered() override;
-
  private:
    class KivIntf : public Intf::NotifieeConst {
     public:
@@ -158,6 +152,12 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
     private:
       IntfSm * owner_;
    };
+
+   // What the NeighborSms report, through NeighborSmOwner only.
+   void neighborGenerationIdChanged() override;
+   void neighborDrPriorityOptionIs( const Lumo::IpGenAddr & addr, const DrPriorityOption & option ) override;
+   bool neighborLanPruneDelayOptionIs( const Lumo::IpGenAddr & addr, const LanPruneDelayOption & option ) override;
+   void neighborBfdRecovered() override;
 
    // This router's candidacy: its used address, priority 1 during reload.
    DrCandidate ownDrCandidate() const;
