@@ -26,24 +26,22 @@ void ActiveNeighbors::count( const Counted & c, int sign ) {
 void ActiveNeighbors::insert( const Lumo::IpGenAddr & addr, const DrPriorityOption & dr,
                               const LanPruneDelayOption & lanPrune ) {
    // Counting a neighbour again replaces what was counted for it.
-   if( entries_.contains( addr ) ) erase( addr );
+   erase( addr );
    const Counted c{ dr, lanPrune, lanPrune.propagationDelay, lanPrune.overrideInterval };
-   entries_.insertOrAssignFn( addr, c );
+   entries_.emplace( addr, c );
    count( c, 1 );
    byPriority_.emplace( dr.value, addr );
-   byAddress_.insert( addr );
    take( propagationDelays_, c.propagationDelay );
    take( overrideIntervals_, c.overrideInterval );
 }
 
 std::optional< ActiveNeighbors::Counted > ActiveNeighbors::erase( const Lumo::IpGenAddr & addr ) {
-   const Counted * slot = entries_.find( addr );
-   if( !slot ) return std::nullopt;
-   const Counted c = *slot;
-   entries_.erase( addr );
+   const auto it = entries_.find( addr );
+   if( it == entries_.end() ) return std::nullopt;
+   const Counted c = it->second;
+   entries_.erase( it );
    count( c, -1 );
    byPriority_.erase( Rank( c.drPriority.value, addr ) );
-   byAddress_.erase( addr );
    give( propagationDelays_, c.propagationDelay );
    give( overrideIntervals_, c.overrideInterval );
    return c;
@@ -52,15 +50,15 @@ std::optional< ActiveNeighbors::Counted > ActiveNeighbors::erase( const Lumo::Ip
 void ActiveNeighbors::clear() {
    entries_.clear();
    byPriority_.clear();
-   byAddress_.clear();
    propagationDelays_.clear();
    overrideIntervals_.clear();
    notUsingDrPriority_ = notUsingLanPrune_ = notUsingTBit_ = 0;
 }
 
 void ActiveNeighbors::drPriorityOptionIs( const Lumo::IpGenAddr & addr, const DrPriorityOption & dr ) {
-   Counted * c = entries_.find( addr );
-   if( !c ) return;
+   const auto it = entries_.find( addr );
+   if( it == entries_.end() ) return;
+   Counted * c = &it->second;
    if( c->drPriority.valid != dr.valid ) notUsingDrPriority_ += dr.valid ? -1u : 1u;
    if( c->drPriority.value != dr.value ) {
       byPriority_.erase( Rank( c->drPriority.value, addr ) );
@@ -70,8 +68,9 @@ void ActiveNeighbors::drPriorityOptionIs( const Lumo::IpGenAddr & addr, const Dr
 }
 
 void ActiveNeighbors::lanPruneDelayOptionIs( const Lumo::IpGenAddr & addr, const LanPruneDelayOption & lanPrune ) {
-   Counted * c = entries_.find( addr );
-   if( !c ) return;
+   const auto it = entries_.find( addr );
+   if( it == entries_.end() ) return;
+   Counted * c = &it->second;
    if( c->lanPrune.valid != lanPrune.valid ) notUsingLanPrune_ += lanPrune.valid ? -1u : 1u;
    if( c->lanPrune.tBit != lanPrune.tBit ) notUsingTBit_ += lanPrune.tBit ? -1u : 1u;
    c->lanPrune = lanPrune;
@@ -80,8 +79,9 @@ void ActiveNeighbors::lanPruneDelayOptionIs( const Lumo::IpGenAddr & addr, const
 
 void ActiveNeighbors::advertisedDelaysIs( const Lumo::IpGenAddr & addr, std::uint16_t propagationDelay,
                                           std::uint16_t overrideInterval ) {
-   Counted * c = entries_.find( addr );
-   if( !c ) return;
+   const auto it = entries_.find( addr );
+   if( it == entries_.end() ) return;
+   Counted * c = &it->second;
    if( c->propagationDelay != propagationDelay ) {
       give( propagationDelays_, c->propagationDelay );
       take( propagationDelays_, propagationDelay );
@@ -96,9 +96,9 @@ void ActiveNeighbors::advertisedDelaysIs( const Lumo::IpGenAddr & addr, std::uin
 
 std::optional< DrCandidate > ActiveNeighbors::strongest( bool addressOnly ) const {
    if( addressOnly ) {
-      if( byAddress_.empty() ) return std::nullopt;
-      const Lumo::IpGenAddr & addr = *byAddress_.rbegin();
-      return DrCandidate{ addr, entries_.find( addr )->drPriority.value };
+      if( entries_.empty() ) return std::nullopt;
+      const auto & [ addr, counted ] = *entries_.rbegin();
+      return DrCandidate{ addr, counted.drPriority.value };
    }
    if( byPriority_.empty() ) return std::nullopt;
    const Rank & top = *byPriority_.rbegin();

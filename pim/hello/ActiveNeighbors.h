@@ -13,7 +13,6 @@
 #include <set>
 #include <utility>
 
-#include "kiv/HashMap.h"
 #include "lumo/IpGenAddr.h"
 #include "model/PimTypes.h"
 
@@ -101,7 +100,10 @@ class ActiveNeighbors {
    // It stops counting; returns what was counted for it, if anything.
    std::optional< Counted > erase( const Lumo::IpGenAddr & addr );
    void clear();
-   const Counted * find( const Lumo::IpGenAddr & addr ) const { return entries_.find( addr ); }
+   const Counted * find( const Lumo::IpGenAddr & addr ) const {
+      const auto it = entries_.find( addr );
+      return it == entries_.end() ? nullptr : &it->second;
+   }
    std::size_t size() const { return entries_.size(); }
 
    // A counted neighbour's options change (ignored for others).
@@ -128,9 +130,10 @@ class ActiveNeighbors {
    static void take( std::map< std::uint16_t, std::uint32_t > & values, std::uint16_t v );
    static void give( std::map< std::uint16_t, std::uint32_t > & values, std::uint16_t v );
 
-   Kiv::HashMap< Lumo::IpGenAddr, Counted > entries_;
+   // Ordered by address: the record of each neighbour and, at its end, the
+   // strongest candidate of an address-only election.
+   std::map< Lumo::IpGenAddr, Counted > entries_;
    std::set< Rank > byPriority_;
-   std::set< Lumo::IpGenAddr > byAddress_;
    // Advertised value -> number of neighbours advertising it.
    std::map< std::uint16_t, std::uint32_t > propagationDelays_;
    std::map< std::uint16_t, std::uint32_t > overrideIntervals_;
