@@ -12,6 +12,7 @@
 namespace Routing::Pim {
 
 KIV_TRACE_HANDLE( "Pim::Intf" )
+KIV_TRACE_HANDLE_FN( neighborTh, "Pim::Neighbor" )
 
 namespace {
 
@@ -223,11 +224,15 @@ void IntfSm::handleAddress() {
    if( !initialized() ) return;
    ITRACE( 7, "Address changed for interface " << intfId_ << " from " << intf_->usedAddressWithMask()
                                                << " to " << intf_->addressWithMask() );
+   const Lumo::IpGenAddr oldAddress = intf_->usedAddressWithMask().address();
    sendHelloMessage( kHoldTimeGoodbye );
    intf_->neighborDel( intf_->addressWithMask().address() );
    intf_->usedAddressWithMaskIs( intf_->addressWithMask() );
    sendHelloMessage( intf_->helloHoldTime() );
    updateDr( intf_->usedAddressWithMask().address(), intf_->drPriority(), intf_->iAmDr() );
+   // The incremental update cannot take the role from an address that no
+   // longer exists: when the old address still holds it, re-elect.
+   if( intf_->usedDr() == oldAddress && oldAddress != intf_->usedAddressWithMask().address() ) updateDr();
 }
 
 void IntfSm::handleMode() {
@@ -259,7 +264,7 @@ void IntfSm::handleInitialized() {
    }
    const double now = Kiv::System::currentTime();
    initializedIs( true );
-   activeLanPruneDelayMaxValid_ = false;
+   active_.clear();
 
    // Hello side.
    intf_->neighborDel( intf_->addressWithMask().address() );
@@ -288,10 +293,8 @@ void IntfSm::handleInitialized() {
          intf_->activeNeighborDel( addr );
       }
    }
-   intf_->activeNeighborForEach( [ this ]( const Lumo::IpGenAddr &, const Kiv::Ptr< const Neighbor > & n ) {
-      if( !n->drPriorityOption().valid ) neighborNotUsingDrPriorityInc( 1 );
-      if( !n->lanPruneDelayOption().valid ) neighborNotUsingLanPruneInc( 1 );
-      if( !n->lanPruneDelayOption().tBit ) neighborNotUsingTBitInc( 1 );
+   intf_->activeNeighborForEach( [ this ]( const Lumo::IpGenAddr & addr, const Kiv::Ptr< const Neighbor > & n ) {
+      active_.insert( addr, n->drPriorityOption(), n->lanPruneDelayOption() );
    } );
    updateDr();
    updatePropagationDelay();
@@ -335,35 +338,23 @@ void IntfSm::handleInitialized() {
 
 // ---- DR side -------------------------------------------------------------------------
 
+DrCandidate IntfSm::ownDrCandidate() const {
+   // During reload this router bids 1, whatever its configured priority.
+   const bool reload = inputs_.pimCellGlobalStatus && inputs_.pimCellGlobalStatus->reload();
+   return DrCandidate{ intf_->usedAddressWithMask().address(), reload ? 1u : intf_->drPriority() };
+}
+
 void IntfSm::updateDr() {
    ITRACE( 8, "updateDr" << "()" );
    if( !intf_ ) return;
-   const bool reload = inputs_.pimCellGlobalStatus && inputs_.pimCellGlobalStatus->reload();
-   Lumo::IpGenAddr bestAddr = intf_->usedAddressWithMask().address();
-   std::uint32_t bestPriority = reload ? 1u : intf_->drPriority();
    const bool addressOnly = neighborNotUsingDrPriority() != 0;
-   for( auto it = intf_->activeNeighborIter(); it; ++it ) {
-      const Kiv::Ptr< Neighbor > * slot = intf_->neighborColl().find( it.key() );
-      if( !slot ) continue;
-      const Lumo::IpGenAddr & addr = it.key();
-      if( addressOnly ) {
-         if( bestAddr < addr ) bestAddr = addr;
-         continue;
-      }
-      const std::uint32_t priority = ( *slot )->drPriorityOption().value;
-      // Equal candidates never replace the current best.
-      if( bestPriority < priority || ( bestPriority == priority && bestAddr < addr ) ) {
-         bestAddr = addr;
-         bestPriority = priority;
-      }
-   }
-   const std::uint32_t usedPriority = addressOnly ? kDrPriorityAddressOnly : bestPriority;
-   intf_->usedDrIs( bestAddr );
-   intf_->usedDrPriorityIs( usedPriority );
-   ITRACE( 2, "Updated used DR for interface " << intfId_ << " to " << bestAddr << " with priority "
-                                               << usedPriority );
+   const std::optional< DrCandidate > strongest = active_.strongest( addressOnly );
+   const DrResult r = electDr( ownDrCandidate(), strongest ? &*strongest : nullptr, addressOnly );
+   intf_->usedDrIs( r.dr );
+   intf_->usedDrPriorityIs( r.priority );
+   ITRACE( 2, "Updated used DR for interface " << intfId_ << " to " << r.dr << " with priority " << r.priority );
    RUNDLE_RECORD( 2, "IntfSm::" << "updateDr" << "(), Updated used DR for interface " << intfId_ << " to "
-                                << bestAddr << " with priority " << usedPriority );
+                                << r.dr << " with priority " << r.priority );
 }
 
 void IntfSm::updateDr( const Lumo::IpGenAddr & addr, std::uint32_t priority, bool isDr ) {
@@ -374,44 +365,39 @@ void IntfSm::updateDr( const Lumo::IpGenAddr & addr, std::uint32_t priority, boo
       if( addr == intf_->usedAddressWithMask().address() ) priority = 1;
    }
    const bool addressOnly = neighborNotUsingDrPriority() != 0;
-   if( addressOnly ) {
-      // Only the address counts; the recorded priority is left alone.
-      if( intf_->usedDr() < addr ) {
-         intf_->usedDrIs( addr );
-         intf_->usedDrPriorityIs( kDrPriorityAddressOnly );
-         ITRACE( 2, "Updated used DR for interface " << intfId_ << " to " << addr );
-         RUNDLE_RECORD( 2, "IntfSm::" << "updateDr" << "(), Updated used DR for interface " << intfId_
-                                      << " to " << addr );
-      }
-      return;
-   }
-   if( isDr ) {
-      if( priority <= intf_->usedDrPriority() ) {
+   const DrCandidate holder{ intf_->usedDr(), intf_->usedDrPriority() };
+   if( isDr && !addressOnly ) {
+      if( priority <= holder.priority ) {
          updateDr();   // the DR may have lost
          return;
       }
       intf_->usedDrPriorityIs( priority );
-      ITRACE( 2, "Updated used DR for interface " << intfId_ << " to " << intf_->usedDr()
-                                                  << " with priority " << intf_->usedDrPriority() );
+      ITRACE( 2, "Updated used DR for interface " << intfId_ << " to " << holder.address << " with priority "
+                                                  << priority );
       RUNDLE_RECORD( 2, "IntfSm::" << "updateDr" << "(), Updated used DR for interface " << intfId_
-                                   << " to " << intf_->usedDr() << " with priority "
-                                   << intf_->usedDrPriority() );
+                                   << " to " << holder.address << " with priority " << priority );
       return;
    }
-   if( priority > intf_->usedDrPriority() ) {
-      intf_->usedDrIs( addr );
-      intf_->usedDrPriorityIs( priority );
-      ITRACE( 2, "Updated used DR for interface " << intfId_ << " to " << addr << " with priority "
-                                                  << priority );
+   // One challenger against the holder; in address-only mode the recorded
+   // priority is left alone unless the role moves.
+   const DrCandidate challenger{ addr, priority };
+   if( !drOutranks( challenger, holder, addressOnly ) ) return;
+   const DrResult r = electDr( holder, &challenger, addressOnly );
+   intf_->usedDrIs( r.dr );
+   intf_->usedDrPriorityIs( r.priority );
+   if( addressOnly ) {
+      ITRACE( 2, "Updated used DR for interface " << intfId_ << " to " << r.dr );
+      RUNDLE_RECORD( 2, "IntfSm::" << "updateDr" << "(), Updated used DR for interface " << intfId_ << " to "
+                                   << r.dr );
+      return;
+   }
+   ITRACE( 2, "Updated used DR for interface " << intfId_ << " to " << r.dr << " with priority " << r.priority );
+   if( holder.priority < priority ) {
       RUNDLE_RECORD( 2, "IntfSm::" << "updateDr" << "(), Updated used DR for interface " << intfId_
-                                   << " to " << addr << " with priority " << priority );
-   } else if( priority == intf_->usedDrPriority() && intf_->usedDr() < addr ) {
-      intf_->usedDrIs( addr );
-      intf_->usedDrPriorityIs( priority );
-      ITRACE( 2, "Updated used DR for interface " << intfId_ << " to " << addr << " with priority "
-                                                  << priority );
+                                   << " to " << r.dr << " with priority " << r.priority );
+   } else {
       RUNDLE_RECORD( 2, "IntfSm::" << "updateDr" << "(), Updated used DR for interface " << intfId_
-                                   << " to " << addr << " with  priority " << priority );
+                                   << " to " << r.dr << " with  priority " << r.priority );
    }
 }
 
@@ -493,18 +479,12 @@ void IntfSm::handleActiveNeighbor( const Lumo::IpGenAddr & addr ) {
          nsm->prevDrPriorityOptionIs( dr );
          nsm->prevLanPruneDelayOptionIs( lpd );
       }
+      active_.insert( addr, dr, lpd );
       // Incremental only, also when this neighbour switches the interface
       // to address-only mode.
-      if( !dr.valid ) neighborNotUsingDrPriorityInc( 1 );
       updateDr( addr, dr.value, intf_->usedDr() == addr );
-      if( activeLanPruneDelayMaxValid_ ) {
-         activeMaxPropagationDelay_ = std::max( activeMaxPropagationDelay_, lpd.propagationDelay );
-         activeMaxOverrideInterval_ = std::max( activeMaxOverrideInterval_, lpd.overrideInterval );
-      }
-      if( !lpd.valid ) neighborNotUsingLanPruneInc( 1 );
       updatePropagationDelay();
       updateOverrideInterval();
-      if( !lpd.tBit ) neighborNotUsingTBitInc( 1 );
       updateTBit();
       neighborEventTriggeredHelloIs( true );
       intf_->triggeredHelloIs( true );
@@ -516,24 +496,13 @@ void IntfSm::handleActiveNeighbor( const Lumo::IpGenAddr & addr ) {
    if( logChange ) {
       PIM_NBRCHG.log( Lumo::valueToStrep( addr ), "DOWN", Lumo::valueToStrep( intfId_ ) );
    }
-   const Kiv::Ptr< NeighborSm > nsm = neighborSm( addr );
-   if( activeLanPruneDelayMaxValid_ ) {
-      // Only a neighbour holding a maximum can lower it.
-      const Kiv::Ptr< Neighbor > gone = nsm ? nsm->neighbor() : Kiv::Ptr< Neighbor >();
-      if( !gone || gone->lanPruneDelayOption().propagationDelay >= activeMaxPropagationDelay_ ||
-          gone->lanPruneDelayOption().overrideInterval >= activeMaxOverrideInterval_ ) {
-         activeLanPruneDelayMaxValid_ = false;
-      }
-   }
-   if( !nsm ) return;
-   if( !nsm->prevDrPriorityOption().valid ) neighborNotUsingDrPriorityDec( 1 );
+   // What was counted for it leaves with it; a neighbour never counted
+   // changes nothing.
+   if( !active_.erase( addr ) ) return;
    // In address-only mode a departing non-DR cannot change the result.
    if( intf_->usedDr() == addr || neighborNotUsingDrPriority() == 0 ) updateDr();
-   const LanPruneDelayOption lpd = nsm->prevLanPruneDelayOption();
-   if( !lpd.valid ) neighborNotUsingLanPruneDec( 1 );
    updatePropagationDelay();
    updateOverrideInterval();
-   if( !lpd.tBit ) neighborNotUsingTBitDec( 1 );
    updateTBit();
 }
 
@@ -608,10 +577,7 @@ void IntfSm::updatePropagationDelay() {
    if( !intf_ ) return;
    std::uint16_t value = kPropagationDelayDefault;
    if( neighborNotUsingLanPrune() == 0 ) {
-      std::uint16_t propagationDelay;
-      std::uint16_t overrideInterval;
-      activeLanPruneDelayMax( propagationDelay, overrideInterval );
-      value = std::max( intf_->propagationDelay(), propagationDelay );
+      value = std::max( intf_->propagationDelay(), active_.maxPropagationDelay() );
    }
    intf_->usedPropagationDelayIs( value );
    ITRACE( 7, "Updated used propagation delay for interface " << intfId_ << " to " << value );
@@ -622,29 +588,10 @@ void IntfSm::updateOverrideInterval() {
    if( !intf_ ) return;
    std::uint16_t value = kOverrideIntervalDefault;
    if( neighborNotUsingLanPrune() == 0 ) {
-      std::uint16_t propagationDelay;
-      std::uint16_t overrideInterval;
-      activeLanPruneDelayMax( propagationDelay, overrideInterval );
-      value = std::max( intf_->overrideInterval(), overrideInterval );
+      value = std::max( intf_->overrideInterval(), active_.maxOverrideInterval() );
    }
    intf_->usedOverrideIntervalIs( value );
    ITRACE( 7, "Updated used override interval for interface " << intfId_ << " to " << value );
-}
-
-void IntfSm::activeLanPruneDelayMax( std::uint16_t & propagationDelay, std::uint16_t & overrideInterval ) {
-   if( !activeLanPruneDelayMaxValid_ ) {
-      std::uint16_t pd = 0;
-      std::uint16_t oi = 0;
-      intf_->activeNeighborForEach( [ & ]( const Lumo::IpGenAddr &, const Kiv::Ptr< const Neighbor > & n ) {
-         pd = std::max( pd, n->lanPruneDelayOption().propagationDelay );
-         oi = std::max( oi, n->lanPruneDelayOption().overrideInterval );
-      } );
-      activeMaxPropagationDelay_ = pd;
-      activeMaxOverrideInterval_ = oi;
-      activeLanPruneDelayMaxValid_ = true;
-   }
-   propagationDelay = activeMaxPropagationDelay_;
-   overrideInterval = activeMaxOverrideInterval_;
 }
 
 void IntfSm::updateTBit() {
@@ -697,6 +644,67 @@ void IntfSm::updateBfd( const Lumo::IpGenAddr & addr, bool enabled ) {
    removeBfd( addr );
    if( intf_->inactiveBfdNeighborHas( addr ) ) intf_->inactiveBfdNeighborDel( addr );
    if( n ) intf_->activeNeighborIs( n );
+}
+
+// ---- what the NeighborSms report --------------------------------------------------
+
+void IntfSm::neighborGenerationIdChanged() {
+   neighborEventTriggeredHelloIs( true );
+}
+
+void IntfSm::neighborBfdRecovered() {
+   sendHelloMessage( intf_->helloHoldTime() );
+}
+
+void IntfSm::neighborDrPriorityOptionIs( const Lumo::IpGenAddr & addr, const DrPriorityOption & option ) {
+   // A neighbour held out by BFD takes no part in the election and is not
+   // counted; its options are counted when it becomes active again.
+   const ActiveNeighbors::Counted * counted = active_.find( addr );
+   if( !counted ) return;
+   const bool validityKept = counted->drPriority.valid == option.valid;
+   active_.drPriorityOptionIs( addr, option );
+   if( validityKept ) {
+      updateDr( addr, option.value, intf_->usedDr() == addr );
+   } else {
+      updateDr();
+   }
+}
+
+bool IntfSm::neighborLanPruneDelayOptionIs( const Lumo::IpGenAddr & addr, const LanPruneDelayOption & option ) {
+   const ActiveNeighbors::Counted * counted = active_.find( addr );
+   if( !counted ) return true;
+   const LanPruneDelayOption prev = counted->lanPrune;
+   if( option.valid != prev.valid ) {
+      active_.lanPruneDelayOptionIs( addr, option );
+      updatePropagationDelay();
+      updateOverrideInterval();
+      if( option.tBit != prev.tBit ) updateTBit();
+      return true;
+   }
+   // The maxima follow what is advertised even when the option itself is
+   // not taken in below.
+   active_.advertisedDelaysIs( addr, option.propagationDelay, option.overrideInterval );
+   // Deliberately leaves the T bit and the neighbour's previous option untouched.
+   if( neighborNotUsingLanPrune() != 0 ) return false;
+   // Only increases apply here; a decrease waits for a full update. They are
+   // reported with the neighbour's option change, under its facility.
+   if( option.propagationDelay != prev.propagationDelay &&
+       option.propagationDelay > intf_->usedPropagationDelay() ) {
+      intf_->usedPropagationDelayIs( option.propagationDelay );
+      KIV_TRACE( neighborTh(), 7, "<Vrf:" << inputs_.vrfName << ">"
+                                         << "Updated used propagation delay for interface " << intfId_
+                                         << " to " << option.propagationDelay );
+   }
+   if( option.overrideInterval != prev.overrideInterval &&
+       option.overrideInterval > intf_->usedOverrideInterval() ) {
+      intf_->usedOverrideIntervalIs( option.overrideInterval );
+      KIV_TRACE( neighborTh(), 7, "<Vrf:" << inputs_.vrfName << ">"
+                                         << "Updated used override interval for interface " << intfId_
+                                         << " to " << option.overrideInterval );
+   }
+   active_.lanPruneDelayOptionIs( addr, option );
+   if( option.tBit != prev.tBit ) updateTBit();
+   return true;
 }
 
 Kiv::Ptr< IntfSm > intfSmFactory( const Lumo::IntfId & intfId, const Kiv::Ptr< Intf > & intf,

@@ -9,6 +9,7 @@
 // GlobalIntfSm: one per VRF; owns the IntfSms, recreating them as the kernel's
 // view of interfaces changes, forwards BFD peer state into neighbour entries
 // and fans the reload / DR-delay events out to every interface.
+#include "hello/ActiveNeighbors.h"
 #include "hello/PimNeighborSm.h"
 #include "kiv/EntityMacros.h"
 #include "model/PimConfig.h"
@@ -37,23 +38,25 @@ struct IntfSmInputs {
 
 #define PIM_INTF_SM_ATTRS( X )                                                                \
    X( ENTITIES, neighborSm, NeighborSm, Lumo::IpGenAddr, NeighborSm )                          \
-   X( COUNTER, neighborNotUsingDrPriority, NeighborNotUsingDrPriority, std::uint32_t )         \
-   X( COUNTER, neighborNotUsingLanPrune, NeighborNotUsingLanPrune, std::uint32_t )             \
-   X( COUNTER, neighborNotUsingTBit, NeighborNotUsingTBit, std::uint32_t )                     \
    X( SCALAR, drNotifyDelay, DrNotifyDelay, bool, false )                                      \
    X( SCALAR, neighborEventTriggeredHello, NeighborEventTriggeredHello, bool, false )          \
    X( SCALAR, initialized, Initialized, bool, false )
 
-class IntfSm : public Kiv::StateMachine {
+class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
  public:
    IntfSm( const Lumo::IntfId & intfId, const Kiv::Ptr< Intf > & intf, const IntfSmInputs & inputs );
    ~IntfSm() override;
    KIV_ENTITY( IntfSm, "Routing::Pim::IntfSm", PIM_INTF_SM_ATTRS )
 
    const Lumo::IntfId & intfId() const { return intfId_; }
-   const Kiv::Ptr< Intf > & intf() const { return intf_; }
+   const Kiv::Ptr< Intf > & intf() const override { return intf_; }
    const IntfSmInputs & inputs() const { return inputs_; }
-   const L3::VrfName & vrfName() const { return inputs_.vrfName; }
+   const L3::VrfName & vrfName() const override { return inputs_.vrfName; }
+   // The active neighbours as counted: options, DR candidates, delay maxima.
+   const ActiveNeighbors & activeNeighbors() const { return active_; }
+   std::uint32_t neighborNotUsingDrPriority() const { return active_.notUsingDrPriority(); }
+   std::uint32_t neighborNotUsingLanPrune() const { return active_.notUsingLanPrune(); }
+   std::uint32_t neighborNotUsingTBit() const { return active_.notUsingTBit(); }
    Kiv::Seconds helloTimerTimeMin() const { return helloTimer_.timeMin(); }
    Kiv::Seconds helloTriggeredTimerTimeMin() const { return helloTriggeredTimer_.timeMin(); }
 
@@ -150,16 +153,16 @@ class IntfSm : public Kiv::StateMachine {
       IntfSm * owner_;
    };
 
-   friend class NeighborSm;
-   // The largest LAN prune delay values among the active neighbours, kept so
-   // that a neighbour coming up does not rescan the table; NeighborSm marks
-   // them stale when a neighbour's option changes.
-   void activeLanPruneDelayMaxStale() { activeLanPruneDelayMaxValid_ = false; }
-   void activeLanPruneDelayMax( std::uint16_t & propagationDelay, std::uint16_t & overrideInterval );
-   bool activeLanPruneDelayMaxValid_ = false;
-   std::uint16_t activeMaxPropagationDelay_ = 0;
-   std::uint16_t activeMaxOverrideInterval_ = 0;
+   // What the NeighborSms report, through NeighborSmOwner only.
+   void neighborGenerationIdChanged() override;
+   void neighborDrPriorityOptionIs( const Lumo::IpGenAddr & addr, const DrPriorityOption & option ) override;
+   bool neighborLanPruneDelayOptionIs( const Lumo::IpGenAddr & addr, const LanPruneDelayOption & option ) override;
+   void neighborBfdRecovered() override;
 
+   // This router's candidacy: its used address, priority 1 during reload.
+   DrCandidate ownDrCandidate() const;
+
+   ActiveNeighbors active_;
    const Lumo::IntfId intfId_;
    Kiv::Ptr< Intf > intf_;
    IntfSmInputs inputs_;

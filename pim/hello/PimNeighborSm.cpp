@@ -2,7 +2,6 @@
 
 #include <ios>
 
-#include "hello/PimIntfSm.h"
 #include "kiv/Log.h"
 #include "kiv/Trace.h"
 #include "rundle/Rundle.h"
@@ -26,9 +25,9 @@ Kiv::LogHandle PIM_BFD_STATE_CHANGE( "PIM_BFD_STATE_CHANGE", Kiv::LogNotice,
                                      "The BFD state changed on the PIM neighbor.",
                                      Kiv::NoActionRequired, 0.0, 1.0, 0 );
 
-const L3::VrfName & vrfOf( const IntfSm * sm ) {
+const L3::VrfName & vrfOf( const NeighborSmOwner * owner ) {
    static const L3::VrfName none;
-   return sm ? sm->vrfName() : none;
+   return owner ? owner->vrfName() : none;
 }
 
 bool bfdIsDown( Bfd::OperState s ) {
@@ -38,13 +37,13 @@ bool bfdIsDown( Bfd::OperState s ) {
 } // namespace
 
 #define NTRACE( level, expr ) \
-   KIV_TRACE( th(), level, "<Vrf:" << vrfOf( intfSm_ ) << ">" << expr )
+   KIV_TRACE( th(), level, "<Vrf:" << vrfOf( owner_ ) << ">" << expr )
 
 NeighborSm::NeighborSm( const Lumo::IpGenAddr & address, const Kiv::Ptr< Neighbor > & neighbor,
                         const Kiv::Ptr< Tolm::TimerWheel > & timerWheel,
-                        const Kiv::Ptr< const Config > & pimConfig, IntfSm * intfSm )
+                        const Kiv::Ptr< const Config > & pimConfig, NeighborSmOwner * owner )
       : address_( address ), neighbor_( neighbor ), timerWheel_( timerWheel ), pimConfig_( pimConfig ),
-        intfSm_( intfSm ), neighborReactor_( this ), neighborTimer_( this, timerWheel.ptr() ) {
+        owner_( owner ), neighborReactor_( this ), neighborTimer_( this, timerWheel.ptr() ) {
    neighborReactor_.kivOwnerIs( this );
    neighborReactor_.notifierIs( neighbor_ );
    handleInitialized();
@@ -64,7 +63,7 @@ NeighborSm::~NeighborSm() {
    } while( 0 )
 
 void NeighborSm::handleInitialized() {
-   intf_ = intfSm_ ? intfSm_->intf() : Kiv::Ptr< Intf >();
+   intf_ = owner_ ? owner_->intf() : Kiv::Ptr< Intf >();
    if( !neighbor_ || !intf_ || !timerWheel_ ) {
       NTRACE( 1, "Error - Missing neighbor, interface or timer wheel for neighbor " << address_ );
       return;
@@ -73,7 +72,7 @@ void NeighborSm::handleInitialized() {
    NTRACE( 7, "Enabling state machine for neighbor " << address_ << " on interface " << intf_->id() );
    handleHoldTime();
    handleSecondaryAddress();
-   // IntfSm counts a new neighbour's options itself; these only record them.
+   // The owner counts a new neighbour's options itself; these only record them.
    prevDrPriorityOptionIs( neighbor_->drPriorityOption() );
    prevLanPruneDelayOptionIs( neighbor_->lanPruneDelayOption() );
    prevGenerationIdOptionIs( neighbor_->generationIdOption() );
@@ -132,7 +131,7 @@ void NeighborSm::handleGenerationIdOption() {
    NTRACE( 7, "Generation Id Option changed for neighbor " << address_ << " on interface "
                                                            << intf_->id() << ".  enabled=" << option.valid
                                                            << " id=" << option.value );
-   intfSm_->neighborEventTriggeredHelloIs( true );
+   owner_->neighborGenerationIdChanged();
    intf_->triggeredHelloIs( true );
 }
 
@@ -143,75 +142,20 @@ void NeighborSm::handleDrPriorityOption() {
    NTRACE( 7, "DR Priority Option changed for neighbor " << address_ << " on interface "
                                                          << intf_->id() << ".  enabled=" << option.valid
                                                          << " id=" << option.value );
-   // A neighbour held out by BFD takes no part in the election and is not
-   // counted; IntfSm counts its options when it becomes active again.
-   if( intf_->activeNeighborHas( address_ ) ) {
-      if( option.valid == prevDrPriorityOption().valid ) {
-         const bool isDr = intf_->usedDr() == address_;
-         intfSm_->updateDr( address_, option.value, isDr );
-      } else {
-         if( option.valid ) {
-            intfSm_->neighborNotUsingDrPriorityDec( 1 );
-         } else {
-            intfSm_->neighborNotUsingDrPriorityInc( 1 );
-         }
-         intfSm_->updateDr();
-      }
-   }
+   owner_->neighborDrPriorityOptionIs( address_, option );
    prevDrPriorityOptionIs( option );
 }
 
 void NeighborSm::handleLanPruneDelayOption() {
    NTRACE( 8, "void Routing::Pim::NeighborSm::handleLanPruneDelayOption()" );
-   if( intfSm_ ) intfSm_->activeLanPruneDelayMaxStale();
    NEIGHBOR_PRESENT_OR_RETURN();
    const LanPruneDelayOption option = neighbor_->lanPruneDelayOption();
-   const LanPruneDelayOption prev = prevLanPruneDelayOption();
    NTRACE( 7, "Lan Prune Option changed for neighbor "
                  << address_ << " on interface " << intf_->id() << ".  enabled=" << option.valid
                  << " propagation delay==" << option.propagationDelay
                  << " override interval=" << option.overrideInterval
                  << " suppression bit=" << option.tBit );
-   if( !intf_->activeNeighborHas( address_ ) ) {
-      prevLanPruneDelayOptionIs( option );
-      return;
-   }
-   if( option.valid != prev.valid ) {
-      if( option.valid ) {
-         intfSm_->neighborNotUsingLanPruneDec( 1 );
-      } else {
-         intfSm_->neighborNotUsingLanPruneInc( 1 );
-      }
-      intfSm_->updatePropagationDelay();
-      intfSm_->updateOverrideInterval();
-   } else {
-      if( intfSm_->neighborNotUsingLanPrune() != 0 ) {
-         // Deliberately leaves the T bit and the previous option untouched.
-         return;
-      }
-      // Only increases apply here; a decrease waits for a full update.
-      if( option.propagationDelay != prev.propagationDelay &&
-          option.propagationDelay > intf_->usedPropagationDelay() ) {
-         intf_->usedPropagationDelayIs( option.propagationDelay );
-         NTRACE( 7, "Updated used propagation delay for interface " << intf_->id() << " to "
-                                                                    << option.propagationDelay );
-      }
-      if( option.overrideInterval != prev.overrideInterval &&
-          option.overrideInterval > intf_->usedOverrideInterval() ) {
-         intf_->usedOverrideIntervalIs( option.overrideInterval );
-         NTRACE( 7, "Updated used override interval for interface " << intf_->id() << " to "
-                                                                    << option.overrideInterval );
-      }
-   }
-   if( option.tBit != prev.tBit ) {
-      if( option.tBit ) {
-         intfSm_->neighborNotUsingTBitDec( 1 );
-      } else {
-         intfSm_->neighborNotUsingTBitInc( 1 );
-      }
-      intfSm_->updateTBit();
-   }
-   prevLanPruneDelayOptionIs( option );
+   if( owner_->neighborLanPruneDelayOptionIs( address_, option ) ) prevLanPruneDelayOptionIs( option );
 }
 
 void NeighborSm::handleSecondaryAddress( const Lumo::IpGenAddr & addr ) {
@@ -302,7 +246,7 @@ void NeighborSm::handleBfdState() {
                                                             << intf_->id()
                                                             << ".  Triggering  hello on interface." );
          // The entry stays on the down list until the neighbour's next Hello.
-         intfSm_->sendHelloMessage( intf_->helloHoldTime() );
+         owner_->neighborBfdRecovered();
       }
    }
    prevBfdStateIs( state );
@@ -310,8 +254,8 @@ void NeighborSm::handleBfdState() {
 
 Kiv::Ptr< NeighborSm > NeighborSmIs( const Lumo::IpGenAddr & address, const Kiv::Ptr< Neighbor > & neighbor,
                                      const Kiv::Ptr< Tolm::TimerWheel > & timerWheel,
-                                     const Kiv::Ptr< const Config > & pimConfig, IntfSm * intfSm ) {
-   Kiv::Ptr< NeighborSm > sm = Kiv::make< NeighborSm >( address, neighbor, timerWheel, pimConfig, intfSm );
+                                     const Kiv::Ptr< const Config > & pimConfig, NeighborSmOwner * owner ) {
+   Kiv::Ptr< NeighborSm > sm = Kiv::make< NeighborSm >( address, neighbor, timerWheel, pimConfig, owner );
    sm->kivDoZombieReactors( false );
    return sm;
 }
@@ -319,8 +263,8 @@ Kiv::Ptr< NeighborSm > NeighborSmIs( const Lumo::IpGenAddr & address, const Kiv:
 Kiv::Ptr< NeighborSm > neighborSmFactory( const Lumo::IpGenAddr & address,
                                           const Kiv::Ptr< Neighbor > & neighbor,
                                           const Kiv::Ptr< Tolm::TimerWheel > & timerWheel,
-                                          const Kiv::Ptr< const Config > & pimConfig, IntfSm * intfSm ) {
-   return NeighborSmIs( address, neighbor, timerWheel, pimConfig, intfSm );
+                                          const Kiv::Ptr< const Config > & pimConfig, NeighborSmOwner * owner ) {
+   return NeighborSmIs( address, neighbor, timerWheel, pimConfig, owner );
 }
 
 } // namespace Routing::Pim

@@ -1,8 +1,9 @@
 #pragma once
-// NeighborSm: one per neighbour entry. Owns the liveness timer, turns option
-// changes into calls on its IntfSm (DR election, LAN prune delay, T bit,
-// triggered Hellos), keeps the interface's secondary-address map, follows the
-// neighbour's BFD state and picks its transport protocol.
+// NeighborSm: one per neighbour entry. Owns the liveness timer, reports option
+// changes to its owner (the IntfSm, which turns them into DR election, LAN
+// prune delay, T bit and triggered Hellos), keeps the interface's
+// secondary-address map, follows the neighbour's BFD state and picks its
+// transport protocol.
 #include "kiv/EntityMacros.h"
 #include "model/PimConfig.h"
 #include "model/PimStatus.h"
@@ -10,7 +11,27 @@
 
 namespace Routing::Pim {
 
-class IntfSm;
+// What a NeighborSm may ask of the interface machine that owns it. The
+// owner decides what an option change means for the interface (counters,
+// election, LAN prune delay); the neighbour machine only reports it.
+class NeighborSmOwner {
+ public:
+   virtual const Kiv::Ptr< Intf > & intf() const = 0;
+   virtual const L3::VrfName & vrfName() const = 0;
+   // The neighbour's generation id changed: it gets a triggered Hello.
+   virtual void neighborGenerationIdChanged() = 0;
+   // Its DR Priority option changed.
+   virtual void neighborDrPriorityOptionIs( const Lumo::IpGenAddr & addr, const DrPriorityOption & option ) = 0;
+   // Its LAN Prune Delay option changed; false when the owner did not take
+   // the new option in (the neighbour keeps comparing with the old one).
+   virtual bool neighborLanPruneDelayOptionIs( const Lumo::IpGenAddr & addr,
+                                               const LanPruneDelayOption & option ) = 0;
+   // Its BFD session came back up after it was held out: send a Hello now.
+   virtual void neighborBfdRecovered() = 0;
+
+ protected:
+   ~NeighborSmOwner() = default;
+};
 
 #define PIM_NEIGHBOR_SM_ATTRS( X )                                                      \
    X( SCALAR, prevDrPriorityOption, PrevDrPriorityOption, DrPriorityOption, {} )        \
@@ -23,7 +44,7 @@ class NeighborSm : public Kiv::StateMachine {
  public:
    NeighborSm( const Lumo::IpGenAddr & address, const Kiv::Ptr< Neighbor > & neighbor,
                const Kiv::Ptr< Tolm::TimerWheel > & timerWheel,
-               const Kiv::Ptr< const Config > & pimConfig, IntfSm * intfSm );
+               const Kiv::Ptr< const Config > & pimConfig, NeighborSmOwner * owner );
    ~NeighborSm() override;
    KIV_ENTITY( NeighborSm, "Routing::Pim::NeighborSm", PIM_NEIGHBOR_SM_ATTRS )
 
@@ -31,7 +52,7 @@ class NeighborSm : public Kiv::StateMachine {
    const Kiv::Ptr< Neighbor > & neighbor() const { return neighbor_; }
    const Kiv::Ptr< Intf > & intf() const { return intf_; }
    const Kiv::Ptr< const Config > & pimConfig() const { return pimConfig_; }
-   IntfSm * intfSm() const { return intfSm_; }
+   NeighborSmOwner * owner() const { return owner_; }
    // The liveness timer's absolute expiry (+infinity: never).
    Kiv::Seconds neighborTimerTimeMin() const { return neighborTimer_.timeMin(); }
 
@@ -75,7 +96,7 @@ class NeighborSm : public Kiv::StateMachine {
    Kiv::Ptr< Neighbor > neighbor_;
    Kiv::Ptr< Tolm::TimerWheel > timerWheel_;
    Kiv::Ptr< const Config > pimConfig_;
-   IntfSm * intfSm_;
+   NeighborSmOwner * owner_;
    Kiv::Ptr< Intf > intf_;
    KivNeighbor neighborReactor_;
    KivNeighborTimer neighborTimer_;
@@ -84,10 +105,10 @@ class NeighborSm : public Kiv::StateMachine {
 // Constructs a NeighborSm with its notifications active.
 Kiv::Ptr< NeighborSm > NeighborSmIs( const Lumo::IpGenAddr & address, const Kiv::Ptr< Neighbor > & neighbor,
                                      const Kiv::Ptr< Tolm::TimerWheel > & timerWheel,
-                                     const Kiv::Ptr< const Config > & pimConfig, IntfSm * intfSm );
+                                     const Kiv::Ptr< const Config > & pimConfig, NeighborSmOwner * owner );
 Kiv::Ptr< NeighborSm > neighborSmFactory( const Lumo::IpGenAddr & address,
                                           const Kiv::Ptr< Neighbor > & neighbor,
                                           const Kiv::Ptr< Tolm::TimerWheel > & timerWheel,
-                                          const Kiv::Ptr< const Config > & pimConfig, IntfSm * intfSm );
+                                          const Kiv::Ptr< const Config > & pimConfig, NeighborSmOwner * owner );
 
 } // namespace Routing::Pim

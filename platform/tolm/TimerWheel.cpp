@@ -1,8 +1,10 @@
 #include "tolm/TimerWheel.h"
 
+#include <algorithm>
 #include <bit>
 #include <cassert>
 #include <cmath>
+#include <vector>
 
 #include "kiv/ActivityManager.h"
 
@@ -29,6 +31,13 @@
 // occupied level-0 slot, or to the start of the first occupied slot of a
 // higher level, whose timers then cascade into lower levels. Each timer
 // cascades at most seven times, so every operation is amortised O(1).
+// The timers of the cursor's level-0 slot that are due by the cursor's tick
+// are taken out once, sorted, and kept as the run: a list in firing order
+// from which the earliest is read in O(1). Timers that arrive in that slot
+// later are sorted and merged into the run from its end, where they belong
+// unless they were armed in the past. Any re-arm of a timer in the run files
+// it again. While the run holds timers the cursor stays put, so every
+// timer outside it is due strictly later.
 
 namespace Tolm {
 
@@ -65,6 +74,15 @@ struct TimerWheel::Impl {
    std::uint64_t cursor = 0;
    unsigned nextLane = 0;
    NotifieeConst * bound = nullptr;
+   // The run of due timers (see above) and the buffer used to sort arrivals.
+   Slot run;
+   NotifieeConst * runTail = nullptr;
+   struct Due {
+      Kiv::Seconds deadline;
+      std::uint64_t seq;
+      NotifieeConst * n;
+   };
+   std::vector< Due > arrivals;
 
    // Firing order: exact deadline, then arming order.
    static bool before( const NotifieeConst & a, const NotifieeConst & b ) {
@@ -106,6 +124,11 @@ struct TimerWheel::Impl {
 
    void remove( NotifieeConst & n ) {
       Slot * s = n.slot_;
+      if( s == &run ) {
+         if( n.prev_ ) n.prev_->next_ = n.next_; else run.head = n.next_;
+         if( n.next_ ) n.next_->prev_ = n.prev_; else runTail = n.prev_;
+         return;
+      }
       if( n.prev_ ) n.prev_->next_ = n.next_; else s->head = n.next_;
       if( n.next_ ) n.next_->prev_ = n.prev_;
       if( !s->head ) {
@@ -132,6 +155,41 @@ struct TimerWheel::Impl {
                any = true;
             }
          }
+      }
+   }
+
+   // Empties the cursor's level-0 slot: timers due by the cursor's tick join
+   // the run in firing order, later ones (left by a re-arm) go to their place.
+   void absorb( std::size_t flat ) {
+      arrivals.clear();
+      forEach( flat, [ this ]( NotifieeConst & n ) {
+         const std::uint64_t tick = tickOf( n.deadline_ );
+         remove( n );
+         if( tick > cursor ) {
+            push( n, slotOf( tick ) );
+         } else {
+            arrivals.push_back( Due{ n.deadline_, n.seq_, &n } );
+         }
+      } );
+      if( arrivals.empty() ) return;
+      std::sort( arrivals.begin(), arrivals.end(), []( const Due & a, const Due & b ) {
+         return a.deadline < b.deadline || ( a.deadline == b.deadline && a.seq < b.seq );
+      } );
+      // Merge from the end: find where the first arrival goes, then walk on.
+      NotifieeConst * after = runTail;
+      while( after && before( *arrivals.front().n, *after ) ) after = after->prev_;
+      for( const Due & d : arrivals ) {
+         NotifieeConst & n = *d.n;
+         for( NotifieeConst * next = after ? after->next_ : run.head; next && before( *next, n );
+              next = next->next_ ) {
+            after = next;
+         }
+         n.slot_ = &run;
+         n.prev_ = after;
+         n.next_ = after ? after->next_ : run.head;
+         if( n.next_ ) n.next_->prev_ = &n; else runTail = &n;
+         if( after ) after->next_ = &n; else run.head = &n;
+         after = &n;
       }
    }
 
@@ -223,6 +281,7 @@ void TimerWheel::NotifieeConst::rearm( Kiv::Seconds t ) {
 // ---- TimerWheel --------------------------------------------------------------------
 
 TimerWheel::TimerWheel( const Kiv::Clock & clock ) : clock_( clock ), impl_( new Impl ) {
+   runSlot_ = &impl_->run;
    impl_->cursor = tickOf( clock_.now() );
    Kiv::activityManager().timerWheelIs( this );
 }
@@ -269,7 +328,7 @@ void TimerWheel::fileDeferred() {
    for( unsigned i = 0; i < deferredCount_; ++i ) {
       NotifieeConst & n = *deferred_[ i ];
       const std::size_t flat = w.slotOf( tickOf( n.deadline_ ) );
-      if( w.flatOf( n.slot_ ) == flat ) continue;
+      if( n.slot_ != &w.run && w.flatOf( n.slot_ ) == flat ) continue;
       w.remove( n );
       w.push( n, flat );
    }
@@ -310,22 +369,17 @@ bool TimerWheel::nextDue( Kiv::Seconds & deadline, std::uint64_t & seq ) {
    Impl & w = *impl_;
    if( !earliest_ ) {
       if( deferredCount_ ) fileDeferred();
-      NotifieeConst * best = nullptr;
-      while( !best ) {
-         const std::size_t flat = w.firstSlot();
-         // The slot's own tick is the cursor: later timers were left here by a
-         // re-arm and go to their true place now; the others are due first.
-         w.forEach( flat, [ &w, &best ]( NotifieeConst & n ) {
-            const std::uint64_t tick = tickOf( n.deadline_ );
-            if( tick > w.cursor ) {
-               w.remove( n );
-               w.push( n, w.slotOf( tick ) );
-            } else if( !best || Impl::before( n, *best ) ) {
-               best = &n;
-            }
-         } );
+      for( ;; ) {
+         if( w.run.head ) {
+            // Timers due by now are in the run or arrived in the cursor's slot.
+            const std::size_t flat0 = static_cast< std::size_t >( w.cursor & ( kSlots - 1 ) );
+            if( w.occupied[ flat0 >> 6 ] & ( std::uint64_t{ 1 } << ( flat0 & 63 ) ) ) w.absorb( flat0 );
+            break;
+         }
+         w.absorb( w.firstSlot() );
+         if( w.run.head ) break;
       }
-      earliest_ = best;
+      earliest_ = w.run.head;
    }
    deadline = earliest_->deadline_;
    seq = earliest_->seq_;

@@ -13,7 +13,8 @@
 //
 // Cost: arming and disarming are O(1) whatever the number of armed timers
 // (hierarchical wheel of intrusive lists with occupancy bitmaps); finding the
-// next deadline scans one slot. Re-arming an armed timer later (a refresh) is
+// next deadline sorts the due slot once into a run of due timers, so firing
+// N timers of one tick costs O(N log N) in all, not a scan per timer. Re-arming an armed timer later (a refresh) is
 // inline and writes only the timer: with many timers the cost of a re-arm is
 // the cache miss on the timer, so that path stays short enough for the CPU to
 // overlap the misses of consecutive re-arms.
@@ -113,7 +114,9 @@ class TimerWheel : public Kiv::PtrInterface {
       n.deadline_ = t;
       n.seq_ = ++armingSeq_;
       deferred_[ deferredCount_ ] = &n;
-      deferredCount_ += earlier;
+      // A timer in the sorted run of due timers is re-filed either way: the
+      // run's order holds only while its keys stay put.
+      deferredCount_ += earlier | ( n.slot_ == runSlot_ );
       if( deferredCount_ == kDeferred ) fileDeferred();
    }
    void fileDeferred();
@@ -135,6 +138,7 @@ class TimerWheel : public Kiv::PtrInterface {
    std::array< NotifieeConst *, kDeferred > deferred_;
    struct Impl;
    Impl * impl_;
+   Slot * runSlot_ = nullptr;   // the run of due timers, inside impl_
 };
 
 // Creates a wheel and registers it with the activity manager, which then

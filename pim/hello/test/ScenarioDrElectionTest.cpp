@@ -181,6 +181,35 @@ TEST( ScenarioDrElection, AddressOnlyUpdatesThatKeepTheDrLeaveItsPriorityAlone )
    EXPECT_EQ( intf->usedDrPriority(), 1u );
 }
 
+// When the router was DR on its old address, the role moves with the
+// address or to the best neighbour; it never stays on an address that left.
+TEST( ScenarioDrElection, OwnAddressChangeReElectsWhenTheOldAddressWasDr ) {
+   struct Case {
+      const char * neighbor;   // nullptr: the router is alone
+      const char * newAddress;
+      const char * dr;
+   };
+   const Case cases[] = {
+      { nullptr, "198.18.0.100/24", "198.18.0.100" },
+      { nullptr, "198.18.0.250/24", "198.18.0.250" },
+      { "198.18.0.150", "198.18.0.100/24", "198.18.0.150" },
+      { "198.18.0.150", "198.18.0.250/24", "198.18.0.250" },
+   };
+   for( const Case & c : cases ) {
+      SCOPED_TRACE( std::string( c.neighbor ? c.neighbor : "alone" ) + " -> " + c.newAddress );
+      EngineFixture f;
+      const auto eth1 = ethernet( 1 );
+      auto intf = f.startIntf( eth1, "198.18.0.200/24" );
+      if( c.neighbor ) f.receive( eth1, hello( c.neighbor ).dr( 1 ) );
+      ASSERT_TRUE( intf->iAmDr() );
+      intf->addressWithMaskIs( ipm( c.newAddress ) );
+      f.advanceBy( 100.0 );
+      EXPECT_EQ( intf->usedDr(), ip( c.dr ) );
+      EXPECT_EQ( intf->usedDrPriority(), 1u );
+      EXPECT_EQ( intf->iAmDr(), std::string( c.newAddress ).rfind( c.dr, 0 ) == 0 );
+   }
+}
+
 TEST( ScenarioDrElection, ReloadBidsOneUntilTheDrDelayExpiresAndResetsTheFlag ) {
    EngineFixture f;
    const auto eth1 = ethernet( 1 );

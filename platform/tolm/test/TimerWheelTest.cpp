@@ -505,8 +505,12 @@ class ReferenceModel {
             forget( id );
             timers_[ id ]->notifierIs( nullptr );
             timers_[ id ]->notifierIs( wheel_.ptr() );
-         } else if( op < 66 ) {
+         } else if( op < 65 ) {
             peek();
+         } else if( op < 66 ) {
+            // A burst in one tick, now or just past: the due run gets long.
+            const Seconds t = now() - pick( 2 ) * 1e-4;
+            for( int k = 0; k < 60; ++k ) arm( pick( kTimers ), t );
          } else {
             advance();
          }
