@@ -5,6 +5,7 @@
 #include <cassert>
 #include <cstring>
 
+#include "agenthost/AttrLog.h"
 #include "kiv/ActivityManager.h"
 
 namespace AgentBase {
@@ -73,6 +74,7 @@ Kiv::Ptr< CAgent > AgentHost::agentIs( const Kiv::Ptr< CAgent > & agent ) {
    agent_->entityManagerIs( entityManager_ );
    agent_->redundancyStatusIs( redundancy_ );
    if( varnDirectory_ ) agent_->varnDirectoryIs( varnDirectory_ );
+   Kiv::NboAttrLog::Root::top().outSmIs( agent_->name() );
    return agent_;
 }
 
@@ -165,7 +167,7 @@ void AgentHost::agentDel() {
    Kiv::Ptr< CAgent > a = std::move( agent_ );
    if( !a ) return;
    a->doCleanup();
-   a->entityManagerIs( nullptr );
+   Kiv::NboAttrLog::Root::top().outSmDel( a->name() );
 }
 
 } // namespace AgentBase

@@ -86,6 +86,7 @@ class AgentHost {
    void varnDirectoryIs( KivVarn::Directory * dir ) { varnDirectory_ = dir; }
 
    // Construction: from a plug-in's factory, or an agent built by the caller.
+   // Also registers the agent's attribute-log output under its name.
    Kiv::Ptr< CAgent > agentIs( const Kiv::Ptr< Plugin > & plugin, const std::string & factoryName,
                                const std::string & agentName );
    Kiv::Ptr< CAgent > agentIs( const Kiv::Ptr< CAgent > & agent );

@@ -51,11 +51,11 @@ bool TypeRegistry::hasType( const std::string & typeName ) const {
    return typeName == "Kiv::Dir" || factories_.contains( typeName );
 }
 
-Kiv::Ptr< Kiv::Notifier > TypeRegistry::create( const std::string & typeName,
+Kiv::Ptr< Kiv::Notifier > TypeRegistry::create( const std::string & typeName, const std::string & path,
                                                 const std::string & name ) const {
    if( typeName == "Kiv::Dir" ) return Kiv::Ptr< Kiv::Notifier >( new Kiv::Dir( Kiv::Name( name ) ) );
    const Factory * f = factories_.find( typeName );
-   return f ? ( *f )( name ) : nullptr;
+   return f ? ( *f )( path, name ) : nullptr;
 }
 
 namespace {
@@ -89,7 +89,7 @@ Kiv::Ptr< Kiv::Notifier > Store::entityIs( const std::string & path, const std::
       }
       return n->entity;
    }
-   Kiv::Ptr< Kiv::Notifier > e = types_.create( typeName, lastElement( path ) );
+   Kiv::Ptr< Kiv::Notifier > e = types_.create( typeName, path, lastElement( path ) );
    if( !e ) throw Kiv::RangeException( "Dovel: unknown type " + typeName );
    entityIs( path, typeName, e );
    return e;
@@ -162,7 +162,7 @@ MountStatus EntityManager::mountOne( const Mount & m ) {
    if( e && store_->typeName( m.path ) != m.typeName ) return mountTypeMismatch_;
    if( !e || mode.fresh ) {
       if( !e && !mode.create ) return mode.optional ? mountSuccess_ : mountNotFound_;
-      e = store_->types().create( m.typeName, lastElement( m.path ) );
+      e = store_->types().create( m.typeName, m.path, lastElement( m.path ) );
       store_->entityIs( m.path, m.typeName, e );
    }
    if( !mode.live ) {
@@ -216,7 +216,7 @@ const Mount * EntityManager::mountOf( const std::string & path ) const {
 Kiv::Ptr< Kiv::Notifier > EntityManager::localEntityIs( const std::string & name,
                                                         const std::string & typeName,
                                                         const std::string & path ) {
-   Kiv::Ptr< Kiv::Notifier > e = store_->types().create( typeName, name );
+   Kiv::Ptr< Kiv::Notifier > e = store_->types().create( typeName, path, name );
    if( !e ) throw Kiv::RangeException( "Dovel: unknown type " + typeName );
    mounted_.insertOrAssignFn( path, Mounted{ Mount( path, typeName, "w" ), e, true } );
    return e;

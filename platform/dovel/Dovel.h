@@ -68,17 +68,20 @@ struct Mount {
 // a type registers it (the store itself knows only "Kiv::Dir").
 class TypeRegistry {
  public:
-   using Factory = std::function< Kiv::Ptr< Kiv::Notifier >( const std::string & name ) >;
+   // Builds the entity that goes to path, named name (the path's last
+   // element unless it is a local entity).
+   using Factory = std::function< Kiv::Ptr< Kiv::Notifier >( const std::string & path, const std::string & name ) >;
    static TypeRegistry & instance();
    void typeIs( const std::string & typeName, Factory f );
    bool hasType( const std::string & typeName ) const;
    // Null for an unknown type.
-   Kiv::Ptr< Kiv::Notifier > create( const std::string & typeName, const std::string & name ) const;
-   // Registers T, built from its last path element as a Kiv::Name (entities)
-   // or default-constructed.
+   Kiv::Ptr< Kiv::Notifier > create( const std::string & typeName, const std::string & path,
+                                     const std::string & name ) const;
+   // Registers T, built from its name as a Kiv::Name (entities) or
+   // default-constructed.
    template< class T >
    void typeIs( const std::string & typeName ) {
-      typeIs( typeName, []( const std::string & name ) -> Kiv::Ptr< Kiv::Notifier > {
+      typeIs( typeName, []( const std::string &, const std::string & name ) -> Kiv::Ptr< Kiv::Notifier > {
          if constexpr( std::is_constructible_v< T, Kiv::Name > ) {
             return Kiv::Ptr< Kiv::Notifier >( new T( Kiv::Name( name ) ) );
          } else {
