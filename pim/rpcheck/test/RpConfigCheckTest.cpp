@@ -1,0 +1,375 @@
+// The static RP check: access-list expansion by hand, one configuration
+// through the machine end to end, and the findings against a brute-force
+// oracle over random rule sets.
+#include <gtest/gtest.h>
+
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "kiv/RangeException.h"
+#include "kiv/testing/TestLoop.h"
+#include "rpcheck/RpConfigCheckSm.h"
+
+namespace {
+
+using namespace Routing::Pim;
+using Acl::AclAction;
+using Acl::StandardAcl;
+using Lumo::AddressFamily;
+using Lumo::IpGenAddr;
+using Lumo::IpGenPrefix;
+
+IpGenAddr ip( const char * s ) { return IpGenAddr::fromStrep( s ); }
+IpGenPrefix pfx( const char * s ) { return IpGenPrefix::fromStrep( s ); }
+
+std::string prefixesText( const std::vector< IpGenPrefix > & v ) {
+   std::string s;
+   for( const IpGenPrefix & p : v ) s += ( s.empty() ? "" : " " ) + valueToStrep( p );
+   return s;
+}
+
+TEST( RpConfigCheckTest, AccessListExpandsToTheFewestExactPrefixes ) {
+   struct Case {
+      const char * acl;
+      AddressFamily af;
+      const char * want;
+   } const cases[] = {
+      { "", AddressFamily::ipv4, "" },
+      { "permit 0.0.0.0/0", AddressFamily::ipv4, "0.0.0.0/0" },
+      { "deny 0.0.0.0/0, permit 239.0.0.0/8", AddressFamily::ipv4, "" },
+      // Adjacent and nested permits merge.
+      { "permit 239.0.0.0/9, permit 239.128.0.0/9", AddressFamily::ipv4, "239.0.0.0/8" },
+      { "permit 239.1.0.0/16, permit 239.0.0.0/8", AddressFamily::ipv4, "239.0.0.0/8" },
+      // A deny after a covering permit never matches.
+      { "permit 239.0.0.0/8, deny 239.1.0.0/16", AddressFamily::ipv4, "239.0.0.0/8" },
+      // A deny before a covering permit cuts a hole.
+      { "deny 239.1.0.0/16, permit 239.0.0.0/8", AddressFamily::ipv4,
+        "239.0.0.0/16 239.2.0.0/15 239.4.0.0/14 239.8.0.0/13 239.16.0.0/12 239.32.0.0/11 "
+        "239.64.0.0/10 239.128.0.0/9" },
+      { "deny 239.0.0.1/32, permit 239.0.0.0/30, permit 239.0.0.1/32", AddressFamily::ipv4,
+        "239.0.0.0/32 239.0.0.2/31" },
+      { "deny 232.0.0.0/8, permit 224.0.0.0/4", AddressFamily::ipv4,
+        "224.0.0.0/5 233.0.0.0/8 234.0.0.0/7 236.0.0.0/6" },
+      // Each family sees only its own entries; holes across the 64-bit middle.
+      { "permit ff3e::/16, permit 224.0.0.0/4", AddressFamily::ipv4, "224.0.0.0/4" },
+      { "permit ff3e::/16, permit 224.0.0.0/4", AddressFamily::ipv6, "ff3e::/16" },
+      { "deny ff3e::8000:0:0:0/65, permit ff3e::/63", AddressFamily::ipv6,
+        "ff3e::/65 ff3e:0:0:1::/64" },
+      { "deny ff3e::/65, permit ff3e::/64", AddressFamily::ipv6, "ff3e::8000:0:0:0/65" },
+   };
+   for( const Case & c : cases ) {
+      EXPECT_EQ( prefixesText( expandStandardAcl( StandardAcl::fromStrep( c.acl ), c.af ) ),
+                 c.want )
+         << c.acl;
+   }
+}
+
+TEST( RpConfigCheckTest, MachineReportsConflictsOverlapsAndMissingLists ) {
+   Kiv::Testing::TestLoop loop( 100.0 );
+   auto config = Kiv::make< StaticRpConfig >( "red" );
+   auto acls = Kiv::make< Acl::StandardAclConfig >( "acl" );
+   auto result = Kiv::make< RpConfigCheckResult >( "red" );
+   const StaticRpRule r1 = StaticRpRule::forPrefix( ip( "198.18.0.1" ), pfx( "239.0.0.0/8" ) );
+   const StaticRpRule r2 = StaticRpRule::forAcl( ip( "198.18.0.2" ), "A" );
+   const StaticRpRule r3 = StaticRpRule::forPrefix( ip( "198.18.0.3" ), pfx( "239.1.0.0/16" ) );
+   const StaticRpRule r5 = StaticRpRule::forAcl( ip( "198.18.0.4" ), "B" );
+   const StaticRpRule r6 = StaticRpRule::forAcl( ip( "198.18.0.1" ), "C" );
+   for( const StaticRpRule & r : { r1, r2, r3, r5, r6 } ) config->ruleIs( r, {} );
+   config->ruleIs( StaticRpRule::forAcl( ip( "198.18.0.1" ), "missing" ), { true } );
+   acls->standardAclIs( "A",
+                        StandardAcl::fromStrep( "permit 239.0.0.0/9, permit 239.128.0.0/9" ) );
+   acls->standardAclIs( "B", StandardAcl::fromStrep( "deny 232.0.0.0/8, permit 224.0.0.0/4" ) );
+   acls->standardAclIs( "C", StandardAcl::fromStrep( "permit 239.0.0.0/8" ) );
+
+   Kiv::Ptr< RpConfigCheckSm > sm( rpConfigCheckSmFactory( config, acls, result ) );
+   ASSERT_TRUE( sm );
+   EXPECT_EQ( result->checkCount(), 0u ); // nothing runs before the caller starts it
+   sm->doStart();
+   EXPECT_EQ( result->ruleCount(), 6u );
+   EXPECT_EQ( result->checkCount(), 1u );
+   EXPECT_EQ( result->lastCheckTime(), 100.0 );
+   // r1, r2 (through its list) and r6 (same RP as r1) all serve 239.0.0.0/8.
+   EXPECT_EQ( result->conflictSize(), 1u );
+   EXPECT_EQ( result->conflict( pfx( "239.0.0.0/8" ) ),
+              ( RpSet{ ip( "198.18.0.1" ), ip( "198.18.0.2" ) } ) );
+   const IpGenPrefix wide = pfx( "236.0.0.0/6" );
+   const std::set< RpOverlap > wantOverlaps = {
+      { r3, pfx( "239.1.0.0/16" ), r1, pfx( "239.0.0.0/8" ) },
+      { r3, pfx( "239.1.0.0/16" ), r2, pfx( "239.0.0.0/8" ) },
+      { r3, pfx( "239.1.0.0/16" ), r6, pfx( "239.0.0.0/8" ) },
+      { r3, pfx( "239.1.0.0/16" ), r5, wide },
+      { r1, pfx( "239.0.0.0/8" ), r5, wide },
+      { r2, pfx( "239.0.0.0/8" ), r5, wide },
+      { r6, pfx( "239.0.0.0/8" ), r5, wide },
+   };
+   std::set< RpOverlap > overlaps;
+   result->overlapForEach( [ & ]( const RpOverlap & o, bool ) { overlaps.insert( o ); } );
+   EXPECT_EQ( overlaps, wantOverlaps );
+   EXPECT_EQ( result->missingAclSize(), 1u );
+   EXPECT_TRUE( result->missingAcl( "missing" ) );
+   const std::string text = rpConfigCheckText( *result );
+   EXPECT_NE( text.find( "  239.0.0.0/8 -> 198.18.0.1, 198.18.0.2\n" ), std::string::npos ) << text;
+   EXPECT_NE( text.find( "  239.1.0.0/16 (198.18.0.3 group 239.1.0.0/16) inside 236.0.0.0/6 "
+                         "(198.18.0.4 access-list B)\n" ),
+              std::string::npos )
+      << text;
+   EXPECT_NE( text.find( "Access list missing is not configured" ), std::string::npos ) << text;
+
+   // A second run drops what no longer holds.
+   config->ruleDel( r2 );
+   config->ruleDel( r6 );
+   acls->standardAclIs( "missing", StandardAcl::fromStrep( "permit 224.0.0.0/4" ) );
+   sm->doStart();
+   EXPECT_EQ( result->checkCount(), 2u );
+   EXPECT_EQ( result->conflictSize(), 0u );
+   EXPECT_EQ( result->missingAclSize(), 0u );
+   // The formerly missing list now serves 224.0.0.0/4 and holds r1, r3 and part of r5.
+   const StaticRpRule nowFound = StaticRpRule::forAcl( ip( "198.18.0.1" ), "missing" );
+   EXPECT_TRUE( result->overlap( { r1, pfx( "239.0.0.0/8" ), nowFound, pfx( "224.0.0.0/4" ) } ) );
+   EXPECT_FALSE( result->overlap( { r3, pfx( "239.1.0.0/16" ), r2, pfx( "239.0.0.0/8" ) } ) );
+
+   EXPECT_THROW( rpConfigCheckSmFactory( nullptr, acls, result ), Kiv::RangeException );
+   EXPECT_THROW( StaticRpRule::forPrefix( ip( "198.18.0.1" ), pfx( "ff3e::/16" ) ),
+                 Kiv::RangeException );
+}
+
+// ---- property test ------------------------------------------------------------
+//
+// Random prefixes vary only in a window of w bits after the first s bits of
+// a base address (or are the whole family, /0), so every address's fate is
+// decided by its window bits, plus one "outside the base" case that only /0
+// entries reach. The oracle evaluates each rule on those 2^w + 1 addresses
+// with the plain first-match list and derives the fewest exact prefixes from
+// the membership table alone.
+constexpr unsigned w = 6;
+
+struct Window {
+   IpGenAddr base; // zero after the first s bits
+   unsigned s;
+};
+
+IpGenAddr::Bytes16 bytesOf( const IpGenAddr & a ) {
+   IpGenAddr::Bytes16 b{};
+   const auto src = a.bytes();
+   std::copy( src.begin(), src.end(), b.begin() );
+   return b;
+}
+
+void setBit( IpGenAddr::Bytes16 & b, unsigned i, bool v ) {
+   const std::uint8_t m = std::uint8_t( 0x80u >> ( i % 8 ) );
+   b[ i / 8 ] = v ? ( b[ i / 8 ] | m ) : ( b[ i / 8 ] & ~m );
+}
+
+IpGenAddr addrOf( AddressFamily af, const IpGenAddr::Bytes16 & b ) {
+   if( af == AddressFamily::ipv6 ) return IpGenAddr( b );
+   return IpGenAddr( IpGenAddr::Bytes4{ b[ 0 ], b[ 1 ], b[ 2 ], b[ 3 ] } );
+}
+
+bool bitOf( const IpGenAddr & a, unsigned i ) {
+   return ( a.bytes()[ i / 8 ] >> ( 7 - i % 8 ) ) & 1;
+}
+
+IpGenAddr withBit( const IpGenAddr & a, unsigned i, bool v ) {
+   IpGenAddr::Bytes16 b = bytesOf( a );
+   setBit( b, i, v );
+   return addrOf( a.af(), b );
+}
+
+// base with the n bits of value (most significant first) from bit s on.
+IpGenAddr windowAddr( const Window & win, std::uint32_t value, unsigned n ) {
+   IpGenAddr::Bytes16 b = bytesOf( win.base );
+   for( unsigned k = 0; k < n; ++k ) setBit( b, win.s + k, ( value >> ( n - 1 - k ) ) & 1 );
+   return addrOf( win.base.af(), b );
+}
+
+IpGenPrefix anyPrefix( AddressFamily af ) {
+   return af == AddressFamily::ipv4 ? pfx( "0.0.0.0/0" ) : pfx( "::/0" );
+}
+
+struct Oracle {
+   const Window & win;
+   const std::vector< StaticRpRule > & rules;
+   const Acl::StandardAclConfig & acls;
+   std::vector< IpGenAddr > cells; // the 2^w window addresses
+   IpGenAddr outsideAddr;          // one address outside the base
+
+   Oracle( const Window & win, const std::vector< StaticRpRule > & rules,
+           const Acl::StandardAclConfig & acls )
+         : win( win ), rules( rules ), acls( acls ) {
+      for( std::uint32_t c = 0; c < ( 1u << w ); ++c ) cells.push_back( windowAddr( win, c, w ) );
+      if( win.s > 0 ) outsideAddr = withBit( win.base, win.s - 1, !bitOf( win.base, win.s - 1 ) );
+   }
+
+   bool member( const StaticRpRule & r, const IpGenAddr & a ) const {
+      if( !r.usesAcl() ) return r.groupPrefix().contains( a );
+      const StandardAcl * acl = acls.standardAclColl().find( r.aclName() );
+      return acl && acl->permits( a );
+   }
+
+   std::vector< IpGenPrefix > blocks( const StaticRpRule & r ) const {
+      static_assert( w == 6, "one bit per window address in a 64-bit mask" );
+      std::uint64_t in = 0;
+      for( std::uint32_t c = 0; c < cells.size(); ++c ) {
+         if( member( r, cells[ c ] ) ) in |= std::uint64_t( 1 ) << c;
+      }
+      const bool outside = win.s > 0 && member( r, outsideAddr );
+      // Block j of length l covers the cells [j << (w - l), (j + 1) << (w - l)).
+      auto full = [ & ]( unsigned l, std::uint32_t j ) {
+         const unsigned size = 1u << ( w - l );
+         const std::uint64_t m =
+            size == 64 ? ~std::uint64_t( 0 ) : ( std::uint64_t( 1 ) << size ) - 1;
+         return ( ( in >> ( j * size ) ) & m ) == m;
+      };
+      std::vector< IpGenPrefix > out;
+      if( outside && full( 0, 0 ) ) return { anyPrefix( win.base.af() ) };
+      if( outside ) {
+         for( unsigned i = 0; i < win.s; ++i ) {
+            const IpGenAddr a = withBit( win.base, i, !bitOf( win.base, i ) );
+            out.push_back( IpGenPrefix::masked( a, i + 1 ) );
+         }
+      }
+      for( unsigned l = 0; l <= w; ++l ) {
+         for( std::uint32_t j = 0; j < ( 1u << l ); ++j ) {
+            if( full( l, j ) && ( l == 0 || !full( l - 1, j >> 1 ) ) ) {
+               out.push_back( IpGenPrefix( windowAddr( win, j, l ), win.s + l ) );
+            }
+         }
+      }
+      return out;
+   }
+
+   RpCheckFindings findings() const {
+      RpCheckFindings f;
+      std::vector< std::vector< IpGenPrefix > > b;
+      std::map< IpGenPrefix, std::set< IpGenAddr > > rpsOf;
+      for( const StaticRpRule & r : rules ) {
+         if( r.usesAcl() && !acls.standardAclColl().find( r.aclName() ) ) {
+            f.missingAcls.insert( r.aclName() );
+         }
+         b.push_back( blocks( r ) );
+         for( const IpGenPrefix & p : b.back() ) rpsOf[ p ].insert( r.rpAddr() );
+      }
+      for( const auto & [ p, rps ] : rpsOf ) {
+         if( rps.size() > 1 ) f.conflicts[ p ] = RpSet( rps.begin(), rps.end() );
+      }
+      for( std::size_t x = 0; x < rules.size(); ++x ) {
+         for( std::size_t y = 0; y < rules.size(); ++y ) {
+            if( x == y ) continue;
+            for( const IpGenPrefix & p : b[ x ] ) {
+               for( const IpGenPrefix & q : b[ y ] ) {
+                  if( q.len() < p.len() && q.contains( p ) ) {
+                     f.overlaps.insert( RpOverlap{ rules[ x ], p, rules[ y ], q } );
+                  }
+               }
+            }
+         }
+      }
+      return f;
+   }
+};
+
+RpCheckFindings resultFindings( const RpConfigCheckResult & r ) {
+   RpCheckFindings f;
+   r.conflictForEach(
+      [ & ]( const IpGenPrefix & p, const RpSet & rps ) { f.conflicts[ p ] = rps; } );
+   r.overlapForEach( [ & ]( const RpOverlap & o, bool ) { f.overlaps.insert( o ); } );
+   r.missingAclForEach( [ & ]( const Kiv::String & n, bool ) { f.missingAcls.insert( n ); } );
+   return f;
+}
+
+std::string describe( const std::vector< StaticRpRule > & rules,
+                      const Acl::StandardAclConfig & acls ) {
+   std::ostringstream os;
+   for( const StaticRpRule & r : rules ) os << "  rule " << r << "\n";
+   acls.standardAclForEach( [ & ]( const Kiv::String & n, const StandardAcl & a ) {
+      os << "  list " << n << ": " << a << "\n";
+   } );
+   return os.str();
+}
+
+TEST( RpConfigCheckTest, FindingsMatchBruteForceOverRandomRuleSets ) {
+   Kiv::Testing::TestLoop loop;
+   const Window windows[] = {
+      { ip( "0.0.0.0" ), 0 },          // the top bits, /0 included
+      { ip( "224.0.0.0" ), 4 },
+      { ip( "239.1.2.0" ), 26 },       // down to /32
+      { ip( "2001:db8:0:10::" ), 60 }, // across the 64-bit middle
+      { ip( "ff3e::1:0" ), 122 },      // down to /128
+   };
+   const char * const listNames[] = { "A", "B", "C", "D" }; // "D" is never configured
+   std::mt19937_64 rng( 20261123 );
+   auto pick = [ & ]( std::uint32_t n ) {
+      return std::uint32_t( std::uniform_int_distribution< std::uint32_t >( 0, n - 1 )( rng ) );
+   };
+
+   auto config = Kiv::make< StaticRpConfig >( "red" );
+   auto acls = Kiv::make< Acl::StandardAclConfig >( "acl" );
+   auto result = Kiv::make< RpConfigCheckResult >( "red" );
+   Kiv::Ptr< RpConfigCheckSm > sm( rpConfigCheckSmFactory( config, acls, result ) );
+
+   constexpr int iterations = 10'000;
+   int withConflicts = 0, withOverlaps = 0, withHoles = 0;
+   for( int iter = 0; iter < iterations; ++iter ) {
+      const Window & win = windows[ iter % std::size( windows ) ];
+      const AddressFamily af = win.base.af();
+      auto randomPrefix = [ & ] {
+         if( pick( 8 ) == 0 ) return anyPrefix( af );
+         const unsigned n = pick( w + 1 );
+         return IpGenPrefix( windowAddr( win, pick( 1u << n ), n ), win.s + n );
+      };
+      config->ruleDelAll();
+      acls->standardAclDelAll();
+      for( int l = 0; l < 3; ++l ) {
+         StandardAcl acl;
+         const std::uint32_t entries = pick( 6 );
+         for( std::uint32_t e = 0; e < entries; ++e ) {
+            const AclAction action = pick( 2 ) ? AclAction::permit : AclAction::deny;
+            if( action == AclAction::deny ) ++withHoles;
+            // Now and then an entry of the other family, which must change nothing.
+            const AddressFamily other = af == AddressFamily::ipv4 ? AddressFamily::ipv6
+                                                                  : AddressFamily::ipv4;
+            acl.entryAdd( action, pick( 10 ) == 0 ? anyPrefix( other ) : randomPrefix() );
+         }
+         acls->standardAclIs( listNames[ l ], acl );
+      }
+      const std::uint32_t ruleCount = 1 + pick( 6 );
+      for( std::uint32_t r = 0; r < ruleCount; ++r ) {
+         const IpGenAddr rp = af == AddressFamily::ipv4
+                                 ? IpGenAddr::ipv4( 0xC6120001u + pick( 3 ) )
+                                 : withBit( ip( "2001:db8::1" ), 126, pick( 2 ) );
+         config->ruleIs( pick( 2 ) ? StaticRpRule::forPrefix( rp, randomPrefix() )
+                                   : StaticRpRule::forAcl( rp, listNames[ pick( 4 ) ] ),
+                         { pick( 2 ) == 0 } );
+      }
+      std::vector< StaticRpRule > rules;
+      config->ruleForEach(
+         [ & ]( const StaticRpRule & r, const StaticRpRuleOptions & ) { rules.push_back( r ); } );
+
+      sm->doStart();
+      const RpCheckFindings want = Oracle( win, rules, *acls ).findings();
+      const RpCheckFindings got = resultFindings( *result );
+      // Streamed only on failure.
+      auto where = [ & ] {
+         return fmt::format( "iteration {}\n{}", iter, describe( rules, *acls ) );
+      };
+      ASSERT_EQ( got.conflicts, want.conflicts ) << where();
+      ASSERT_EQ( got.overlaps, want.overlaps ) << where();
+      ASSERT_EQ( got.missingAcls, want.missingAcls ) << "iteration " << iter;
+      ASSERT_EQ( result->checkCount(), std::uint32_t( iter + 1 ) );
+      withConflicts += !want.conflicts.empty();
+      withOverlaps += !want.overlaps.empty();
+   }
+   // The generator must reach the interesting cases often.
+   EXPECT_GT( withConflicts, iterations / 10 );
+   EXPECT_GT( withOverlaps, iterations / 4 );
+   EXPECT_GT( withHoles, iterations );
+}
+
+} // namespace
