@@ -42,10 +42,8 @@ void * Plugin::factorySymbol( const std::string & name ) const {
 Kiv::Ptr< CAgent > Plugin::agentIs( const std::string & factoryName, const std::string & agentName ) const {
    auto fn = reinterpret_cast< AgentFactoryFn >( factorySymbol( factoryName ) );
    if( !fn ) throw PluginError( path_ + ": no factory " + factoryName );
-   CAgent * raw = fn( agentName.c_str() );
-   if( !raw ) throw PluginError( path_ + ": " + factoryName + " returned no agent" );
-   Kiv::Ptr< CAgent > agent( raw );
-   raw->deleteRef();   // the factory's reference, now held by agent
+   Kiv::Ptr< CAgent > agent = fn( agentName.c_str() );
+   if( !agent ) throw PluginError( path_ + ": " + factoryName + " returned no agent" );
    return agent;
 }
 

@@ -42,8 +42,8 @@ struct PluginDescriptor {
    // The exported factory names, null-terminated.
    const char * const * factories;
 };
-// An agent factory: a new agent holding one reference for the caller.
-using AgentFactoryFn = CAgent * (*)( const char * name );
+// An agent factory (exported with C linkage, so found by its plain name).
+using AgentFactoryFn = Kiv::Ptr< CAgent > ( * )( const char * name );
 
 class PluginError : public std::runtime_error {
  public:
