@@ -84,7 +84,8 @@ void AgentHost::doInit() {
 std::size_t AgentHost::publishMissing() {
    std::size_t n = 0;
    for( const Dovel::Mount & m : allMounts() ) {
-      if( store_->entity( m.path ) ) continue;
+      Dovel::MountMode mode;
+      if( store_->entity( m.path ) || !Dovel::MountMode::parse( m.mode, mode ) || mode.create ) continue;
       if( !store_->types().hasType( m.typeName ) ) continue;
       store_->entityIs( m.path, m.typeName );
       ++n;

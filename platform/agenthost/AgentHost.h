@@ -94,7 +94,8 @@ class AgentHost {
    void doInit();
    // Stands in for the rest of a system: publishes an empty entity of the
    // mounted type at every path of the agent's closed mount groups that
-   // nobody has published yet. Returns how many it published.
+   // nobody has published yet and that its mount does not create ("c").
+   // Returns how many it published.
    std::size_t publishMissing();
    // Mounts and calls doMountsComplete; returns the mount status.
    Dovel::MountStatus doMount();

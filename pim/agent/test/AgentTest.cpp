@@ -3,6 +3,7 @@
 // active/standby transitions.
 #include "AgentFixture.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <unistd.h>
 
@@ -141,6 +142,27 @@ TEST_F( AgentTest, ShutdownStageStretchesTheHoldTimeAndCompletesAfterTheNotifyDe
    EXPECT_EQ( intf->helloPeriod(), 120 );
    EXPECT_GE( loop_.now() - t0, 5.0 ) << "completed once the VRF reported after the notify delay";
    EXPECT_TRUE( agent()->asuClientVrfStatus()->completedVrf( L3::VrfName( "red" ) ) );
+}
+
+TEST_F( AgentTest, ActiveSideMachinesFollowTheRunningVrf ) {
+   start( agent4Factory( "pim" ) );
+   configureRed();
+   const L3::VrfName red( "red" );
+   const Lumo::IntfId e7( "Ethernet7" );
+   // The reader attached to the table the status writer fills.
+   ASSERT_TRUE( table( "red" ) );
+   EXPECT_EQ( agent()->pimGlobalStatusReaderSm()->statusTable( red ).ptr(), table( "red" ).ptr() );
+   EXPECT_EQ( varnDir_.mounts( Routing::Pim::Varn::statusPath( af(), red ) ), 2u ) << "writer and reader";
+   // The mode filter publishes the effective mode of the PIM interface.
+   EXPECT_EQ( agent()->pimStatusColl()->vrfStatus( red )->pimIntf( e7 ), pimModeSparse );
+   // The attribute log recorded the VRF coming up.
+   const auto & lines = Kiv::NboAttrLog::Root::top().outSm( "pim" )->lines();
+   EXPECT_NE( std::find( lines.begin(), lines.end(), "pimEnabledSparseModeVrf[red]=true" ), lines.end() );
+
+   storeEntity< ConfigColl >( "routing/pim/config" )->vrfConfigDel( red );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_FALSE( agent()->pimGlobalStatusReaderSm()->statusTable( red ) ) << "released with the VRF";
+   EXPECT_EQ( lines.back(), "pimEnabledSparseModeVrf[red]=false" );
 }
 
 TEST_F( AgentTest, UnknownStageClassAsserts ) {
