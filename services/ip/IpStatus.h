@@ -167,3 +167,16 @@ Kiv::Ptr< IntfStatus > intfStatusFactory( const Kiv::Ptr< const Status > & statu
                                           const L3::VrfName & vrf );
 
 } // namespace IpGen
+
+namespace IpGen {
+
+// The IP status mounter: the mounts of one family's IP status ("ip/status"
+// or "ip6/status"), added to a caller's mount group.
+inline const char * ipStatusPath( Lumo::AddressFamily af ) {
+   return af == Lumo::AddressFamily::ipv6 ? "ip6/status" : "ip/status";
+}
+inline const char * ipStatusTypeName( Lumo::AddressFamily af ) {
+   return af == Lumo::AddressFamily::ipv6 ? "Ip6::Status" : "Ip::Status";
+}
+
+} // namespace IpGen

@@ -1,0 +1,298 @@
+// The agent driven through the host library: what it mounts, how it answers
+// the stage protocol, the fast-upgrade shutdown end to end, and the
+// active/standby transitions.
+#include "AgentFixture.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <unistd.h>
+
+#include "rundle/Rundle.h"
+
+namespace PimAgentTest {
+namespace {
+
+using M = Dovel::Mount;
+
+// The IPv4 mount list, in order; "cell/1/" marks the per-cell rows, and the
+// IP status mounter's row comes after row 7.
+const std::vector< M > kAgent4Mounts = {
+   { "routing/pim/config", "Routing::Pim::ConfigColl", "r" },
+   { "routing/pim/clear/config", "Routing::Pim::ClearConfigColl", "r" },
+   { "routing/attached-host/mcast/config", "HostInject::HostInjectConfig", "r" },
+   { "routing/pim/application/config", "Kiv::Dir", "ri" },
+   { "routing/pim/status/global", "Routing::Pim::GlobalStatus", "w" },
+   { "routing/multicast/pim/status", "Routing::Multicast::Pim::Status", "w" },
+   { "cell/1/routing/pim/cellglobal/status", "Routing::Pim::CellGlobalStatus", "w" },
+   { "ip/status", "Ip::Status", "r" },
+   { "routing/multicast/vrf/config", "Routing::Multicast::Fib::VrfConfig", "r" },
+   { "acl/cpconfig/input", "Kiv::Dir", "ri" },
+   { "acl/cpconfig/cli", "Acl::Input::CpConfig", "r" },
+   { "routing/pim/sacl/status", "Acl::StatusService", "w" },
+   { "acl/config/input", "Kiv::Dir", "r" },
+   { "acl/config/cli", "Acl::Input::Config", "r" },
+   { "multicastIntfs/application/pim", "Kiv::Dir", "wc" },
+   { "ip/multicastGroups/application", "Kiv::Dir", "wi" },
+   { "bfd/status/peer", "Bfd::StatusPeer", "r" },
+   { "bfd/config/app*/pim", "Kiv::Dir", "wi" },
+   { "routing/mcastboundary/status", "Routing::McastBoundary::Status", "r" },
+   { "routing/multicast/vxlan/status", "Routing::Multicast::Vxlan::Status", "w" },
+   { "vxlan/enabledStatus", "Vxlan::EnabledStatus", "r" },
+   { "mlag/proto", "Mlag::ProtoStatus", "rO" },
+   { "cell/1/ip/vrf/status/local", "Ip::AllVrfStatusLocal", "r" },
+   { "cell/1/stageInput/boot/Pim", "Stage::AgentConfig", "r" },
+   { "cell/1/stageAgentStatus/boot/Pim", "Stage::AgentStatus", "wcf" },
+   { "cell/1/stage/boot/progress", "Stage::ProgressDir", "r" },
+   { "cell/1/stage/boot/completionstatus", "Stage::CompletionStatusDir", "r" },
+   { "cell/1/stageInput/shutdown/Pim", "Stage::AgentConfig", "r" },
+   { "cell/1/stageAgentStatus/shutdown/Pim", "Stage::AgentStatus", "wcf" },
+   { "cell/1/stage/shutdown/progress", "Stage::ProgressDir", "r" },
+   { "cell/1/stage/shutdown/completionstatus", "Stage::CompletionStatusDir", "r" },
+   { "routing/multicast/vrf/status", "Routing::Multicast::Fib::VrfEnabledStatus", "r" },
+   { "routing/multicast/clear/sparsemode", "Routing::Pim::ClearMrouteConfigColl", "" },
+   { "bridging/config", "Bridging::Config", "r" },
+};
+
+// The same for IPv6: the routing6 rows, the family paths, no service ACL
+// status, the application paths of pim6 and the Pim6 stage rows.
+const std::vector< M > kAgent6Mounts = {
+   { "routing6/pim/config", "Routing::Pim::ConfigColl", "r" },
+   { "routing6/pim/clear/config", "Routing::Pim::ClearConfigColl", "r" },
+   { "routing6/attached-host/mcast/config", "HostInject::HostInjectConfig", "r" },
+   { "routing6/pim/application/config", "Kiv::Dir", "ri" },
+   { "routing6/pim/status/global", "Routing::Pim::GlobalStatus", "w" },
+   { "routing6/multicast/pim/status", "Routing::Multicast::Pim::Status", "w" },
+   { "cell/1/routing6/pim/cellglobal/status", "Routing::Pim::CellGlobalStatus", "w" },
+   { "ip6/status", "Ip6::Status", "r" },
+   { "routing6/multicast/vrf/config", "Routing::Multicast::Fib::VrfConfig", "r" },
+   { "acl/cpconfig/input", "Kiv::Dir", "ri" },
+   { "acl/cpconfig/cli", "Acl::Input::CpConfig", "r" },
+   { "acl/config/input", "Kiv::Dir", "r" },
+   { "acl/config/cli", "Acl::Input::Config", "r" },
+   { "multicastIntfs6/application/pim6", "Kiv::Dir", "wc" },
+   { "ip6/multicastGroups/application", "Kiv::Dir", "wi" },
+   { "bfd/status/peer", "Bfd::StatusPeer", "r" },
+   { "bfd/config/app*/pim6", "Kiv::Dir", "wi" },
+   { "routing6/mcastboundary/status", "Routing::McastBoundary::Status", "r" },
+   { "routing6/multicast/vxlan/status", "Routing::Multicast::Vxlan::Status", "w" },
+   { "vxlan/enabledStatus", "Vxlan::EnabledStatus", "r" },
+   { "mlag/proto", "Mlag::ProtoStatus", "rO" },
+   { "cell/1/ip/vrf/status/local", "Ip::AllVrfStatusLocal", "r" },
+   { "cell/1/stageInput/boot/Pim6", "Stage::AgentConfig", "r" },
+   { "cell/1/stageAgentStatus/boot/Pim6", "Stage::AgentStatus", "wcf" },
+   { "cell/1/stage/boot/progress", "Stage::ProgressDir", "r" },
+   { "cell/1/stage/boot/completionstatus", "Stage::CompletionStatusDir", "r" },
+   { "cell/1/stageInput/shutdown/Pim6", "Stage::AgentConfig", "r" },
+   { "cell/1/stageAgentStatus/shutdown/Pim6", "Stage::AgentStatus", "wcf" },
+   { "cell/1/stage/shutdown/progress", "Stage::ProgressDir", "r" },
+   { "cell/1/stage/shutdown/completionstatus", "Stage::CompletionStatusDir", "r" },
+   { "routing6/multicast/vrf/status", "Routing::Multicast::Fib::VrfEnabledStatus", "r" },
+   { "routing6/multicast/clear/sparsemode", "Routing::Pim::ClearMrouteConfigColl", "" },
+   { "bridging/config", "Bridging::Config", "r" },
+};
+
+std::string show( const M & m ) { return m.path + " " + m.typeName + " \"" + m.mode + "\""; }
+
+class AgentTest : public AgentFixture {};
+
+TEST_F( AgentTest, MountListsOfBothFamiliesInOrder ) {
+   struct Row {
+      Kiv::Ptr< Agent > ( *factory )( const std::string & );
+      const std::vector< M > * want;
+   } rows[] = { { agent4Factory, &kAgent4Mounts }, { agent6Factory, &kAgent6Mounts } };
+   for( const auto & r : rows ) {
+      AgentBase::AgentHost host( Kiv::make< Dovel::Store >() );
+      host.agentIs( r.factory( "pim" ) );
+      host.doInit();
+      ASSERT_EQ( host.entityManager()->groups().size(), 1u );
+      const auto & group = host.entityManager()->groups()[ 0 ];
+      EXPECT_TRUE( group->closed() );
+      const auto & got = group->mounts();
+      ASSERT_EQ( got.size(), r.want->size() );
+      for( std::size_t i = 0; i < got.size(); ++i ) EXPECT_EQ( show( got[ i ] ), show( ( *r.want )[ i ] ) ) << "row " << i;
+      auto * a = dynamic_cast< Agent * >( host.agent().ptr() );
+      EXPECT_TRUE( a->localEntitiesCreated() );
+      EXPECT_TRUE( host.entityManager()->getWritableEntity< Interface::AllIntfStatusLocalDir >(
+         "cell/1/interface/status/local" ) );
+   }
+}
+
+TEST_F( AgentTest, BootStagesCompleteTheirOwnAndIgnoreOthers ) {
+   start( agent4Factory( "pim" ) );
+   auto boot = storeEntity< Stage::AgentStatus >( "cell/1/stageAgentStatus/boot/Pim" );
+   EXPECT_TRUE( boot->completedStage( "NetworkAgent" ) );
+   EXPECT_TRUE( boot->completedStage( "PimIntfUpdate" ) );
+   EXPECT_TRUE( host_.runStage( Stage::bootStageClass, "RoutingAgents" ) ) << "not waited for: nothing holds it";
+   EXPECT_FALSE( boot->completedStage( "RoutingAgents" ) ) << "neither completed";
+   EXPECT_EQ( traced( { "stage: RoutingAgents" } ).size(), 1u ) << "but delivered";
+   EXPECT_TRUE( storeEntity< Stage::AgentStatus >( "cell/1/stageAgentStatus/shutdown/Pim" )
+                   ->waitedStage( "NetworkAgentShutdown" ) );
+}
+
+TEST_F( AgentTest, ShutdownStageStretchesTheHoldTimeAndCompletesAfterTheNotifyDelay ) {
+   start( agent4Factory( "pim" ) );
+   configureRed();
+   auto intf = agent()->pimAllStatusColl()->vrfStatus( L3::VrfName( "red" ) )->pimIntf( Lumo::IntfId( "Ethernet7" ) );
+   ASSERT_TRUE( intf );
+   EXPECT_EQ( intf->helloHoldTime(), 105 );
+   const double t0 = loop_.now();
+   ASSERT_TRUE( host_.doShutdown( { "NetworkAgentShutdown" } ) );
+   EXPECT_TRUE( agent()->asuClientShutdownStatus()->shutdown() );
+   EXPECT_EQ( intf->helloHoldTime(), 420 );
+   EXPECT_EQ( intf->helloPeriod(), 120 );
+   EXPECT_GE( loop_.now() - t0, 5.0 ) << "completed once the VRF reported after the notify delay";
+   EXPECT_TRUE( agent()->asuClientVrfStatus()->completedVrf( L3::VrfName( "red" ) ) );
+}
+
+TEST_F( AgentTest, ActiveSideMachinesFollowTheRunningVrf ) {
+   start( agent4Factory( "pim" ) );
+   configureRed();
+   const L3::VrfName red( "red" );
+   const Lumo::IntfId e7( "Ethernet7" );
+   // The reader attached to the table the status writer fills.
+   ASSERT_TRUE( table( "red" ) );
+   EXPECT_EQ( agent()->pimGlobalStatusReaderSm()->statusTable( red ).ptr(), table( "red" ).ptr() );
+   EXPECT_EQ( varnDir_.mounts( Routing::Pim::Varn::statusPath( af(), red ) ), 2u ) << "writer and reader";
+   // The mode filter publishes the effective mode of the PIM interface.
+   EXPECT_EQ( agent()->pimStatusColl()->vrfStatus( red )->pimIntf( e7 ), pimModeSparse );
+   // The attribute log recorded the VRF coming up.
+   const auto & lines = Kiv::NboAttrLog::Root::top().outSm( "pim" )->lines();
+   EXPECT_NE( std::find( lines.begin(), lines.end(), "pimEnabledSparseModeVrf[red]=true" ), lines.end() );
+
+   // The VRF-interface directory follows the multicast service's entry for
+   // the VRF while multicast routing is enabled there.
+   auto entry = Kiv::ptr_cast< McastCommon::AppVrfIntfStatus >(
+      store_->entityIs( "multicastIntfs/application/pim/red", "McastCommon::AppVrfIntfStatus" ) );
+   entry->intfIs( e7 );
+   storeEntity< Routing::Multicast::Fib::VrfConfig >( "routing/multicast/vrf/config" )->routingEnabledVrfIs( red );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   ASSERT_TRUE( agent()->pimVrfIntfs()->vrfIntf( red ) );
+   EXPECT_TRUE( agent()->pimVrfIntfs()->vrfIntf( red )->intfs( e7 ) );
+
+   storeEntity< ConfigColl >( "routing/pim/config" )->vrfConfigDel( red );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_FALSE( agent()->pimGlobalStatusReaderSm()->statusTable( red ) ) << "released with the VRF";
+   EXPECT_EQ( lines.back(), "pimEnabledSparseModeVrf[red]=false" );
+}
+
+TEST_F( AgentTest, UnknownStageClassAsserts ) {
+   start( agent4Factory( "pim" ) );
+   EXPECT_DEATH( agent()->doStage( "upgradeStageClass", "NetworkAgent" ), "" );
+}
+
+TEST_F( AgentTest, RingBufferTraceFileName ) {
+   const auto dir = std::filesystem::temp_directory_path() / ( "pimagent-rundle-" + std::to_string( ::getpid() ) );
+   std::filesystem::create_directories( dir );
+   struct Row {
+      const char * rundleDir;
+      std::string want;
+   } rows[] = { { dir.c_str(), ( dir / "pimtrace.rnd" ).string() },
+                { nullptr, "pimtrace-" + std::to_string( ::getpid() ) + ".rnd" } };
+   for( const auto & r : rows ) {
+      ::unsetenv( "RUNDLE_DISABLE" );
+      if( r.rundleDir ) ::setenv( "RUNDLEDIR", r.rundleDir, 1 ); else ::unsetenv( "RUNDLEDIR" );
+      AgentBase::AgentHost host( Kiv::make< Dovel::Store >() );
+      host.agentIs( agent4Factory( "pimtrace" ) );
+      host.doInit();
+      const std::string path = Rundle::path();
+      Rundle::shutdown();
+      std::filesystem::remove( path );
+      EXPECT_NE( path.find( r.want ), std::string::npos ) << path;
+   }
+   ::unsetenv( "RUNDLEDIR" );
+   ::setenv( "RUNDLE_DISABLE", "1", 1 );
+   std::filesystem::remove_all( dir );
+   AgentBase::AgentHost host( Kiv::make< Dovel::Store >() );
+   host.agentIs( agent4Factory( "pimtrace" ) );
+   host.doInit();
+   EXPECT_FALSE( Rundle::active() ) << "RUNDLE_DISABLE opens nothing";
+}
+
+class RedundancyTest : public AgentFixture {
+ protected:
+   void modeIs( Redundancy::RedundancyMode m, Redundancy::RedundancyProtocol p = Redundancy::protocolUnknown ) {
+      host_.redundancyStatus()->protocolIs( p );
+      host_.redundancyStatus()->modeIs( m );
+      ASSERT_TRUE( loop_.runUntilIdle() );
+   }
+   bool activeSide() const {
+      return agent()->pimAttrLogSm() && agent()->mcastPimVrfIntfDirSm() && agent()->pimGlobalStatusModeFilterSm() &&
+             agent()->serviceAclFilterSm() && agent()->pimConfigSm() && agent()->vxlanStatusSm();
+   }
+   bool noActiveSide() const {
+      return !agent()->pimAttrLogSm() && !agent()->mcastPimVrfIntfDirSm() && !agent()->pimGlobalStatusModeFilterSm() &&
+             !agent()->serviceAclFilterSm() && !agent()->pimConfigSm() && !agent()->vxlanStatusSm();
+   }
+};
+
+TEST_F( RedundancyTest, StandbyTearsDownActiveRebuildsEqualOutcomesRebuildNothing ) {
+   start( agent4Factory( "pim" ) );
+   configureRed();
+   ASSERT_TRUE( activeSide() );
+   ASSERT_TRUE( container( "red" ) );
+   ConfigSm * first = agent()->pimConfigSm().ptr();
+
+   modeIs( Redundancy::modeActive );
+   modeIs( Redundancy::modeStandby, Redundancy::protocolDualActive );
+   EXPECT_EQ( agent()->pimConfigSm().ptr(), first ) << "mode 3 with protocol 5 stays active";
+
+   // Only a change of mode is looked at: back to active first.
+   modeIs( Redundancy::modeActive, Redundancy::protocolStatefulSwitchover );
+   EXPECT_EQ( agent()->pimConfigSm().ptr(), first );
+   capture_.clear();
+   modeIs( Redundancy::modeStandby, Redundancy::protocolStatefulSwitchover );
+   EXPECT_TRUE( agent()->standbyMode() );
+   EXPECT_TRUE( noActiveSide() );
+   EXPECT_EQ( traced( { "standby: 1", "Standby supe. Cleaning up any instance of Sm", "doCleanup()" } ),
+              ( std::vector< std::string >{ "standby: 1", "Standby supe. Cleaning up any instance of Sm",
+                                            "doCleanup()" } ) );
+   EXPECT_TRUE( agent()->bootStagesHelper() && agent()->pimAllStatusColl() ) << "mounts and stages stay";
+
+   modeIs( Redundancy::modeActive );
+   EXPECT_FALSE( agent()->standbyMode() );
+   EXPECT_TRUE( activeSide() );
+   EXPECT_TRUE( container( "red" ) ) << "rebuilt from the mounted inputs";
+   EXPECT_TRUE( receiveHello( "red", "Ethernet7", "198.18.7.2", 30 ) );
+   EXPECT_TRUE( hasNeighborRow( "red", "Ethernet7", "198.18.7.2" ) );
+   ConfigSm * rebuilt = agent()->pimConfigSm().ptr();
+   modeIs( Redundancy::modeActive );
+   modeIs( Redundancy::modeDisabled );
+   EXPECT_EQ( agent()->pimConfigSm().ptr(), rebuilt ) << "same outcome, nothing rebuilt";
+}
+
+TEST_F( RedundancyTest, StandbyAtBootBuildsNothingUntilActive ) {
+   host_.redundancyStatus()->modeIs( Redundancy::modeStandby );
+   start( agent4Factory( "pim" ) );
+   EXPECT_TRUE( noActiveSide() );
+   EXPECT_TRUE( storeEntity< Stage::AgentStatus >( "cell/1/stageAgentStatus/boot/Pim" )->completedStage( "NetworkAgent" ) );
+   modeIs( Redundancy::modeActive );
+   EXPECT_TRUE( activeSide() );
+}
+
+TEST_F( RedundancyTest, Ipv6HasNoServiceAclFilter ) {
+   start( agent6Factory( "pim6" ) );
+   EXPECT_FALSE( host_.entityManager()->mountOf( "routing/pim/sacl/status" ) );
+   EXPECT_FALSE( store_->entity( "routing/pim/sacl/status" ) );
+   ASSERT_TRUE( agent()->pimConfigSm() );
+   EXPECT_FALSE( agent()->serviceAclFilterSm() );
+   EXPECT_FALSE( agent()->pimConfigSm()->inputs().containerExtras.serviceAclFilterSm );
+}
+
+TEST_F( RedundancyTest, ServiceAclFilterDropsDeniedHellosOfTheVrf ) {
+   start( agent4Factory( "pim" ) );
+   configureRed();
+   ASSERT_TRUE( agent()->pimConfigSm()->inputs().containerExtras.serviceAclFilterSm );
+   storeEntity< Acl::Input::Config >( "acl/config/cli" )
+      ->standardAclIs( "nbrs", Acl::StandardAcl::fromStrep( "deny 198.18.7.9/32, permit 198.18.7.0/24" ) );
+   storeEntity< Acl::Input::CpConfig >( "acl/cpconfig/cli" )
+      ->serviceAclIs( Acl::serviceVrfKey( "pim", L3::VrfName( "red" ) ), "nbrs" );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   EXPECT_FALSE( receiveHello( "red", "Ethernet7", "198.18.7.9", 30 ) );
+   EXPECT_TRUE( receiveHello( "red", "Ethernet7", "198.18.7.2", 30 ) );
+   EXPECT_FALSE( hasNeighborRow( "red", "Ethernet7", "198.18.7.9" ) );
+   EXPECT_TRUE( hasNeighborRow( "red", "Ethernet7", "198.18.7.2" ) );
+   EXPECT_EQ( storeEntity< Acl::StatusService >( "routing/pim/sacl/status" )->dropped( L3::VrfName( "red" ) ), 1u );
+}
+
+} // namespace
+} // namespace PimAgentTest
