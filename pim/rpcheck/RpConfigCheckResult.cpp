@@ -32,6 +32,12 @@ RpConfigCheckResult::RpConfigCheckResult( const L3::VrfName & vrfName )
 
 const char * RpConfigCheckResult::typeName() const { return "Routing::Pim::RpConfigCheckResult"; }
 
+const char * RpConfigCheckResultColl::typeName() const {
+   return "Routing::Pim::RpConfigCheckResultColl";
+}
+
+KIV_REGISTER_ENTITY_TYPE( RpConfigCheckResultColl, "Routing::Pim::RpConfigCheckResultColl" );
+
 std::string rpConfigCheckText( const RpConfigCheckResult & result ) {
    std::vector< std::string > conflicts;
    result.conflictForEach( [ & ]( const Lumo::IpGenPrefix & p, const RpSet & rps ) {

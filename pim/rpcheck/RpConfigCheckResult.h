@@ -77,6 +77,19 @@ class RpConfigCheckResult : public Kiv::Entity {
 };
 KIV_NOTIFIEE( RpConfigCheckResult, PIM_RP_CONFIG_CHECK_RESULT_ATTRS )
 
+#define PIM_RP_CONFIG_CHECK_RESULT_COLL_ATTRS( X ) \
+   X( ENTITIES, vrfResult, VrfResult, L3::VrfName, RpConfigCheckResult )
+
+class RpConfigCheckResultColl : public Kiv::Entity {
+ public:
+   explicit RpConfigCheckResultColl( const Kiv::Name & name = Kiv::Name() )
+         : Kiv::Entity( name ) {}
+   const char * typeName() const override;
+   KIV_ENTITY( RpConfigCheckResultColl, "Routing::Pim::RpConfigCheckResultColl",
+               PIM_RP_CONFIG_CHECK_RESULT_COLL_ATTRS )
+};
+KIV_NOTIFIEE( RpConfigCheckResultColl, PIM_RP_CONFIG_CHECK_RESULT_COLL_ATTRS )
+
 // The result as the show command prints it, lines sorted.
 std::string rpConfigCheckText( const RpConfigCheckResult & result );
 

@@ -48,6 +48,9 @@ void RpConfigCheckSm::doStart() {
    RTRACE( 5, "checked " << rules.size() << " rules: " << findings.conflicts.size()
                          << " conflicts, " << findings.overlaps.size() << " overlaps, "
                          << findings.missingAcls.size() << " missing access lists" );
+   for( const Kiv::String & name : findings.missingAcls ) {
+      RTRACE( 3, "access list " << name << " is not configured: its rules serve no group" );
+   }
    updateResult( findings, std::uint32_t( rules.size() ) );
 }
 

@@ -20,8 +20,9 @@ extern "C" {
 // Returns a new machine with no counted reference yet: hand it straight to a
 // Kiv::Ptr< RpConfigCheckSm >, which owns it from then on. config and
 // result are required ("null ValidPtr"); aclConfig may be null, and every
-// rule that names a list then counts as naming a missing one.
-RpConfigCheckSm * rpConfigCheckSmFactory(
+// rule that names a list then counts as naming a missing one. Visible by
+// default so that a plug-in built with hidden visibility still exports it.
+__attribute__( ( visibility( "default" ) ) ) RpConfigCheckSm * rpConfigCheckSmFactory(
    const Kiv::Ptr< const StaticRpConfig > & config,
    const Kiv::Ptr< const Acl::StandardAclConfig > & aclConfig,
    const Kiv::Ptr< RpConfigCheckResult > & result );

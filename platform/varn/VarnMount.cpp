@@ -4,6 +4,23 @@
 
 namespace KivVarn {
 
+namespace {
+// Names each table of a table set by its full path, so that a store keeping
+// tables outside the process can tell the sets apart.
+class PathTableStore : public TableStore {
+ public:
+   PathTableStore( TableStore & inner, const std::string & path ) : inner_( inner ), path_( path ) {}
+   std::unique_ptr< RowTable > tableIs( const std::string & name, std::size_t rowSize,
+                                        std::size_t keySize, std::size_t capacity ) override {
+      return inner_.tableIs( path_ + "/" + name, rowSize, keySize, capacity );
+   }
+
+ private:
+   TableStore & inner_;
+   const std::string & path_;
+};
+} // namespace
+
 std::size_t MountInfo::size( const std::string & name, std::size_t dflt ) const {
    for( const auto & c : collections ) {
       if( c.name == name ) return c.size;
@@ -73,7 +90,8 @@ Kiv::Ptr< Kiv::Entity > Mount::doMount( const std::string & path, const std::str
                                     " not allowed" );
       }
       Directory::Set fresh;
-      fresh.entity = ( *create )( path, mountInfo, dir_.store_ );
+      PathTableStore store( dir_.store_, path );
+      fresh.entity = ( *create )( path, mountInfo, store );
       fresh.typeName = mountInfo.typeName;
       set = dir_.sets_.tryInsert( path, std::move( fresh ) ).first;
    }

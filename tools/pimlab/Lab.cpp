@@ -223,7 +223,7 @@ class LabRun {
  public:
    LabRun( const Scenario & sc, const LabOptions & o )
          : sc_( sc ), seed_( o.seed.value_or( sc.seed ) ), until_( o.until.value_or( sc.duration ) ),
-           engine_( o.engine ), loop_( seed_ ) {}
+           engine_( o.engine ), shmDir_( o.shmDir ), atEnd_( o.atEnd ), loop_( seed_ ) {}
 
    Report run() {
       report_.scenario = sc_.name;
@@ -242,6 +242,7 @@ class LabRun {
          for( const auto & r : sc_.routers ) {
             for( const auto & i : r.interfaces ) lan_->segmentIs( i.segment );
             routers_.push_back( std::make_unique< Router >( r, ++index, *lan_, wheel_, engine_ ) );
+            routers_.back()->shmDirIs( shmDir_ );
          }
          // Router start times first, then the scenario's events, each in order.
          std::vector< Event > timeline;
@@ -265,6 +266,10 @@ class LabRun {
          }
          loop_.advanceTo( until_ );
          report_.snapshots.push_back( snapshot( "end" ) );
+         if( atEnd_ ) {
+            for( auto & r : routers_ ) r->publishClock( loop_.clock().now() );
+            atEnd_();
+         }
          // Watches before routers, routers before the LAN, all before the wheel.
          watches_.clear();
          for( auto & r : routers_ ) r->stop();
@@ -418,6 +423,8 @@ class LabRun {
    std::uint64_t seed_;
    double until_;
    Engine engine_;
+   std::string shmDir_;
+   std::function< void() > atEnd_;
    VirtualLoop loop_;
    Report report_;
    Kiv::Ptr< Tolm::TimerWheel > wheel_;

@@ -4,6 +4,7 @@
 // elected DR of every interface) and collects what happened into a report,
 // which renders as text tables or as JSON.
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -81,6 +82,11 @@ struct LabOptions {
    std::optional< std::uint64_t > seed;   // overrides the scenario's
    std::optional< double > until;         // overrides the scenario's duration
    Engine engine = Engine::pipeline;       // how each router's machines are built
+   // When set, each router publishes its status tables in shared memory under
+   // shmDir/<router>, and atEnd runs once the run is over, while the tables
+   // are still there.
+   std::string shmDir;
+   std::function< void() > atEnd;
 };
 
 // Runs the whole scenario (it installs its own activity manager on a virtual

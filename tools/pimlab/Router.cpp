@@ -10,6 +10,7 @@
 #include "services/intf/DeviceIntfStatus.h"
 #include "services/kni/KernelNetInfo.h"
 #include "services/pimio/MessageInfo.h"
+#include "varn/shm/ShmTable.h"
 
 namespace PimLab {
 
@@ -89,7 +90,11 @@ struct Router::Direct {
 
 // ---- pipeline: the platform inputs of the configuration pipeline ------------------------
 struct Router::Pipeline {
-   explicit Pipeline( Router * r ) : bindTimer( r, r->wheel_.ptr() ), globalStatusReactor( r ) {}
+   explicit Pipeline( Router * r )
+         : shmStore( r->shmDir_.empty() ? nullptr
+                                        : std::make_unique< KivVarn::Shm::ShmTableStore >( r->shmDir_ + "/" + r->name() ) ),
+           varnDir( shmStore ? static_cast< KivVarn::TableStore & >( *shmStore ) : KivVarn::HeapTableStore::instance() ),
+           bindTimer( r, r->wheel_.ptr() ), globalStatusReactor( r ) {}
 
    // Re-binds the endpoint once the cascade that may have (re)created the
    // VRF's container has settled: a timer due now fires before any Hello
@@ -114,6 +119,7 @@ struct Router::Pipeline {
 
    Lumo::AddressFamily af = Lumo::AddressFamily::ipv4;
    L3::VrfName vrfName{ Router::kVrf };
+   std::unique_ptr< KivVarn::Shm::ShmTableStore > shmStore;
    KivVarn::Directory varnDir;
    Kiv::Ptr< KivVarn::Mount > varnMount;
    Kiv::Ptr< Interface::DeviceIntfStatusDir > kernel;
@@ -155,6 +161,10 @@ Router::~Router() {
    endpoint_.reset();
    direct_.reset();
    pipeline_.reset();
+}
+
+void Router::publishClock( double now ) {
+   if( pipeline_ && pipeline_->shmStore ) pipeline_->shmStore->heartbeat( now );
 }
 
 SimLan::EndpointCounters Router::counters() const {

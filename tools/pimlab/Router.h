@@ -62,6 +62,11 @@ class Router {
    void goodbyeIs();
    // The interface's configured DR priority.
    void drPriorityIs( const std::string & intf, std::uint32_t priority );
+   // Publish the status tables in shared memory under stateDir/<name>
+   // from the next start on (empty: keep them in process memory).
+   void shmDirIs( const std::string & stateDir ) { shmDir_ = stateDir; }
+   // Tells readers of the shared tables the lab's virtual time.
+   void publishClock( double now );
    // Unplugs / plugs back one interface (empty: all of them).
    void detach( const std::string & intf );
    void attach( const std::string & intf );
@@ -76,6 +81,7 @@ class Router {
 
    RouterDesc desc_;
    std::uint32_t index_;
+   std::string shmDir_;
    SimLan::Lan & lan_;
    Kiv::Ptr< Tolm::TimerWheel > wheel_;
    Engine engine_;

@@ -1,5 +1,6 @@
 // pimlab: several routers on simulated LAN segments under virtual time.
 // Without arguments it runs the embedded default scenario.
+#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -23,6 +24,7 @@ int main( int argc, char ** argv ) {
    bool dumpScenario = false;
    std::string trace;
    std::string engine = "pipeline";
+   std::string shmDir;
    app.add_option( "--scenario", scenarioFile, "Scenario file (JSON)" )->check( CLI::ExistingFile );
    auto * seedOpt = app.add_option( "--seed", seed, "Random seed (overrides the scenario's)" );
    auto * untilOpt = app.add_option( "--until", until, "Virtual seconds to run (overrides the scenario's duration)" )
@@ -36,6 +38,11 @@ int main( int argc, char ** argv ) {
                    "How each router's PIM machines are built: 'pipeline' (from configuration, the default) or "
                    "'direct' (the Hello engine alone)" )
       ->check( CLI::IsMember( { "pipeline", "direct" } ) );
+   app.add_option( "--shm", shmDir,
+                   "Publish each router's status tables in shared memory under the state directory DIR/<router> "
+                   "and, after the report, keep them until SIGINT or SIGTERM (read them with "
+                   "'pimnbr --state-dir DIR/<router> show ip pim neighbor')" )
+      ->type_name( "DIR" );
    CLI11_PARSE( app, argc, argv );
 
    try {
@@ -64,6 +71,26 @@ int main( int argc, char ** argv ) {
       if( *seedOpt ) options.seed = seed;
       if( *untilOpt ) options.until = until;
       options.engine = engine == "direct" ? PimLab::Engine::direct : PimLab::Engine::pipeline;
+      if( !shmDir.empty() ) {
+         options.shmDir = shmDir;
+         options.atEnd = [ & ] {
+            // The tables live as long as the routers: hold them here.
+            std::cerr << "pimlab: tables published under " << shmDir
+                      << "/<router>; waiting for SIGINT or SIGTERM" << std::endl;
+            sigset_t set;
+            sigemptyset( &set );
+            sigaddset( &set, SIGINT );
+            sigaddset( &set, SIGTERM );
+            int sig;
+            sigwait( &set, &sig );
+         };
+         // Blocked, so sigwait takes them rather than the default action.
+         sigset_t set;
+         sigemptyset( &set );
+         sigaddset( &set, SIGINT );
+         sigaddset( &set, SIGTERM );
+         sigprocmask( SIG_BLOCK, &set, nullptr );
+      }
       const PimLab::Report report = PimLab::runScenario( scenario, options );
       std::cout << ( json ? PimLab::renderJson( report ) : PimLab::renderText( report ) );
       std::cout.flush();

@@ -1,0 +1,291 @@
+// Shared-memory tables seen from another process: consistent rows under a
+// busy writer, a reader that comes first, a writer that dies, big tables.
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <set>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "kiv/Entity.h"
+#include "varn/VarnMount.h"
+#include "varn/shm/ShmTable.h"
+
+namespace {
+
+using namespace KivVarn;
+using namespace KivVarn::Shm;
+
+// Every field holds the same value, so a row mixing two writes shows.
+struct WideRow {
+   struct Key {
+      std::uint8_t id[ 8 ];
+   };
+   Key key;
+   std::uint64_t field[ 127 ];
+};
+
+std::string uniqueDir( const char * what ) {
+   return fmt::format( "/tmp/varnshm-test-{}-{}", what, getpid() );
+}
+
+// A forked writer; killed (and waited for) when the test ends either way.
+struct Child {
+   pid_t pid = -1;
+   int stopFd = -1;
+   ~Child() { stop( SIGKILL ); }
+   void stop( int sig ) {
+      if( pid <= 0 ) return;
+      if( stopFd >= 0 ) close( stopFd );
+      if( sig ) kill( pid, sig );
+      int st;
+      waitpid( pid, &st, 0 );
+      pid = -1;
+   }
+};
+
+// Runs f in a child process that rewrites the rows until the pipe closes.
+template< class F >
+Child forkWriter( F && f ) {
+   int fds[ 2 ];
+   EXPECT_EQ( pipe( fds ), 0 );
+   Child c;
+   c.pid = fork();
+   if( c.pid == 0 ) {
+      close( fds[ 1 ] );
+      f( fds[ 0 ] );
+      _exit( 0 );
+   }
+   close( fds[ 0 ] );
+   c.stopFd = fds[ 1 ];
+   return c;
+}
+
+bool stopRequested( int fd ) {
+   pollfd p{ fd, POLLIN, 0 };
+   return poll( &p, 1, 0 ) > 0;
+}
+
+// Waits (bounded) until the table at path can be opened.
+std::unique_ptr< TableReader > openWhenThere( const std::string & dir, const std::string & path ) {
+   for( int i = 0; i < 2000; ++i ) {
+      if( auto r = TableReader::open( dir, path ) ) return r;
+      std::this_thread::sleep_for( std::chrono::milliseconds( 5 ) );
+   }
+   return nullptr;
+}
+
+WideRow wideRow( std::uint8_t id, std::uint64_t v ) {
+   WideRow r{};
+   r.key.id[ 0 ] = id;
+   for( auto & f : r.field ) f = v;
+   return r;
+}
+
+TEST( ShmTornRows, ReaderNeverSeesAHalfWrittenRow ) {
+   const std::string dir = uniqueDir( "torn" );
+   constexpr int kRows = 4;
+   Child writer = forkWriter( [ & ]( int stopFd ) {
+      ShmTableStore store( dir );
+      auto t = store.tableIs( "torn/rows", sizeof( WideRow ), sizeof( WideRow::Key ), kRows );
+      for( std::uint64_t v = 1;; ++v ) {
+         for( int i = 0; i < kRows; ++i ) {
+            const WideRow r = wideRow( static_cast< std::uint8_t >( i ), v );
+            t->rowIs( &r );
+         }
+         if( ( v & 1023 ) == 0 && stopRequested( stopFd ) ) break;
+      }
+   } );
+   auto reader = openWhenThere( dir, "torn/rows" );
+   ASSERT_TRUE( reader );
+   std::uint64_t torn = 0, reads = 0, changes = 0, last = 0;
+   while( reads < 3'000'000 ) {
+      reader->forEach( [ & ]( const void * p ) {
+         WideRow r;
+         std::memcpy( &r, p, sizeof r );
+         ++reads;
+         for( auto f : r.field ) {
+            if( f != r.field[ 0 ] ) {
+               ++torn;
+               break;
+            }
+         }
+         if( r.field[ 0 ] != last ) ++changes;
+         last = r.field[ 0 ];
+      } );
+   }
+   writer.stop( 0 );
+   std::printf( "reads: %llu, value changes: %llu, torn rows: %llu\n", (unsigned long long)reads,
+                (unsigned long long)changes, (unsigned long long)torn );
+   // The writer must really have been writing while we read.
+   EXPECT_GT( changes, 10'000u );
+   EXPECT_EQ( torn, 0u );
+}
+
+TEST( ShmTable, ReaderStartedBeforeWriterFindsTheRows ) {
+   const std::string dir = uniqueDir( "early" );
+   EXPECT_FALSE( TableReader::open( dir, "a/t" ) );
+   Child writer = forkWriter( [ & ]( int stopFd ) {
+      ShmTableStore store( dir );
+      auto t = store.tableIs( "a/t", sizeof( WideRow ), sizeof( WideRow::Key ), 8 );
+      for( std::uint8_t i = 0; i < 3; ++i ) {
+         const WideRow r = wideRow( i, 7 );
+         t->rowIs( &r );
+      }
+      pollfd p{ stopFd, POLLIN, -1 };
+      poll( &p, 1, 10'000 );
+   } );
+   auto reader = openWhenThere( dir, "a/t" );
+   ASSERT_TRUE( reader );
+   std::size_t rows = 0;
+   for( int i = 0; i < 2000 && rows < 3; ++i ) {
+      rows = 0;
+      reader->forEach( [ & ]( const void * ) { ++rows; } );
+   }
+   EXPECT_EQ( rows, 3u );
+   EXPECT_FALSE( reader->stale() );
+   EXPECT_EQ( reader->writerPid(), writer.pid );
+   // The writer unmounts on exit: the reader's map is retired, the name gone.
+   writer.stop( 0 );
+   EXPECT_TRUE( reader->retired() );
+   EXPECT_FALSE( reader->reopen() );
+}
+
+TEST( ShmTable, KilledWriterLeavesAStaleTableTheNextWriterReplaces ) {
+   const std::string dir = uniqueDir( "stale" );
+   Child writer = forkWriter( [ & ]( int ) {
+      ShmTableStore store( dir );
+      auto t = store.tableIs( "b/t", sizeof( WideRow ), sizeof( WideRow::Key ), 8 );
+      const WideRow r = wideRow( 1, 1 );
+      t->rowIs( &r );
+      for( ;; ) pause();
+   } );
+   auto reader = openWhenThere( dir, "b/t" );
+   ASSERT_TRUE( reader );
+   writer.stop( SIGKILL );
+   EXPECT_TRUE( reader->stale() );
+   EXPECT_FALSE( reader->retired() );
+   {
+      ShmTableStore store( dir );
+      auto t = store.tableIs( "b/t", sizeof( WideRow ), sizeof( WideRow::Key ), 8 );
+      EXPECT_TRUE( reader->retired() );
+      ASSERT_TRUE( reader->reopen() );
+      EXPECT_EQ( reader->generation(), 2u );
+      EXPECT_FALSE( reader->stale() );
+      std::size_t rows = 0;
+      reader->forEach( [ & ]( const void * ) { ++rows; } );
+      EXPECT_EQ( rows, 0u );
+   }
+   EXPECT_FALSE( TableReader::open( dir, "b/t" ) );
+}
+
+TEST( ShmTable, HundredThousandRowsWithDeletesAndReuse ) {
+   const std::string dir = uniqueDir( "big" );
+   struct Row {
+      struct Key {
+         std::uint8_t b[ 4 ];
+      };
+      Key key;
+      std::uint32_t value;
+   };
+   constexpr std::uint32_t kRows = 100'000;
+   ShmTableStore store( dir );
+   auto t = store.tableIs( "c/t", sizeof( Row ), sizeof( Row::Key ), kRows );
+   auto rowFor = []( std::uint32_t i, std::uint32_t v ) {
+      Row r;
+      std::memcpy( r.key.b, &i, 4 );
+      r.value = v;
+      return r;
+   };
+   for( std::uint32_t i = 0; i < kRows; ++i ) {
+      const Row r = rowFor( i, i );
+      ASSERT_TRUE( t->rowIs( &r ) );
+   }
+   const Row extra = rowFor( kRows, 0 );
+   EXPECT_FALSE( t->rowIs( &extra ) );
+   EXPECT_EQ( t->overflows(), 1u );
+   // Unchanged rows are not written again; every odd row goes.
+   const Row same = rowFor( 5, 5 );
+   EXPECT_FALSE( t->rowIs( &same ) );
+   for( std::uint32_t i = 1; i < kRows; i += 2 ) {
+      Row::Key k;
+      std::memcpy( k.b, &i, 4 );
+      ASSERT_TRUE( t->rowDel( &k ) );
+   }
+   // Freed slots take new rows, which then read back.
+   const Row reused = rowFor( kRows, 42 );
+   EXPECT_TRUE( t->rowIs( &reused ) );
+   EXPECT_EQ( t->size(), kRows / 2 + 1 );
+   auto reader = TableReader::open( dir, "c/t" );
+   ASSERT_TRUE( reader );
+   std::size_t rows = 0, wrong = 0;
+   reader->forEach( [ & ]( const void * p ) {
+      Row r;
+      std::memcpy( &r, p, sizeof r );
+      std::uint32_t k;
+      std::memcpy( &k, r.key.b, 4 );
+      ++rows;
+      if( k == kRows ? r.value != 42 : ( k % 2 || r.value != k ) ) ++wrong;
+   } );
+   EXPECT_EQ( rows, kRows / 2 + 1 );
+   EXPECT_EQ( wrong, 0u );
+   Row::Key k7;
+   const std::uint32_t seven = 7, six = 6;
+   std::memcpy( k7.b, &seven, 4 );
+   EXPECT_EQ( t->row( &k7 ), nullptr );
+   std::memcpy( k7.b, &six, 4 );
+   ASSERT_NE( t->row( &k7 ), nullptr );
+}
+
+TEST( ShmTable, MountedTablesAreNamedByPathAndRemovedAtCleanup ) {
+   const std::string dir = uniqueDir( "mount" ) + "/odd.name";
+   ShmTableStore store( dir );
+   Directory directory( store );
+   directory.typeIs( "T", []( const std::string & path, const MountInfo &, TableStore & s ) {
+      struct E : Kiv::Entity {
+         E( const std::string & p, TableStore & s )
+               : Kiv::Entity( Kiv::Name( p ) ), t( s.tableIs( "rows", 16, 4, 4 ) ) {}
+         const char * typeName() const override { return "T"; }
+         std::unique_ptr< RowTable > t;
+      };
+      return Kiv::Ptr< Kiv::Entity >( new E( path, s ) );
+   } );
+   auto mount = Kiv::make< Mount >( directory );
+   mount->doMount( "routing/x/vrf.1", "w", MountInfo( "T", {} ) );
+   EXPECT_EQ( tablePaths( dir ), std::vector< std::string >{ "routing/x/vrf.1/rows" } );
+   EXPECT_TRUE( TableReader::open( dir, "routing/x/vrf.1/rows" ) );
+   EXPECT_TRUE( tablePaths( dir + "x" ).empty() );
+   mount->doUnmount( "routing/x/vrf.1" );
+   mount->cleanup( "routing/x/vrf.1" );
+   EXPECT_TRUE( tablePaths( dir ).empty() );
+}
+
+TEST( ShmTable, ReaderRefusesWhatIsNotATableOfThisLayout ) {
+   const std::string dir = uniqueDir( "bad" );
+   const std::string name = objectName( dir, "d/t" );
+   const int fd = shm_open( name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600 );
+   ASSERT_GE( fd, 0 );
+   ASSERT_EQ( ftruncate( fd, 4096 ), 0 );
+   std::string err;
+   EXPECT_FALSE( TableReader::open( dir, "d/t", &err ) );
+   EXPECT_NE( err.find( "bad magic" ), std::string::npos ) << err;
+   Header h{};
+   h.magic = kMagic;
+   h.version = kLayoutVersion + 1;
+   h.headerSize = sizeof( Header );
+   ASSERT_EQ( pwrite( fd, &h, sizeof h, 0 ), static_cast< ssize_t >( sizeof h ) );
+   EXPECT_FALSE( TableReader::open( dir, "d/t", &err ) );
+   EXPECT_NE( err.find( "layout version" ), std::string::npos ) << err;
+   close( fd );
+   shm_unlink( name.c_str() );
+}
+
+} // namespace

@@ -1,0 +1,91 @@
+#include "services/netns/test/NetnsLab.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+
+namespace NetnsTest {
+
+namespace {
+const std::string kPrefix = "pimt";
+
+std::string ownPrefix() { return kPrefix + std::to_string( ::getpid() ) + "-"; }
+
+// The pid in "pimt<pid>-...", or 0.
+pid_t ownerOf( const std::string & name ) {
+   if( name.rfind( kPrefix, 0 ) != 0 ) return 0;
+   const auto dash = name.find( '-', kPrefix.size() );
+   if( dash == std::string::npos ) return 0;
+   try {
+      return pid_t( std::stoi( name.substr( kPrefix.size(), dash - kPrefix.size() ) ) );
+   } catch( const std::exception & ) {
+      return 0;
+   }
+}
+
+std::vector< std::string > allNamespaces() {
+   std::vector< std::string > out;
+   std::error_code ec;
+   for( const auto & e : std::filesystem::directory_iterator( "/run/netns", ec ) ) {
+      out.push_back( e.path().filename().string() );
+   }
+   return out;
+}
+} // namespace
+
+bool NetnsLab::haveRoot() { return ::geteuid() == 0; }
+
+bool NetnsLab::sh( const std::string & cmd ) {
+   return std::system( ( cmd + " >/dev/null 2>&1" ).c_str() ) == 0;
+}
+
+NetnsLab::NetnsLab() {
+   if( !haveRoot() ) return;
+   for( const auto & n : allNamespaces() ) {
+      const pid_t p = ownerOf( n );
+      if( p > 0 && ::kill( p, 0 ) != 0 && errno == ESRCH ) sh( "ip netns del " + n );
+   }
+}
+
+NetnsLab::~NetnsLab() {
+   // Deleting a namespace deletes the links in it, veth peers included.
+   for( auto it = made_.rbegin(); it != made_.rend(); ++it ) sh( "ip netns del " + *it );
+}
+
+std::string NetnsLab::add( const std::string & tag ) {
+   const std::string name = ownPrefix() + tag;
+   if( !sh( "ip netns add " + name ) ) return {};
+   made_.push_back( name );
+   if( !sh( "ip netns exec " + name +
+            " sysctl -qw net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0" ) ||
+       !sh( "ip -n " + name + " link set lo up" ) ) {
+      return {};
+   }
+   return name;
+}
+
+bool NetnsLab::waitFor( int fd, const std::function< void() > & onReadable, const std::function< bool() > & cond,
+                        std::chrono::milliseconds limit ) {
+   const auto end = std::chrono::steady_clock::now() + limit;
+   while( !cond() ) {
+      const auto left = std::chrono::duration_cast< std::chrono::milliseconds >( end - std::chrono::steady_clock::now() );
+      if( left.count() <= 0 ) return false;
+      pollfd p{ fd, POLLIN, 0 };
+      if( ::poll( &p, 1, int( left.count() ) ) > 0 ) onReadable();
+   }
+   return true;
+}
+
+std::vector< std::string > NetnsLab::owned() {
+   std::vector< std::string > out;
+   for( const auto & n : allNamespaces() ) {
+      if( n.rfind( ownPrefix(), 0 ) == 0 ) out.push_back( n );
+   }
+   return out;
+}
+
+} // namespace NetnsTest

@@ -1,0 +1,157 @@
+#pragma once
+// The PIM I/O service of one VRF and family on a Linux host: a raw
+// IPPROTO_PIM socket opened inside the VRF's namespace.
+//
+// Receive: many datagrams per wake-up (recvmmsg), the interface from the
+// packet info, decoded with the wire codec; what is not a Hello for a PIM
+// interface from a permitted source is dropped and counted by reason. The
+// Hellos wait in a bounded queue and go into the receive mailbox one per
+// turn of the loop, because the mailbox holds one message and the agent
+// reads it in a deferred reaction. While the queue is full the socket is
+// not read, so the kernel holds the rest: nothing is lost here.
+//
+// Transmit: each message the agent puts in the transmit mailbox goes out of
+// its interface from the message's source address, TTL / hop limit 1, to
+// ALL-PIM-ROUTERS.
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include <sys/socket.h>
+
+#include "kiv/ActivityManager.h"
+#include "lumo/AddressFamily.h"
+#include "lumo/IntfId.h"
+#include "lumo/NamespaceName.h"
+#include "services/intf/DeviceIntfStatus.h"
+#include "services/mcast/Multicast.h"
+#include "services/pimio/MessageInfo.h"
+#include "services/pimwire/HelloCodec.h"
+#include "tolm/TimerWheel.h"
+
+namespace Routing::Pim::IO {
+
+struct RawIoCounters {
+   std::uint64_t rxDatagrams = 0;
+   std::uint64_t rxDelivered = 0;      // Hellos put in the receive mailbox
+   std::uint64_t rxNotPimIntf = 0;     // arrived on an interface PIM does not run on
+   std::uint64_t rxAclDenied = 0;      // source denied by the service ACL
+   std::uint64_t rxMalformed = 0;      // no packet info, IP header cut, truncated
+   std::uint64_t rxNoMailbox = 0;      // the VRF has no receive mailbox for Hellos
+   std::array< std::uint64_t, PimWire::kRejectReasonCount > rxRejected{};  // by codec reason
+   std::uint64_t rxQueueFullStops = 0; // times reading paused for a full queue
+   std::uint64_t rxKernelDropped = 0;  // the kernel's count of datagrams it had no room for
+   std::uint64_t txSent = 0;
+   std::uint64_t txNotHello = 0;       // the mailbox held no Hello
+   std::uint64_t txNoInterface = 0;    // interface unknown to the kernel
+   std::uint64_t txEncodeFailed = 0;
+   std::uint64_t txFailed = 0;         // sendmsg refused
+   std::uint64_t joins = 0;
+   std::uint64_t leaves = 0;
+   std::uint64_t membershipFailed = 0;
+};
+
+class RawPimIo : public Kiv::FdReactor {
+ public:
+   static constexpr std::size_t kBatch = 32;          // datagrams per recvmmsg
+   static constexpr std::size_t kQueueLimit = 1024;   // decoded Hellos waiting for the mailbox
+
+   // The kernel interface status supplies ifindex <-> interface name; it
+   // and the PAM manager are required.
+   RawPimIo( const Kiv::Ptr< PamManager > & pam, const Kiv::Ptr< const Interface::DeviceIntfStatusDir > & devices,
+             const Kiv::Ptr< Tolm::TimerWheel > & wheel );
+   ~RawPimIo() override;
+
+   // Opens the socket in the PAM manager's namespace. Throws std::system_error.
+   void start();
+   // The interfaces PIM runs on; Hellos on others are dropped.
+   void pimIntfIs( const Lumo::IntfId & intf, bool on );
+   // ALL-PIM-ROUTERS membership of an interface. False when the kernel
+   // refuses (counted).
+   bool allPimRoutersIs( const Lumo::IntfId & intf, bool joined );
+   // Follows the group memberships that the agent requests: ALL-PIM-ROUTERS
+   // of this family on an interface of this namespace is joined while
+   // requested, and joined again when the interface comes back with a new
+   // index. Requests for interfaces of other namespaces are not ours.
+   void groupsIs( const Kiv::Ptr< const IpGen::MulticastGroupsForApplications > & groups );
+   void handleGroup( const Lumo::IntfId & intf );
+   // The service ACL: false denies a source. None permits all.
+   void aclIs( std::function< bool( const Lumo::IpGenAddr & ) > permits ) { acl_ = std::move( permits ); }
+
+   void handleReadable();
+   void handleTx();
+   void handleDelivery();
+
+   const RawIoCounters & counters() const { return counters_; }
+   std::size_t queued() const { return queue_.size(); }
+   int socketFd() const { return fd_; }
+
+ private:
+   class KivTx : public MessageInfo::NotifieeConst {
+    public:
+      // Immediate: the mailbox holds one message, the next one overwrites it.
+      explicit KivTx( RawPimIo * o ) : owner_( o ) { kivImmediateIs( MessageInfo::kivAttr_count, true ); }
+      void onCountkivImmediate() override { owner_->handleTx(); }
+    private:
+      RawPimIo * owner_;
+   };
+   class KivDelivery : public Tolm::TimerWheel::NotifieeConst {
+    public:
+      KivDelivery( RawPimIo * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
+      void onTime() override { owner_->handleDelivery(); }
+    private:
+      RawPimIo * owner_;
+   };
+   class KivGroups : public IpGen::MulticastGroupsForApplications::NotifieeConst {
+    public:
+      explicit KivGroups( RawPimIo * o ) : owner_( o ) {}
+      void onIntfGroup( const IpGen::IntfGroup & g ) override { owner_->handleGroup( g.intf ); }
+    private:
+      RawPimIo * owner_;
+   };
+   class KivDevices : public Interface::DeviceIntfStatusDir::NotifieeConst {
+    public:
+      explicit KivDevices( RawPimIo * o ) : owner_( o ) {}
+      void onDeviceIntfStatus( const Lumo::IntfId & intf ) override { owner_->handleGroup( intf ); }
+    private:
+      RawPimIo * owner_;
+   };
+   struct Pending {
+      Lumo::IntfId intf;
+      Kiv::Ptr< Packet::HelloMessage > hello;
+   };
+
+   void onReadable() override { handleReadable(); }
+   void receive( std::size_t i, std::size_t len, const msghdr & h );
+   std::uint32_t ifIndexOf( const Lumo::IntfId & intf ) const;
+   Lumo::IntfId intfOf( std::uint32_t ifIndex ) const;
+   void readingIs( bool on );
+   bool membershipIs( std::uint32_t ifIndex, bool joined );
+
+   Kiv::Ptr< PamManager > pam_;
+   Kiv::Ptr< const Interface::DeviceIntfStatusDir > devices_;
+   Kiv::Ptr< Tolm::TimerWheel > wheel_;
+   Lumo::AddressFamily af_;
+   int fd_ = -1;
+   bool reading_ = false;
+   std::map< Lumo::IntfId, bool > pimIntfs_;
+   std::function< bool( const Lumo::IpGenAddr & ) > acl_;
+   std::deque< Pending > queue_;
+   RawIoCounters counters_;
+   KivTx txReactor_;
+   KivDelivery delivery_;
+   KivGroups groupsReactor_;
+   KivDevices devicesReactor_;
+   // Interfaces joined through the requests, with the index joined on.
+   std::map< Lumo::IntfId, std::uint32_t > joined_;
+   // recvmmsg buffers, kept between wake-ups.
+   struct RxSlot;
+   std::unique_ptr< RxSlot[] > slots_;
+   PimWire::Hello scratch_;
+};
+
+} // namespace Routing::Pim::IO

@@ -1,0 +1,330 @@
+// PIM on raw sockets between two namespaces joined by a veth pair: what one
+// side sends, the other receives on the right interface, decoded, once per
+// Hello and none lost in a burst; what it must not take it drops and counts;
+// and what goes on the wire reads in tshark's PIM dissector with a good
+// checksum, TTL / hop limit 1.
+#include <gtest/gtest.h>
+
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "kiv/testing/TestLoop.h"
+#include "services/netlink/KernelFeed.h"
+#include "services/netns/Netns.h"
+#include "services/netns/test/NetnsLab.h"
+#include "services/pimio/HelloAdapter.h"
+#include "services/pimio/linux/RawPimIo.h"
+
+namespace Routing::Pim::IO {
+namespace {
+
+using NetnsTest::NetnsLab;
+
+struct Received {
+   std::string intf;
+   Lumo::IpGenAddr src;
+   std::uint16_t holdTime;
+   std::uint32_t drPriority;
+};
+
+class KivRecorder : public MessageInfo::NotifieeConst {
+ public:
+   std::vector< Received > got;
+   void onCount() override {
+      const auto m = notifier();
+      const auto h = m->helloMessage();
+      got.push_back( { std::string( m->intfId().stringValue() ), h->srcAddr(), h->holdTime(), h->drPriority() } );
+   }
+};
+
+// One router: its namespace's kernel status and its PIM socket.
+struct Side {
+   Side( const std::string & ns, Lumo::AddressFamily af, const Kiv::Ptr< Tolm::TimerWheel > & wheel ) {
+      targets.vrf = L3::VrfName( "default" );
+      targets.devices = Kiv::make< Interface::DeviceIntfStatusDir >();
+      targets.ip4 = Kiv::make< IpGen::Ipv4Status >();
+      targets.ip6 = Kiv::make< IpGen::Ipv6Status >();
+      feed = std::make_unique< Netlink::KernelFeed >( Lumo::NamespaceName( ns ), targets );
+      feed->start();
+      pam = Kiv::make< PamManager >( af, Lumo::NamespaceName( ns ), true );
+      rx = Kiv::make< MessageInfo >();
+      pam->rxMessageInfoIs( 0, rx );
+      recorder.notifierIs( rx );
+      io = std::make_unique< RawPimIo >( pam, targets.devices, wheel );
+      io->start();
+   }
+   ~Side() { recorder.notifierIs( nullptr ); }
+   Lumo::IpGenAddr addr( const char * intf, Lumo::AddressFamily af ) const {
+      const auto & st = af == Lumo::AddressFamily::ipv6 ? targets.ip6 : targets.ip4;
+      return st->primaryAddrWithMask( Lumo::IntfId( intf ) ).address();
+   }
+   Netlink::FeedTargets targets;
+   std::unique_ptr< Netlink::KernelFeed > feed;
+   Kiv::Ptr< PamManager > pam;
+   Kiv::Ptr< MessageInfo > rx;
+   KivRecorder recorder;
+   std::unique_ptr< RawPimIo > io;
+};
+
+void send( Side & s, const char * intf, const Lumo::IpGenAddr & src, std::uint16_t holdTime, std::uint32_t prio ) {
+   auto h = Kiv::make< Packet::HelloMessage >();
+   h->srcAddrIs( src );
+   h->holdTimePresentIs( true );
+   h->holdTimeIs( holdTime );
+   h->drPriorityPresentIs( true );
+   h->drPriorityIs( prio );
+   h->generationIdPresentIs( true );
+   h->generationIdIs( 0x1234 );
+   const auto tx = s.pam->txMessageInfo();
+   tx->messageIs( h );
+   tx->intfIdIs( Lumo::IntfId( intf ) );
+   tx->countInc( 1 );
+}
+
+// Frames seen on one interface of a namespace, written as a pcap file.
+class Capture {
+ public:
+   Capture( const std::string & ns, const char * intf ) {
+      fd_ = Netns::socketIn( ns, AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons( ETH_P_ALL ) );
+      if( fd_ < 0 ) return;
+      // The index as the namespace knows it: the socket lives there.
+      ifreq r{};
+      std::snprintf( r.ifr_name, sizeof r.ifr_name, "%s", intf );
+      if( ::ioctl( fd_, SIOCGIFINDEX, &r ) != 0 ) return;
+      sockaddr_ll a{};
+      a.sll_family = AF_PACKET;
+      a.sll_protocol = htons( ETH_P_ALL );
+      a.sll_ifindex = r.ifr_ifindex;
+      ok_ = ::bind( fd_, reinterpret_cast< sockaddr * >( &a ), sizeof a ) == 0;
+   }
+   ~Capture() {
+      if( fd_ >= 0 ) ::close( fd_ );
+   }
+   bool ok() const { return ok_; }
+   // PIM frames (IPv4 protocol 103 or IPv6 next header 103) queued so far.
+   std::vector< std::vector< std::uint8_t > > pimFrames() {
+      std::vector< std::vector< std::uint8_t > > out;
+      std::uint8_t buf[ 4096 ];
+      for( ssize_t n; ( n = ::recv( fd_, buf, sizeof buf, 0 ) ) > 0; ) {
+         if( n < 14 ) continue;
+         const unsigned type = unsigned( buf[ 12 ] ) << 8 | buf[ 13 ];
+         const bool pim = ( type == ETH_P_IP && n > 23 && buf[ 23 ] == 103 ) ||
+                          ( type == ETH_P_IPV6 && n > 20 && buf[ 20 ] == 103 );
+         if( pim ) out.emplace_back( buf, buf + n );
+      }
+      return out;
+   }
+ private:
+   int fd_ = -1;
+   bool ok_ = false;
+};
+
+bool writePcap( const std::string & path, const std::vector< std::vector< std::uint8_t > > & frames ) {
+   std::ofstream f( path, std::ios::binary );
+   const std::uint32_t header[] = { 0xa1b2c3d4, 0x00040002, 0, 0, 65535, 1 };
+   f.write( reinterpret_cast< const char * >( header ), sizeof header );
+   for( const auto & fr : frames ) {
+      const std::uint32_t rec[] = { 0, 0, std::uint32_t( fr.size() ), std::uint32_t( fr.size() ) };
+      f.write( reinterpret_cast< const char * >( rec ), sizeof rec );
+      f.write( reinterpret_cast< const char * >( fr.data() ), std::streamsize( fr.size() ) );
+   }
+   return bool( f );
+}
+
+std::vector< std::string > tsharkLines( const std::string & pcap, const std::string & fields ) {
+   std::vector< std::string > lines;
+   FILE * p = ::popen( ( "tshark -n -r '" + pcap + "' -T fields -E separator='|' " + fields + " 2>/dev/null" ).c_str(), "r" );
+   if( !p ) return lines;
+   char buf[ 512 ];
+   while( std::fgets( buf, sizeof buf, p ) ) {
+      std::string l( buf );
+      while( !l.empty() && l.back() == '\n' ) l.pop_back();
+      lines.push_back( l );
+   }
+   ::pclose( p );
+   return lines;
+}
+
+class RawPimIoTest : public ::testing::TestWithParam< Lumo::AddressFamily > {
+ protected:
+   void SetUp() override {
+      if( !NetnsLab::haveRoot() ) GTEST_SKIP() << "needs root to create network namespaces and raw sockets";
+      a = lab.add( "pa" );
+      b = lab.add( "pb" );
+      ASSERT_FALSE( a.empty() || b.empty() );
+      ASSERT_TRUE( NetnsLab::sh( "ip -n " + a + " link add a0 type veth peer name b0 netns " + b ) );
+      ASSERT_TRUE( NetnsLab::sh( "ip -n " + a + " addr add 198.18.0.1/24 dev a0" ) );
+      ASSERT_TRUE( NetnsLab::sh( "ip -n " + b + " addr add 198.18.0.2/24 dev b0" ) );
+      ASSERT_TRUE( NetnsLab::sh( "ip -n " + a + " addr add 2001:db8::1/64 dev a0" ) );
+      ASSERT_TRUE( NetnsLab::sh( "ip -n " + b + " addr add 2001:db8::2/64 dev b0" ) );
+      ASSERT_TRUE( NetnsLab::sh( "ip -n " + a + " link set a0 up" ) );
+      ASSERT_TRUE( NetnsLab::sh( "ip -n " + b + " link set b0 up" ) );
+      wheel = Tolm::TimerWheelIs( loop.clock() );
+      af = GetParam();
+      sa = std::make_unique< Side >( a, af, wheel );
+      sb = std::make_unique< Side >( b, af, wheel );
+      // Link-local addresses come with the link: wait for both ends.
+      ASSERT_TRUE( NetnsLab::waitFor( sa->feed->fd(), [ & ] { sa->feed->handleReadable(); },
+                                      [ & ] { return !sa->addr( "a0", af ).isEmpty(); } ) );
+      ASSERT_TRUE( NetnsLab::waitFor( sb->feed->fd(), [ & ] { sb->feed->handleReadable(); },
+                                      [ & ] { return !sb->addr( "b0", af ).isEmpty(); } ) );
+      sb->io->pimIntfIs( Lumo::IntfId( "b0" ), true );
+      ASSERT_TRUE( sb->io->allPimRoutersIs( Lumo::IntfId( "b0" ), true ) );
+   }
+   void TearDown() override {
+      sb.reset();
+      sa.reset();
+   }
+   // Reads b's socket and runs the loop until b's mailbox has seen n Hellos.
+   bool receive( std::size_t n ) {
+      return NetnsLab::waitFor(
+         sb->io->socketFd(),
+         [ & ] {
+            sb->io->handleReadable();
+            loop.advanceBy( 0 );
+         },
+         [ & ] {
+            // Deliveries are timers due now: they fire as the loop turns.
+            loop.advanceBy( 0 );
+            return sb->recorder.got.size() >= n;
+         } );
+   }
+
+   Kiv::Testing::TestLoop loop;
+   NetnsLab lab;
+   std::string a, b;
+   Lumo::AddressFamily af = Lumo::AddressFamily::ipv4;
+   Kiv::Ptr< Tolm::TimerWheel > wheel;
+   std::unique_ptr< Side > sa, sb;
+};
+
+TEST_P( RawPimIoTest, HelloCrossesTheLinkAndReadsWellInTshark ) {
+   Capture cap( b, "b0" );
+   ASSERT_TRUE( cap.ok() );
+   const Lumo::IpGenAddr src = sa->addr( "a0", af );
+   EXPECT_EQ( af == Lumo::AddressFamily::ipv6, src.isLinkLocal() );
+   send( *sa, "a0", src, 105, 7 );
+   ASSERT_TRUE( receive( 1 ) ) << "tx " << sa->io->counters().txSent << " failed " << sa->io->counters().txFailed
+                               << " noif " << sa->io->counters().txNoInterface << " enc " << sa->io->counters().txEncodeFailed
+                               << " nothello " << sa->io->counters().txNotHello << " rx " << sb->io->counters().rxDatagrams
+                               << " notpim " << sb->io->counters().rxNotPimIntf << " malformed " << sb->io->counters().rxMalformed << " queued " << sb->io->queued();
+   EXPECT_EQ( sa->io->counters().txSent, 1u );
+   ASSERT_EQ( sb->recorder.got.size(), 1u );
+   EXPECT_EQ( sb->recorder.got[ 0 ].intf, "b0" );
+   EXPECT_EQ( sb->recorder.got[ 0 ].src, src );
+   EXPECT_EQ( sb->recorder.got[ 0 ].holdTime, 105 );
+   EXPECT_EQ( sb->recorder.got[ 0 ].drPriority, 7u );
+
+   if( std::system( "tshark -v >/dev/null 2>&1" ) != 0 ) {
+      GTEST_SKIP() << "tshark is not installed; wire check skipped";
+   }
+   const auto frames = cap.pimFrames();
+   ASSERT_EQ( frames.size(), 1u );
+   const std::string pcap = "/tmp/" + b + ".pcap";
+   ASSERT_TRUE( writePcap( pcap, frames ) );
+   const bool v6 = af == Lumo::AddressFamily::ipv6;
+   const auto lines = tsharkLines( pcap, std::string( v6 ? "-e ipv6.hlim -e ipv6.dst" : "-e ip.ttl -e ip.dst" ) +
+                                            " -e pim.cksum.status -e pim.holdtime -e pim.dr_priority" );
+   std::remove( pcap.c_str() );
+   ASSERT_EQ( lines.size(), 1u );
+   // 1 is tshark's "Good" checksum.
+   EXPECT_EQ( lines[ 0 ], std::string( "1|" ) + ( v6 ? "ff02::d" : "224.0.0.13" ) + "|1|105|7" );
+}
+
+TEST_P( RawPimIoTest, BurstArrivesWholeInOrderOnePerTurn ) {
+   const Lumo::IpGenAddr src = sa->addr( "a0", af );
+   // More than the queue holds: reading pauses, the kernel keeps the rest.
+   constexpr std::uint16_t kBurst = RawPimIo::kQueueLimit + 500;
+   for( std::uint16_t i = 1; i <= kBurst; ++i ) send( *sa, "a0", src, i, i );
+   ASSERT_TRUE( receive( kBurst ) ) << sb->recorder.got.size() << " kernel dropped " << sb->io->counters().rxKernelDropped
+                                     << " tx failed " << sa->io->counters().txFailed;
+   for( std::uint16_t i = 0; i < kBurst; ++i ) ASSERT_EQ( sb->recorder.got[ i ].holdTime, i + 1 ) << "order or loss";
+   EXPECT_EQ( sb->io->counters().rxDelivered, kBurst );
+   EXPECT_EQ( sb->io->queued(), 0u );
+   EXPECT_EQ( sb->io->counters().rxKernelDropped, 0u );
+   EXPECT_GE( sb->io->counters().rxQueueFullStops, 1u );
+}
+
+TEST_P( RawPimIoTest, WhatIsNotForPimIsDroppedAndCounted ) {
+   const Lumo::IpGenAddr src = sa->addr( "a0", af );
+   // Denied by the ACL, then on an interface PIM left, then one that passes.
+   sb->io->aclIs( [ & ]( const Lumo::IpGenAddr & s ) { return s != src; } );
+   send( *sa, "a0", src, 10, 1 );
+   ASSERT_TRUE( NetnsLab::waitFor( sb->io->socketFd(), [ & ] { sb->io->handleReadable(); },
+                                   [ & ] { return sb->io->counters().rxAclDenied == 1; } ) );
+   sb->io->aclIs( nullptr );
+   sb->io->pimIntfIs( Lumo::IntfId( "b0" ), false );
+   send( *sa, "a0", src, 20, 1 );
+   ASSERT_TRUE( NetnsLab::waitFor( sb->io->socketFd(), [ & ] { sb->io->handleReadable(); },
+                                   [ & ] { return sb->io->counters().rxNotPimIntf == 1; } ) );
+   sb->io->pimIntfIs( Lumo::IntfId( "b0" ), true );
+   send( *sa, "a0", src, 30, 1 );
+   ASSERT_TRUE( receive( 1 ) );
+   EXPECT_EQ( sb->recorder.got[ 0 ].holdTime, 30 );
+   // Sending on an interface the kernel does not know is refused, counted.
+   send( *sa, "nosuch0", src, 30, 1 );
+   EXPECT_EQ( sa->io->counters().txNoInterface, 1u );
+   EXPECT_FALSE( sb->io->allPimRoutersIs( Lumo::IntfId( "nosuch0" ), true ) );
+   EXPECT_EQ( sb->io->counters().membershipFailed, 1u );
+}
+
+std::string groupsOf( const std::string & ns, const char * intf ) {
+   std::string out;
+   FILE * p = ::popen( ( "ip -n " + ns + " maddr show dev " + intf + " 2>/dev/null" ).c_str(), "r" );
+   if( !p ) return out;
+   char buf[ 256 ];
+   while( std::fgets( buf, sizeof buf, p ) ) out += buf;
+   ::pclose( p );
+   return out;
+}
+
+// Memberships follow the requests, and come back with a re-created link.
+TEST_P( RawPimIoTest, MembershipFollowsTheRequests ) {
+   const bool v6 = af == Lumo::AddressFamily::ipv6;
+   const std::string group = v6 ? "ff02::d" : "224.0.0.13";
+   const Lumo::IntfId a0( "a0" );
+   auto groups = Kiv::make< IpGen::MulticastGroupsForApplications >( af );
+   groups->joinGroup( a0, allPimRouters( af ) );
+   groups->joinGroup( Lumo::IntfId( "elsewhere0" ), allPimRouters( af ) );   // not in this namespace
+   sa->io->groupsIs( groups );
+   EXPECT_NE( groupsOf( a, "a0" ).find( group ), std::string::npos );
+   EXPECT_EQ( sa->io->counters().joins, 1u );
+   EXPECT_EQ( sa->io->counters().membershipFailed, 0u );
+
+   groups->leaveGroup( a0, allPimRouters( af ) );
+   loop.runUntilIdle();
+   EXPECT_EQ( groupsOf( a, "a0" ).find( group ), std::string::npos );
+
+   groups->joinGroup( a0, allPimRouters( af ) );
+   loop.runUntilIdle();
+   EXPECT_EQ( sa->io->counters().joins, 2u );
+   // The link goes and comes back with a new index: joined again on it.
+   const auto before = sa->targets.devices->deviceIntfStatus( a0 ).ifIndex;
+   ASSERT_TRUE( NetnsLab::sh( "ip -n " + a + " link del a0 && ip -n " + a + " link add a0 type veth peer name a1 && ip -n " +
+                              a + " link set a0 up && ip -n " + a + " link set a1 up" ) );
+   ASSERT_TRUE( NetnsLab::waitFor( sa->feed->fd(), [ & ] { sa->feed->handleReadable(); },
+                                   [ & ] {
+                                      const auto d = sa->targets.devices->deviceIntfStatus( a0 );
+                                      return d.ifIndex && d.ifIndex != before;
+                                   } ) );
+   loop.runUntilIdle();
+   EXPECT_EQ( sa->io->counters().joins, 3u );
+   EXPECT_NE( groupsOf( a, "a0" ).find( group ), std::string::npos );
+   sa->io->groupsIs( nullptr );
+}
+
+INSTANTIATE_TEST_SUITE_P( Families, RawPimIoTest,
+                          ::testing::Values( Lumo::AddressFamily::ipv4, Lumo::AddressFamily::ipv6 ),
+                          []( const auto & info ) { return info.param == Lumo::AddressFamily::ipv6 ? "ipv6" : "ipv4"; } );
+
+} // namespace
+} // namespace Routing::Pim::IO

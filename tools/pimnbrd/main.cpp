@@ -1,0 +1,44 @@
+// pimnbrd: the PIM neighbour agent on a Linux host.
+//
+// This build reads and checks the configuration file. Hosting the agent
+// (loading the plug-in and running its loop over the netlink feed and the
+// raw-socket PIM I/O) is not in it yet; asked to run, it says so and exits.
+#include <sysexits.h>
+
+#include <cstdio>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "ConfigFile.h"
+
+namespace {
+constexpr const char * kVersion = "0.1.0";
+}
+
+int main( int argc, char ** argv ) {
+   CLI::App app( "PIM neighbour agent for Linux network namespaces", "pimnbrd" );
+   std::string configPath = "/etc/pimnbrd/pimnbrd.yaml";
+   std::string logTarget = "stderr";
+   std::string stateDir = "/run/pimnbrd";
+   bool check = false;
+   bool foreground = false;
+   app.add_option( "-c,--config", configPath, "configuration file (YAML)" )->capture_default_str();
+   app.add_flag( "--check", check, "validate the configuration file and exit: 0 when valid, 1 with every error" );
+   app.add_flag( "--foreground", foreground, "stay in the foreground" );
+   app.add_option( "--log", logTarget, "where logs go" )->check( CLI::IsMember( { "stderr", "syslog" } ) )->capture_default_str();
+   app.add_option( "--state-dir", stateDir, "directory for the ring-buffer trace and the shared-memory tables" )
+      ->capture_default_str();
+   app.set_version_flag( "--version", std::string( "pimnbrd " ) + kVersion );
+   CLI11_PARSE( app, argc, argv );
+
+   const Pimnbrd::ParseResult r = Pimnbrd::parseConfigFile( configPath );
+   for( const auto & e : r.errors ) std::fprintf( stderr, "%s\n", e.text().c_str() );
+   if( !r.config ) return 1;
+   if( check ) {
+      std::printf( "%s: valid\n", configPath.c_str() );
+      return 0;
+   }
+   std::fprintf( stderr, "pimnbrd: running the agent is not available in this build; only --check is\n" );
+   return EX_UNAVAILABLE;
+}
