@@ -165,7 +165,7 @@ MountStatus EntityManager::mountOne( const Mount & m ) {
       e = store_->types().create( m.typeName, m.path, lastElement( m.path ) );
       store_->entityIs( m.path, m.typeName, e );
    }
-   if( !mode.live ) {
+   if( !mode.live && !mode.write ) {
       if( auto live = Kiv::ptr_cast< Kiv::Dir >( e ) ) {
          // A frozen copy: the entries there now, and no later ones.
          auto frozen = Kiv::make< Kiv::Dir >( live->name() );

@@ -9,8 +9,9 @@
 //   ""     the store's default: read access, like "r".
 //   "r"    read: the entity manager hands out the entity as const only.
 //   "ri"   read, and the entity is a directory whose entries appear and
-//          disappear as others write them (without "i" the mounter gets the
-//          entries present at mount time, frozen).
+//          disappear as others write them (a read mount without "i" gets
+//          the entries present at mount time, frozen; a write mount always
+//          gets the store's directory, which its own entries go into).
 //   "rO"   read, and the entity is optional: a missing one leaves the path
 //          unmounted instead of failing the group.
 //   "w"    write: the entity manager also hands out a writable entity.

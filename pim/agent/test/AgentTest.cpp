@@ -159,6 +159,16 @@ TEST_F( AgentTest, ActiveSideMachinesFollowTheRunningVrf ) {
    const auto & lines = Kiv::NboAttrLog::Root::top().outSm( "pim" )->lines();
    EXPECT_NE( std::find( lines.begin(), lines.end(), "pimEnabledSparseModeVrf[red]=true" ), lines.end() );
 
+   // The VRF-interface directory follows the multicast service's entry for
+   // the VRF while multicast routing is enabled there.
+   auto entry = Kiv::ptr_cast< McastCommon::AppVrfIntfStatus >(
+      store_->entityIs( "multicastIntfs/application/pim/red", "McastCommon::AppVrfIntfStatus" ) );
+   entry->intfIs( e7 );
+   storeEntity< Routing::Multicast::Fib::VrfConfig >( "routing/multicast/vrf/config" )->routingEnabledVrfIs( red );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   ASSERT_TRUE( agent()->pimVrfIntfs()->vrfIntf( red ) );
+   EXPECT_TRUE( agent()->pimVrfIntfs()->vrfIntf( red )->intfs( e7 ) );
+
    storeEntity< ConfigColl >( "routing/pim/config" )->vrfConfigDel( red );
    ASSERT_TRUE( loop_.runUntilIdle() );
    EXPECT_FALSE( agent()->pimGlobalStatusReaderSm()->statusTable( red ) ) << "released with the VRF";

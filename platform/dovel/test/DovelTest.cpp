@@ -98,8 +98,12 @@ TEST_F( DovelTest, LiveDirectorySeesLaterEntriesFrozenOneDoesNot ) {
    store->entityIs( "dir/live", "Kiv::Dir" );
    store->entityIs( "dir/frozen", "Kiv::Dir" );
    store->entityIs( "dir/frozen/early", "Test::Probe" );
-   ASSERT_EQ( mount( { { "dir/live", "Kiv::Dir", "ri" }, { "dir/frozen", "Kiv::Dir", "r" } } ),
+   ASSERT_EQ( mount( { { "dir/live", "Kiv::Dir", "ri" }, { "dir/frozen", "Kiv::Dir", "r" },
+                       { "dir/own", "Kiv::Dir", "wc" } } ),
               Dovel::mountSuccess_ );
+   em->getWritableEntity< Kiv::Dir >( "dir/own" )->entryIs( Kiv::Name( "mine" ), "Kiv::Dir" );
+   EXPECT_TRUE( store->entity< Kiv::Dir >( "dir/own" )->entityRef( Kiv::Name( "mine" ) ) )
+      << "a writer's directory is the store's";
    auto live = em->getEntity< Kiv::Dir >( "dir/live" );
    auto frozen = em->getEntity< Kiv::Dir >( "dir/frozen" );
    store->entityIs( "dir/live/x", "Test::Probe" );
