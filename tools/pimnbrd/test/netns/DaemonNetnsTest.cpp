@@ -197,6 +197,24 @@ TEST_F( DaemonNetnsTest, Ipv4NeighboursDrReloadAndGoodbye ) {
    EXPECT_LT( Clock::now() - t0, std::chrono::milliseconds( 1500 ) );
 }
 
+TEST_F( DaemonNetnsTest, LinkDownDropsTheNeighbourAndUpBringsItBack ) {
+   Daemon * a = router( "a", "198.18.2.1/24", "2001:db8:2::1/64" );
+   Daemon * b = router( "b", "198.18.2.2/24", "2001:db8:2::2/64" );
+   ASSERT_TRUE( a && b );
+   a->configIs( configText( a->intf(), "ipv4", 1 ) );
+   b->configIs( configText( b->intf(), "ipv4", 1 ) );
+   ASSERT_TRUE( a->start() && b->start() );
+   ASSERT_TRUE( pollFor( [ & ] { return a->hasNeighbor( "ip", "198.18.2.2" ) && b->hasNeighbor( "ip", "198.18.2.1" ); },
+                         kFormWithin ) );
+   // a's leg on the switch goes down: a's interface loses carrier.
+   ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link set sa down" ) );
+   EXPECT_TRUE( pollFor( [ & ] { return !a->hasNeighbor( "ip", "198.18.2.2" ); }, std::chrono::milliseconds( 1000 ) ) )
+      << "a's neighbours go with its interface";
+   ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link set sa up" ) );
+   EXPECT_TRUE( pollFor( [ & ] { return a->hasNeighbor( "ip", "198.18.2.2" ) && b->hasNeighbor( "ip", "198.18.2.1" ); },
+                         kFormWithin ) );
+}
+
 TEST_F( DaemonNetnsTest, Ipv6NeighboursAndExpiryAfterKill ) {
    Daemon * a = router( "a", "198.18.1.1/24", "2001:db8:1::1/64" );
    Daemon * b = router( "b", "198.18.1.2/24", "2001:db8:1::2/64" );
