@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include <fmt/format.h>
+#include <systemd/sd-daemon.h>
 
 #include "ConfigApply.h"
 #include "ConfigFile.h"
@@ -145,6 +146,8 @@ int Daemon::run() {
       return EX_UNAVAILABLE;
    }
    log( LOG_INFO, fmt::format( "running with {}, state in {}", options_.configPath, options_.stateDir ) );
+   // Without a supervisor (no NOTIFY_SOCKET) these do nothing.
+   ::sd_notify( 0, "READY=1\nSTATUS=running" );
    Kiv::ActivityManager & loop = Kiv::activityManager();
    while( !stopping_ ) {
       loop.runOnce( 0.25 );
@@ -153,6 +156,7 @@ int Daemon::run() {
       }
       rt_->shm.heartbeat();
    }
+   ::sd_notify( 0, "STOPPING=1\nSTATUS=sending goodbyes" );
    sendGoodbyes();
    log( LOG_INFO, "stopped" );
    return 0;
@@ -169,6 +173,12 @@ void Daemon::handleSignal( int signo ) {
 void Daemon::handleStop() { stopping_ = true; }
 
 void Daemon::handleReload() {
+   ::sd_notify( 0, "RELOADING=1\nSTATUS=reloading" );
+   reload();
+   ::sd_notify( 0, "READY=1\nSTATUS=running" );
+}
+
+void Daemon::reload() {
    ParseResult r = parseConfigFile( options_.configPath );
    if( !r.config ) {
       for( const auto & e : r.errors ) log( LOG_ERR, e.text() );

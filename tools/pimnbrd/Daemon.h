@@ -6,7 +6,8 @@
 // named after the state directory.
 //
 // Signals arrive through a signalfd on the same loop: SIGTERM/SIGINT send
-// goodbyes and stop, SIGHUP re-reads the configuration file.
+// goodbyes and stop, SIGHUP re-reads the configuration file. A supervisor
+// hears READY, RELOADING and STOPPING through sd_notify.
 #include <functional>
 #include <map>
 #include <memory>
@@ -45,6 +46,7 @@ class Daemon {
    struct Family;
    struct NsIo;
    void log( int priority, const std::string & text ) const;
+   void reload();
    void familyIs( bool ipv6, bool on );
    void namespacesSync( Family & f );
    void ioSync( Family & f );

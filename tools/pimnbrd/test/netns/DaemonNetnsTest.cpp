@@ -3,16 +3,21 @@
 // daemon's state directory: neighbours form, the DR follows priority, a
 // reload changes the DR without dropping the neighbour and a broken file
 // changes nothing, a stop says goodbye at once, a killed daemon expires
-// after its hold time. Every wait is a bounded poll.
+// after its hold time; a supervisor hears READY, RELOADING and STOPPING; the
+// unit file passes systemd's check. Every wait is a bounded poll.
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -45,6 +50,49 @@ std::string configText( const std::string & intf, const char * family, unsigned 
           ":\n        hello-interval: 1\n        dr-priority: " + std::to_string( drPriority ) + "\n";
 }
 
+// The supervisor's end of NOTIFY_SOCKET: every datagram, one state per line.
+class NotifyListener {
+ public:
+   explicit NotifyListener( std::string path ) : path_( std::move( path ) ) {
+      fd_ = ::socket( AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0 );
+      sockaddr_un a{};
+      a.sun_family = AF_UNIX;
+      path_.copy( a.sun_path, sizeof a.sun_path - 1 );
+      if( fd_ >= 0 && ::bind( fd_, reinterpret_cast< sockaddr * >( &a ), sizeof a ) != 0 ) {
+         ::close( fd_ );
+         fd_ = -1;
+      }
+   }
+   ~NotifyListener() {
+      if( fd_ >= 0 ) ::close( fd_ );
+      ::unlink( path_.c_str() );
+   }
+   const std::string & path() const { return path_; }
+   bool valid() const { return fd_ >= 0; }
+   // Reads until a datagram holds line (whole), or limit passes; what came
+   // before it is kept in heard().
+   bool waitFor( const std::string & line, std::chrono::milliseconds limit ) {
+      const auto end = Clock::now() + limit;
+      for( ;; ) {
+         const auto left = std::chrono::duration_cast< std::chrono::milliseconds >( end - Clock::now() );
+         pollfd p{ fd_, POLLIN, 0 };
+         if( left.count() <= 0 || ::poll( &p, 1, int( left.count() ) ) <= 0 ) return false;
+         char buf[ 512 ];
+         const ssize_t n = ::recv( fd_, buf, sizeof buf, 0 );
+         if( n <= 0 ) continue;
+         const std::string msg( buf, std::size_t( n ) );
+         heard_.push_back( msg );
+         if( ( "\n" + msg + "\n" ).find( "\n" + line + "\n" ) != std::string::npos ) return true;
+      }
+   }
+   const std::vector< std::string > & heard() const { return heard_; }
+
+ private:
+   std::string path_;
+   int fd_ = -1;
+   std::vector< std::string > heard_;
+};
+
 // One daemon: its namespace, configuration file, state directory, process.
 class Daemon {
  public:
@@ -63,10 +111,11 @@ class Daemon {
    const std::string & intf() const { return intf_; }
 
    void configIs( const std::string & text ) const { std::ofstream( configPath() ) << text; }
-   bool start() {
+   bool start( const NotifyListener * supervisor = nullptr ) {
       pid_ = ::fork();
       if( pid_ < 0 ) return false;
       if( pid_ == 0 ) {
+         if( supervisor ) ::setenv( "NOTIFY_SOCKET", supervisor->path().c_str(), 1 );
          const std::string log = dir_ + "/" + netns_ + ".log";
          std::freopen( log.c_str(), "a", stderr );
          ::execlp( "ip", "ip", "netns", "exec", netns_.c_str(), PIMNBRD_BINARY, "-c", configPath().c_str(),
@@ -165,17 +214,25 @@ TEST_F( DaemonNetnsTest, Ipv4NeighboursDrReloadAndGoodbye ) {
    // The lower address has the higher priority: only priority makes it DR.
    a->configIs( configText( a->intf(), "ipv4", 9 ) );
    b->configIs( configText( b->intf(), "ipv4", 1 ) );
-   ASSERT_TRUE( a->start() && b->start() );
+   NotifyListener aSupervisor( dir_ + "/notify-a" ), bSupervisor( dir_ + "/notify-b" );
+   ASSERT_TRUE( aSupervisor.valid() && bSupervisor.valid() );
+   ASSERT_TRUE( a->start( &aSupervisor ) && b->start( &bSupervisor ) );
    EXPECT_TRUE( pollFor( [ & ] { return a->hasNeighbor( "ip", "198.18.0.2" ) && b->hasNeighbor( "ip", "198.18.0.1" ); },
                          kFormWithin ) )
       << "neighbours within 2 s at hello-interval 1";
    EXPECT_TRUE( pollFor( [ & ] { return a->dr( "ip" ) == "198.18.0.1" && b->dr( "ip" ) == "198.18.0.1"; },
                          std::chrono::milliseconds( 1000 ) ) )
       << "a: " << a->dr( "ip" ) << ", b: " << b->dr( "ip" );
+   EXPECT_TRUE( aSupervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
+   EXPECT_TRUE( bSupervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
 
-   // A file that does not parse changes nothing.
+   // A file that does not parse changes nothing. Each reload is bracketed
+   // for the supervisor; waiting for its end keeps the two signals apart.
    b->configIs( "vrfs: [\n" );
    b->signal( SIGHUP );
+   EXPECT_TRUE( bSupervisor.waitFor( "RELOADING=1", std::chrono::milliseconds( 500 ) ) );
+   EXPECT_TRUE( bSupervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
+   EXPECT_EQ( b->dr( "ip" ), "198.18.0.1" );
    // A new priority moves the DR; the neighbour stays up all along.
    b->configIs( configText( b->intf(), "ipv4", 20 ) );
    b->signal( SIGHUP );
@@ -188,13 +245,38 @@ TEST_F( DaemonNetnsTest, Ipv4NeighboursDrReloadAndGoodbye ) {
       std::chrono::milliseconds( 2000 ) ) )
       << "a: " << a->dr( "ip" ) << ", b: " << b->dr( "ip" );
    EXPECT_TRUE( keptNeighbour );
+   EXPECT_TRUE( bSupervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
 
    // A stop says goodbye: b forgets a at once, long before the hold time.
    const auto t0 = Clock::now();
    a->signal( SIGTERM );
    EXPECT_EQ( a->exited( std::chrono::milliseconds( 1000 ) ), 0 ) << "exit 0 within 1 s";
+   EXPECT_TRUE( aSupervisor.waitFor( "STOPPING=1", std::chrono::milliseconds( 100 ) ) );
    EXPECT_TRUE( pollFor( [ & ] { return !b->hasNeighbor( "ip", "198.18.0.1" ); }, std::chrono::milliseconds( 1000 ) ) );
    EXPECT_LT( Clock::now() - t0, std::chrono::milliseconds( 1500 ) );
+}
+
+// The unit file with the built binary and plug-in in place of the installed
+// paths: systemd's own check has nothing to say about it.
+TEST( PimnbrdUnit, PassesSystemdVerify ) {
+   if( std::system( "command -v systemd-analyze >/dev/null 2>&1" ) != 0 ) {
+      GTEST_SKIP() << "systemd-analyze is not installed (scripts/setup.sh installs systemd)";
+   }
+   char tmpl[] = "/tmp/pimnbrd-unit-XXXXXX";
+   ASSERT_TRUE( ::mkdtemp( tmpl ) );
+   const std::string dir = tmpl, unit = dir + "/pimnbrd.service";
+   const std::string cmd = std::string( "sed -e 's|/usr/local/sbin/pimnbrd|" ) + PIMNBRD_BINARY +
+                           "|g' -e 's|/usr/local/lib/pimnbrd/libpimagent.so|" + PIMNBRD_PLUGIN + "|' '" +
+                           PIMNBRD_UNIT + "' > '" + unit + "' && systemd-analyze verify '" + unit + "' 2>&1";
+   FILE * p = ::popen( cmd.c_str(), "r" );
+   ASSERT_TRUE( p );
+   std::string out;
+   char buf[ 512 ];
+   while( std::fgets( buf, sizeof buf, p ) ) out += buf;
+   const int status = ::pclose( p );
+   NetnsLab::sh( "rm -rf '" + dir + "'" );
+   EXPECT_EQ( status, 0 ) << out;
+   EXPECT_EQ( out, "" );
 }
 
 TEST_F( DaemonNetnsTest, LinkDownDropsTheNeighbourAndUpBringsItBack ) {
