@@ -196,8 +196,22 @@ void Daemon::reload() {
          auto & f = rt_->family[ v6 ];
          const bool wanted = v6 ? config_.ipv6 : config_.ipv4;
          if( f && wanted ) {
-            namespacesSync( *f );
+            // New namespaces before the configuration that uses them, gone
+            // ones after it, once their interfaces' goodbyes are out; a VRF
+            // that moved gets its new namespace last.
+            namespacesAdd( *f );
+            // Interfaces leave first, each with its goodbye, while their VRF
+            // is still there to send it.
+            ConfigDiff leaving;
+            leaving.intfsRemoved = d.intfsRemoved;
+            applyConfig( config_, leaving, f->targets );
+            Kiv::activityManager().runUntilIdle();
+            Kiv::activityManager().runOnce( 0 );
             applyConfig( config_, d, f->targets );
+            Kiv::activityManager().runUntilIdle();
+            Kiv::activityManager().runOnce( 0 );
+            namespacesDrop( *f );
+            namespacesAdd( *f );
             if( d.serviceAclChanged ) {
                const auto acl = serviceAcl( v6 ? config_.serviceAcl6 : config_.serviceAcl4 );
                for( auto & [ vrf, n ] : f->ns ) {
@@ -253,22 +267,31 @@ void Daemon::familyIs( bool v6, bool on ) {
       throw std::runtime_error( "the agent's store lacks its configuration entities" );
    }
    // The kernel's view first, so that the configuration finds the interfaces.
-   namespacesSync( *f );
+   namespacesAdd( *f );
    applyConfig( config_, f->targets );
    slot = std::move( f );
    Kiv::activityManager().runUntilIdle();
    ioSync( *slot );
 }
 
-void Daemon::namespacesSync( Family & f ) {
+void Daemon::namespacesDrop( Family & f ) {
    for( auto it = f.ns.begin(); it != f.ns.end(); ) {
       const auto v = config_.vrfs.find( it->first );
-      if( v == config_.vrfs.end() || v->second.netns != it->second->netns ) {
-         it = f.ns.erase( it );
-      } else {
+      if( v != config_.vrfs.end() && v->second.netns == it->second->netns ) {
          ++it;
+         continue;
       }
+      // What the feed wrote goes with it.
+      for( const auto & [ ifIndex, view ] : it->second->feed->written() ) {
+         const Lumo::IntfId id( view.name );
+         f.ipStatus->intfDel( id );
+         it->second->kni->devices()->deviceIntfStatusDel( id );
+      }
+      it = f.ns.erase( it );
    }
+}
+
+void Daemon::namespacesAdd( Family & f ) {
    for( const auto & [ vrf, settings ] : config_.vrfs ) {
       if( f.ns.count( vrf ) ) continue;
       auto n = std::make_unique< NsIo >();

@@ -48,7 +48,8 @@ class Daemon {
    void log( int priority, const std::string & text ) const;
    void reload();
    void familyIs( bool ipv6, bool on );
-   void namespacesSync( Family & f );
+   void namespacesAdd( Family & f );
+   void namespacesDrop( Family & f );
    void ioSync( Family & f );
    void sendGoodbyes();
 

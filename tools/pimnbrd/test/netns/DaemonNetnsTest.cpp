@@ -109,6 +109,7 @@ class Daemon {
    std::string stateDir() const { return dir_ + "/state-" + netns_; }
    std::string configPath() const { return dir_ + "/" + netns_ + ".yaml"; }
    const std::string & intf() const { return intf_; }
+   const std::string & netns() const { return netns_; }
 
    void configIs( const std::string & text ) const { std::ofstream( configPath() ) << text; }
    bool start( const NotifyListener * supervisor = nullptr ) {
@@ -295,6 +296,39 @@ TEST_F( DaemonNetnsTest, LinkDownDropsTheNeighbourAndUpBringsItBack ) {
    ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link set sa up" ) );
    EXPECT_TRUE( pollFor( [ & ] { return a->hasNeighbor( "ip", "198.18.2.2" ) && b->hasNeighbor( "ip", "198.18.2.1" ); },
                          kFormWithin ) );
+}
+
+// The daemon in one namespace runs VRF "red" in another; a reload that drops
+// the VRF says goodbye from it, one that brings it back finds it again.
+TEST_F( DaemonNetnsTest, VrfNamespaceComesAndGoesWithReloads ) {
+   Daemon * red = router( "r", "198.18.3.1/24", "2001:db8:3::1/64" );   // no daemon of its own
+   Daemon * peer = router( "p", "198.18.3.2/24", "2001:db8:3::2/64" );
+   const std::string home = lab_.add( "h" );
+   ASSERT_TRUE( red && peer && !home.empty() );
+   daemons_.push_back( std::make_unique< Daemon >( home, red->intf(), dir_ ) );
+   Daemon * host = daemons_.back().get();
+   const std::string withRed = "vrfs:\n  default:\n    pim: true\n  red:\n    namespace: " + red->netns() +
+                               "\n    interfaces:\n      " + red->intf() + ":\n        hello-interval: 1\n";
+   host->configIs( withRed );
+   peer->configIs( configText( peer->intf(), "ipv4", 1 ) );
+   NotifyListener supervisor( dir_ + "/notify-h" );
+   ASSERT_TRUE( supervisor.valid() );
+   ASSERT_TRUE( host->start( &supervisor ) && peer->start() );
+   auto hostSeesPeer = [ & ] {
+      const Json j = host->show( "ip", "vrf red neighbor" );
+      return j.is_object() && j.contains( red->intf() ) && j[ red->intf() ].contains( "198.18.3.2" );
+   };
+   ASSERT_TRUE( pollFor( [ & ] { return hostSeesPeer() && peer->hasNeighbor( "ip", "198.18.3.1" ); }, kFormWithin ) );
+
+   ASSERT_TRUE( supervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
+   host->configIs( "vrfs:\n  default:\n    pim: true\n" );
+   host->signal( SIGHUP );
+   EXPECT_TRUE( pollFor( [ & ] { return !peer->hasNeighbor( "ip", "198.18.3.1" ); }, std::chrono::milliseconds( 1000 ) ) )
+      << "goodbye from the dropped VRF";
+   ASSERT_TRUE( supervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
+   host->configIs( withRed );
+   host->signal( SIGHUP );
+   EXPECT_TRUE( pollFor( [ & ] { return hostSeesPeer() && peer->hasNeighbor( "ip", "198.18.3.1" ); }, kFormWithin ) );
 }
 
 TEST_F( DaemonNetnsTest, Ipv6NeighboursAndExpiryAfterKill ) {
