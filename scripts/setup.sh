@@ -4,7 +4,7 @@
 set -euo pipefail
 pkgs=(build-essential g++ cmake ninja-build clang-14 libclang-rt-14-dev
       libgtest-dev libgmock-dev libbenchmark-dev libfmt-dev libmnl-dev
-      libcli11-dev nlohmann-json3-dev libvalijson-dev libyaml-cpp-dev iproute2 tshark)
+      libcli11-dev nlohmann-json3-dev libvalijson-dev libyaml-cpp-dev libsystemd-dev systemd iproute2 tshark)
 # Optional, for bench/realpath only (the tests do not need it): FRRouting's
 # pimd as the peer column. PIMNBR_BENCH_PEER=1 scripts/setup.sh
 [ "${PIMNBR_BENCH_PEER:-0}" = 1 ] && pkgs+=(frr)

@@ -276,6 +276,9 @@ std::optional< IntfView > KernelFeed::derive( std::uint32_t idx ) const {
    v.name = link->second.name;
    v.ifIndex = idx;
    v.operUp = link->second.operUp;
+   // An address is active only while its link can carry traffic: the IP
+   // status of a link without carrier has none, so PIM stops on it.
+   if( !v.operUp ) return v;
    const auto before = written_.find( idx );
    std::set< Lumo::IpGenAddrWithMask > candidates[ 2 ];
    const auto addrs = kernel_.addrs.find( idx );

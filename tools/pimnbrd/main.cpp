@@ -1,16 +1,14 @@
 // pimnbrd: the PIM neighbour agent on a Linux host.
 //
-// This build reads and checks the configuration file. Hosting the agent
-// (loading the plug-in and running its loop over the netlink feed and the
-// raw-socket PIM I/O) is not in it yet; asked to run, it says so and exits.
-#include <sysexits.h>
-
+// Reads and checks the configuration file, then hosts the agent plug-in
+// (Daemon.h) until SIGTERM or SIGINT.
 #include <cstdio>
 #include <string>
 
 #include <CLI/CLI.hpp>
 
 #include "ConfigFile.h"
+#include "Daemon.h"
 
 namespace {
 constexpr const char * kVersion = "0.1.0";
@@ -23,12 +21,14 @@ int main( int argc, char ** argv ) {
    std::string stateDir = "/run/pimnbrd";
    bool check = false;
    bool foreground = false;
+   std::string pluginPath = PIMNBRD_DEFAULT_PLUGIN;
    app.add_option( "-c,--config", configPath, "configuration file (YAML)" )->capture_default_str();
    app.add_flag( "--check", check, "validate the configuration file and exit: 0 when valid, 1 with every error" );
    app.add_flag( "--foreground", foreground, "stay in the foreground" );
    app.add_option( "--log", logTarget, "where logs go" )->check( CLI::IsMember( { "stderr", "syslog" } ) )->capture_default_str();
    app.add_option( "--state-dir", stateDir, "directory for the ring-buffer trace and the shared-memory tables" )
       ->capture_default_str();
+   app.add_option( "--plugin", pluginPath, "the agent plug-in to load" )->capture_default_str();
    app.set_version_flag( "--version", std::string( "pimnbrd " ) + kVersion );
    CLI11_PARSE( app, argc, argv );
 
@@ -39,6 +39,8 @@ int main( int argc, char ** argv ) {
       std::printf( "%s: valid\n", configPath.c_str() );
       return 0;
    }
-   std::fprintf( stderr, "pimnbrd: running the agent is not available in this build; only --check is\n" );
-   return EX_UNAVAILABLE;
+   // Supervisors run it in the foreground; there is no self-daemonising.
+   (void)foreground;
+   Pimnbrd::Daemon daemon( { configPath, stateDir, pluginPath, logTarget == "syslog" }, *r.config );
+   return daemon.run();
 }

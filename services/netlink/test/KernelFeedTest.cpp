@@ -77,9 +77,14 @@ TEST_F( KernelFeedTest, DumpThenEventsKeepTheStatusInStep ) {
       { "addr add 198.18.0.9/24 dev va1",
         [ & ] { return hasSecondary( t.ip4, "va1", "198.18.0.9/24" ) && primary( t.ip4, "va1" ) == am( "198.18.7.1/24" ); } },
       { "addr del 198.18.7.1/24 dev va1", [ & ] { return primary( t.ip4, "va1" ) == am( "198.18.0.9/24" ); } },
-      { "link set va1 down", [ & ] { return !t.devices->deviceIntfStatus( Lumo::IntfId( "va0" ) ).operUp; } },
-      { "link set va1 up", [ & ] { return t.devices->deviceIntfStatus( Lumo::IntfId( "va0" ) ).operUp; } },
-      { "link set va1 down && ip -n " + ns + " link set va1 name vb1",
+      // Without carrier a link has no active address; they come back with it.
+      { "link set va1 down",
+        [ & ] { return !t.devices->deviceIntfStatus( Lumo::IntfId( "va0" ) ).operUp && primary( t.ip4, "va0" ).isEmpty() &&
+                       !hasSecondary( t.ip4, "va0", "198.18.1.2/24" ); } },
+      { "link set va1 up",
+        [ & ] { return t.devices->deviceIntfStatus( Lumo::IntfId( "va0" ) ).operUp &&
+                       primary( t.ip4, "va0" ) == am( "198.18.1.1/24" ) && hasSecondary( t.ip4, "va0", "198.18.1.2/24" ); } },
+      { "link set va1 down && ip -n " + ns + " link set va1 name vb1 && ip -n " + ns + " link set vb1 up",
         [ & ] {
            return !t.devices->deviceIntfStatusHas( Lumo::IntfId( "va1" ) ) && !t.ip4->knowsIntf( Lumo::IntfId( "va1" ) ) &&
                   primary( t.ip4, "vb1" ) == am( "198.18.0.9/24" ) &&

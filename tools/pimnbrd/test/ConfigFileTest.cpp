@@ -251,8 +251,8 @@ TEST( PimnbrdCheck, OptionsAndTheRunPath ) {
       { "--check -c good-full.yaml", 0, "good-full.yaml: valid" },
       { "--check -c no-such-file.yaml 2>&1", 1, "no-such-file.yaml:0:0: (file): cannot be read" },
       { "--log journal 2>&1", 105, "--log" },
-      // Hosting the agent is not in this build: it must say so, not pretend.
-      { "-c good-minimal.yaml --foreground 2>&1", 69, "not available" },
+      // The run path stops before anything runs when the plug-in is missing.
+      { "-c good-minimal.yaml --plugin /nonexistent/libnothing.so 2>&1", 69, "cannot load" },
    };
    for( const auto & c : cases ) {
       const ProcessResult r = run( c.args );

@@ -1,0 +1,358 @@
+// Two pimnbrd processes in network namespaces on one LAN (veth legs on a
+// bridge in a switch namespace), watched only through pimnbr against each
+// daemon's state directory: neighbours form, the DR follows priority, a
+// reload changes the DR without dropping the neighbour and a broken file
+// changes nothing, a stop says goodbye at once, a killed daemon expires
+// after its hold time; a supervisor hears READY, RELOADING and STOPPING; the
+// unit file passes systemd's check. Every wait is a bounded poll.
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "services/netns/test/NetnsLab.h"
+#include "varn/shm/ShmTable.h"
+
+namespace {
+
+using NetnsTest::NetnsLab;
+using Clock = std::chrono::steady_clock;
+using Json = nlohmann::json;
+
+// Polls cond every 20 ms until it holds or limit passes.
+bool pollFor( const std::function< bool() > & cond, std::chrono::milliseconds limit ) {
+   const auto end = Clock::now() + limit;
+   while( !cond() ) {
+      if( Clock::now() >= end ) return false;
+      std::this_thread::sleep_for( std::chrono::milliseconds( 20 ) );
+   }
+   return true;
+}
+
+std::string configText( const std::string & intf, const char * family, unsigned drPriority ) {
+   return std::string( "address-families: [" ) + family + "]\nvrfs:\n  default:\n    interfaces:\n      " + intf +
+          ":\n        hello-interval: 1\n        dr-priority: " + std::to_string( drPriority ) + "\n";
+}
+
+// The supervisor's end of NOTIFY_SOCKET: every datagram, one state per line.
+class NotifyListener {
+ public:
+   explicit NotifyListener( std::string path ) : path_( std::move( path ) ) {
+      fd_ = ::socket( AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0 );
+      sockaddr_un a{};
+      a.sun_family = AF_UNIX;
+      path_.copy( a.sun_path, sizeof a.sun_path - 1 );
+      if( fd_ >= 0 && ::bind( fd_, reinterpret_cast< sockaddr * >( &a ), sizeof a ) != 0 ) {
+         ::close( fd_ );
+         fd_ = -1;
+      }
+   }
+   ~NotifyListener() {
+      if( fd_ >= 0 ) ::close( fd_ );
+      ::unlink( path_.c_str() );
+   }
+   const std::string & path() const { return path_; }
+   bool valid() const { return fd_ >= 0; }
+   // Reads until a datagram holds line (whole), or limit passes; what came
+   // before it is kept in heard().
+   bool waitFor( const std::string & line, std::chrono::milliseconds limit ) {
+      const auto end = Clock::now() + limit;
+      for( ;; ) {
+         const auto left = std::chrono::duration_cast< std::chrono::milliseconds >( end - Clock::now() );
+         pollfd p{ fd_, POLLIN, 0 };
+         if( left.count() <= 0 || ::poll( &p, 1, int( left.count() ) ) <= 0 ) return false;
+         char buf[ 512 ];
+         const ssize_t n = ::recv( fd_, buf, sizeof buf, 0 );
+         if( n <= 0 ) continue;
+         const std::string msg( buf, std::size_t( n ) );
+         heard_.push_back( msg );
+         if( ( "\n" + msg + "\n" ).find( "\n" + line + "\n" ) != std::string::npos ) return true;
+      }
+   }
+   const std::vector< std::string > & heard() const { return heard_; }
+
+ private:
+   std::string path_;
+   int fd_ = -1;
+   std::vector< std::string > heard_;
+};
+
+// One daemon: its namespace, configuration file, state directory, process.
+class Daemon {
+ public:
+   Daemon( std::string netns, std::string intf, std::string dir )
+         : netns_( std::move( netns ) ), intf_( std::move( intf ) ), dir_( std::move( dir ) ) {}
+   ~Daemon() {
+      signal( SIGKILL );
+      exited( std::chrono::milliseconds( 2000 ) );
+      // A killed writer leaves its tables behind.
+      for( const auto & p : KivVarn::Shm::tablePaths( stateDir() ) ) {
+         ::shm_unlink( KivVarn::Shm::objectName( stateDir(), p ).c_str() );
+      }
+   }
+   std::string stateDir() const { return dir_ + "/state-" + netns_; }
+   std::string configPath() const { return dir_ + "/" + netns_ + ".yaml"; }
+   const std::string & intf() const { return intf_; }
+   const std::string & netns() const { return netns_; }
+
+   void configIs( const std::string & text ) const { std::ofstream( configPath() ) << text; }
+   bool start( const NotifyListener * supervisor = nullptr ) {
+      pid_ = ::fork();
+      if( pid_ < 0 ) return false;
+      if( pid_ == 0 ) {
+         if( supervisor ) ::setenv( "NOTIFY_SOCKET", supervisor->path().c_str(), 1 );
+         const std::string log = dir_ + "/" + netns_ + ".log";
+         std::freopen( log.c_str(), "a", stderr );
+         ::execlp( "ip", "ip", "netns", "exec", netns_.c_str(), PIMNBRD_BINARY, "-c", configPath().c_str(),
+                   "--state-dir", stateDir().c_str(), static_cast< char * >( nullptr ) );
+         ::_exit( 127 );
+      }
+      return true;
+   }
+   void signal( int signo ) const {
+      if( pid_ > 0 ) ::kill( pid_, signo );
+   }
+   // Reaps the process within limit; its exit code, or -1.
+   int exited( std::chrono::milliseconds limit ) {
+      if( pid_ <= 0 ) return exitCode_;
+      int status = 0;
+      if( !pollFor( [ & ] { return ::waitpid( pid_, &status, WNOHANG ) == pid_; }, limit ) ) return -1;
+      pid_ = 0;
+      exitCode_ = WIFEXITED( status ) ? WEXITSTATUS( status ) : 128 + WTERMSIG( status );
+      return exitCode_;
+   }
+
+   // pimnbr's JSON for "show <family> pim <what> json"; null when it fails.
+   Json show( const char * family, const char * what ) const {
+      const std::string cmd = std::string( PIMNBR_BINARY ) + " --state-dir '" + stateDir() + "' show " + family +
+                              " pim " + what + " json 2>/dev/null";
+      FILE * p = ::popen( cmd.c_str(), "r" );
+      if( !p ) return Json();
+      std::string out;
+      char buf[ 1024 ];
+      while( std::fgets( buf, sizeof buf, p ) ) out += buf;
+      ::pclose( p );
+      return Json::parse( out, nullptr, false );
+   }
+   bool hasNeighbor( const char * family, const std::string & addr ) const {
+      const Json j = show( family, "neighbor" );
+      return j.is_object() && j.contains( intf_ ) && j[ intf_ ].contains( addr );
+   }
+   std::string dr( const char * family ) const {
+      const Json j = show( family, "interface" );
+      if( !j.is_object() || !j.contains( intf_ ) || !j[ intf_ ].contains( "pimDesignatedRouter" ) ) return {};
+      return j[ intf_ ][ "pimDesignatedRouter" ].get< std::string >();
+   }
+
+ private:
+   std::string netns_;
+   std::string intf_;
+   std::string dir_;
+   pid_t pid_ = 0;
+   int exitCode_ = -1;
+};
+
+class DaemonNetnsTest : public ::testing::Test {
+ protected:
+   void SetUp() override {
+      if( !NetnsLab::haveRoot() ) GTEST_SKIP() << "needs root to make network namespaces and run pimnbrd in them";
+      char tmpl[] = "/tmp/pimnbrd-netns-XXXXXX";
+      ASSERT_TRUE( ::mkdtemp( tmpl ) );
+      dir_ = tmpl;
+      sw_ = lab_.add( "sw" );
+      ASSERT_FALSE( sw_.empty() );
+      ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link add br0 type bridge && ip -n " + sw_ +
+                                 " link set br0 up" ) );
+   }
+   void TearDown() override {
+      daemons_.clear();
+      if( !dir_.empty() ) NetnsLab::sh( "rm -rf '" + dir_ + "'" );
+   }
+   // A router namespace with one leg on the LAN and the given addresses.
+   Daemon * router( const std::string & tag, const std::string & addr4, const std::string & addr6 ) {
+      const std::string ns = lab_.add( tag );
+      const std::string intf = "e" + tag, leg = "s" + tag;
+      if( ns.empty() ||
+          !NetnsLab::sh( "ip link add " + intf + " netns " + ns + " type veth peer name " + leg + " netns " + sw_ ) ||
+          !NetnsLab::sh( "ip -n " + sw_ + " link set " + leg + " master br0 up" ) ||
+          !NetnsLab::sh( "ip -n " + ns + " addr add " + addr4 + " dev " + intf ) ||
+          !NetnsLab::sh( "ip -n " + ns + " addr add " + addr6 + " dev " + intf + " nodad" ) ||
+          !NetnsLab::sh( "ip -n " + ns + " link set " + intf + " up" ) ) {
+         return nullptr;
+      }
+      daemons_.push_back( std::make_unique< Daemon >( ns, intf, dir_ ) );
+      return daemons_.back().get();
+   }
+
+   NetnsLab lab_;
+   std::string dir_;
+   std::string sw_;
+   std::vector< std::unique_ptr< Daemon > > daemons_;
+};
+
+constexpr auto kFormWithin = std::chrono::milliseconds( 2000 );
+
+TEST_F( DaemonNetnsTest, Ipv4NeighboursDrReloadAndGoodbye ) {
+   Daemon * a = router( "a", "198.18.0.1/24", "2001:db8::1/64" );
+   Daemon * b = router( "b", "198.18.0.2/24", "2001:db8::2/64" );
+   ASSERT_TRUE( a && b );
+   // The lower address has the higher priority: only priority makes it DR.
+   a->configIs( configText( a->intf(), "ipv4", 9 ) );
+   b->configIs( configText( b->intf(), "ipv4", 1 ) );
+   NotifyListener aSupervisor( dir_ + "/notify-a" ), bSupervisor( dir_ + "/notify-b" );
+   ASSERT_TRUE( aSupervisor.valid() && bSupervisor.valid() );
+   ASSERT_TRUE( a->start( &aSupervisor ) && b->start( &bSupervisor ) );
+   EXPECT_TRUE( pollFor( [ & ] { return a->hasNeighbor( "ip", "198.18.0.2" ) && b->hasNeighbor( "ip", "198.18.0.1" ); },
+                         kFormWithin ) )
+      << "neighbours within 2 s at hello-interval 1";
+   EXPECT_TRUE( pollFor( [ & ] { return a->dr( "ip" ) == "198.18.0.1" && b->dr( "ip" ) == "198.18.0.1"; },
+                         std::chrono::milliseconds( 1000 ) ) )
+      << "a: " << a->dr( "ip" ) << ", b: " << b->dr( "ip" );
+   EXPECT_TRUE( aSupervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
+   EXPECT_TRUE( bSupervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
+
+   // A file that does not parse changes nothing. Each reload is bracketed
+   // for the supervisor; waiting for its end keeps the two signals apart.
+   b->configIs( "vrfs: [\n" );
+   b->signal( SIGHUP );
+   EXPECT_TRUE( bSupervisor.waitFor( "RELOADING=1", std::chrono::milliseconds( 500 ) ) );
+   EXPECT_TRUE( bSupervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
+   EXPECT_EQ( b->dr( "ip" ), "198.18.0.1" );
+   // A new priority moves the DR; the neighbour stays up all along.
+   b->configIs( configText( b->intf(), "ipv4", 20 ) );
+   b->signal( SIGHUP );
+   bool keptNeighbour = true;
+   EXPECT_TRUE( pollFor(
+      [ & ] {
+         keptNeighbour = keptNeighbour && a->hasNeighbor( "ip", "198.18.0.2" );
+         return a->dr( "ip" ) == "198.18.0.2" && b->dr( "ip" ) == "198.18.0.2";
+      },
+      std::chrono::milliseconds( 2000 ) ) )
+      << "a: " << a->dr( "ip" ) << ", b: " << b->dr( "ip" );
+   EXPECT_TRUE( keptNeighbour );
+   EXPECT_TRUE( bSupervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
+
+   // A stop says goodbye: b forgets a at once, long before the hold time.
+   const auto t0 = Clock::now();
+   a->signal( SIGTERM );
+   EXPECT_EQ( a->exited( std::chrono::milliseconds( 1000 ) ), 0 ) << "exit 0 within 1 s";
+   EXPECT_TRUE( aSupervisor.waitFor( "STOPPING=1", std::chrono::milliseconds( 100 ) ) );
+   EXPECT_TRUE( pollFor( [ & ] { return !b->hasNeighbor( "ip", "198.18.0.1" ); }, std::chrono::milliseconds( 1000 ) ) );
+   EXPECT_LT( Clock::now() - t0, std::chrono::milliseconds( 1500 ) );
+}
+
+// The unit file with the built binary and plug-in in place of the installed
+// paths: systemd's own check has nothing to say about it.
+TEST( PimnbrdUnit, PassesSystemdVerify ) {
+   if( std::system( "command -v systemd-analyze >/dev/null 2>&1" ) != 0 ) {
+      GTEST_SKIP() << "systemd-analyze is not installed (scripts/setup.sh installs systemd)";
+   }
+   char tmpl[] = "/tmp/pimnbrd-unit-XXXXXX";
+   ASSERT_TRUE( ::mkdtemp( tmpl ) );
+   const std::string dir = tmpl, unit = dir + "/pimnbrd.service";
+   const std::string cmd = std::string( "sed -e 's|/usr/local/sbin/pimnbrd|" ) + PIMNBRD_BINARY +
+                           "|g' -e 's|/usr/local/lib/pimnbrd/libpimagent.so|" + PIMNBRD_PLUGIN + "|' '" +
+                           PIMNBRD_UNIT + "' > '" + unit + "' && systemd-analyze verify '" + unit + "' 2>&1";
+   FILE * p = ::popen( cmd.c_str(), "r" );
+   ASSERT_TRUE( p );
+   std::string out;
+   char buf[ 512 ];
+   while( std::fgets( buf, sizeof buf, p ) ) out += buf;
+   const int status = ::pclose( p );
+   NetnsLab::sh( "rm -rf '" + dir + "'" );
+   EXPECT_EQ( status, 0 ) << out;
+   EXPECT_EQ( out, "" );
+}
+
+TEST_F( DaemonNetnsTest, LinkDownDropsTheNeighbourAndUpBringsItBack ) {
+   Daemon * a = router( "a", "198.18.2.1/24", "2001:db8:2::1/64" );
+   Daemon * b = router( "b", "198.18.2.2/24", "2001:db8:2::2/64" );
+   ASSERT_TRUE( a && b );
+   a->configIs( configText( a->intf(), "ipv4", 1 ) );
+   b->configIs( configText( b->intf(), "ipv4", 1 ) );
+   ASSERT_TRUE( a->start() && b->start() );
+   ASSERT_TRUE( pollFor( [ & ] { return a->hasNeighbor( "ip", "198.18.2.2" ) && b->hasNeighbor( "ip", "198.18.2.1" ); },
+                         kFormWithin ) );
+   // a's leg on the switch goes down: a's interface loses carrier.
+   ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link set sa down" ) );
+   EXPECT_TRUE( pollFor( [ & ] { return !a->hasNeighbor( "ip", "198.18.2.2" ); }, std::chrono::milliseconds( 1000 ) ) )
+      << "a's neighbours go with its interface";
+   ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link set sa up" ) );
+   EXPECT_TRUE( pollFor( [ & ] { return a->hasNeighbor( "ip", "198.18.2.2" ) && b->hasNeighbor( "ip", "198.18.2.1" ); },
+                         kFormWithin ) );
+}
+
+// The daemon in one namespace runs VRF "red" in another; a reload that drops
+// the VRF says goodbye from it, one that brings it back finds it again.
+TEST_F( DaemonNetnsTest, VrfNamespaceComesAndGoesWithReloads ) {
+   Daemon * red = router( "r", "198.18.3.1/24", "2001:db8:3::1/64" );   // no daemon of its own
+   Daemon * peer = router( "p", "198.18.3.2/24", "2001:db8:3::2/64" );
+   const std::string home = lab_.add( "h" );
+   ASSERT_TRUE( red && peer && !home.empty() );
+   daemons_.push_back( std::make_unique< Daemon >( home, red->intf(), dir_ ) );
+   Daemon * host = daemons_.back().get();
+   const std::string withRed = "vrfs:\n  default:\n    pim: true\n  red:\n    namespace: " + red->netns() +
+                               "\n    interfaces:\n      " + red->intf() + ":\n        hello-interval: 1\n";
+   host->configIs( withRed );
+   peer->configIs( configText( peer->intf(), "ipv4", 1 ) );
+   NotifyListener supervisor( dir_ + "/notify-h" );
+   ASSERT_TRUE( supervisor.valid() );
+   ASSERT_TRUE( host->start( &supervisor ) && peer->start() );
+   auto hostSeesPeer = [ & ] {
+      const Json j = host->show( "ip", "vrf red neighbor" );
+      return j.is_object() && j.contains( red->intf() ) && j[ red->intf() ].contains( "198.18.3.2" );
+   };
+   ASSERT_TRUE( pollFor( [ & ] { return hostSeesPeer() && peer->hasNeighbor( "ip", "198.18.3.1" ); }, kFormWithin ) );
+
+   ASSERT_TRUE( supervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
+   host->configIs( "vrfs:\n  default:\n    pim: true\n" );
+   host->signal( SIGHUP );
+   EXPECT_TRUE( pollFor( [ & ] { return !peer->hasNeighbor( "ip", "198.18.3.1" ); }, std::chrono::milliseconds( 1000 ) ) )
+      << "goodbye from the dropped VRF";
+   ASSERT_TRUE( supervisor.waitFor( "READY=1", std::chrono::milliseconds( 500 ) ) );
+   host->configIs( withRed );
+   host->signal( SIGHUP );
+   EXPECT_TRUE( pollFor( [ & ] { return hostSeesPeer() && peer->hasNeighbor( "ip", "198.18.3.1" ); }, kFormWithin ) );
+}
+
+TEST_F( DaemonNetnsTest, Ipv6NeighboursAndExpiryAfterKill ) {
+   Daemon * a = router( "a", "198.18.1.1/24", "2001:db8:1::1/64" );
+   Daemon * b = router( "b", "198.18.1.2/24", "2001:db8:1::2/64" );
+   ASSERT_TRUE( a && b );
+   a->configIs( configText( a->intf(), "ipv6", 1 ) );
+   b->configIs( configText( b->intf(), "ipv6", 1 ) );
+   ASSERT_TRUE( a->start() && b->start() );
+   // Neighbours are known by their link-local addresses; any will do.
+   auto hasAny = [ & ]( Daemon * d ) {
+      const Json j = d->show( "ipv6", "neighbor" );
+      return j.is_object() && j.contains( d->intf() ) && !j[ d->intf() ].empty();
+   };
+   ASSERT_TRUE( pollFor( [ & ] { return hasAny( a ) && hasAny( b ); }, kFormWithin ) );
+
+   // Killed, b sends nothing: a keeps it until its hold time (3 s) has run
+   // from the last Hello, which came at most an interval before the kill.
+   const auto t0 = Clock::now();
+   b->signal( SIGKILL );
+   EXPECT_FALSE( pollFor( [ & ] { return !hasAny( a ); }, std::chrono::milliseconds( 1500 ) ) )
+      << "gone before the hold time";
+   EXPECT_TRUE( pollFor( [ & ] { return !hasAny( a ); }, std::chrono::milliseconds( 2500 ) ) );
+   EXPECT_LT( Clock::now() - t0, std::chrono::milliseconds( 3800 ) );
+}
+
+} // namespace
