@@ -112,6 +112,7 @@ struct Options {
    bool peer = true;
    bool floor = true;
    std::string oursCmd, oursProbe, oursKey = "neighbor";
+   std::string pimnbrdPath, pimnbrPath; // this build tree's, when --ours is not given
    std::string sinkPath;
 };
 
@@ -406,8 +407,12 @@ class ChildDevice : public Device {
          throw std::runtime_error( "fork" );
       }
    }
-   ~ChildDevice() override { stopPid( pid_, true ); }
+   ~ChildDevice() override { stop(); }
    pid_t pid() const override { return pid_; }
+   void stop() {
+      stopPid( pid_, true );
+      pid_ = -1;
+   }
    bool hasProbe() const override { return !probe_.empty(); }
    std::optional< std::uint64_t > neighbours() const override {
       return hasProbe() ? probe( probe_, key_ ) : std::nullopt;
@@ -416,6 +421,45 @@ class ChildDevice : public Device {
  private:
    pid_t pid_ = -1;
    std::string probe_, key_;
+};
+
+// Our daemon, pimnbrd from this build tree, with a configuration file and a
+// state directory of its own; probed through pimnbr, which reads only the
+// shared-memory tables. The neighbour limits are raised to the largest N.
+class PimnbrdDevice : public ChildDevice {
+ public:
+   PimnbrdDevice( const Lan & lan, const Options & o )
+       : ChildDevice( lan, command( lan, o ), probeCommand( lan, o ), "neighbor" ),
+         dir_( stateDir( lan ) ) {}
+   ~PimnbrdDevice() override {
+      stop();
+      std::error_code ec;
+      fs::remove_all( dir_, ec );
+   }
+
+ private:
+   static std::string stateDir( const Lan & lan ) { return "/tmp/" + lan.dut; }
+   static std::string command( const Lan & lan, const Options & o ) {
+      const std::string dir = stateDir( lan );
+      fs::create_directories( dir );
+      std::ofstream( dir + "/pimnbrd.yaml" ) << fmt::format(
+          "address-families: [{}]\n"
+          "vrfs:\n"
+          "  default:\n"
+          "    multicast-routing: true\n"
+          "    interfaces:\n"
+          "      {}:\n"
+          "        hello-interval: 30\n",
+          o.v6 ? "ipv6" : "ipv4", Lan::dutIf );
+      return fmt::format( "{} -c {}/pimnbrd.yaml --state-dir {} --foreground --log stderr 2>{}/log",
+                          o.pimnbrdPath, dir, dir, dir );
+   }
+   static std::string probeCommand( const Lan & lan, const Options & o ) {
+      // With no neighbour yet pimnbr prints {} and exits non-zero: that is a count of 0.
+      return fmt::format( "{} --state-dir {} show {} pim neighbor json 2>/dev/null || true", o.pimnbrPath,
+                          stateDir( lan ), o.v6 ? "ipv6" : "ip" );
+   }
+   std::string dir_;
 };
 
 // FRRouting's zebra and pimd with their own config and run directories
@@ -639,7 +683,10 @@ int main( int argc, char ** argv ) {
       o.rateTrials = 7;
       o.learnTimeout = 20;
    }
-   o.sinkPath = ( fs::canonical( "/proc/self/exe" ).parent_path() / "realpath_sink" ).string();
+   const fs::path here = fs::canonical( "/proc/self/exe" ).parent_path();
+   o.sinkPath = ( here / "realpath_sink" ).string();
+   o.pimnbrdPath = ( here / "../../tools/pimnbrd/pimnbrd" ).lexically_normal().string();
+   o.pimnbrPath = ( here / "../../tools/pimnbr/pimnbr" ).lexically_normal().string();
    // Debian's frr 8.4 ships no pim6d, so the IPv6 peer is usually absent.
    bool frr = fs::exists( o.v6 ? "/usr/lib/frr/pim6d" : "/usr/lib/frr/pimd" );
    struct sigaction sa{};
@@ -657,8 +704,8 @@ int main( int argc, char ** argv ) {
       for( unsigned n : o.sizes ) {
          for( int c = 0; c < 3; ++c ) {
             Figures & f = table[ { n, c } ];
-            if( c == 0 && o.oursCmd.empty() ) {
-               f.note = "n/a (pimnbrd cannot run the agent yet)";
+            if( c == 0 && o.oursCmd.empty() && !fs::exists( o.pimnbrdPath ) ) {
+               f.note = "n/a (no pimnbrd at " + o.pimnbrdPath + ")";
                continue;
             }
             if( ( c == 1 && ( !o.peer || !frr ) ) || ( c == 2 && !o.floor ) ) {
@@ -670,7 +717,9 @@ int main( int argc, char ** argv ) {
             try {
                Lan lan( fmt::format( "rpb{}x{}", getpid(), seq++ ), o.v6 );
                std::unique_ptr< Device > dev;
-               if( c == 0 ) {
+               if( c == 0 && o.oursCmd.empty() ) {
+                  dev = std::make_unique< PimnbrdDevice >( lan, o );
+               } else if( c == 0 ) {
                   dev = std::make_unique< ChildDevice >( lan, o.oursCmd, o.oursProbe, o.oursKey );
                } else if( c == 1 ) {
                   dev = std::make_unique< FrrDevice >( lan );

@@ -68,12 +68,14 @@ std::ostream & operator<<( std::ostream & os, const NeighborKey & k ) {
 
 // ---- status tables ------------------------------------------------------------------
 KivVarn::MountInfo Status::mountInfo() {
-   return KivVarn::MountInfo( kTypeName, { { kPimIntfTable, 1024 },
-                                           { kNeighborTable, 8192 },
-                                           { kNeighborSecondaryAddressTable, 16384 },
-                                           { kIntfSecondaryAddressTable, 4096 },
-                                           { kIntfSecondaryPrefixTable, 4096 },
-                                           { kInactiveNeighborTable, 8192 } } );
+   // Limits, not sizes: shared-memory tables grow with their rows. The
+   // neighbour limits of the engine keep the rows well below these.
+   return KivVarn::MountInfo( kTypeName, { { kPimIntfTable, 1u << 16 },
+                                           { kNeighborTable, 1u << 20 },
+                                           { kNeighborSecondaryAddressTable, 1u << 22 },
+                                           { kIntfSecondaryAddressTable, 1u << 18 },
+                                           { kIntfSecondaryPrefixTable, 1u << 18 },
+                                           { kInactiveNeighborTable, 1u << 20 } } );
 }
 
 Status::Status( const Kiv::Name & name, const KivVarn::MountInfo & info,

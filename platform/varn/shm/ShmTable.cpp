@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -114,9 +115,8 @@ class ShmRowTable : public RowTable {
          : RowTable( name, rowSize, keySize, capacity ), store_( &store ),
            objName_( objectName( store.stateDir(), name ) ), slot_( slotSize( rowSize ) ) {
       assert( keySize <= rowSize && keySize > 0 );
-      std::size_t buckets = 16;
-      while( buckets < capacity * 2 ) buckets <<= 1;
-      index_.assign( buckets, kEmpty );
+      slots_ = std::min< std::size_t >( capacity, kFirstSlots );
+      rebuildIndex();
       create();
       store_->tables_.push_back( this );
    }
@@ -155,8 +155,9 @@ class ShmRowTable : public RowTable {
       if( !free_.empty() ) {
          s = free_.back();
          free_.pop_back();
-      } else if( next_ < capacity() ) {
+      } else if( next_ < slots_ || ( slots_ < capacity() && grow() ) ) {
          s = static_cast< std::uint32_t >( next_++ );
+         b = bucket( bytes );
       } else {
          ++overflows_;
          return false;
@@ -219,6 +220,85 @@ class ShmRowTable : public RowTable {
 
  private:
    static constexpr std::uint32_t kEmpty = 0xffffffffu;
+   // Objects start this small and double up to the table's capacity, so
+   // memory follows the rows, not the limit.
+   static constexpr std::size_t kFirstSlots = 256;
+
+   // Buckets for twice the slots, filled from the rows present.
+   void rebuildIndex() {
+      std::size_t buckets = 16;
+      while( buckets < slots_ * 2 ) buckets <<= 1;
+      index_.assign( buckets, kEmpty );
+      if( !base_ ) return;
+      for( std::uint32_t s = 0; s < next_; ++s ) {
+         if( slotHeader( s )->present ) index_[ bucket( rowData( s ) ) ] = s;
+      }
+   }
+
+   // A bigger object with the same slots is built under a private name and
+   // renamed over the table's name; the old one is retired, so a reader that
+   // maps it opens the table again. Slot numbers do not move.
+   bool grow() {
+      const std::size_t slots = std::min( capacity(), slots_ * 2 );
+      const std::string tmp =
+         "/varn-grow-" + std::to_string( getpid() ) + "-" + std::to_string( ++growths_ );
+      const int fd = shm_open( tmp.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644 );
+      if( fd < 0 ) return false;
+      const std::size_t length = objectLength( rowSize(), slots );
+      struct stat st;
+      void * p = MAP_FAILED;
+      if( ftruncate( fd, static_cast< off_t >( length ) ) == 0 && fstat( fd, &st ) == 0 ) {
+         p = mmap( nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0 );
+      }
+      close( fd );
+      if( p == MAP_FAILED ) {
+         shm_unlink( tmp.c_str() );
+         return false;
+      }
+      Header * old = header();
+      auto * h = static_cast< Header * >( p );
+      // No slot is mid-write here: the writer is this thread.
+      std::memcpy( static_cast< unsigned char * >( p ) + sizeof( Header ),
+                   static_cast< unsigned char * >( base_ ) + sizeof( Header ), slot_ * next_ );
+      fillHeader( h, slots, old->generation + 1 );
+      h->highWater.store( next_, std::memory_order_relaxed );
+      h->rows.store( size_, std::memory_order_relaxed );
+      h->heartbeat.store( old->heartbeat.load( std::memory_order_relaxed ), std::memory_order_relaxed );
+      h->clockBits.store( old->clockBits.load( std::memory_order_relaxed ), std::memory_order_relaxed );
+      publish( h );
+      if( std::rename( ( std::string( "/dev/shm" ) + tmp ).c_str(),
+                       ( std::string( "/dev/shm" ) + objName_ ).c_str() ) != 0 ) {
+         munmap( p, length );
+         shm_unlink( tmp.c_str() );
+         return false;
+      }
+      old->retired.store( 1, std::memory_order_release );
+      munmap( base_, length_ );
+      base_ = p;
+      length_ = length;
+      ino_ = st.st_ino;
+      slots_ = slots;
+      rebuildIndex();
+      return true;
+   }
+
+   void fillHeader( Header * h, std::size_t slots, std::uint64_t generation ) const {
+      h->version = kLayoutVersion;
+      h->headerSize = sizeof( Header );
+      h->rowSize = static_cast< std::uint32_t >( rowSize() );
+      h->keySize = static_cast< std::uint32_t >( keySize() );
+      h->slotSize = static_cast< std::uint32_t >( slot_ );
+      h->writerPid = getpid();
+      h->capacity = slots;
+      h->generation = generation;
+   }
+
+   // Readers check the magic last.
+   static void publish( Header * h ) {
+      std::atomic_thread_fence( std::memory_order_release );
+      reinterpret_cast< std::atomic< std::uint64_t > * >( &h->magic )
+         ->store( kMagic, std::memory_order_release );
+   }
 
    Header * header() const { return static_cast< Header * >( base_ ); }
    SlotHeader * slotHeader( std::uint32_t s ) const {
@@ -270,7 +350,7 @@ class ShmRowTable : public RowTable {
    }
 
    void create() {
-      length_ = objectLength( rowSize(), capacity() );
+      length_ = objectLength( rowSize(), slots_ );
       std::uint64_t generation = 1;
       int fd = shm_open( objName_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644 );
       if( fd < 0 && errno == EEXIST ) {
@@ -296,19 +376,8 @@ class ShmRowTable : public RowTable {
          throw Kiv::RangeException( "KivVarn::Shm cannot map " + objName_ );
       }
       // A fresh object reads as zeros: every slot empty, every counter even.
-      Header * h = header();
-      h->version = kLayoutVersion;
-      h->headerSize = sizeof( Header );
-      h->rowSize = static_cast< std::uint32_t >( rowSize() );
-      h->keySize = static_cast< std::uint32_t >( keySize() );
-      h->slotSize = static_cast< std::uint32_t >( slot_ );
-      h->writerPid = getpid();
-      h->capacity = capacity();
-      h->generation = generation;
-      // Readers check the magic last.
-      std::atomic_thread_fence( std::memory_order_release );
-      reinterpret_cast< std::atomic< std::uint64_t > * >( &h->magic )
-         ->store( kMagic, std::memory_order_release );
+      fillHeader( header(), slots_, generation );
+      publish( header() );
    }
 
    // An object is at our name already: a live writer elsewhere owns it, or it
@@ -351,6 +420,9 @@ class ShmRowTable : public RowTable {
    std::vector< std::uint32_t > free_;
    std::size_t next_ = 0;
    std::size_t size_ = 0;
+   // Slots of the object mapped now; grows up to capacity().
+   std::size_t slots_ = 0;
+   std::uint64_t growths_ = 0;
 };
 
 ShmTableStore::ShmTableStore( std::string stateDir ) : stateDir_( std::move( stateDir ) ) {}
@@ -461,6 +533,9 @@ bool TableReader::readSlot( std::size_t i, void * out, bool * busy ) const {
 
 void TableReader::forEach( const std::function< void( const void * row ) > & f ) {
    busy_ = 0;
+   // The writer grew or replaced the table since we mapped it.
+   if( header_ && retired() ) reopen();
+   if( !header_ ) return;
    std::vector< unsigned char > buf( rowSize_ );
    const std::size_t n = std::min< std::size_t >( highWater(), capacity_ );
    for( std::size_t i = 0; i < n; ++i ) {

@@ -205,10 +205,20 @@ TEST( ShmTable, HundredThousandRowsWithDeletesAndReuse ) {
       r.value = v;
       return r;
    };
-   for( std::uint32_t i = 0; i < kRows; ++i ) {
+   const Row first = rowFor( 0, 0 );
+   ASSERT_TRUE( t->rowIs( &first ) );
+   // Mapped while the object is small: it must follow the table as it grows.
+   auto early = TableReader::open( dir, "c/t" );
+   ASSERT_TRUE( early );
+   const auto firstGeneration = early->generation();
+   for( std::uint32_t i = 1; i < kRows; ++i ) {
       const Row r = rowFor( i, i );
       ASSERT_TRUE( t->rowIs( &r ) );
    }
+   std::size_t seen = 0;
+   early->forEach( [ & ]( const void * ) { ++seen; } );
+   EXPECT_EQ( seen, kRows );
+   EXPECT_GT( early->generation(), firstGeneration );
    const Row extra = rowFor( kRows, 0 );
    EXPECT_FALSE( t->rowIs( &extra ) );
    EXPECT_EQ( t->overflows(), 1u );
