@@ -45,7 +45,7 @@ RawPimIo::RawPimIo( const Kiv::Ptr< PamManager > & pam,
                     const Kiv::Ptr< const Interface::DeviceIntfStatusDir > & devices,
                     const Kiv::Ptr< Tolm::TimerWheel > & wheel )
       : pam_( pam ), devices_( devices ), wheel_( wheel ), af_( pam->af() ), txReactor_( this ),
-        delivery_( this, wheel.ptr() ), groupsReactor_( this ), devicesReactor_( this ), slots_( new RxSlot[ kBatch ] ) {
+        delivery_( this, wheel.ptr() ), resume_( this, wheel.ptr() ), groupsReactor_( this ), devicesReactor_( this ), slots_( new RxSlot[ kBatch ] ) {
    txReactor_.notifierIs( pam_->txMessageInfo() );
 }
 
@@ -80,13 +80,19 @@ void RawPimIo::start() {
    // The kernel tells how many datagrams it dropped for want of room.
    setInt( fd_, SOL_SOCKET, SO_RXQ_OVFL, 1, "SO_RXQ_OVFL" );
    pam_->rcvPktInfoIs( true );
-   readingIs( true );
+   updateReading();
 }
 
-void RawPimIo::readingIs( bool on ) {
+void RawPimIo::updateReading() {
+   const bool on = fd_ >= 0 && !queueFull_ && !paused_;
    if( reading_ == on ) return;
    reading_ = on;
    fdIs( on ? fd_ : -1 );
+}
+
+void RawPimIo::handleResume() {
+   paused_ = false;
+   updateReading();
 }
 
 void RawPimIo::pimIntfIs( const Lumo::IntfId & intf, bool on ) {
@@ -168,12 +174,14 @@ void RawPimIo::handleGroup( const Lumo::IntfId & intf ) {
 void RawPimIo::handleReadable() {
    if( fd_ < 0 ) return;
    mmsghdr msgs[ kBatch ];
+   std::size_t read = 0;
    for( ;; ) {
       const std::size_t room = kQueueLimit - queue_.size();
       if( room == 0 ) {
          // The kernel keeps the rest until the agent has caught up.
          ++counters_.rxQueueFullStops;
-         readingIs( false );
+         queueFull_ = true;
+         updateReading();
          break;
       }
       const std::size_t n = room < kBatch ? room : kBatch;
@@ -191,8 +199,18 @@ void RawPimIo::handleReadable() {
       }
       const int got = ::recvmmsg( fd_, msgs, unsigned( n ), MSG_DONTWAIT, nullptr );
       if( got <= 0 ) break;   // EAGAIN: drained
+      read += std::size_t( got );
       for( int i = 0; i < got; ++i ) receive( std::size_t( i ), msgs[ i ].msg_len, msgs[ i ].msg_hdr );
       if( std::size_t( got ) < n ) break;
+   }
+   // Light input: let a few more datagrams gather before the next wake-up,
+   // so one wake-up serves many. Heavy input fills whole batches and is read
+   // on without a pause.
+   if( coalesce_ > 0 && read < kBatch && !queueFull_ ) {
+      ++counters_.rxPauses;
+      paused_ = true;
+      updateReading();
+      resume_.timeMinIs( Kiv::System::currentTime() + coalesce_ );
    }
    if( !queue_.empty() && delivery_.timeMin() == Kiv::kNever ) delivery_.timeMinIs( Kiv::System::currentTime() );
 }
@@ -272,7 +290,10 @@ void RawPimIo::handleDelivery() {
    queue_.pop_front();
    // One per firing: the loop runs the agent's reaction before the next.
    if( !queue_.empty() ) delivery_.timeMinIs( Kiv::System::currentTime() );
-   if( !reading_ && queue_.size() <= kQueueLimit / 2 ) readingIs( true );
+   if( queueFull_ && queue_.size() <= kQueueLimit / 2 ) {
+      queueFull_ = false;
+      updateReading();
+   }
    const Kiv::Ptr< MessageInfo > rx = pam_->rxMessageInfo( kHelloMessageType );
    if( !rx ) {
       ++counters_.rxNoMailbox;

@@ -8,7 +8,9 @@
 // Hellos wait in a bounded queue and go into the receive mailbox one per
 // turn of the loop, because the mailbox holds one message and the agent
 // reads it in a deferred reaction. While the queue is full the socket is
-// not read, so the kernel holds the rest: nothing is lost here.
+// not read, so the kernel holds the rest: nothing is lost here. Under light
+// input reading may pause for a few milliseconds after each wake-up so that
+// the next one serves several datagrams (coalesceIs).
 //
 // Transmit: each message the agent puts in the transmit mailbox goes out of
 // its interface from the message's source address, TTL / hop limit 1, to
@@ -44,6 +46,7 @@ struct RawIoCounters {
    std::uint64_t rxNoMailbox = 0;      // the VRF has no receive mailbox for Hellos
    std::array< std::uint64_t, PimWire::kRejectReasonCount > rxRejected{};  // by codec reason
    std::uint64_t rxQueueFullStops = 0; // times reading paused for a full queue
+   std::uint64_t rxPauses = 0;         // light-input pauses (see coalesceIs)
    std::uint64_t rxKernelDropped = 0;  // the kernel's count of datagrams it had no room for
    std::uint64_t txSent = 0;
    std::uint64_t txNotHello = 0;       // the mailbox held no Hello
@@ -81,13 +84,21 @@ class RawPimIo : public Kiv::FdReactor {
    void handleGroup( const Lumo::IntfId & intf );
    // The service ACL: false denies a source. None permits all.
    void aclIs( std::function< bool( const Lumo::IpGenAddr & ) > permits ) { acl_ = std::move( permits ); }
+   // After a wake-up that found less than a batch, reading pauses this long
+   // (seconds) so that the next wake-up finds several datagrams: fewer
+   // wake-ups for the same Hellos, at the cost of that much latency. 0 reads
+   // at every wake-up.
+   void coalesceIs( double seconds ) { coalesce_ = seconds; }
+   double coalesce() const { return coalesce_; }
 
    void handleReadable();
    void handleTx();
    void handleDelivery();
+   void handleResume();
 
    const RawIoCounters & counters() const { return counters_; }
    std::size_t queued() const { return queue_.size(); }
+   bool reading() const { return reading_; }
    int socketFd() const { return fd_; }
 
  private:
@@ -103,6 +114,13 @@ class RawPimIo : public Kiv::FdReactor {
     public:
       KivDelivery( RawPimIo * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
       void onTime() override { owner_->handleDelivery(); }
+    private:
+      RawPimIo * owner_;
+   };
+   class KivResume : public Tolm::TimerWheel::NotifieeConst {
+    public:
+      KivResume( RawPimIo * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
+      void onTime() override { owner_->handleResume(); }
     private:
       RawPimIo * owner_;
    };
@@ -129,7 +147,8 @@ class RawPimIo : public Kiv::FdReactor {
    void receive( std::size_t i, std::size_t len, const msghdr & h );
    std::uint32_t ifIndexOf( const Lumo::IntfId & intf ) const;
    Lumo::IntfId intfOf( std::uint32_t ifIndex ) const;
-   void readingIs( bool on );
+   // Reads while the socket is open, the queue has room and no pause runs.
+   void updateReading();
    bool membershipIs( std::uint32_t ifIndex, bool joined );
 
    Kiv::Ptr< PamManager > pam_;
@@ -138,12 +157,16 @@ class RawPimIo : public Kiv::FdReactor {
    Lumo::AddressFamily af_;
    int fd_ = -1;
    bool reading_ = false;
+   bool queueFull_ = false;
+   bool paused_ = false;
+   double coalesce_ = 0;
    std::map< Lumo::IntfId, bool > pimIntfs_;
    std::function< bool( const Lumo::IpGenAddr & ) > acl_;
    std::deque< Pending > queue_;
    RawIoCounters counters_;
    KivTx txReactor_;
    KivDelivery delivery_;
+   KivResume resume_;
    KivGroups groupsReactor_;
    KivDevices devicesReactor_;
    // Interfaces joined through the requests, with the index joined on.

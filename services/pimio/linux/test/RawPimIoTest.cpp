@@ -254,6 +254,24 @@ TEST_P( RawPimIoTest, BurstArrivesWholeInOrderOnePerTurn ) {
    EXPECT_GE( sb->io->counters().rxQueueFullStops, 1u );
 }
 
+TEST_P( RawPimIoTest, LightInputPausesReadingHeavyInputDoesNot ) {
+   const Lumo::IpGenAddr src = sa->addr( "a0", af );
+   sb->io->coalesceIs( 0.005 );
+   send( *sa, "a0", src, 1, 1 );
+   ASSERT_TRUE( receive( 1 ) );
+   EXPECT_EQ( sb->io->counters().rxPauses, 1u );
+   EXPECT_FALSE( sb->io->reading() ) << "a lone Hello starts a pause";
+   loop.advanceBy( 0.004 );
+   EXPECT_FALSE( sb->io->reading() );
+   loop.advanceBy( 0.002 );
+   EXPECT_TRUE( sb->io->reading() ) << "and the pause ends on time";
+   // More than a batch waits in the socket: read on, no pause.
+   for( std::uint16_t i = 1; i <= RawPimIo::kBatch + 1; ++i ) send( *sa, "a0", src, i, i );
+   ASSERT_TRUE( receive( RawPimIo::kBatch + 2 ) );
+   EXPECT_EQ( sb->io->counters().rxPauses, 1u );
+   EXPECT_EQ( sb->io->counters().rxKernelDropped, 0u );
+}
+
 TEST_P( RawPimIoTest, WhatIsNotForPimIsDroppedAndCounted ) {
    const Lumo::IpGenAddr src = sa->addr( "a0", af );
    // Denied by the ACL, then on an interface PIM left, then one that passes.
