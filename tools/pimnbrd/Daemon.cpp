@@ -337,6 +337,7 @@ void Daemon::ioSync( Family & f ) {
             auto io = std::make_unique< Routing::Pim::IO::RawPimIo >( pam, n->kni->devices(), a->timerWheel() );
             try {
                io->start();
+               io->coalesceIs( options_.rxCoalesce );
                io->aclIs( serviceAcl( f.af == Lumo::AddressFamily::ipv6 ? config_.serviceAcl6 : config_.serviceAcl4 ) );
                if( groups ) io->groupsIs( groups );
                n->io = std::move( io );

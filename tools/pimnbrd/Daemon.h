@@ -23,6 +23,8 @@ struct DaemonOptions {
    std::string stateDir;
    std::string pluginPath;
    bool syslog = false;
+   // Pause after a light wake-up of a PIM socket, seconds (0: none).
+   double rxCoalesce = 0.01;
 };
 
 class Daemon {

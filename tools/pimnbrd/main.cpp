@@ -22,6 +22,7 @@ int main( int argc, char ** argv ) {
    bool check = false;
    bool foreground = false;
    std::string pluginPath = PIMNBRD_DEFAULT_PLUGIN;
+   unsigned rxCoalesceMs = 10;
    app.add_option( "-c,--config", configPath, "configuration file (YAML)" )->capture_default_str();
    app.add_flag( "--check", check, "validate the configuration file and exit: 0 when valid, 1 with every error" );
    app.add_flag( "--foreground", foreground, "stay in the foreground" );
@@ -29,6 +30,10 @@ int main( int argc, char ** argv ) {
    app.add_option( "--state-dir", stateDir, "directory for the ring-buffer trace and the shared-memory tables" )
       ->capture_default_str();
    app.add_option( "--plugin", pluginPath, "the agent plug-in to load" )->capture_default_str();
+   app.add_option( "--rx-coalesce-ms", rxCoalesceMs,
+                   "after a wake-up that read few Hellos, wait this long before reading again (0: never)" )
+      ->check( CLI::Range( 0u, 100u ) )
+      ->capture_default_str();
    app.set_version_flag( "--version", std::string( "pimnbrd " ) + kVersion );
    CLI11_PARSE( app, argc, argv );
 
@@ -41,6 +46,7 @@ int main( int argc, char ** argv ) {
    }
    // Supervisors run it in the foreground; there is no self-daemonising.
    (void)foreground;
-   Pimnbrd::Daemon daemon( { configPath, stateDir, pluginPath, logTarget == "syslog" }, *r.config );
+   Pimnbrd::Daemon daemon( { configPath, stateDir, pluginPath, logTarget == "syslog", rxCoalesceMs / 1000.0 },
+                           *r.config );
    return daemon.run();
 }
