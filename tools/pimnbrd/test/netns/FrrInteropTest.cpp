@@ -5,6 +5,8 @@
 // elect again. FRR runs from its run directory /var/run/frr/<ns>, which
 // holds its configuration too; nothing else of FRR's is touched.
 #include <algorithm>
+#include <cerrno>
+#include <filesystem>
 #include <iostream>
 #include <set>
 #include <sstream>
@@ -168,6 +170,15 @@ class FrrInteropTest : public DaemonNetnsTest {
          GTEST_SKIP() << "FRRouting (zebra, pimd, vtysh) is not installed; scripts/setup.sh installs frr";
       }
       DaemonNetnsTest::SetUp();
+      // A run that died left FRR running in namespaces that are gone now.
+      std::error_code ec;
+      for( const auto & e : std::filesystem::directory_iterator( "/var/run/frr", ec ) ) {
+         const std::string ns = e.path().filename().string();
+         const pid_t owner = ns.rfind( "pimt", 0 ) == 0 ? pid_t( std::atoi( ns.c_str() + 4 ) ) : 0;
+         if( owner > 0 && ::kill( owner, 0 ) != 0 && errno == ESRCH ) {
+            const FrrRouter stale( ns, "" );   // stops its daemons and removes the directory
+         }
+      }
    }
    void TearDown() override {
       frr_.clear();   // before its namespaces go
