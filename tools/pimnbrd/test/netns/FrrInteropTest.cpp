@@ -1,0 +1,283 @@
+// pimnbrd next to FRRouting's zebra and pimd (IPv4) on one LAN, each side
+// watched only through its own show command: every router lists the others
+// as neighbours and all agree on the DR, whatever the priority order; a
+// stopped router (SIGTERM) says goodbye and the others forget it at once and
+// elect again. FRR runs from its run directory /var/run/frr/<ns>, which
+// holds its configuration too; nothing else of FRR's is touched.
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <iostream>
+#include <set>
+#include <sstream>
+
+#include "NetnsDaemonFixture.h"
+
+namespace {
+
+using namespace PimnbrdNetns;
+using std::chrono::milliseconds;
+
+std::string output( const std::string & cmd ) {
+   std::string out;
+   FILE * p = ::popen( cmd.c_str(), "r" );
+   if( !p ) return out;
+   char buf[ 4096 ];
+   for( std::size_t n; ( n = std::fread( buf, 1, sizeof buf, p ) ) > 0; ) out.append( buf, n );
+   ::pclose( p );
+   return out;
+}
+
+long msSince( Clock::time_point t0 ) {
+   return long( std::chrono::duration_cast< milliseconds >( Clock::now() - t0 ).count() );
+}
+
+// One router's view of the LAN.
+struct LanView {
+   std::set< std::string > neighbours;
+   std::string dr;
+   bool operator==( const LanView & o ) const { return neighbours == o.neighbours && dr == o.dr; }
+};
+
+std::ostream & operator<<( std::ostream & os, const LanView & v ) {
+   os << "{";
+   for( const auto & n : v.neighbours ) os << " " << n;
+   return os << " } DR " << ( v.dr.empty() ? "none" : v.dr );
+}
+
+// Both show commands answer "<family> pim neighbor json" as {intf: {addr: ...}}
+// and "interface json" with the interface's pimDesignatedRouter.
+LanView lanView( const Json & nbrs, const Json & intfs, const std::string & intf ) {
+   LanView v;
+   if( nbrs.is_object() && nbrs.contains( intf ) && nbrs[ intf ].is_object() ) {
+      for( const auto & [ addr, n ] : nbrs[ intf ].items() ) v.neighbours.insert( addr );
+   }
+   if( intfs.is_object() && intfs.contains( intf ) && intfs[ intf ].contains( "pimDesignatedRouter" ) ) {
+      v.dr = intfs[ intf ][ "pimDesignatedRouter" ].get< std::string >();
+   }
+   return v;
+}
+
+// Alive and not a zombie.
+bool alive( pid_t pid ) {
+   std::ifstream stat( "/proc/" + std::to_string( pid ) + "/stat" );
+   std::string line;
+   if( pid <= 0 || !std::getline( stat, line ) ) return false;
+   const auto paren = line.rfind( ')' );
+   return paren != std::string::npos && line.size() > paren + 2 && line[ paren + 2 ] != 'Z';
+}
+
+constexpr unsigned kHoldtime = 10;   // far above the 1 s bound on a goodbye
+
+class FrrRouter {
+ public:
+   FrrRouter( std::string netns, std::string intf ) : netns_( std::move( netns ) ), intf_( std::move( intf ) ) {}
+   ~FrrRouter() {
+      for( const char * d : { "pimd", "zebra" } ) {
+         if( !stop( d, SIGTERM, milliseconds( 1000 ) ) ) stop( d, SIGKILL, milliseconds( 1000 ) );
+      }
+      NetnsLab::sh( "rm -rf '" + runDir() + "'" );
+   }
+   std::string runDir() const { return "/var/run/frr/" + netns_; }
+   const std::string & intf() const { return intf_; }
+
+   // Starts zebra and pimd; true once pimd runs PIM on the interface.
+   bool start( unsigned drPriority ) {
+      const std::string conf = runDir() + "/frr.conf";
+      if( !NetnsLab::sh( "mkdir -p '" + runDir() + "'" ) ) return false;
+      std::ofstream( conf ) << "log file " << runDir() << "/frr.log\ninterface " << intf_
+                            << "\n ip pim\n ip pim hello 1 " << kHoldtime << "\n ip pim drpriority " << drPriority
+                            << "\n!\n";
+      if( !NetnsLab::sh( "chown -R frr:frr '" + runDir() + "'" ) ) return false;
+      for( const char * d : { "zebra", "pimd" } ) {
+         if( !NetnsLab::sh( "ip netns exec " + netns_ + " /usr/lib/frr/" + d + " -d -N " + netns_ + " -P 0 -f " +
+                            conf ) ) {
+            return false;
+         }
+      }
+      return pollFor(
+         [ & ] {
+            const Json j = vtysh( "show ip pim interface json" );
+            return j.is_object() && j.contains( intf_ ) && j[ intf_ ].value( "state", "" ) == "up";
+         },
+         milliseconds( 10000 ) );
+   }
+   // Signals daemon d if its pid file names a process of this router; true
+   // once it is gone (or was never there) within limit.
+   bool stop( const char * d, int signo, milliseconds limit ) const {
+      std::ifstream pidFile( runDir() + "/" + d + ".pid" );
+      pid_t pid = 0;
+      if( !( pidFile >> pid ) || !alive( pid ) ) return true;
+      std::ifstream cmdline( "/proc/" + std::to_string( pid ) + "/cmdline" );
+      std::string args( ( std::istreambuf_iterator< char >( cmdline ) ), std::istreambuf_iterator< char >() );
+      std::replace( args.begin(), args.end(), '\0', ' ' );
+      if( args.find( " -N " + netns_ + " " ) == std::string::npos ) return true;   // a reused pid
+      ::kill( pid, signo );
+      return pollFor( [ & ] { return !alive( pid ); }, limit );
+   }
+   Json vtysh( const std::string & cmd ) const {
+      return Json::parse( output( "vtysh -N " + netns_ + " -c '" + cmd + "' 2>/dev/null" ), nullptr, false );
+   }
+   LanView view() const {
+      return lanView( vtysh( "show ip pim neighbor json" ), vtysh( "show ip pim interface json" ), intf_ );
+   }
+   std::string log() const { return output( "tail -20 '" + runDir() + "/frr.log' 2>&1" ); }
+
+ private:
+   std::string netns_;
+   std::string intf_;
+};
+
+// pimnbr as an operator runs it: in the router's namespace.
+LanView oursView( const Daemon & d ) {
+   auto show = [ & ]( const char * what ) {
+      return Json::parse( output( "ip netns exec " + d.netns() + " " + PIMNBR_BINARY + " --state-dir '" +
+                                  d.stateDir() + "' show ip pim " + what + " json 2>/dev/null" ),
+                          nullptr, false );
+   };
+   return lanView( show( "neighbor" ), show( "interface" ), d.intf() );
+}
+
+struct Member {
+   bool frr;
+   const char * addr;
+   unsigned priority;
+};
+
+struct Case {
+   const char * name;
+   std::vector< Member > lan;
+   const char * dr;
+   std::size_t stopped;   // index into lan
+   const char * drAfter;
+};
+
+const std::vector< Case > kCases = {
+   { "ours has the higher priority", { { false, "1", 9 }, { true, "2", 1 } }, "1", 0, "2" },
+   { "FRR has the higher priority", { { false, "2", 1 }, { true, "1", 9 } }, "1", 1, "2" },
+   { "equal priority, ours has the higher address", { { false, "2", 5 }, { true, "1", 5 } }, "2", 0, "1" },
+   { "equal priority, FRR has the higher address", { { false, "1", 5 }, { true, "2", 5 } }, "2", 1, "1" },
+   // A third party is DR; after it leaves, priority still beats address.
+   { "ours elected between FRR and ours", { { false, "1", 7 }, { true, "2", 3 }, { false, "3", 1 } }, "1", 0, "2" },
+   { "FRR elected between two of ours", { { false, "1", 3 }, { true, "2", 7 }, { false, "3", 1 } }, "2", 1, "1" },
+};
+
+class FrrInteropTest : public DaemonNetnsTest {
+ protected:
+   void SetUp() override {
+      if( ::access( "/usr/lib/frr/pimd", X_OK ) != 0 || ::access( "/usr/lib/frr/zebra", X_OK ) != 0 ||
+          std::system( "command -v vtysh >/dev/null 2>&1" ) != 0 ) {
+         GTEST_SKIP() << "FRRouting (zebra, pimd, vtysh) is not installed; scripts/setup.sh installs frr";
+      }
+      DaemonNetnsTest::SetUp();
+      // A run that died left FRR running in namespaces that are gone now.
+      std::error_code ec;
+      for( const auto & e : std::filesystem::directory_iterator( "/var/run/frr", ec ) ) {
+         const std::string ns = e.path().filename().string();
+         const pid_t owner = ns.rfind( "pimt", 0 ) == 0 ? pid_t( std::atoi( ns.c_str() + 4 ) ) : 0;
+         if( owner > 0 && ::kill( owner, 0 ) != 0 && errno == ESRCH ) {
+            const FrrRouter stale( ns, "" );   // stops its daemons and removes the directory
+         }
+      }
+   }
+   void TearDown() override {
+      frr_.clear();   // before its namespaces go
+      DaemonNetnsTest::TearDown();
+   }
+   void runCase( std::size_t c );
+   std::vector< std::unique_ptr< FrrRouter > > frr_;
+};
+
+// All cases share the switch's bridge, so each one's routers go before the next.
+TEST_F( FrrInteropTest, NeighboursDrAndGoodbyesAgreeWithFrr ) {
+   for( std::size_t c = 0; c < kCases.size() && !HasFatalFailure(); ++c ) {
+      SCOPED_TRACE( kCases[ c ].name );
+      runCase( c );
+      frr_.clear();
+      for( auto & d : daemons_ ) {
+         d->signal( SIGKILL );
+         d->exited( milliseconds( 1000 ) );
+      }
+   }
+}
+
+void FrrInteropTest::runCase( std::size_t c ) {
+   const Case & k = kCases[ c ];
+   const std::string net = "198.18." + std::to_string( 10 + c ) + ".";
+   // Per member: its address and how to see its view.
+   std::vector< std::string > addrs;
+   std::vector< std::function< LanView() > > views;
+   std::vector< Daemon * > ours;
+   FrrRouter * frr = nullptr;
+   for( std::size_t m = 0; m < k.lan.size(); ++m ) {
+      const Member & mb = k.lan[ m ];
+      addrs.push_back( net + mb.addr );
+      Daemon * d = router( std::to_string( c ) + ( mb.frr ? "f" : "o" ) + std::to_string( m ),
+                           addrs.back() + "/24", "2001:db8:" + std::to_string( 10 + c ) + "::" + mb.addr + "/64" );
+      ASSERT_TRUE( d );
+      if( mb.frr ) {
+         frr_.push_back( std::make_unique< FrrRouter >( d->netns(), d->intf() ) );
+         frr = frr_.back().get();
+         ASSERT_TRUE( frr->start( mb.priority ) ) << frr->log();
+         views.push_back( [ frr ] { return frr->view(); } );
+         ours.push_back( nullptr );
+      } else {
+         d->configIs( "vrfs:\n  default:\n    interfaces:\n      " + d->intf() +
+                      ":\n        hello-interval: 1\n        hello-holdtime: " + std::to_string( kHoldtime ) +
+                      "\n        dr-priority: " + std::to_string( mb.priority ) + "\n" );
+         views.push_back( [ d ] { return oursView( *d ); } );
+         ours.push_back( d );
+      }
+   }
+   // Every member should see the others and the DR; gone is left out.
+   auto expected = [ & ]( std::size_t m, const std::string & dr, std::size_t gone ) {
+      LanView v{ {}, net + dr };
+      for( std::size_t o = 0; o < addrs.size(); ++o ) {
+         if( o != m && o != gone ) v.neighbours.insert( addrs[ o ] );
+      }
+      return v;
+   };
+   auto agreed = [ & ]( const std::string & dr, std::size_t gone ) {
+      for( std::size_t m = 0; m < views.size(); ++m ) {
+         if( m != gone && !( views[ m ]() == expected( m, dr, gone ) ) ) return false;
+      }
+      return true;
+   };
+   auto report = [ & ] {
+      std::ostringstream os;
+      for( std::size_t m = 0; m < views.size(); ++m ) {
+         os << addrs[ m ] << ( k.lan[ m ].frr ? " (FRR)" : "" ) << " sees " << views[ m ]() << "\n";
+      }
+      return os.str();
+   };
+
+   const auto t0 = Clock::now();
+   for( Daemon * d : ours ) {
+      ASSERT_TRUE( !d || d->start() );
+   }
+   const bool formed = pollFor( [ & ] { return agreed( k.dr, k.lan.size() ); }, milliseconds( 2000 ) );
+   EXPECT_TRUE( formed ) << "all neighbours and DR " << net << k.dr << " within 2 s\n" << report();
+   std::cout << "[ measured ] " << k.name << ": neighbours and DR agreed after " << msSince( t0 ) << " ms\n";
+   if( !formed ) return;
+
+   const auto t1 = Clock::now();
+   if( k.lan[ k.stopped ].frr ) {
+      EXPECT_TRUE( frr->stop( "pimd", SIGTERM, milliseconds( 1000 ) ) );
+   } else {
+      ours[ k.stopped ]->signal( SIGTERM );
+      EXPECT_EQ( ours[ k.stopped ]->exited( milliseconds( 1000 ) ), 0 );
+   }
+   for( std::size_t m = 0; m < views.size(); ++m ) {
+      if( m == k.stopped ) continue;
+      EXPECT_TRUE( pollFor( [ & ] { return views[ m ]().neighbours.count( addrs[ k.stopped ] ) == 0; },
+                            milliseconds( 1000 ) ) )
+         << addrs[ m ] << " still has the stopped " << addrs[ k.stopped ] << " after 1 s (hold time "
+         << kHoldtime << " s)";
+      std::cout << "[ measured ] " << k.name << ": " << addrs[ m ] << ( k.lan[ m ].frr ? " (FRR)" : " (ours)" )
+                << " forgot the stopped " << addrs[ k.stopped ] << " after " << msSince( t1 ) << " ms\n";
+   }
+   EXPECT_TRUE( pollFor( [ & ] { return agreed( k.drAfter, k.stopped ); }, milliseconds( 1000 ) ) )
+      << "DR " << net << k.drAfter << " once " << addrs[ k.stopped ] << " left\n" << report();
+}
+
+} // namespace
