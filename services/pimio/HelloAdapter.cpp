@@ -43,35 +43,38 @@ Lumo::IpGenAddr allPimRouters( Lumo::AddressFamily af ) {
 
 Kiv::Ptr< Packet::HelloMessage > helloMessageFromWire( const PimWire::Hello & wire ) {
    auto msg = Kiv::make< Packet::HelloMessage >();
-   msg->srcAddrIs( ipGenAddr( wire.source ) );
-   msg->holdTimePresentIs( wire.holdtimePresent );
-   msg->holdTimeIs( wire.holdtime );
-   msg->lanPruneDelayPresentIs( wire.lanPruneDelay.present );
-   msg->propagationDelayIs( wire.lanPruneDelay.propagationDelay );
-   msg->overrideIntervalIs( wire.lanPruneDelay.overrideInterval );
-   msg->tBitIs( wire.lanPruneDelay.tBit );
-   msg->drPriorityPresentIs( wire.drPriorityPresent );
-   msg->drPriorityIs( wire.drPriority );
-   msg->generationIdPresentIs( wire.generationIdPresent );
-   msg->generationIdIs( wire.generationId );
-   msg->bidirCapableIs( wire.bidirCapable );
+   helloMessageAssign( *msg, wire );
+   return msg;
+}
+
+void helloMessageAssign( Packet::HelloMessage & msg, const PimWire::Hello & wire ) {
+   msg.srcAddrIs( ipGenAddr( wire.source ) );
+   msg.holdTimePresentIs( wire.holdtimePresent );
+   msg.holdTimeIs( wire.holdtime );
+   msg.lanPruneDelayPresentIs( wire.lanPruneDelay.present );
+   msg.propagationDelayIs( wire.lanPruneDelay.propagationDelay );
+   msg.overrideIntervalIs( wire.lanPruneDelay.overrideInterval );
+   msg.tBitIs( wire.lanPruneDelay.tBit );
+   msg.drPriorityPresentIs( wire.drPriorityPresent );
+   msg.drPriorityIs( wire.drPriority );
+   msg.generationIdPresentIs( wire.generationIdPresent );
+   msg.generationIdIs( wire.generationId );
+   msg.bidirCapableIs( wire.bidirCapable );
+   msg.secondaryAddrDelAll();
    for( const PimWire::Addr & a : wire.addressList ) {
       const Lumo::IpGenAddr addr = ipGenAddr( a );
-      if( !addr.isEmpty() ) msg->secondaryAddrIs( addr, true );
+      if( !addr.isEmpty() ) msg.secondaryAddrIs( addr, true );
    }
-   msg->interfaceIdPresentIs( wire.interfaceId.present );
-   msg->interfaceIdRouterIdIs( wire.interfaceId.routerId );
-   msg->interfaceIdIfIndexIs( wire.interfaceId.ifIndex );
-   if( wire.sctpCapable.present ) {
-      msg->portOptionPresentIs( true );
-      msg->portTransportIs( kPortTransportSctp );
-      msg->portCapabilityFlagsIs( kPortCapabilitySctp | wire.sctpCapable.flags );
-      if( wire.sctpCapable.connectionAddr.isSet() ) {
-         msg->connectionAddrPresentIs( true );
-         msg->connectionAddrIs( ipGenAddr( wire.sctpCapable.connectionAddr ) );
-      }
-   }
-   return msg;
+   msg.interfaceIdPresentIs( wire.interfaceId.present );
+   msg.interfaceIdRouterIdIs( wire.interfaceId.routerId );
+   msg.interfaceIdIfIndexIs( wire.interfaceId.ifIndex );
+   const bool sctp = wire.sctpCapable.present;
+   msg.portOptionPresentIs( sctp );
+   msg.portTransportIs( sctp ? kPortTransportSctp : 0 );
+   msg.portCapabilityFlagsIs( sctp ? kPortCapabilitySctp | wire.sctpCapable.flags : 0 );
+   const bool conn = sctp && wire.sctpCapable.connectionAddr.isSet();
+   msg.connectionAddrPresentIs( conn );
+   msg.connectionAddrIs( conn ? ipGenAddr( wire.sctpCapable.connectionAddr ) : Lumo::IpGenAddr() );
 }
 
 PimWire::Hello wireHelloFrom( const Packet::HelloMessage & msg ) {

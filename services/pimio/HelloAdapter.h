@@ -38,6 +38,9 @@ Lumo::IpGenAddr allPimRouters( Lumo::AddressFamily af );
 // A new message holding every option of the wire Hello; the source becomes
 // srcAddr.
 Kiv::Ptr< Packet::HelloMessage > helloMessageFromWire( const PimWire::Hello & wire );
+// The same into an existing message, every attribute written (a message
+// reused for Hello after Hello holds nothing of the one before).
+void helloMessageAssign( Packet::HelloMessage & msg, const PimWire::Hello & wire );
 
 // The wire form of a message: source = srcAddr, destination = ALL-PIM-ROUTERS
 // of the source's family. Secondary addresses go out sorted (the message

@@ -176,7 +176,7 @@ void RawPimIo::handleReadable() {
    mmsghdr msgs[ kBatch ];
    std::size_t read = 0;
    for( ;; ) {
-      const std::size_t room = kQueueLimit - queue_.size();
+      const std::size_t room = kQueueLimit - queued_;
       if( room == 0 ) {
          // The kernel keeps the rest until the agent has caught up.
          ++counters_.rxQueueFullStops;
@@ -212,7 +212,7 @@ void RawPimIo::handleReadable() {
       updateReading();
       resume_.timeMinIs( Kiv::System::currentTime() + coalesce_ );
    }
-   if( !queue_.empty() && delivery_.timeMin() == Kiv::kNever ) delivery_.timeMinIs( Kiv::System::currentTime() );
+   if( queued_ && delivery_.timeMin() == Kiv::kNever ) delivery_.timeMinIs( Kiv::System::currentTime() );
 }
 
 void RawPimIo::receive( std::size_t i, std::size_t len, const msghdr & h ) {
@@ -263,6 +263,9 @@ void RawPimIo::receive( std::size_t i, std::size_t len, const msghdr & h ) {
       return;
    }
    const Lumo::IntfId intf = intfOf( ifIndex );
+   // Decoded straight into the next free slot of the ring; it is taken only
+   // when the Hello passes.
+   Pending & slot = ring_[ ( head_ + queued_ ) % kQueueLimit ];
    if( intf.isEmpty() ) {
       ++counters_.rxNotPimIntf;
       KIV_TRACE( th(), 6, "dropped from " << ipGenAddr( src ) << " on ifindex " << ifIndex << ": not a PIM interface" );
@@ -270,7 +273,7 @@ void RawPimIo::receive( std::size_t i, std::size_t len, const msghdr & h ) {
    }
    PimWire::DecodeStats stats;
    const PimWire::RejectReason r =
-      PimWire::decodeHello( pim, pimLen, v6 ? PimWire::Family::ipv6 : PimWire::Family::ipv4, src, dst, scratch_, stats );
+      PimWire::decodeHello( pim, pimLen, v6 ? PimWire::Family::ipv6 : PimWire::Family::ipv4, src, dst, slot.hello, stats );
    if( r != PimWire::RejectReason::none ) {
       ++counters_.rxRejected[ std::size_t( r ) ];
       KIV_TRACE( th(), 2, intf << " rejected from " << ipGenAddr( src ) << ": " << r );
@@ -281,28 +284,33 @@ void RawPimIo::receive( std::size_t i, std::size_t len, const msghdr & h ) {
       KIV_TRACE( th(), 6, intf << " dropped from " << ipGenAddr( src ) << ": denied by the service ACL" );
       return;
    }
-   queue_.push_back( { intf, helloMessageFromWire( scratch_ ) } );
+   slot.intf = intf;
+   ++queued_;
 }
 
 void RawPimIo::handleDelivery() {
-   if( queue_.empty() ) return;
-   Pending p = std::move( queue_.front() );
-   queue_.pop_front();
+   if( !queued_ ) return;
+   const Pending & p = ring_[ head_ ];
+   const Kiv::Ptr< MessageInfo > rx = pam_->rxMessageInfo( kHelloMessageType );
+   if( rx ) {
+      // One message serves every Hello: the agent reads it in its reaction,
+      // which runs before the next delivery, and keeps nothing of it.
+      helloMessageAssign( *message_, p.hello );
+      ++counters_.rxDelivered;
+      rx->messageIs( message_ );
+      rx->intfIdIs( p.intf );
+      rx->countInc( 1 );
+   } else {
+      ++counters_.rxNoMailbox;
+   }
+   head_ = ( head_ + 1 ) % kQueueLimit;
+   --queued_;
    // One per firing: the loop runs the agent's reaction before the next.
-   if( !queue_.empty() ) delivery_.timeMinIs( Kiv::System::currentTime() );
-   if( queueFull_ && queue_.size() <= kQueueLimit / 2 ) {
+   if( queued_ ) delivery_.timeMinIs( Kiv::System::currentTime() );
+   if( queueFull_ && queued_ <= kQueueLimit / 2 ) {
       queueFull_ = false;
       updateReading();
    }
-   const Kiv::Ptr< MessageInfo > rx = pam_->rxMessageInfo( kHelloMessageType );
-   if( !rx ) {
-      ++counters_.rxNoMailbox;
-      return;
-   }
-   ++counters_.rxDelivered;
-   rx->messageIs( p.hello );
-   rx->intfIdIs( p.intf );
-   rx->countInc( 1 );
 }
 
 void RawPimIo::handleTx() {

@@ -17,7 +17,6 @@
 // ALL-PIM-ROUTERS.
 #include <array>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -97,7 +96,7 @@ class RawPimIo : public Kiv::FdReactor {
    void handleResume();
 
    const RawIoCounters & counters() const { return counters_; }
-   std::size_t queued() const { return queue_.size(); }
+   std::size_t queued() const { return queued_; }
    bool reading() const { return reading_; }
    int socketFd() const { return fd_; }
 
@@ -140,7 +139,7 @@ class RawPimIo : public Kiv::FdReactor {
    };
    struct Pending {
       Lumo::IntfId intf;
-      Kiv::Ptr< Packet::HelloMessage > hello;
+      PimWire::Hello hello;
    };
 
    void onReadable() override { handleReadable(); }
@@ -162,7 +161,12 @@ class RawPimIo : public Kiv::FdReactor {
    double coalesce_ = 0;
    std::map< Lumo::IntfId, bool > pimIntfs_;
    std::function< bool( const Lumo::IpGenAddr & ) > acl_;
-   std::deque< Pending > queue_;
+   // Decoded Hellos waiting for the mailbox: a ring of kQueueLimit slots
+   // reused as they go, so a Hello costs no allocation.
+   std::vector< Pending > ring_ = std::vector< Pending >( kQueueLimit );
+   std::size_t head_ = 0;
+   std::size_t queued_ = 0;
+   Kiv::Ptr< Packet::HelloMessage > message_ = Kiv::make< Packet::HelloMessage >();
    RawIoCounters counters_;
    KivTx txReactor_;
    KivDelivery delivery_;
@@ -174,7 +178,6 @@ class RawPimIo : public Kiv::FdReactor {
    // recvmmsg buffers, kept between wake-ups.
    struct RxSlot;
    std::unique_ptr< RxSlot[] > slots_;
-   PimWire::Hello scratch_;
 };
 
 } // namespace Routing::Pim::IO
