@@ -81,7 +81,7 @@ void ActivityManager::randomIs( Random * random ) {
 }
 
 void ActivityManager::enqueue( NotifieeBase & n ) {
-   assert( !n.queued_ );
+   KIV_INVARIANT( !n.queued_, "a reactor queued twice" );
    n.queued_ = true;
    n.round_ = round_;
    n.qprev_ = tail_;
