@@ -1,8 +1,12 @@
 #include "config/PimConfigSm.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
+#include <string>
+#include <type_traits>
 #include <vector>
 
 #include "kiv/Clock.h"
@@ -57,6 +61,16 @@ bool hasAddress( const Lumo::IpGenAddrWithMask & a ) {
 
 // ---- construction -------------------------------------------------------------------
 
+// Arms a timer unless there is no wheel to arm it on.
+template< class T >
+static void armTimer( T & timer, Kiv::Seconds t ) {
+   if( t != Kiv::kNever && !timer.notifier() ) {
+      CTRACE( 1, "armTimer(), no timer wheel" );
+      return;
+   }
+   timer.timeMinIs( t );
+}
+
 ConfigSm::ConfigSm( const ConfigSmInputs & inputs )
       : inputs_( inputs ),
         configColl_( this ),
@@ -72,7 +86,8 @@ ConfigSm::ConfigSm( const ConfigSmInputs & inputs )
         appConfigDir_( this ),
         appVrfIntfs_( this ),
         drInitTimer_( this, inputs.timerWheel.ptr() ),
-        drDelayTimer_( this, inputs.timerWheel.ptr() ) {
+        drDelayTimer_( this, inputs.timerWheel.ptr() ),
+        mountRetryTimer_( this, inputs.timerWheel.ptr() ) {
    reactorsInit();
 }
 
@@ -688,9 +703,18 @@ void ConfigSm::doMaybeUpdatePimEnabledBidirVrf( const L3::VrfName & vrf ) {
 }
 
 Kiv::Ptr< Bfd::AppConfig > ConfigSm::bfdAppConfigFor( const L3::VrfName & vrf ) {
-   if( inputs_.bfdAppConfigDir ) inputs_.bfdAppConfigDir->subdirIs( Kiv::Name( vrf.name() ) );
-   if( Kiv::Ptr< Bfd::AppConfig > c = bfdPimAppConfig( vrf ) ) return c;
-   auto c = Kiv::make< Bfd::AppConfig >( ContainerSm::bfdAppName( af() ) );
+   const char * app = ContainerSm::bfdAppName( af() );
+   Kiv::Ptr< Bfd::AppConfig > c;
+   // The BFD service reads the peers from the store: the configuration is
+   // the entry there, not a copy of it.
+   if( const auto & dir = inputs_.bfdAppConfigDir ) {
+      const Kiv::Ptr< Kiv::Dir > vrfDir = dir->subdirIs( Kiv::Name( vrf.name() ) );
+      c = Kiv::entity_cast< Bfd::AppConfig >( vrfDir->entryIs( Kiv::Name( app ), "Bfd::AppConfig" ) );
+   }
+   if( !c ) {
+      CTRACE( 1, "bfdAppConfigFor( " << vrf << " ), no BFD application directory, peers kept locally" );
+      c = bfdPimAppConfig( vrf ) ? bfdPimAppConfig( vrf ) : Kiv::make< Bfd::AppConfig >( app );
+   }
    bfdPimAppConfigIs( vrf, c );
    return c;
 }
@@ -700,25 +724,35 @@ void ConfigSm::doCreateOrDeleteContainer( const L3::VrfName & vrf ) {
    const bool wanted = multicastEnabled( vrf ) && gs &&
                        ( gs->pimEnabledSparseModeVrf( vrf ) || gs->pimEnabledBidirVrf( vrf ) );
    const bool exists = pimVrfContainerSmHas( vrf );
-   if( wanted && exists ) {
+   if( wanted && exists && !incompleteVrfHas( vrf ) ) {
       CTRACE( 7, "doCreateOrDeleteContainer( " << vrf << " ), container already exists" );
       return;
    }
    if( wanted ) {
-      CTRACE( 7, "doCreateOrDeleteContainer( " << vrf << " ), Creating ContainerSm" );
       if( !inputs_.pimCellGlobalStatus || !inputs_.pimConfigColl || !inputs_.ipStatus ||
-          !inputs_.timerWheel || !inputs_.varnMount ) {
+          !inputs_.timerWheel ) {
          CTRACE( 1, "doCreateOrDeleteContainer( " << vrf << " ), missing input, no ContainerSm" );
+         doUpdateMissingInputs( vrf, true );
          return;
       }
+      // What is missing is built without and retried: the engine runs in
+      // the meantime. A container is never changed in place, so one built
+      // without something is rebuilt once that something is there.
       doKniInit( vrf );
       doMounts( vrf );
-      if( !pimVarnStatus( vrf ) ) {
-         CTRACE( 1, "doCreateOrDeleteContainer( " << vrf << " ), no status table, no ContainerSm" );
-         doUnmounts( vrf );
-         doKniDeinit( vrf );
-         return;
+      const Lumo::NamespaceName ns = namespaceName( vrf );
+      if( exists ) {
+         const ContainerSmArgs & had = pimVrfContainerSm( vrf )->args();
+         if( had.pimVarnStatus == pimVarnStatus( vrf ) && had.pimMessageCounters == pimVrfCounters( vrf ) &&
+             had.kernelIntfStatusDir == kernelVrfIntfStatusDir( ns ) ) {
+            CTRACE( 7, "doCreateOrDeleteContainer( " << vrf << " ), inputs still missing" );
+            doUpdateMissingInputs( vrf, false );
+            return;
+         }
+         CTRACE( 7, "doCreateOrDeleteContainer( " << vrf << " ), Rebuilding ContainerSm with its new inputs" );
+         pimVrfContainerSmDel( vrf );
       }
+      CTRACE( 7, "doCreateOrDeleteContainer( " << vrf << " ), Creating ContainerSm" );
       ContainerSmArgs args = inputs_.containerExtras;
       args.vrfName = vrf;
       args.af = af();
@@ -730,16 +764,21 @@ void ConfigSm::doCreateOrDeleteContainer( const L3::VrfName & vrf ) {
       args.pimConfigColl = inputs_.pimConfigColl;
       args.pimMessageCounters = pimVrfCounters( vrf );
       args.ipStatus = inputs_.ipStatus;
-      args.namespaceName = namespaceName( vrf );
+      args.namespaceName = ns;
       args.bfdPimAppConfig = bfdAppConfigFor( vrf );
       args.bfdStatusPeer = inputs_.bfdStatusPeer;
       args.timerWheel = inputs_.timerWheel;
-      args.kernelIntfStatusDir = kernelVrfIntfStatusDir( namespaceName( vrf ) );
+      args.kernelIntfStatusDir = kernelVrfIntfStatusDir( ns );
       args.asuShutdownStatus = inputs_.asuShutdownStatus;
       args.asuVrfStatus = inputs_.asuVrfStatus;
       args.bridgingConfig = inputs_.bridgingConfig;
       pimVrfContainerSmIs( vrf, containerSmFactory( args ) );
+      doUpdateMissingInputs( vrf, false );
       return;
+   }
+   incompleteVrfDel( vrf );
+   if( const auto & sc = inputs_.pimStatusColl ) {
+      if( const auto status = sc->vrfStatus( vrf ) ) status->missingInputDelAll();
    }
    if( exists ) {
       CTRACE( 7, "doCreateOrDeleteContainer( " << vrf << " ), Deleting ContainerSm" );
@@ -751,6 +790,48 @@ void ConfigSm::doCreateOrDeleteContainer( const L3::VrfName & vrf ) {
    CTRACE( 7, "doCreateOrDeleteContainer( " << vrf << " ), container does not exist" );
 }
 
+void ConfigSm::doUpdateMissingInputs( const L3::VrfName & vrf, bool agentInputsMissing ) {
+   std::vector< std::string > missing;
+   bool retry = false;
+   if( agentInputsMissing ) {
+      missing.push_back( "agentInputs" );
+   } else if( pimVrfContainerSmHas( vrf ) ) {
+      if( !pimVarnStatus( vrf ) ) missing.push_back( "statusTable" );
+      if( !pimVrfCounters( vrf ) ) missing.push_back( "counterTable" );
+      retry = !missing.empty() && inputs_.varnMount;
+      if( !kernelVrfIntfStatusDirHas( namespaceName( vrf ) ) ) {
+         missing.push_back( "kernelStatus" );
+         retry = retry || inputs_.kniMounter;
+      }
+   }
+   if( const auto & sc = inputs_.pimStatusColl ) {
+      if( const auto status = sc->vrfStatus( vrf ) ) {
+         for( auto it = status->missingInputIter(); it; ++it ) {
+            if( std::find( missing.begin(), missing.end(), it.key() ) == missing.end() ) {
+               status->missingInputDel( it.key() );
+            }
+         }
+         for( const auto & m : missing ) status->missingInputIs( m, true );
+      }
+   }
+   if( !missing.empty() ) CTRACE( 1, "doUpdateMissingInputs( " << vrf << " ), missing " << missing.size() );
+   if( !retry ) {
+      incompleteVrfDel( vrf );
+      return;
+   }
+   incompleteVrfIs( vrf, true );
+   if( mountRetryTimer_.timeMin() == Kiv::kNever ) {
+      armTimer( mountRetryTimer_, Kiv::System::currentTime() + kMountRetryInterval );
+   }
+}
+
+void ConfigSm::handleMountRetryTimerExpiry() {
+   CTRACE( 7, "handleMountRetryTimerExpiry()" );
+   std::vector< L3::VrfName > vrfs;
+   for( auto it = incompleteVrfIter(); it; ++it ) vrfs.push_back( it.key() );
+   for( const auto & vrf : vrfs ) doCreateOrDeleteContainer( vrf );
+}
+
 void ConfigSm::doMounts( const L3::VrfName & vrf ) {
    const auto & mount = inputs_.varnMount;
    CTRACE( 7, "doMounts( " << vrf << " ), Mounting PIM counters" );
@@ -758,11 +839,26 @@ void ConfigSm::doMounts( const L3::VrfName & vrf ) {
       CTRACE( 1, "doMounts( " << vrf << " ), no table mount" );
       return;
    }
+   // A table that cannot be mounted leaves its slot empty; the VRF's status
+   // says so and the mount is retried.
+   const auto mountOrNull = [ & ]( auto tag, const std::string & path ) {
+      using T = typename decltype( tag )::type;
+      try {
+         return mount->doMount< T >( path, "w" );
+      } catch( const std::exception & e ) {
+         CTRACE( 1, "doMounts( " << vrf << " ), cannot mount " << path << ": " << e.what() );
+         return Kiv::Ptr< T >();
+      }
+   };
    const std::string counters = Varn::countersPath( af(), vrf );
-   pimVrfCountersIs( vrf, mount->doMount< Varn::MessageCounters >( counters, "w" ) );
+   if( !pimVrfCounters( vrf ) ) {
+      pimVrfCountersIs( vrf, mountOrNull( std::type_identity< Varn::MessageCounters >(), counters ) );
+   }
    CTRACE( 7, "doMounts( " << vrf << " ), Mounting PIM varn table" );
    const std::string status = Varn::statusPath( af(), vrf );
-   pimVarnStatusIs( vrf, mount->doMount< Varn::Status >( status, "w" ) );
+   if( !pimVarnStatus( vrf ) ) {
+      pimVarnStatusIs( vrf, mountOrNull( std::type_identity< Varn::Status >(), status ) );
+   }
 }
 
 void ConfigSm::doUnmounts( const L3::VrfName & vrf ) {
@@ -837,16 +933,26 @@ Lumo::IpGenAddr ConfigSm::allPimRoutersGroup() const {
    return af() == Lumo::AddressFamily::ipv6 ? v6 : v4;
 }
 
+// The VIF and group requests are keyed by interface name alone, while an
+// interface that moves between VRFs is wanted by one and released by the
+// other in either order. Each request therefore remembers the VRF that holds
+// it, and only that VRF releases it.
 void ConfigSm::doUpdateVif( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {
    const auto & vifs = inputs_.multicastIntfs;
    const Kiv::Ptr< AllStatus > status = allStatus( vrf );
    if( multicastEnabled( vrf ) && status && status->pimIntfHas( intf ) ) {
       CTRACE( 7, "doUpdateVif( " << intf << " ), Allocate VIF" );
+      vifHolderIs( intf, vrf );
       if( vifs ) vifs->multicastIntfIs( intf, true );
-   } else {
-      CTRACE( 7, "doUpdateVif( " << intf << " ), Deallocate VIF" );
-      if( vifs ) vifs->multicastIntfDel( intf );
+      return;
    }
+   if( const L3::VrfName * holder = vifHolderColl().find( intf ); holder && *holder != vrf ) {
+      CTRACE( 7, "doUpdateVif( " << intf << " ), VIF held for VRF " << *holder );
+      return;
+   }
+   CTRACE( 7, "doUpdateVif( " << intf << " ), Deallocate VIF" );
+   vifHolderDel( intf );
+   if( vifs ) vifs->multicastIntfDel( intf );
 }
 
 void ConfigSm::doUpdateAllPimRouters( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {
@@ -854,11 +960,17 @@ void ConfigSm::doUpdateAllPimRouters( const L3::VrfName & vrf, const Lumo::IntfI
    const Kiv::Ptr< AllStatus > status = allStatus( vrf );
    if( multicastEnabled( vrf ) && status && status->pimIntfHas( intf ) ) {
       CTRACE( 7, "doUpdateAllPimRouters( " << intf << " ), Subscribe to ALL-PIM-ROUTERS group" );
+      allPimRoutersHolderIs( intf, vrf );
       if( groups ) groups->joinGroup( intf, allPimRoutersGroup() );
-   } else {
-      CTRACE( 7, "doUpdateAllPimRouters( " << intf << " ), Unsubscribe to ALL-PIM-ROUTERS group" );
-      if( groups ) groups->leaveGroup( intf, allPimRoutersGroup() );
+      return;
    }
+   if( const L3::VrfName * holder = allPimRoutersHolderColl().find( intf ); holder && *holder != vrf ) {
+      CTRACE( 7, "doUpdateAllPimRouters( " << intf << " ), ALL-PIM-ROUTERS held for VRF " << *holder );
+      return;
+   }
+   CTRACE( 7, "doUpdateAllPimRouters( " << intf << " ), Unsubscribe to ALL-PIM-ROUTERS group" );
+   allPimRoutersHolderDel( intf );
+   if( groups ) groups->leaveGroup( intf, allPimRoutersGroup() );
 }
 
 void ConfigSm::handlePimConfigured( const L3::VrfName & vrf ) {
@@ -901,16 +1013,6 @@ void ConfigSm::handleVrfIntfColl( const L3::VrfName & vrf, const Lumo::IntfId & 
 }
 
 // ---- DR start-up timers, fast upgrade, clear commands ----------------------------------
-
-// Arms a timer unless there is no wheel to arm it on.
-template< class T >
-static void armTimer( T & timer, Kiv::Seconds t ) {
-   if( t != Kiv::kNever && !timer.notifier() ) {
-      CTRACE( 1, "armTimer(), no timer wheel" );
-      return;
-   }
-   timer.timeMinIs( t );
-}
 
 void ConfigSm::doDrTimersInit() {
    const auto & cell = inputs_.pimCellGlobalStatus;

@@ -119,6 +119,9 @@ struct ConfigSmInputs {
       Kiv::Ptr< Interface::DeviceIntfStatusDir > )                                              \
    X( COLL, kniStatus, KniStatus, Lumo::NamespaceName, Kiv::Ptr< KernelNetInfo::Status > )       \
    X( COLL, bfdPimAppConfig, BfdPimAppConfig, L3::VrfName, Kiv::Ptr< Bfd::AppConfig > )          \
+   X( COLL, vifHolder, VifHolder, Lumo::IntfId, L3::VrfName )                                    \
+   X( COLL, allPimRoutersHolder, AllPimRoutersHolder, Lumo::IntfId, L3::VrfName )                \
+   X( SET, incompleteVrf, IncompleteVrf, L3::VrfName )                                           \
    X( SET, reviewedMulticastIntf, ReviewedMulticastIntf, Lumo::IntfId )                          \
    X( SCALAR, initialized, Initialized, bool, false )
 
@@ -127,6 +130,9 @@ class ConfigSm : public Kiv::StateMachine {
    // Reload hold-off before the router's own DR priority counts again.
    static constexpr double kReloadDelay = 50.0;
    static constexpr const char * kShutdownStage = "NetworkAgentShutdown";
+   // How often a VRF whose engine runs without a table or the kernel status
+   // tries to get them again.
+   static constexpr double kMountRetryInterval = 5.0;
 
    explicit ConfigSm( const ConfigSmInputs & inputs );
    ~ConfigSm() override;
@@ -136,6 +142,7 @@ class ConfigSm : public Kiv::StateMachine {
    Lumo::AddressFamily af() const { return inputs_.af; }
    Kiv::Seconds drInitTimerTimeMin() const { return drInitTimer_.timeMin(); }
    Kiv::Seconds drDelayTimerTimeMin() const { return drDelayTimer_.timeMin(); }
+   Kiv::Seconds mountRetryTimerTimeMin() const { return mountRetryTimer_.timeMin(); }
 
    // Start-up: DR timers, every input's reactors, every VRF, the
    // applications; sets initialized last.
@@ -163,6 +170,10 @@ class ConfigSm : public Kiv::StateMachine {
    void doMaybeUpdatePimEnabledSparseModeVrf( const L3::VrfName & vrf );
    void doMaybeUpdatePimEnabledBidirVrf( const L3::VrfName & vrf );
    void doCreateOrDeleteContainer( const L3::VrfName & vrf );
+   // Publishes what the VRF's engine lacks (its status entry's missingInput)
+   // and keeps the retry timer armed while something can still come.
+   void doUpdateMissingInputs( const L3::VrfName & vrf, bool agentInputsMissing );
+   void handleMountRetryTimerExpiry();
    void doMounts( const L3::VrfName & vrf );
    void doUnmounts( const L3::VrfName & vrf );
    void doKniInit( const L3::VrfName & vrf );
@@ -308,6 +319,13 @@ class ConfigSm : public Kiv::StateMachine {
     private:
       ConfigSm * owner_;
    };
+   class KivMountRetryTimer : public Tolm::TimerWheel::NotifieeConst {
+    public:
+      KivMountRetryTimer( ConfigSm * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
+      void onTime() override { owner_->handleMountRetryTimerExpiry(); }
+    private:
+      ConfigSm * owner_;
+   };
    class KivDrDelayTimer : public Tolm::TimerWheel::NotifieeConst {
     public:
       KivDrDelayTimer( ConfigSm * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
@@ -355,6 +373,7 @@ class ConfigSm : public Kiv::StateMachine {
    KivAppVrfIntfs appVrfIntfs_;
    KivDrInitTimer drInitTimer_;
    KivDrDelayTimer drDelayTimer_;
+   KivMountRetryTimer mountRetryTimer_;
    Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIntfConfig > > intfConfigReactor_;
    Kiv::HashMap< L3::VrfName, std::unique_ptr< KivPimConfig > > pimConfigReactor_;
    Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivHostInjectIntfConfig > > hostInjectReactor_;

@@ -67,7 +67,6 @@ void ContainerSm::handleInitialized() {
    const Kiv::ValidPtr< const IpGen::Status > ipStatus( args_.ipStatus );
    const Kiv::ValidPtr< GlobalStatus > globalStatus( args_.pimGlobalStatus );
    const Kiv::ValidPtr< CellGlobalStatus > cellGlobalStatus( args_.pimCellGlobalStatus );
-   const Kiv::ValidPtr< Varn::Status > varnStatus( args_.pimVarnStatus );
    const Kiv::ValidPtr< Tolm::TimerWheel > timerWheel( args_.timerWheel );
    const Kiv::Ptr< const Config > vrfConfig = configColl->vrfConfig( args_.vrfName );
 
@@ -85,13 +84,20 @@ void ContainerSm::handleInitialized() {
 
    // The writer exists before the interface machines so that their first
    // status reaches the table.
-   pimStatusWriterSmIs( Varn::StatusWriterSmIs( args_.vrfName, allStatus, varnStatus ) );
+   // Without its table the engine still runs; ConfigSm rebuilds the
+   // container once the table can be mounted.
+   if( args_.pimVarnStatus ) {
+      pimStatusWriterSmIs( Varn::StatusWriterSmIs( args_.vrfName, allStatus, args_.pimVarnStatus ) );
+   } else {
+      CTRACE( 1, "handleInitialized(), no status table: status not published" );
+   }
 
    vrfIpIntfStatusIs( IpGen::intfStatusFactory( ipStatus, args_.vrfName ) );
    IO::IOSmArgs io;
    io.pamManager = pimPamManager();
    io.messageCounters = args_.pimMessageCounters;
    io.pimStatus = args_.pimStatus;
+   io.allStatus = allStatus;
    io.configColl = configColl;
    io.intfStatus = vrfIpIntfStatus();
    io.aclTypeConfig = args_.aclTypeConfig;

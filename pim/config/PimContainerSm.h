@@ -14,9 +14,10 @@
 // The ACL, interface-directory, boundary, attribute-log and service-ACL inputs
 // are passed through opaquely to the I/O machine (they may be null).
 // Required (a null one raises "null ValidPtr" during construction): the
-// global, cell-global and all-status entities, the Varn status table, the
-// configuration root, the IP status and the timer wheel. Without the
-// fast-upgrade inputs the VRF takes no part in fast upgrades.
+// global, cell-global and all-status entities, the configuration root, the
+// IP status and the timer wheel. Without the fast-upgrade inputs the VRF
+// takes no part in fast upgrades; without the status table its status is not
+// published, without the counter table nothing is counted.
 #include <string>
 
 #include "agent/PimAsuSm.h"

@@ -440,13 +440,16 @@ void IntfSm::handleNeighbor( const Lumo::IpGenAddr & addr ) {
       if( intf_->activeNeighborHas( addr ) ) intf_->activeNeighborDel( addr );
       removeBfd( addr );
       if( nsm ) {
-         if( nsm->neighbor() ) {
-            for( auto it = nsm->neighbor()->secondaryAddressIter(); it; ++it ) {
-               const Lumo::IpGenAddr secondary = it.key();
-               ITRACE( 7, "Neighbor secondary address " << secondary << " is removed for interface "
-                                                        << intfId_ );
-               intf_->nbSecondaryAddressDel( secondary );
-            }
+         // The machine's own record: the neighbour's list may already be
+         // empty (a goodbye without addresses), and a mapping another
+         // neighbour has taken over since stays with it.
+         for( auto it = nsm->mappedSecondaryIter(); it; ++it ) {
+            const Lumo::IpGenAddr secondary = it.key();
+            const Lumo::IpGenAddr * owner = intf_->nbSecondaryAddressColl().find( secondary );
+            if( !owner || *owner != addr ) continue;
+            ITRACE( 7, "Neighbor secondary address " << secondary << " is removed for interface "
+                                                     << intfId_ );
+            intf_->nbSecondaryAddressDel( secondary );
          }
          ITRACE( 7, "Removing neighbor " << addr << " state machine on " << "interface " << intfId_ );
          neighborSmDel( addr );

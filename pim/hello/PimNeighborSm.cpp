@@ -164,6 +164,9 @@ void NeighborSm::handleSecondaryAddress( const Lumo::IpGenAddr & addr ) {
    NEIGHBOR_PRESENT_OR_RETURN();
    const Lumo::IpGenAddr * ownerSlot = intf_->nbSecondaryAddressColl().find( addr );
    if( neighbor_->secondaryAddress( addr ) ) {
+      // What this neighbour maps is remembered here, not read back from the
+      // neighbour: a goodbye may empty its list in the round that deletes it.
+      mappedSecondaryIs( addr, true );
       if( !ownerSlot ) {
          intf_->nbSecondaryAddressIs( addr, address_ );
          NTRACE( 7, "Neighbor secondary address " << addr << " added on neighbor " << address_
@@ -190,6 +193,7 @@ void NeighborSm::handleSecondaryAddress( const Lumo::IpGenAddr & addr ) {
       intf_->nbSecondaryAddressIs( addr, address_ );
       return;
    }
+   mappedSecondaryDel( addr );
    if( ownerSlot && *ownerSlot == address_ ) {
       intf_->nbSecondaryAddressDel( addr );
       NTRACE( 7, "Neighbor secondary address " << addr << " removed on neighbor " << address_

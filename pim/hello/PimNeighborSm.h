@@ -38,6 +38,7 @@ class NeighborSmOwner {
    X( SCALAR, prevGenerationIdOption, PrevGenerationIdOption, GenerationIdOption, {} )  \
    X( SCALAR, prevLanPruneDelayOption, PrevLanPruneDelayOption, LanPruneDelayOption, {} ) \
    X( SCALAR, prevBfdState, PrevBfdState, Bfd::OperState, Bfd::operDown )               \
+   X( SET, mappedSecondary, MappedSecondary, Lumo::IpGenAddr )                          \
    X( SCALAR, initialized, Initialized, bool, false )
 
 class NeighborSm : public Kiv::StateMachine {

@@ -27,12 +27,11 @@ IOSmArgs validated( const IOSmArgs & a ) {
 } // namespace
 
 IOSm::IOSm( const IOSmArgs & args )
-      : args_( validated( args ) ), intfStatus_( this ), configColl_( this ), pamManager_( this ),
-        txMessageInfo_( this ) {
+      : args_( validated( args ) ), allStatus_( this ), pamManager_( this ), txMessageInfo_( this ) {
    IOTRACE( 8, "IOSm()" );
    if( !args_.pimStatus ) IOTRACE( 5, "no PIM status entry: PIM interfaces are not published" );
-   intfStatus_.notifierIs( args_.intfStatus );
-   configColl_.notifierIs( args_.configColl );
+   if( !args_.allStatus ) IOTRACE( 5, "no PIM interface status: PIM interfaces are not published" );
+   allStatus_.notifierIs( args_.allStatus );
    pamManager_.notifierIs( args_.pamManager );
    txMessageInfo_.notifierIs( args_.pamManager->txMessageInfo() );
    for( auto it = args_.pamManager->rxMessageInfoIter(); it; ++it ) handleRxMessageInfo( it.key() );
@@ -42,34 +41,32 @@ IOSm::IOSm( const IOSmArgs & args )
 IOSm::~IOSm() {
    IOTRACE( 8, "~IOSm()" );
    // Nobody keeps the published interfaces true any more.
-   intfConfig_.clear();
+   intf_.clear();
    if( args_.pimStatus ) args_.pimStatus->pimIntfDelAll();
 }
 
 void IOSm::handleAllPimIntf() {
    if( !args_.pimStatus ) return;
-   for( auto it = args_.intfStatus->intfIter(); it; ++it ) handlePimIntf( it.key() );
+   if( args_.allStatus ) {
+      for( auto it = args_.allStatus->pimIntfIter(); it; ++it ) handlePimIntf( it.key() );
+   }
    // Entries of interfaces that went while nobody watched.
    for( auto it = args_.pimStatus->pimIntfIter(); it; ++it ) handlePimIntf( it.key() );
 }
 
 void IOSm::handlePimIntf( const Lumo::IntfId & intf ) {
    if( !args_.pimStatus ) return;
-   const bool inVrf = args_.intfStatus->intf( intf );
-   const Kiv::Ptr< const IntfConfig > config = inVrf ? args_.configColl->intfConfig( intf ) : nullptr;
-   if( config ) {
-      intfConfig_.bind( intf, config, this, intf );
-   } else {
-      intfConfig_.unbind( intf );
-   }
-   const Mode mode = config ? config->mode() : pimModeNone;
-   if( mode == pimModeNone ) {
+   const Kiv::Ptr< const Intf > pimIntf = args_.allStatus ? args_.allStatus->pimIntf( intf ) : nullptr;
+   if( !pimIntf ) {
+      intf_.unbind( intf );
       if( args_.pimStatus->pimIntfHas( intf ) ) {
          IOTRACE( 7, "pimIntf " << intf << " removed" );
          args_.pimStatus->pimIntfDel( intf );
       }
       return;
    }
+   intf_.bind( intf, pimIntf, this, intf );
+   const Mode mode = pimIntf->mode();
    if( args_.pimStatus->pimIntfHas( intf ) && args_.pimStatus->pimIntf( intf ) == mode ) return;
    IOTRACE( 7, "pimIntf " << intf << " mode " << modeName( mode ) );
    args_.pimStatus->pimIntfIs( intf, mode );

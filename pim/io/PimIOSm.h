@@ -1,12 +1,12 @@
 #pragma once
 // IOSm: the agent's side of the PIM I/O service for one VRF.
 //
-//  * It publishes, in the VRF's PIM status entry (Status.pimIntf), every
-//    interface of the VRF on which PIM is configured, with its configured
-//    mode: an interface is there while it is in the VRF's IP interface status
-//    (IntfStatus.intf) and its PIM interface configuration has a mode other
-//    than none. Readers that need the set of PIM interfaces of a VRF, such as
-//    the VXLAN feed, watch that collection.
+//  * It publishes, in the VRF's PIM status entry (Status.pimIntf), every PIM
+//    interface of the VRF with the mode it runs: exactly the interfaces of
+//    the VRF's AllStatus, however they came to be PIM interfaces
+//    (configuration, an application's request, a border router without a
+//    mode). Readers that need the set of PIM interfaces of a VRF, such as the
+//    VXLAN feed, watch that collection.
 //  * It counts, per PIM message type, every message that the transport puts
 //    in one of the VRF's receive mailboxes and every message the agent hands
 //    to the transmit mailbox, in the VRF's message-counter table. The
@@ -34,6 +34,8 @@ struct IOSmArgs {
    Kiv::Ptr< PamManager > pamManager;
    Kiv::Ptr< Varn::MessageCounters > messageCounters;
    Kiv::Ptr< Status > pimStatus;
+   // The VRF's PIM interfaces, as the configuration pipeline computed them.
+   Kiv::Ptr< const AllStatus > allStatus;
    Kiv::Ptr< const ConfigColl > configColl;
    Kiv::Ptr< const IpGen::IntfStatus > intfStatus;
    Kiv::Ptr< const Kiv::Notifier > aclTypeConfig;
@@ -48,8 +50,9 @@ struct IOSmArgs {
 class IOSm : public Kiv::StateMachine {
  public:
    // The PAM manager, the configuration and the IP interface status are
-   // required ("null ValidPtr"). Without a PIM status entry nothing is
-   // published, without a counter table nothing is counted (both traced).
+   // required ("null ValidPtr"). Without a PIM status entry or the VRF's
+   // AllStatus nothing is published, without a counter table nothing is
+   // counted (traced).
    explicit IOSm( const IOSmArgs & args );
    ~IOSm() override;
 
@@ -64,23 +67,16 @@ class IOSm : public Kiv::StateMachine {
    void handleTxCount();
 
  private:
-   class KivIntfStatus : public IpGen::IntfStatus::NotifieeConst {
+   class KivAllStatus : public AllStatus::NotifieeConst {
     public:
-      explicit KivIntfStatus( IOSm * o ) : owner_( o ) {}
-      void onIntf( const Lumo::IntfId & intf ) override { owner_->handlePimIntf( intf ); }
+      explicit KivAllStatus( IOSm * o ) : owner_( o ) {}
+      void onPimIntf( const Lumo::IntfId & intf ) override { owner_->handlePimIntf( intf ); }
     private:
       IOSm * owner_;
    };
-   class KivConfigColl : public ConfigColl::NotifieeConst {
+   class KivIntf : public Intf::NotifieeConst {
     public:
-      explicit KivConfigColl( IOSm * o ) : owner_( o ) {}
-      void onIntfConfig( const Lumo::IntfId & intf ) override { owner_->handlePimIntf( intf ); }
-    private:
-      IOSm * owner_;
-   };
-   class KivIntfConfig : public IntfConfig::NotifieeConst {
-    public:
-      KivIntfConfig( IOSm * o, const Lumo::IntfId & intf ) : owner_( o ), intf_( intf ) {}
+      KivIntf( IOSm * o, const Lumo::IntfId & intf ) : owner_( o ), intf_( intf ) {}
       void onMode() override { owner_->handlePimIntf( intf_ ); }
     private:
       IOSm * owner_;
@@ -110,12 +106,11 @@ class IOSm : public Kiv::StateMachine {
    };
 
    IOSmArgs args_;
-   KivIntfStatus intfStatus_;
-   KivConfigColl configColl_;
+   KivAllStatus allStatus_;
    KivPamManager pamManager_;
    KivTxMessageInfo txMessageInfo_;
-   // Configured interfaces of the VRF, watched for mode changes.
-   Kiv::ReactorMap< Lumo::IntfId, KivIntfConfig > intfConfig_;
+   // The VRF's PIM interfaces, watched for mode changes.
+   Kiv::ReactorMap< Lumo::IntfId, KivIntf > intf_;
    Kiv::ReactorMap< std::uint8_t, KivRxMessageInfo > rxMessageInfo_;
 };
 

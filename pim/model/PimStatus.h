@@ -2,6 +2,7 @@
 // The PIM status entities through which the Hello engine, the configuration
 // pipeline and the status writer talk to one another.
 #include <cstdint>
+#include <string>
 
 #include "kiv/EntityMacros.h"
 #include "lumo/AddressFamily.h"
@@ -127,9 +128,13 @@ class AllStatusColl : public Kiv::Notifier {
 KIV_NOTIFIEE( AllStatusColl, PIM_ALL_STATUS_COLL_ATTRS )
 
 // The per-VRF status root read by other agents: the VRF's PIM interfaces with
-// the mode they run.
-#define PIM_STATUS_ATTRS( X ) \
-   X( COLL, pimIntf, PimIntf, Lumo::IntfId, Mode )
+// the mode they run, and what the VRF's engine runs without while PIM is
+// enabled there: "statusTable", "counterTable", "kernelStatus" (the engine
+// runs; the piece is retried until it comes) or "agentInputs" (no engine can
+// be built). Empty when the engine is complete or PIM is off.
+#define PIM_STATUS_ATTRS( X )                          \
+   X( COLL, pimIntf, PimIntf, Lumo::IntfId, Mode )     \
+   X( SET, missingInput, MissingInput, std::string )
 
 class Status : public Kiv::Notifier {
  public:

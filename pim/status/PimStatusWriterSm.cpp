@@ -1,5 +1,7 @@
 #include "status/PimStatusWriterSm.h"
 
+#include <vector>
+
 #include "kiv/RangeException.h"
 #include "kiv/Trace.h"
 
@@ -253,6 +255,16 @@ StatusWriterSm::KivAllStatus::KivAllStatus(
 
 StatusWriterSm::KivAllStatus::~KivAllStatus() = default;
 
+void StatusWriterSm::KivAllStatus::handleDelAll() {
+   KIV_TRACE( th(), 8, "handleDelAll()" );
+   while( const Lumo::IntfId * id = intf_.firstKey() ) {
+      const Lumo::IntfId key = *id;
+      std::unique_ptr< KivIntf > gone = std::move( *intf_.find( key ) );
+      intf_.erase( key );
+      gone->handleDel();
+   }
+}
+
 StatusWriterSm::KivIntf * StatusWriterSm::KivAllStatus::intf( const Lumo::IntfId & id ) const {
    const std::unique_ptr< KivIntf > * p = intf_.find( id );
    return p ? p->get() : nullptr;
@@ -286,11 +298,58 @@ StatusWriterSm::StatusWriterSm( const L3::VrfName & vrfName,
       : vrfName_( vrfName ), varnStatus_( Kiv::ValidPtr< Status >( varnStatus ) ) {
    Kiv::ValidPtr< const ::Routing::Pim::AllStatus > s( allStatus );
    KIV_TRACE( th(), 8, "<Vrf:" << vrfName_ << ">StatusWriterSm()" );
+   dropStaleRows( *s );
    allStatus_ = std::make_unique< KivAllStatus >( this, s );
 }
 
 StatusWriterSm::~StatusWriterSm() {
    KIV_TRACE( th(), 8, "<Vrf:" << vrfName_ << ">~StatusWriterSm()" );
+   if( allStatus_ ) allStatus_->handleDelAll();
+}
+
+void StatusWriterSm::dropStaleRows( const ::Routing::Pim::AllStatus & all ) {
+   Status & varn = *varnStatus_;
+   const auto intf = [ & ]( const IntfName & n ) { return all.pimIntf( n.intfId() ); };
+   const auto neighbor = [ & ]( const IntfName & n, const Addr & a ) {
+      const auto i = intf( n );
+      return i ? i->neighbor( a.ipGenAddr() ) : nullptr;
+   };
+   std::vector< NeighborKey > inactive, neighbors;
+   std::vector< NeighborSecondaryAddressKey > neighborSecondaries;
+   std::vector< IntfSecondaryAddressKey > intfSecondaries;
+   std::vector< IntfSecondaryPrefixKey > prefixes;
+   std::vector< IntfKey > intfs;
+   varn.inactiveNeighbor().forEach( [ & ]( const NeighborRef & r ) {
+      const auto i = intf( r.key.intf );
+      if( !i || !i->inactiveBfdNeighbor( r.key.addr.ipGenAddr() ) ) inactive.push_back( r.key );
+   } );
+   varn.neighborSecondaryAddress().forEach( [ & ]( const NeighborSecondaryAddress & r ) {
+      const auto n = neighbor( r.key.intf, r.key.neighbor );
+      if( !n || !n->secondaryAddress( r.key.secondary.ipGenAddr() ) ) neighborSecondaries.push_back( r.key );
+   } );
+   varn.neighbor().forEach( [ & ]( const Neighbor & r ) {
+      if( !neighbor( r.key.intf, r.key.addr ) ) neighbors.push_back( r.key );
+   } );
+   varn.intfSecondaryAddress().forEach( [ & ]( const IntfSecondaryAddress & r ) {
+      const auto i = intf( r.key.intf );
+      if( !i || !i->secondaryAddress( r.key.addr.ipGenAddr() ) ) intfSecondaries.push_back( r.key );
+   } );
+   varn.intfSecondaryPrefix().forEach( [ & ]( const IntfSecondaryPrefix & r ) {
+      const auto i = intf( r.key.intf );
+      if( !i || !i->secondaryPrefix( r.key.prefix.ipGenPrefix() ) ) prefixes.push_back( r.key );
+   } );
+   varn.pimIntf().forEach( [ & ]( const Intf & r ) {
+      if( !intf( r.key.intf ) ) intfs.push_back( r.key );
+   } );
+   const std::size_t stale = inactive.size() + neighborSecondaries.size() + neighbors.size() +
+                             intfSecondaries.size() + prefixes.size() + intfs.size();
+   if( stale ) KIV_TRACE( th(), 5, "<Vrf:" << vrfName_ << ">dropStaleRows(), " << stale << " rows" );
+   for( const auto & k : inactive ) varn.inactiveNeighborDel( k );
+   for( const auto & k : neighborSecondaries ) varn.neighborSecondaryAddressDel( k );
+   for( const auto & k : neighbors ) varn.neighborDel( k );
+   for( const auto & k : intfSecondaries ) varn.intfSecondaryAddressDel( k );
+   for( const auto & k : prefixes ) varn.intfSecondaryPrefixDel( k );
+   for( const auto & k : intfs ) varn.pimIntfDel( k );
 }
 
 Kiv::Ptr< StatusWriterSm > StatusWriterSmIs( const L3::VrfName & vrfName,

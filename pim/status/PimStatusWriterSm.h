@@ -7,6 +7,11 @@
 // KivIntf per interface, each KivIntf one KivNeighbor per neighbour. Each
 // level remembers the child rows it wrote, so that removal deletes exactly
 // those, children before their parent.
+//
+// The tables outlive the writer (a reader may hold them across a disable and
+// enable of PIM in the VRF), so the writer takes its rows with it when it
+// goes, and a new writer first drops every row the current status does not
+// back.
 #include <memory>
 
 #include "kiv/EntityMacros.h"
@@ -132,6 +137,8 @@ class StatusWriterSm : public Kiv::StateMachine {
       // The reactor of an interface, or null.
       KivIntf * intf( const Lumo::IntfId & id ) const;
       std::size_t intfCount() const { return intf_.size(); }
+      // Removes every interface's rows (the writer is going).
+      void handleDelAll();
     private:
       StatusWriterSm * owner_;
       Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIntf > > intf_;
@@ -148,6 +155,9 @@ class StatusWriterSm : public Kiv::StateMachine {
    const KivAllStatus & allStatusReactor() const { return *allStatus_; }
 
  private:
+   // Deletes the rows that no entry of allStatus backs, children first.
+   void dropStaleRows( const ::Routing::Pim::AllStatus & allStatus );
+
    const L3::VrfName vrfName_;
    Kiv::Ptr< Status > varnStatus_;
    std::unique_ptr< KivAllStatus > allStatus_;

@@ -8,7 +8,11 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <string>
+#include <system_error>
 
+#include "kiv/Invariant.h"
+#include "kiv/Log.h"
 #include "kiv/Notifiee.h"
 #include "tolm/TimerWheel.h"
 
@@ -39,8 +43,15 @@ FdReactor::~FdReactor() {
 
 void FdReactor::fdIs( int fd ) {
    if( fd_ >= 0 ) activityManager().fdReactorDel( this );
+   fd_ = -1;
+   if( fd < 0 ) return;
    fd_ = fd;
-   if( fd_ >= 0 ) activityManager().fdReactorIs( this );
+   try {
+      activityManager().fdReactorIs( this );
+   } catch( ... ) {
+      fd_ = -1;   // not watched: nothing to remove later
+      throw;
+   }
 }
 
 // ---- ActivityManager ---------------------------------------------------------------
@@ -70,7 +81,7 @@ void ActivityManager::randomIs( Random * random ) {
 }
 
 void ActivityManager::enqueue( NotifieeBase & n ) {
-   assert( !n.queued_ );
+   KIV_INVARIANT( !n.queued_, "a reactor queued twice" );
    n.queued_ = true;
    n.round_ = round_;
    n.qprev_ = tail_;
@@ -171,19 +182,32 @@ bool ActivityManager::advanceBy( Seconds d, std::size_t budget ) {
 }
 
 void ActivityManager::fdReactorIs( FdReactor * r ) {
-   fdReactors_.push_back( r );
-   if( epollFd_ < 0 ) epollFd_ = epoll_create1( EPOLL_CLOEXEC );
+   // A descriptor the loop cannot watch would never be read: the caller
+   // hears of it instead of waiting forever.
+   if( epollFd_ < 0 ) {
+      epollFd_ = epoll_create1( EPOLL_CLOEXEC );
+      if( epollFd_ < 0 ) throw std::system_error( errno, std::generic_category(), "epoll_create1" );
+   }
    epoll_event ev{};
    ev.events = EPOLLIN;
    ev.data.ptr = r;
-   epoll_ctl( epollFd_, EPOLL_CTL_ADD, r->fd(), &ev );
+   if( epoll_ctl( epollFd_, EPOLL_CTL_ADD, r->fd(), &ev ) != 0 ) {
+      throw std::system_error( errno, std::generic_category(),
+                               "epoll_ctl add fd " + std::to_string( r->fd() ) );
+   }
+   fdReactors_.push_back( r );
 }
 
 void ActivityManager::fdReactorDel( FdReactor * r ) {
    auto it = std::find( fdReactors_.begin(), fdReactors_.end(), r );
    if( it == fdReactors_.end() ) return;
    fdReactors_.erase( it );
-   if( epollFd_ >= 0 ) epoll_ctl( epollFd_, EPOLL_CTL_DEL, r->fd(), nullptr );
+   if( epollFd_ < 0 ) return;
+   // A descriptor closed before its reactor has already left the set
+   // (EBADF, or ENOENT when its number was reused); anything else means the
+   // set is not what the loop believes.
+   const int rc = epoll_ctl( epollFd_, EPOLL_CTL_DEL, r->fd(), nullptr );
+   KIV_INVARIANT( rc == 0 || errno == EBADF || errno == ENOENT, "epoll_ctl del refused a watched fd" );
 }
 
 void ActivityManager::runOnce( Seconds maxWait ) {
@@ -219,9 +243,19 @@ void ActivityManager::run() {
    while( !stopped_ ) runOnce( 1.0 );
 }
 
+namespace {
+Kiv::LogHandle KIV_REACTOR_EXCEPTION(
+   "KIV_REACTOR_EXCEPTION", Kiv::LogError,
+   "An exception escaped a reactor callback: %s (%llu since start)",
+   "A callback of the agent's event loop ended with an exception. The loop went on with the next "
+   "callback; the state that callback was updating may be incomplete.",
+   "Collect the agent's trace and report the message.", 0.0, 1.0, 0 );
+} // namespace
+
 void ActivityManager::notificationExceptionIs( const std::string & what ) {
    ++exceptions_;
    lastException_ = what;
+   KIV_REACTOR_EXCEPTION.log( what, static_cast< unsigned long long >( exceptions_ ) );
 }
 
 } // namespace Kiv

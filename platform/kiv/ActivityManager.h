@@ -19,7 +19,9 @@
 //  * A reactor may delete itself, its owner or its notifier inside a callback;
 //    nothing further is delivered to a deleted reactor.
 //  * An exception escaping a callback goes to the reactor's
-//    onNotificationException() and the loop goes on.
+//    onNotificationException() and the loop goes on. By default the manager
+//    counts it (notificationExceptions()) and logs KIV_REACTOR_EXCEPTION,
+//    rate-limited, with the running count.
 //
 // Time and randomness are injected: the clock (monotonic in production, a
 // VirtualClock in tests and in the simulated LAN) and the random source.
@@ -49,7 +51,8 @@ class FdReactor {
    FdReactor & operator=( const FdReactor & ) = delete;
    virtual ~FdReactor();
    int fd() const { return fd_; }
-   // Starts watching fd for readability (-1 stops).
+   // Starts watching fd for readability (-1 stops). Throws std::system_error,
+   // and watches nothing, when the loop cannot watch fd.
    void fdIs( int fd );
    virtual void onReadable() = 0;
  private:
@@ -99,6 +102,8 @@ class ActivityManager {
    void runOnce( Seconds maxWait );
    void run();                     // turns until stop()
    void stop() { stopped_ = true; }
+   // Throws std::system_error when the descriptor cannot be watched (and
+   // then does not keep the reactor).
    void fdReactorIs( FdReactor * r );
    void fdReactorDel( FdReactor * r );
 

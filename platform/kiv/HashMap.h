@@ -7,12 +7,13 @@
 // stands on only marks it dead; the node leaves the iteration chain when the
 // last iterator moves off it. A loop may therefore delete the element it is
 // on (or any other) and carry on.
-#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <utility>
 #include <vector>
+
+#include "kiv/Invariant.h"
 
 namespace Kiv {
 
@@ -40,7 +41,7 @@ class HashMap {
    ~HashMap() {
       for( Node * n = head_; n; ) {
          Node * next = n->next;
-         assert( n->iterRefs == 0 && "iterator outlived its collection" );
+         KIV_INVARIANT( n->iterRefs == 0, "iterator outlived its collection" );
          delete n;
          n = next;
       }

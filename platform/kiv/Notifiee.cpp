@@ -1,5 +1,7 @@
 #include "kiv/Notifiee.h"
 
+#include "kiv/Invariant.h"
+
 #include <algorithm>
 
 namespace Kiv {
@@ -101,8 +103,9 @@ void NotifieeBase::kivOwnerIs( StateMachine * owner ) {
 // ---- Notifier ------------------------------------------------------------------
 Notifier::~Notifier() {
    // Reactors hold counted pointers to their notifier, so none can be left.
-   assert( std::count( notifiees_.begin(), notifiees_.end(), nullptr ) ==
-           static_cast< long >( notifiees_.size() ) );
+   KIV_INVARIANT( std::count( notifiees_.begin(), notifiees_.end(), nullptr ) ==
+                     static_cast< long >( notifiees_.size() ),
+                  "a notifier died under a live reactor" );
 }
 
 std::size_t Notifier::notifieeCount() const {
@@ -131,7 +134,7 @@ void Notifier::notifySlow( AttrId id, const void * key ) const {
    // An immediate callback may drop the last reference to this notifier.
    Ptr< const Notifier > keep( this );
    ++walking_;
-   assert( walking_ < 64 && "immediate callbacks recurse without bound" );
+   KIV_INVARIANT( walking_ < 64, "immediate callbacks recurse without bound" );
    const std::uint32_t count = notifiees_.size();
    for( std::uint32_t i = 0; i < count; ++i ) {
       NotifieeBase * n = notifiees_[ i ];

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kiv/ActivityManager.h"
+#include "kiv/Invariant.h"
 
 // Layout. Deadlines are quantised to ticks of 1/1024 s (exact: scaling a
 // double by a power of two loses nothing, so the tick is monotonic in the
@@ -337,7 +338,7 @@ void TimerWheel::fileDeferred() {
 
 // Files the unarmed n, whose deadline_ and seq_ are already set.
 void TimerWheel::link( NotifieeConst & n ) {
-   assert( !n.slot_ );
+   KIV_INVARIANT( !n.slot_, "a timer filed twice" );
    Impl & w = *impl_;
    const std::uint64_t tick = tickOf( n.deadline_ );
    if( armed_++ == 0 ) {

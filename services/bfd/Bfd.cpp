@@ -2,6 +2,10 @@
 
 namespace Bfd {
 
+KIV_REGISTER_ENTITY_TYPE( AppConfig, "Bfd::AppConfig" );
+
+AppConfig::AppConfig( const Kiv::Name & appName ) : Kiv::Entity( appName ), appName_( appName.str() ) {}
+
 const char * operStateName( OperState s ) {
    switch( s ) {
     case operAdminDown: return "AdminDown";

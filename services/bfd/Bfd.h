@@ -7,6 +7,7 @@
 #include <ostream>
 #include <string>
 
+#include "kiv/Entity.h"
 #include "kiv/EntityMacros.h"
 #include "lumo/IpGenAddr.h"
 #include "lumo/VrfName.h"
@@ -44,13 +45,16 @@ struct std::hash< Bfd::Peer > {
 
 namespace Bfd {
 
-// Sessions one application wants, per VRF.
+// Sessions one application wants, per VRF. A store entity, named after the
+// application, so that the BFD service finds it in the application's
+// directory ("bfd/config/app*/<app>/<vrf>/<app>").
 #define BFD_APP_CONFIG_ATTRS( X ) \
    X( SET, peerConfig, PeerConfig, Peer )
 
-class AppConfig : public Kiv::Notifier {
+class AppConfig : public Kiv::Entity {
  public:
-   explicit AppConfig( const std::string & appName ) : appName_( appName ) {}
+   explicit AppConfig( const Kiv::Name & appName = Kiv::Name() );
+   const char * typeName() const override { return "Bfd::AppConfig"; }
    const std::string & appName() const { return appName_; }
    KIV_ENTITY( AppConfig, "Bfd::AppConfig", BFD_APP_CONFIG_ATTRS )
  private:

@@ -4,6 +4,8 @@
 // expires.
 #include "ConfigSmFixture.h"
 
+#include <functional>
+
 #include "feeds/VxlanStatusSm.h"
 #include "status/PimVarnStatus.h"
 
@@ -67,30 +69,94 @@ TEST_F( ConfigEndToEndTest, ConfiguredInterfaceLearnsANeighbourIntoTheStatusTabl
    EXPECT_EQ( pimIntf( "red", "Ethernet7" )->usedDr(), ip( "198.18.7.1" ) );
 }
 
-TEST_F( ConfigEndToEndTest, ConfiguredVlanOfTheDefaultVrfReachesTheVxlanSet ) {
-   vrfIs( "default" );
-   ipIntfIs( "Vlan10", "default", "198.18.10.1/24" );
-   ipIntfIs( "Vlan20", "default", "198.18.20.1/24" );
-   intfConfigIs( "Vlan10", pimModeSparse );
+TEST_F( ConfigEndToEndTest, ATableHeldByAReaderShowsOnlyTheCurrentStatusAcrossDisableAndEnable ) {
+   vrfIs( "red" );
+   ipIntfIs( "Ethernet7", "red", "198.18.7.1/24" );
+   ipIntfIs( "Ethernet8", "red", "198.18.8.1/24" );
+   intfConfigIs( "Ethernet7", pimModeSparse );
    start();
-   ASSERT_TRUE( settle() );
-   auto pimStatus = statusColl_->vrfStatus( L3::VrfName( "default" ) );
-   ASSERT_TRUE( pimStatus );
-   auto vxlan = Kiv::make< ::Vxlan::EnabledStatus >();
-   vxlan->vlanToVniMapIs( 10, ::Vxlan::VniExtOrNone( 10010 ) );
-   vxlan->vlanToVniMapIs( 20, ::Vxlan::VniExtOrNone( 10020 ) );
-   auto out = Kiv::make< Routing::Multicast::Vxlan::Status >();
-   auto sm = Kiv::make< Routing::Pim::VxlanStatusSm >( vxlan, pimStatus, out );
-   ASSERT_TRUE( settle() );
-   EXPECT_TRUE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
-   EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan20" ) ) ) << "not a PIM interface";
+   receiveHello( "red", "Ethernet7", "198.18.7.2", 105 );
+   KivVarn::Mount reader( varnDir_ );
+   const auto held = reader.doMount< Varn::Status >( "routing/pim/status/red", "r" );
+   ASSERT_TRUE( held );
+   EXPECT_EQ( held->pimIntf().size() + held->neighbor().size(), 2u );
 
-   // PIM configured on the other VLAN later, and taken off the first.
-   intfConfigIs( "Vlan20", pimModeSparse );
-   intfConfigIs( "Vlan10", pimModeNone );
+   intfConfigIs( "Ethernet7", pimModeNone );
    ASSERT_TRUE( settle() );
-   EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
-   EXPECT_TRUE( out->vxlanIntf( Lumo::IntfId( "Vlan20" ) ) );
+   ASSERT_FALSE( hasContainer( "red" ) );
+   EXPECT_EQ( held->pimIntf().size() + held->neighbor().size(), 0u );
+
+   intfConfigIs( "Ethernet8", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   ASSERT_EQ( table( "red" ), held );
+   EXPECT_EQ( held->pimIntf().size(), 1u );
+   EXPECT_TRUE( held->pimIntf().has( Varn::IntfKey( Lumo::IntfId( "Ethernet8" ) ) ) );
+   EXPECT_EQ( held->neighbor().size(), 0u );
+}
+
+TEST_F( ConfigEndToEndTest, BfdPeersAskedForAreInTheStoreForTheBfdService ) {
+   vrfIs( "red" );
+   kernelIntfIs( "ns-red", "Ethernet7", 12 );
+   ipIntfIs( "Ethernet7", "red", "198.18.7.1/24" );
+   intfConfigIs( "Ethernet7", pimModeSparse )->bfdIs( intfBfdEnabled );
+   start();
+   const auto entry = Kiv::entity_cast< Bfd::AppConfig >( bfdDir_->entityAt( "red/pim" ) );
+   ASSERT_TRUE( entry );
+   EXPECT_EQ( sm_->pimVrfContainerSm( L3::VrfName( "red" ) )->args().bfdPimAppConfig, entry );
+   const auto peer = []( const char * a ) { return Bfd::Peer( ip( a ), L3::VrfName( "red" ) ); };
+   receiveHello( "red", "Ethernet7", "198.18.7.2", 30 );
+   receiveHello( "red", "Ethernet7", "198.18.7.3", 30 );
+   EXPECT_EQ( entry->peerConfigSize(), 2u );
+   EXPECT_TRUE( entry->peerConfig( peer( "198.18.7.2" ) ) );
+   receiveHello( "red", "Ethernet7", "198.18.7.2", 0 );
+   EXPECT_EQ( entry->peerConfigSize(), 1u );
+   EXPECT_TRUE( entry->peerConfig( peer( "198.18.7.3" ) ) );
+}
+
+TEST_F( ConfigEndToEndTest, PimVlansOfTheDefaultVrfReachTheVxlanSetHoweverEnabled ) {
+   const struct {
+      const char * how;
+      std::function< void() > enable, disable;
+   } cases[] = {
+      { "configured sparse mode",
+        [ this ] { intfConfigIs( "Vlan10", pimModeSparse ); },
+        [ this ] { intfConfigIs( "Vlan10", pimModeNone ); } },
+      { "mode none with border router",
+        [ this ] { intfConfigIs( "Vlan10", pimModeNone, true ); },
+        [ this ] { intfConfigIs( "Vlan10", pimModeNone, false ); } },
+      { "application request",
+        [ this ] { applicationIs( "igmp" )->intfModeIs( "Vlan10", pimModeSparse ); },
+        [ this ] { appDir_->entryDel( Kiv::Name( "igmp" ) ); } },
+   };
+   for( const auto & c : cases ) {
+      SCOPED_TRACE( c.how );
+      sm_ = nullptr;
+      configColl_->intfConfigDelAll();
+      vrfIs( "default" );
+      ipIntfIs( "Vlan10", "default", "198.18.10.1/24" );
+      ipIntfIs( "Vlan20", "default", "198.18.20.1/24" );
+      start();
+      auto pimStatus = statusColl_->vrfStatus( L3::VrfName( "default" ) );
+      ASSERT_TRUE( pimStatus );
+      auto vxlan = Kiv::make< ::Vxlan::EnabledStatus >();
+      vxlan->vlanToVniMapIs( 10, ::Vxlan::VniExtOrNone( 10010 ) );
+      vxlan->vlanToVniMapIs( 20, ::Vxlan::VniExtOrNone( 10020 ) );
+      auto out = Kiv::make< Routing::Multicast::Vxlan::Status >();
+      auto sm = Kiv::make< Routing::Pim::VxlanStatusSm >( vxlan, pimStatus, out );
+      ASSERT_TRUE( settle() );
+      EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
+
+      c.enable();
+      ASSERT_TRUE( settle() );
+      ASSERT_TRUE( pimIntf( "default", "Vlan10" ) );
+      EXPECT_TRUE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
+      EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan20" ) ) ) << "not a PIM interface";
+
+      c.disable();
+      ASSERT_TRUE( settle() );
+      EXPECT_FALSE( pimIntf( "default", "Vlan10" ) );
+      EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
+   }
 }
 
 } // namespace

@@ -3,6 +3,9 @@
 // VRF comes up and goes down.
 #include "ConfigSmFixture.h"
 
+#include <set>
+#include <string>
+
 namespace PimConfigTest {
 namespace {
 
@@ -196,24 +199,86 @@ TEST_F( ConfigSmVrfTest, VrfsAreIndependent ) {
    EXPECT_TRUE( allStatusColl_->vrfStatusHas( Vrf( "blue" ) ) ) << "still configured: status stays";
 }
 
-TEST_F( ConfigSmVrfTest, MissingMountsLeaveNoHalfBuiltVrf ) {
+TEST_F( ConfigSmVrfTest, AnInterfaceMovedBetweenVrfsKeepsItsVifAndGroup ) {
+   // Into a VRF that had no IP interface, back into one that keeps others,
+   // and out again: the VRF left behind never withdraws the new VRF's request.
+   vrfIs( "red" );
+   vrfIs( "blue" );
+   ipIntfIs( "Ethernet1", "red", "198.18.1.1/24" );
+   ipIntfIs( "Ethernet2", "red", "198.18.2.1/24" );
+   intfConfigIs( "Ethernet1", pimModeSparse );
+   intfConfigIs( "Ethernet2", pimModeSparse );
+   start();
+   ASSERT_TRUE( pimIntf( "red", "Ethernet1" ) );
+   const char * from = "red";
+   for( const char * to : { "blue", "red", "blue" } ) {
+      SCOPED_TRACE( std::string( from ) + " -> " + to );
+      ipStatus_->intfVrfIs( Lumo::IntfId( "Ethernet1" ), L3::VrfName( to ) );
+      ASSERT_TRUE( settle() );
+      EXPECT_TRUE( pimIntf( to, "Ethernet1" ) );
+      EXPECT_FALSE( pimIntf( from, "Ethernet1" ) );
+      EXPECT_TRUE( vifRequested( "Ethernet1" ) );
+      EXPECT_TRUE( allPimRoutersJoined( "Ethernet1", "224.0.0.13" ) );
+      EXPECT_TRUE( vifRequested( "Ethernet2" ) );
+      from = to;
+   }
+   // Leaving PIM altogether still releases both.
+   configColl_->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( vifRequested( "Ethernet1" ) );
+   EXPECT_FALSE( allPimRoutersJoined( "Ethernet1", "224.0.0.13" ) );
+}
+
+TEST_F( ConfigSmVrfTest, AnEngineBuiltWithoutATableOrKernelStatusSaysSoAndRecovers ) {
    vrfIs( "red" );
    ipIntfIs( "Ethernet1", "red", "198.18.1.1/24" );
    intfConfigIs( "Ethernet1", pimModeSparse );
-   auto in = inputs();
-   in.varnMount = nullptr;
-   start( in );
-   EXPECT_TRUE( sparseEnabled( "red" ) );
-   EXPECT_FALSE( hasContainer( "red" ) );
-   EXPECT_TRUE( traced( "missing input, no ContainerSm" ) );
-   EXPECT_TRUE( kni_->calls.empty() );
-
-   // Without the kernel status the container still runs (no kernel interfaces).
-   sm_ = nullptr;
+   // The status table's path is taken by a table set of another type, and the
+   // kernel has not published the namespace yet.
+   const std::string path = "routing/pim/status/red";
+   auto squatter = Kiv::make< KivVarn::Mount >( varnDir_ );
+   squatter->doMount< Varn::MessageCounters >( path, "w" );
    kni_->missing = true;
    start();
-   EXPECT_TRUE( hasContainer( "red" ) );
-   EXPECT_FALSE( sm_->pimVrfContainerSm( Vrf( "red" ) )->args().kernelIntfStatusDir );
+   const auto status = statusColl_->vrfStatus( Vrf( "red" ) );
+   const auto missing = [ & ] {
+      std::set< std::string > m;
+      status->missingInputForEach( [ & ]( const std::string & k, bool ) { m.insert( k ); } );
+      return m;
+   };
+   ASSERT_TRUE( hasContainer( "red" ) ) << "the engine runs with what exists";
+   EXPECT_FALSE( sm_->pimVrfContainerSm( Vrf( "red" ) )->args().pimVarnStatus );
+   EXPECT_EQ( missing(), ( std::set< std::string >{ "statusTable", "kernelStatus" } ) );
+   EXPECT_TRUE( pimIntf( "red", "Ethernet1" ) );
+
+   // Still missing at the first retry; both there by the next.
+   ASSERT_TRUE( loop_.advanceBy( ConfigSm::kMountRetryInterval ) );
+   EXPECT_EQ( missing().size(), 2u );
+   squatter->doUnmount( path );
+   squatter->cleanup( path );
+   kni_->missing = false;
+   ASSERT_TRUE( loop_.advanceBy( ConfigSm::kMountRetryInterval ) );
+   const auto container = sm_->pimVrfContainerSm( Vrf( "red" ) );
+   ASSERT_TRUE( container );
+   EXPECT_TRUE( container->args().pimVarnStatus );
+   EXPECT_TRUE( container->args().kernelIntfStatusDir );
+   EXPECT_TRUE( missing().empty() );
+   EXPECT_EQ( sm_->mountRetryTimerTimeMin(), Kiv::kNever );
+   EXPECT_TRUE( varnDir_.entity( path ) );
+
+   // Inputs of the agent itself never come: no engine, and the status says why.
+   sm_ = nullptr;
+   auto in = inputs();
+   in.pimCellGlobalStatus = nullptr;
+   start( in );
+   EXPECT_FALSE( hasContainer( "red" ) );
+   EXPECT_EQ( missing(), std::set< std::string >{ "agentInputs" } );
+
+   // PIM off in the VRF: nothing is missing any more.
+   configColl_->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( sparseEnabled( "red" ) );
+   EXPECT_TRUE( missing().empty() );
 }
 
 class ConfigSmVrf6Test : public ConfigSmFixture {

@@ -146,15 +146,20 @@ TEST_F( ContainerFixture, MembersAreWiredForTheFamily ) {
    EXPECT_EQ( v6->ipGenIntfSm()->intfStatus(), v6->vrfIpIntfStatus() );
 }
 
-TEST_F( ContainerFixture, MissingRequiredInputIsRefused ) {
+TEST_F( ContainerFixture, MissingRequiredInputIsRefusedAMissingTableIsNot ) {
    ContainerSmArgs a = args( Lumo::AddressFamily::ipv4, "red" );
-   a.pimVarnStatus = nullptr;
+   a.pimAllStatus = nullptr;
    try {
       containerSmFactory( a );
-      ADD_FAILURE() << "built without its status table";
+      ADD_FAILURE() << "built without its interfaces";
    } catch( const Kiv::RangeException & e ) {
       EXPECT_STREQ( e.what(), "null ValidPtr" );
    }
+   a = args( Lumo::AddressFamily::ipv4, "red" );
+   a.pimVarnStatus = nullptr;
+   const auto c = containerSmFactory( a );
+   EXPECT_FALSE( c->pimStatusWriterSm() );
+   EXPECT_TRUE( c->pimGlobalIntfSm() );
 }
 
 TEST_F( ContainerFixture, DestructionStopsTheMirror ) {
@@ -173,10 +178,11 @@ TEST_F( ContainerFixture, DestructionStopsTheMirror ) {
       if( line.text.find( '~' ) != std::string::npos ) order.push_back( line.handle );
    }
    EXPECT_EQ( order, ( std::vector< std::string >{ "Pim::StatusWriter", "Pim::IO" } ) );
-   // Once the writer is gone, changes no longer reach the table.
+   // The writer took its rows with it, and changes no longer reach the table.
+   EXPECT_FALSE( a.pimVarnStatus->pimIntf().has( V::IntfKey( "Ethernet1" ) ) );
    intf->helloPeriodIs( 5 );
    run();
-   EXPECT_EQ( a.pimVarnStatus->pimIntf().row( V::IntfKey( "Ethernet1" ) )->helloPeriod, 30 );
+   EXPECT_EQ( a.pimVarnStatus->pimIntf().size(), 0u );
 }
 
 } // namespace

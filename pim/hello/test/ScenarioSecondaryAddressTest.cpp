@@ -105,22 +105,41 @@ TEST( ScenarioSecondaryAddress, ContestedAddressGoesToTheNewestAdvertiserEveryTi
                           "which was previously advertised by neighbor 198.18.0.3" );
 }
 
-TEST( ScenarioSecondaryAddress, AnExpiredNeighborTakesItsSecondariesWithIt ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 30 ).addrs( { "198.18.0.160", "198.18.0.161" } ) );
-   f.receive( eth1, hello( "198.18.0.3" ).addrs( { "198.18.0.170" } ) );
-   EXPECT_EQ( intf->nbSecondaryAddressSize(), 3u );
+TEST( ScenarioSecondaryAddress, ANeighborThatLeavesTakesItsSecondariesWithIt ) {
+   // However it leaves: a new router that advertises one of its addresses
+   // afterwards meets no conflict.
+   const struct {
+      const char * how;
+      double wait;
+      std::optional< HelloBuilder > goodbye;
+   } cases[] = {
+      { "expiry", 31.0, std::nullopt },
+      { "goodbye with its list", 1.0, hello( "198.18.0.2" ).hold( 0 ).addrs( { "198.18.0.160", "198.18.0.161" } ) },
+      { "goodbye without a list", 1.0, hello( "198.18.0.2" ).hold( 0 ) },
+   };
+   for( const auto & c : cases ) {
+      SCOPED_TRACE( c.how );
+      EngineFixture f;
+      const auto eth1 = ethernet( 1 );
+      auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+      f.receive( eth1, hello( "198.18.0.2" ).hold( 30 ).addrs( { "198.18.0.160", "198.18.0.161" } ) );
+      f.receive( eth1, hello( "198.18.0.3" ).addrs( { "198.18.0.170" } ) );
+      EXPECT_EQ( intf->nbSecondaryAddressSize(), 3u );
 
-   f.advanceBy( 31.0 );
-   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
-   EXPECT_FALSE( intf->nbSecondaryAddressHas( ip( "198.18.0.160" ) ) );
-   EXPECT_FALSE( intf->nbSecondaryAddressHas( ip( "198.18.0.161" ) ) );
-   EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.170" ) ), ip( "198.18.0.3" ) );
-   EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
-   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7,
-                          "Neighbor secondary address 198.18.0.160 is removed for interface Ethernet1" ) );
+      if( c.goodbye ) f.receive( eth1, *c.goodbye );
+      f.advanceBy( c.wait );
+      EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
+      EXPECT_FALSE( intf->nbSecondaryAddressHas( ip( "198.18.0.160" ) ) );
+      EXPECT_FALSE( intf->nbSecondaryAddressHas( ip( "198.18.0.161" ) ) );
+      EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.170" ) ), ip( "198.18.0.3" ) );
+      EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
+      EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7,
+                             "Neighbor secondary address 198.18.0.160 is removed for interface Ethernet1" ) );
+
+      f.receive( eth1, hello( "198.18.0.4" ).addrs( { "198.18.0.161" } ) );
+      EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.161" ) ), ip( "198.18.0.4" ) );
+      EXPECT_TRUE( f.logTexts( "PIM_NEIGHBOR_SECONDARY_ADDRESS_CONFLICT" ).empty() );
+   }
 }
 
 } // namespace

@@ -18,6 +18,7 @@ class IOSmFixture : public ::testing::Test {
       args_.messageCounters = counters_;
       args_.pimStatus = status_;
       args_.configColl = config_;
+      args_.allStatus = all_;
       args_.intfStatus = red_;
       pam_->rxMessageInfoIs( 0, rxHello_ );
    }
@@ -41,58 +42,45 @@ class IOSmFixture : public ::testing::Test {
    Kiv::Ptr< V::MessageCounters > counters_ = Kiv::make< V::MessageCounters >();
    Kiv::Ptr< Status > status_ = Kiv::make< Status >( L3::VrfName( "red" ) );
    Kiv::Ptr< ConfigColl > config_ = Kiv::make< ConfigColl >();
+   Kiv::Ptr< AllStatus > all_ = Kiv::make< AllStatus >( L3::VrfName( "red" ) );
+   Kiv::Ptr< Intf > pimIntfIs( const char * intf, Mode mode ) {
+      auto i = all_->pimIntfIs( Lumo::IntfId( intf ), Lumo::IpGenAddrWithMask() );
+      i->modeIs( mode );
+      return i;
+   }
    Kiv::Ptr< IpGen::Status > ip_ = Kiv::make< IpGen::Ipv4Status >();
    Kiv::Ptr< IpGen::IntfStatus > red_ = IpGen::intfStatusFactory( ip_, L3::VrfName( "red" ) );
    Kiv::Ptr< IpGen::IntfSm > ipIntfSm_ = IpGen::intfSmFactory( red_ );
    IO::IOSmArgs args_;
 };
 
-TEST_F( IOSmFixture, PublishesConfiguredInterfacesOfTheVrfWithTheirMode ) {
-   ip_->intfVrfIs( "Ethernet1", "red" );
-   ip_->intfVrfIs( "Ethernet2", "red" );
-   ip_->intfVrfIs( "Ethernet3", "blue" );
-   config_->intfConfigIs( "Ethernet1" )->modeIs( pimModeSparse );
-   config_->intfConfigIs( "Ethernet3" )->modeIs( pimModeSparse );   // another VRF's
-   config_->intfConfigIs( "Ethernet4" )->modeIs( pimModeSparse );   // no IP status
-   run();
+TEST_F( IOSmFixture, PublishesThePimInterfacesOfTheVrfWithTheirMode ) {
+   // Whatever made them PIM interfaces: a border router without a mode
+   // counts as much as a configured one.
+   pimIntfIs( "Ethernet1", pimModeSparse );
+   pimIntfIs( "Vlan10", pimModeNone )->borderRouterIs( true );
+   config_->intfConfigIs( "Ethernet3" )->modeIs( pimModeSparse );   // configured, not a PIM interface
+   status_->pimIntfIs( "Ethernet9", pimModeSparse );                 // left from before
    auto io = IO::ioSmFactory( args_ );
    run();
-   EXPECT_EQ( status_->pimIntfSize(), 1u );
+   EXPECT_EQ( status_->pimIntfSize(), 2u );
    EXPECT_EQ( status_->pimIntf( "Ethernet1" ), pimModeSparse );
+   EXPECT_EQ( status_->pimIntf( "Vlan10" ), pimModeNone );
+   EXPECT_TRUE( status_->pimIntfHas( "Vlan10" ) );
 
-   // Configured later, mode changed, unconfigured.
-   config_->intfConfigIs( "Ethernet2" )->modeIs( pimModeBidir );
-   config_->intfConfig( "Ethernet1" )->modeIs( pimModeSparseBidir );
+   // Added later, mode changed, removed.
+   pimIntfIs( "Ethernet2", pimModeBidir );
+   all_->pimIntf( "Ethernet1" )->modeIs( pimModeSparseBidir );
    run();
    EXPECT_EQ( status_->pimIntf( "Ethernet2" ), pimModeBidir );
    EXPECT_EQ( status_->pimIntf( "Ethernet1" ), pimModeSparseBidir );
-   config_->intfConfig( "Ethernet2" )->modeIs( pimModeNone );
+   all_->pimIntfDel( "Ethernet2" );
+   all_->pimIntfDel( "Vlan10" );
    run();
-   EXPECT_FALSE( status_->pimIntfHas( "Ethernet2" ) );
-   config_->intfConfigDel( "Ethernet1" );
+   EXPECT_EQ( status_->pimIntfSize(), 1u );
+   all_->pimIntfDel( "Ethernet1" );
    run();
    EXPECT_EQ( status_->pimIntfSize(), 0u );
-}
-
-TEST_F( IOSmFixture, FollowsInterfacesIntoAndOutOfTheVrf ) {
-   config_->intfConfigIs( "Ethernet1" )->modeIs( pimModeSparse );
-   auto io = IO::ioSmFactory( args_ );
-   ip_->intfVrfIs( "Ethernet1", "red" );
-   run();
-   EXPECT_TRUE( status_->pimIntfHas( "Ethernet1" ) );
-   ip_->intfVrfIs( "Ethernet1", "blue" );
-   run();
-   EXPECT_FALSE( status_->pimIntfHas( "Ethernet1" ) );
-   // While out of the VRF its configuration may change; back in, it counts.
-   config_->intfConfig( "Ethernet1" )->modeIs( pimModeBidir );
-   run();
-   EXPECT_FALSE( status_->pimIntfHas( "Ethernet1" ) );
-   ip_->intfVrfIs( "Ethernet1", "red" );
-   run();
-   EXPECT_EQ( status_->pimIntf( "Ethernet1" ), pimModeBidir );
-   ip_->intfDel( "Ethernet1" );
-   run();
-   EXPECT_FALSE( status_->pimIntfHas( "Ethernet1" ) );
 }
 
 TEST_F( IOSmFixture, CountsEveryMessageInTheMailboxesByType ) {
@@ -151,8 +139,7 @@ TEST_F( IOSmFixture, MissingInputs ) {
    a.messageCounters = nullptr;
    Kiv::TraceCapture capture;
    capture.enable( "Pim::IO/1-9" );
-   ip_->intfVrfIs( "Ethernet1", "red" );
-   config_->intfConfigIs( "Ethernet1" )->modeIs( pimModeSparse );
+   pimIntfIs( "Ethernet1", pimModeSparse );
    auto io = IO::ioSmFactory( a );
    run();
    receive( rxHello_, Kiv::make< Packet::HelloMessage >() );
@@ -163,15 +150,12 @@ TEST_F( IOSmFixture, MissingInputs ) {
 }
 
 TEST_F( IOSmFixture, GoingAwayWithdrawsThePublishedInterfaces ) {
-   ip_->intfVrfIs( "Ethernet1", "red" );
-   config_->intfConfigIs( "Ethernet1" )->modeIs( pimModeSparse );
-   run();
+   pimIntfIs( "Ethernet1", pimModeSparse );
    auto io = IO::ioSmFactory( args_ );
    EXPECT_TRUE( status_->pimIntfHas( "Ethernet1" ) );
    io = nullptr;
    EXPECT_EQ( status_->pimIntfSize(), 0u );
-   config_->intfConfigIs( "Ethernet2" )->modeIs( pimModeSparse );
-   ip_->intfVrfIs( "Ethernet2", "red" );
+   pimIntfIs( "Ethernet2", pimModeSparse );
    run();
    EXPECT_EQ( status_->pimIntfSize(), 0u );
 }

@@ -342,6 +342,38 @@ TEST_F( StatusWriterFixture, ReplacedEntriesAreMirroredFromTheNewEntity ) {
    EXPECT_EQ( varn_->inactiveNeighbor().size(), 0u );
 }
 
+TEST_F( StatusWriterFixture, TablesHoldExactlyTheCurrentStatusAcrossWriters ) {
+   // The tables outlive their writers. A writer that goes before it saw some
+   // deletions still takes all its rows with it...
+   populatedIntf( "Ethernet1" );
+   populatedIntf( "Ethernet2" );
+   startWriter();
+   EXPECT_EQ( rows(), 14u );
+   allStatus_->pimIntfDel( "Ethernet2" );
+   allStatus_->pimIntf( "Ethernet1" )->neighborDel( ip( "198.18.0.3" ) );
+   writer_ = nullptr;
+   EXPECT_EQ( rows(), 0u );
+
+   // ...and a new writer drops rows that nothing backs (left by a writer that
+   // never went away cleanly), in every table, and keeps the backed ones.
+   const Lumo::IntfId eth1( "Ethernet1" ), eth9( "Ethernet9" );
+   varn_->pimIntfIs( V::Intf( eth9 ) );
+   varn_->pimIntfIs( V::Intf( eth1 ) );
+   varn_->neighborIs( V::Neighbor( eth9, ip( "198.18.0.2" ) ) );
+   varn_->neighborIs( V::Neighbor( eth1, ip( "198.18.0.3" ) ) );
+   varn_->neighborSecondaryAddressIs(
+      V::NeighborSecondaryAddress( V::NeighborSecondaryAddressKey( eth1, ip( "198.18.0.2" ), ip( "198.18.1.9" ) ) ) );
+   varn_->intfSecondaryAddressIs( V::IntfSecondaryAddress( V::IntfSecondaryAddressKey( eth1, ip( "198.18.1.9" ) ) ) );
+   varn_->intfSecondaryPrefixIs( V::IntfSecondaryPrefix( V::IntfSecondaryPrefixKey( eth9, pfx( "198.18.1.0/24" ) ) ) );
+   varn_->inactiveNeighborIs( V::NeighborRef( V::NeighborKey( eth1, ip( "198.18.0.3" ) ) ) );
+   startWriter();
+   EXPECT_EQ( varn_->pimIntf().size(), 1u );
+   EXPECT_EQ( varn_->neighbor().size(), 1u );
+   EXPECT_EQ( rows(), 6u ) << "one of each row, all of Ethernet1 and its neighbour 198.18.0.2";
+   EXPECT_TRUE( varn_->neighborSecondaryAddress().has(
+      V::NeighborSecondaryAddressKey( eth1, ip( "198.18.0.2" ), ip( "198.18.1.2" ) ) ) );
+}
+
 TEST_F( StatusWriterFixture, RequiredInputsAndReactorEntities ) {
    EXPECT_THROW( V::StatusWriterSmIs( "red", nullptr, varn_ ), Kiv::RangeException );
    EXPECT_THROW( V::StatusWriterSmIs( "red", allStatus_, nullptr ), Kiv::RangeException );

@@ -1,11 +1,19 @@
 // The promises of the entity framework, grouped by promise.
 #include <gtest/gtest.h>
+#include <system_error>
+#include <stdexcept>
+#include <cstdio>
+#include <cerrno>
+#include <unistd.h>
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kiv/EntityMacros.h"
+#include "kiv/Log.h"
 #include "kiv/testing/TestLoop.h"
 #include "tolm/TimerWheel.h"
 
@@ -94,19 +102,37 @@ TEST_F( FrameworkTest, SeveralWritesCoalesceIntoOneCallbackThatSeesTheLastValue 
 }
 
 TEST_F( FrameworkTest, EqualWritesNotifyNobody ) {
-   auto n = Kiv::make< Nbr >( 1 );
-   NbrRecorder r( n, log_ );
-   n->holdTimeIs( 105 );     // the default
-   n->countInc( 0 );
-   n->secondaryIs( 7, false );  // absent already
-   n->labelIs( 1, "a" );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   log_.events.clear();
-   n->labelIs( 1, "a" );
-   n->secondaryDel( 3 );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_TRUE( log_.events.empty() );
-   EXPECT_EQ( loop_.manager().deliveries(), 1u );
+   // Each equal write runs in a round of its own: a real change in the same
+   // round would hide a spurious callback.
+   using Write = void ( * )( Nbr & );
+   const struct {
+      const char * name;
+      Write before;   // puts the value there (may be a no-op)
+      Write equal;    // writes it again
+   } cases[] = {
+      { "scalar at its default", []( Nbr & ) {}, []( Nbr & n ) { n.holdTimeIs( 105 ); } },
+      { "scalar set before", []( Nbr & n ) { n.drPriorityIs( 7 ); }, []( Nbr & n ) { n.drPriorityIs( 7 ); } },
+      { "counter by zero", []( Nbr & n ) { n.countInc( 2 ); }, []( Nbr & n ) { n.countInc( 0 ); } },
+      { "set: absent key to false", []( Nbr & ) {}, []( Nbr & n ) { n.secondaryIs( 7, false ); } },
+      { "set: present key to true", []( Nbr & n ) { n.secondaryIs( 7, true ); },
+        []( Nbr & n ) { n.secondaryIs( 7, true ); } },
+      { "set: absent key deleted", []( Nbr & ) {}, []( Nbr & n ) { n.secondaryDel( 3 ); } },
+      { "collection: same value", []( Nbr & n ) { n.labelIs( 1, "a" ); }, []( Nbr & n ) { n.labelIs( 1, "a" ); } },
+      { "collection: delete all of nothing", []( Nbr & ) {}, []( Nbr & n ) { n.labelDelAll(); } },
+   };
+   for( const auto & c : cases ) {
+      SCOPED_TRACE( c.name );
+      auto n = Kiv::make< Nbr >( 1 );
+      NbrRecorder r( n, log_ );
+      c.before( *n );
+      ASSERT_TRUE( loop_.runUntilIdle() );
+      log_.events.clear();
+      const std::uint64_t deliveries = loop_.manager().deliveries();
+      c.equal( *n );
+      ASSERT_TRUE( loop_.runUntilIdle() );
+      EXPECT_TRUE( log_.events.empty() );
+      EXPECT_EQ( loop_.manager().deliveries(), deliveries );
+   }
 }
 
 TEST_F( FrameworkTest, WriteThenRevertWithinARoundStillNotifiesOnce ) {
@@ -306,17 +332,68 @@ TEST_F( FrameworkTest, AnExceptionGoesToOnNotificationExceptionAndTheLoopGoesOn 
    EXPECT_EQ( log_.events.size(), 2u );
 }
 
-TEST_F( FrameworkTest, DefaultExceptionRoutingIsCountedByTheManager ) {
+TEST_F( FrameworkTest, DefaultExceptionRoutingIsCountedAndLoggedRateLimited ) {
    struct Thrower : Nbr::NotifieeConst {
-      void onHoldTime() override { throw std::runtime_error( "bad" ); }
+      void onHoldTime() override { throw std::runtime_error( "bad " + std::to_string( notifier()->holdTime() ) ); }
    };
+   // Past any time another test left the log's rate limit at.
+   ASSERT_TRUE( loop_.advanceTo( 1e8 ) );
+   Kiv::LogCapture logs;
    auto n = Kiv::make< Nbr >( 1 );
    Thrower t;
    t.notifierIs( n );
-   n->holdTimeIs( 1 );
+   for( std::uint16_t v = 1; v <= 3; ++v ) {
+      n->holdTimeIs( v );
+      ASSERT_TRUE( loop_.runUntilIdle() );
+   }
+   EXPECT_EQ( loop_.manager().notificationExceptions(), 3u );
+   EXPECT_EQ( loop_.manager().lastNotificationException(), "bad 3" );
+   ASSERT_EQ( logs.count( "KIV_REACTOR_EXCEPTION" ), 1u ) << "a burst logs once";
+   EXPECT_TRUE( logs.contains( "KIV_REACTOR_EXCEPTION", "bad 1 (1 since start)" ) );
+   ASSERT_TRUE( loop_.advanceBy( 1.5 ) );
+   n->holdTimeIs( 4 );
    ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_EQ( loop_.manager().notificationExceptions(), 1u );
-   EXPECT_EQ( loop_.manager().lastNotificationException(), "bad" );
+   ASSERT_EQ( logs.count( "KIV_REACTOR_EXCEPTION" ), 2u );
+   EXPECT_TRUE( logs.contains( "KIV_REACTOR_EXCEPTION", "bad 4 (4 since start)" ) );
+   EXPECT_TRUE( logs.contains( "KIV_REACTOR_EXCEPTION", "2 similar messages suppressed" ) );
+}
+
+TEST_F( FrameworkTest, ADescriptorTheLoopCannotWatchIsRefusedAndLeavesNothingBehind ) {
+   struct Reader : Kiv::FdReactor {
+      void onReadable() override {}
+   };
+   FILE * file = std::tmpfile();
+   ASSERT_TRUE( file );
+   int p[ 2 ];
+   const struct {
+      const char * name;
+      int fd;
+      int err;
+   } cases[] = {
+      { "no such descriptor", 1 << 20, EBADF },
+      { "regular file", fileno( file ), EPERM },
+   };
+   for( const auto & c : cases ) {
+      SCOPED_TRACE( c.name );
+      Reader r;
+      try {
+         r.fdIs( c.fd );
+         ADD_FAILURE() << "accepted";
+      } catch( const std::system_error & e ) {
+         EXPECT_EQ( e.code().value(), c.err );
+      }
+      EXPECT_EQ( r.fd(), -1 );
+   }
+   std::fclose( file );
+   // A good descriptor is still watched afterwards.
+   ASSERT_EQ( pipe( p ), 0 );
+   {
+      Reader r;
+      EXPECT_NO_THROW( r.fdIs( p[ 0 ] ) );
+      EXPECT_EQ( r.fd(), p[ 0 ] );
+   }
+   close( p[ 0 ] );
+   close( p[ 1 ] );
 }
 
 // ---- notifier replacement and immediate callbacks -------------------------------
@@ -357,6 +434,59 @@ TEST_F( FrameworkTest, ImmediateCallbacksSeeEveryIntermediateValue ) {
    EXPECT_EQ( m.keys, ( std::vector< int >{ 5, 5 } ) );
    ASSERT_TRUE( loop_.runUntilIdle() );
    EXPECT_EQ( m.values.size(), 2u ) << "immediate replaces the deferred form";
+}
+
+TEST_F( FrameworkTest, DetachingDuringAnImmediateWalkSkipsOnlyTheDetachedReactor ) {
+   // Four immediate reactors a, b, c, d; one of them, when called, detaches
+   // (or destroys) one of the others or itself. Every reactor still attached
+   // is called once per write, in attachment order.
+   struct Imm : Nbr::NotifieeConst {
+      std::vector< std::string > * calls;
+      std::string name;
+      std::function< void() > action;
+      Imm( std::vector< std::string > * c, std::string n ) : calls( c ), name( std::move( n ) ) {
+         kivImmediateIs( Nbr::kivAttr_holdTime, true );
+      }
+      void onHoldTimekivImmediate() override {
+         calls->push_back( name );
+         if( action ) std::exchange( action, nullptr )();
+      }
+   };
+   const struct {
+      int actor, victim;
+      bool destroy;
+      std::vector< std::string > first, second;
+   } cases[] = {
+      { 0, 1, false, { "a", "c", "d" }, { "a", "c", "d" } },
+      { 0, 0, false, { "a", "b", "c", "d" }, { "b", "c", "d" } },
+      { 1, 0, false, { "a", "b", "c", "d" }, { "b", "c", "d" } },
+      { 1, 1, true, { "a", "b", "c", "d" }, { "a", "c", "d" } },
+      { 2, 3, true, { "a", "b", "c" }, { "a", "b", "c" } },
+   };
+   for( const auto & c : cases ) {
+      SCOPED_TRACE( testing::Message() << c.actor << " detaches " << c.victim );
+      auto n = Kiv::make< Nbr >( 1 );
+      std::vector< std::string > calls;
+      std::vector< std::unique_ptr< Imm > > r;
+      for( const char * name : { "a", "b", "c", "d" } ) {
+         r.push_back( std::make_unique< Imm >( &calls, name ) );
+         r.back()->notifierIs( n );
+      }
+      Imm * actor = r[ c.actor ].get();
+      actor->action = [ &, victim = c.victim, destroy = c.destroy ] {
+         if( destroy ) {
+            r[ victim ].reset();
+         } else {
+            r[ victim ]->notifierIs( nullptr );
+         }
+      };
+      n->holdTimeIs( 1 );
+      EXPECT_EQ( calls, c.first );
+      calls.clear();
+      n->holdTimeIs( 2 );
+      EXPECT_EQ( calls, c.second );
+      EXPECT_EQ( n->notifieeCount(), c.second.size() );
+   }
 }
 
 // ---- order, rounds and budget ---------------------------------------------------
@@ -468,6 +598,25 @@ TEST_F( FrameworkTest, AdvanceFiresTimersInDeadlineThenArmingOrderAtTheirDeadlin
    EXPECT_EQ( fired[ 1 ], std::make_pair( std::string( "b" ), 2.5 ) );
    EXPECT_EQ( fired[ 2 ], std::make_pair( std::string( "a" ), 2.5 ) );
    EXPECT_EQ( loop_.now(), 10.0 );
+}
+
+TEST_F( FrameworkTest, ATimerDueExactlyAtTheTargetFiresInThatAdvance ) {
+   auto wheel = Tolm::TimerWheelIs( loop_.clock() );
+   std::vector< std::pair< std::string, double > > fired;
+   Tick t( wheel.ptr(), &fired, "t" );
+   // On and between the wheel's ticks, near and far.
+   for( const double at : { 2.5, 3.0, 3.001, 4000.25, 1e6 + 0.1 } ) {
+      SCOPED_TRACE( at );
+      fired.clear();
+      t.timeMinIs( at );
+      ASSERT_TRUE( loop_.advanceTo( at ) );
+      ASSERT_EQ( fired.size(), 1u );
+      EXPECT_EQ( fired[ 0 ].second, at );
+   }
+   fired.clear();
+   t.timeMinIs( loop_.now() + 5.0 );
+   ASSERT_TRUE( loop_.advanceBy( 5.0 ) );
+   EXPECT_EQ( fired.size(), 1u );
 }
 
 TEST_F( FrameworkTest, APastDeadlineFiresOnTheNextTurnNotInsideTheArmingCall ) {
