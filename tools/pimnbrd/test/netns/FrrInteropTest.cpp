@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <future>
 #include <iostream>
 #include <set>
 #include <sstream>
@@ -17,16 +18,6 @@ namespace {
 
 using namespace PimnbrdNetns;
 using std::chrono::milliseconds;
-
-std::string output( const std::string & cmd ) {
-   std::string out;
-   FILE * p = ::popen( cmd.c_str(), "r" );
-   if( !p ) return out;
-   char buf[ 4096 ];
-   for( std::size_t n; ( n = std::fread( buf, 1, sizeof buf, p ) ) > 0; ) out.append( buf, n );
-   ::pclose( p );
-   return out;
-}
 
 long msSince( Clock::time_point t0 ) {
    return long( std::chrono::duration_cast< milliseconds >( Clock::now() - t0 ).count() );
@@ -50,7 +41,7 @@ std::ostream & operator<<( std::ostream & os, const LanView & v ) {
 LanView lanView( const Json & nbrs, const Json & intfs, const std::string & intf ) {
    LanView v;
    if( nbrs.is_object() && nbrs.contains( intf ) && nbrs[ intf ].is_object() ) {
-      for( const auto & [ addr, n ] : nbrs[ intf ].items() ) v.neighbours.insert( addr );
+      for( const auto & n : nbrs[ intf ].items() ) v.neighbours.insert( n.key() );
    }
    if( intfs.is_object() && intfs.contains( intf ) && intfs[ intf ].contains( "pimDesignatedRouter" ) ) {
       v.dr = intfs[ intf ][ "pimDesignatedRouter" ].get< std::string >();
@@ -67,7 +58,7 @@ bool alive( pid_t pid ) {
    return paren != std::string::npos && line.size() > paren + 2 && line[ paren + 2 ] != 'Z';
 }
 
-constexpr unsigned kHoldtime = 10;   // far above the 1 s bound on a goodbye
+constexpr unsigned kHoldtime = 10;   // far above the 2 s bound on a goodbye
 
 class FrrRouter {
  public:
@@ -116,12 +107,12 @@ class FrrRouter {
       return pollFor( [ & ] { return !alive( pid ); }, limit );
    }
    Json vtysh( const std::string & cmd ) const {
-      return Json::parse( output( "vtysh -N " + netns_ + " -c '" + cmd + "' 2>/dev/null" ), nullptr, false );
+      return Json::parse( commandOutput( "vtysh -N " + netns_ + " -c '" + cmd + "' 2>/dev/null" ), nullptr, false );
    }
    LanView view() const {
       return lanView( vtysh( "show ip pim neighbor json" ), vtysh( "show ip pim interface json" ), intf_ );
    }
-   std::string log() const { return output( "tail -20 '" + runDir() + "/frr.log' 2>&1" ); }
+   std::string log() const { return commandOutput( "tail -20 '" + runDir() + "/frr.log' 2>&1" ); }
 
  private:
    std::string netns_;
@@ -131,7 +122,7 @@ class FrrRouter {
 // pimnbr as an operator runs it: in the router's namespace.
 LanView oursView( const Daemon & d ) {
    auto show = [ & ]( const char * what ) {
-      return Json::parse( output( "ip netns exec " + d.netns() + " " + PIMNBR_BINARY + " --state-dir '" +
+      return Json::parse( commandOutput( "ip netns exec " + d.netns() + " " + PIMNBR_BINARY + " --state-dir '" +
                                   d.stateDir() + "' show ip pim " + what + " json 2>/dev/null" ),
                           nullptr, false );
    };
@@ -237,16 +228,26 @@ void FrrInteropTest::runCase( std::size_t c ) {
       }
       return v;
    };
+   // All views at once: the show commands run side by side.
+   auto viewsNow = [ & ] {
+      std::vector< std::future< LanView > > asked;
+      for( const auto & v : views ) asked.push_back( std::async( std::launch::async, v ) );
+      std::vector< LanView > now;
+      for( auto & a : asked ) now.push_back( a.get() );
+      return now;
+   };
    auto agreed = [ & ]( const std::string & dr, std::size_t gone ) {
-      for( std::size_t m = 0; m < views.size(); ++m ) {
-         if( m != gone && !( views[ m ]() == expected( m, dr, gone ) ) ) return false;
+      const auto now = viewsNow();
+      for( std::size_t m = 0; m < now.size(); ++m ) {
+         if( m != gone && !( now[ m ] == expected( m, dr, gone ) ) ) return false;
       }
       return true;
    };
    auto report = [ & ] {
       std::ostringstream os;
-      for( std::size_t m = 0; m < views.size(); ++m ) {
-         os << addrs[ m ] << ( k.lan[ m ].frr ? " (FRR)" : "" ) << " sees " << views[ m ]() << "\n";
+      const auto now = viewsNow();
+      for( std::size_t m = 0; m < now.size(); ++m ) {
+         os << addrs[ m ] << ( k.lan[ m ].frr ? " (FRR)" : "" ) << " sees " << now[ m ] << "\n";
       }
       return os.str();
    };
@@ -267,14 +268,26 @@ void FrrInteropTest::runCase( std::size_t c ) {
       ours[ k.stopped ]->signal( SIGTERM );
       EXPECT_EQ( ours[ k.stopped ]->exited( milliseconds( 1000 ) ), 0 );
    }
+   // Gone long before its hold time runs out: it said goodbye.
+   std::vector< long > forgotMs( views.size(), -1 );
+   pollFor(
+      [ & ] {
+         const auto now = viewsNow();
+         bool all = true;
+         for( std::size_t m = 0; m < now.size(); ++m ) {
+            if( m == k.stopped ) continue;
+            if( forgotMs[ m ] < 0 && !now[ m ].neighbours.count( addrs[ k.stopped ] ) ) forgotMs[ m ] = msSince( t1 );
+            all = all && forgotMs[ m ] >= 0;
+         }
+         return all;
+      },
+      milliseconds( 2000 ) );
    for( std::size_t m = 0; m < views.size(); ++m ) {
       if( m == k.stopped ) continue;
-      EXPECT_TRUE( pollFor( [ & ] { return views[ m ]().neighbours.count( addrs[ k.stopped ] ) == 0; },
-                            milliseconds( 1000 ) ) )
-         << addrs[ m ] << " still has the stopped " << addrs[ k.stopped ] << " after 1 s (hold time "
-         << kHoldtime << " s)";
+      EXPECT_GE( forgotMs[ m ], 0 ) << addrs[ m ] << " still has the stopped " << addrs[ k.stopped ]
+                                    << " after 2 s (hold time " << kHoldtime << " s)";
       std::cout << "[ measured ] " << k.name << ": " << addrs[ m ] << ( k.lan[ m ].frr ? " (FRR)" : " (ours)" )
-                << " forgot the stopped " << addrs[ k.stopped ] << " after " << msSince( t1 ) << " ms\n";
+                << " forgot the stopped " << addrs[ k.stopped ] << " after " << forgotMs[ m ] << " ms\n";
    }
    EXPECT_TRUE( pollFor( [ & ] { return agreed( k.drAfter, k.stopped ); }, milliseconds( 1000 ) ) )
       << "DR " << net << k.drAfter << " once " << addrs[ k.stopped ] << " left\n" << report();

@@ -13,16 +13,6 @@ namespace {
 using namespace PimnbrdNetns;
 using std::chrono::milliseconds;
 
-std::string output( const std::string & cmd ) {
-   std::string out;
-   FILE * p = ::popen( cmd.c_str(), "r" );
-   if( !p ) return out;
-   char buf[ 4096 ];
-   for( std::size_t n; ( n = std::fread( buf, 1, sizeof buf, p ) ) > 0; ) out.append( buf, n );
-   ::pclose( p );
-   return out;
-}
-
 std::vector< std::string > split( const std::string & s, char sep ) {
    std::vector< std::string > out;
    std::string item;
@@ -43,7 +33,7 @@ std::vector< Row > hellos( const std::string & pcap ) {
    std::string cmd = "tshark -n -r '" + pcap + "' -Y 'pim.type == 0' -T fields -E separator='|' -E occurrence=a";
    for( const auto & f : kFields ) cmd += " -e " + f;
    std::vector< Row > rows;
-   for( const auto & line : split( output( cmd + " 2>/dev/null" ), '\n' ) ) {
+   for( const auto & line : split( commandOutput( cmd + " 2>/dev/null" ), '\n' ) ) {
       const auto cols = split( line, '|' );
       if( cols.size() != kFields.size() ) continue;
       Row r;
