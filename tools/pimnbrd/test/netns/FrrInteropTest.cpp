@@ -252,10 +252,18 @@ void FrrInteropTest::runCase( std::size_t c ) {
       return os.str();
    };
 
-   const auto t0 = Clock::now();
    for( Daemon * d : ours ) {
       ASSERT_TRUE( !d || d->start() );
    }
+   // The clock starts once every router runs PIM on its interface: start-up
+   // is not discovery.
+   ASSERT_TRUE( pollFor(
+      [ & ] {
+         return std::all_of( ours.begin(), ours.end(),
+                             [ & ]( Daemon * d ) { return !d || d->show( "ip", "interface" ).contains( d->intf() ); } );
+      },
+      milliseconds( 10000 ) ) );
+   const auto t0 = Clock::now();
    const bool formed = pollFor( [ & ] { return agreed( k.dr, k.lan.size() ); }, milliseconds( 2000 ) );
    EXPECT_TRUE( formed ) << "all neighbours and DR " << net << k.dr << " within 2 s\n" << report();
    std::cout << "[ measured ] " << k.name << ": neighbours and DR agreed after " << msSince( t0 ) << " ms\n";
