@@ -161,6 +161,7 @@ class FrrInteropTest : public DaemonNetnsTest {
          GTEST_SKIP() << "FRRouting (zebra, pimd, vtysh) is not installed; scripts/setup.sh installs frr";
       }
       DaemonNetnsTest::SetUp();
+      if( IsSkipped() || HasFatalFailure() ) return;
       // A run that died left FRR running in namespaces that are gone now.
       std::error_code ec;
       for( const auto & e : std::filesystem::directory_iterator( "/var/run/frr", ec ) ) {

@@ -1,7 +1,7 @@
-// What pimnbrd puts on the wire, as tshark's PIM dissector reads it: a
-// capture on the daemon's veth holds every Hello the daemon counted as sent,
-// IPv4 and IPv6, each with a good checksum and the configured options, and
-// the goodbye of the stop last.
+// What pimnbrd puts on the wire, as tshark's PIM dissector reads it: tshark
+// capturing live on the daemon's veth lists every Hello the daemon counted as
+// sent, IPv4 and IPv6, each with a good checksum and the configured options,
+// and the goodbye of the stop last.
 #include <fcntl.h>
 
 #include <iostream>
@@ -160,7 +160,7 @@ TEST_F( HelloCaptureTest, EveryHelloSentDecodesWithTheConfiguredOptions ) {
       for( const Row & r : capture.rows() ) n += r.at( "pim.holdtime" ) == "0";
       return n;
    };
-   ASSERT_TRUE( capture.readUntil( [ & ] { return goodbyes() == 2; }, milliseconds( 5000 ) ) )
+   ASSERT_TRUE( capture.readUntil( [ & ] { return goodbyes() >= 2; }, milliseconds( 5000 ) ) )
       << "one goodbye per family; captured " << capture.rows().size() << " PIM packets";
    const std::vector< Row > & all = capture.rows();
    for( int i = 0; i < 2; ++i ) {
