@@ -70,7 +70,6 @@ class FrrRouter {
       NetnsLab::sh( "rm -rf '" + runDir() + "'" );
    }
    std::string runDir() const { return "/var/run/frr/" + netns_; }
-   const std::string & intf() const { return intf_; }
 
    // Starts zebra and pimd; true once pimd runs PIM on the interface.
    bool start( unsigned drPriority ) {
@@ -123,7 +122,7 @@ class FrrRouter {
 LanView oursView( const Daemon & d ) {
    auto show = [ & ]( const char * what ) {
       return Json::parse( commandOutput( "ip netns exec " + d.netns() + " " + PIMNBR_BINARY + " --state-dir '" +
-                                  d.stateDir() + "' show ip pim " + what + " json 2>/dev/null" ),
+                                         d.stateDir() + "' show ip pim " + what + " json 2>/dev/null" ),
                           nullptr, false );
    };
    return lanView( show( "neighbor" ), show( "interface" ), d.intf() );
