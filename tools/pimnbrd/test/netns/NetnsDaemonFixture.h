@@ -44,6 +44,17 @@ inline bool pollFor( const std::function< bool() > & cond, std::chrono::millisec
    return true;
 }
 
+// What a shell command writes to its standard output.
+inline std::string commandOutput( const std::string & cmd ) {
+   std::string out;
+   FILE * p = ::popen( cmd.c_str(), "r" );
+   if( !p ) return out;
+   char buf[ 4096 ];
+   for( std::size_t n; ( n = std::fread( buf, 1, sizeof buf, p ) ) > 0; ) out.append( buf, n );
+   ::pclose( p );
+   return out;
+}
+
 inline std::string configText( const std::string & intf, const char * family, unsigned drPriority ) {
    return std::string( "address-families: [" ) + family + "]\nvrfs:\n  default:\n    interfaces:\n      " + intf +
           ":\n        hello-interval: 1\n        dr-priority: " + std::to_string( drPriority ) + "\n";
@@ -141,13 +152,7 @@ class Daemon {
    Json show( const char * family, const char * what ) const {
       const std::string cmd = std::string( PIMNBR_BINARY ) + " --state-dir '" + stateDir() + "' show " + family +
                               " pim " + what + " json 2>/dev/null";
-      FILE * p = ::popen( cmd.c_str(), "r" );
-      if( !p ) return Json();
-      std::string out;
-      char buf[ 1024 ];
-      while( std::fgets( buf, sizeof buf, p ) ) out += buf;
-      ::pclose( p );
-      return Json::parse( out, nullptr, false );
+      return Json::parse( commandOutput( cmd ), nullptr, false );
    }
    bool hasNeighbor( const char * family, const std::string & addr ) const {
       const Json j = show( family, "neighbor" );
