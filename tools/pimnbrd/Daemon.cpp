@@ -474,8 +474,15 @@ void Daemon::fastUpgradeShutdown() {
    for( auto & f : rt_->family ) {
       if( !f ) continue;
       f->host->stageStart( Stage::shutdownStageClass, kShutdownStage );
+      // Only VRFs that run PIM report back; an agent without any has
+      // nothing to stretch.
       Routing::Pim::Agent * a = f->agent();
-      if( a && !a->standbyMode() && !f->ns.empty() ) waiting.push_back( f.get() );
+      const auto configSm = a && !a->standbyMode() ? a->pimConfigSm() : nullptr;
+      bool runsPim = false;
+      for( const auto & [ vrf, n ] : f->ns ) {
+         if( configSm && configSm->pimVrfContainerSm( L3::VrfName( vrf ) ) ) runsPim = true;
+      }
+      if( runsPim ) waiting.push_back( f.get() );
    }
    Kiv::ActivityManager & loop = Kiv::activityManager();
    const double deadline = loop.clock().now() + kFastUpgradeTimeout;
