@@ -358,7 +358,7 @@ TEST_F( DaemonNetnsTest, Ipv6NeighboursAndExpiryAfterKill ) {
    EXPECT_LT( Clock::now() - t0, std::chrono::milliseconds( 3800 ) );
 }
 
-// ---- more daemons, addresses, roles and namespaces -------------------------------------------
+// ---- three daemons, address changes, VRF namespaces, roles, fast upgrade --------------------
 
 using Addrs = std::set< std::string >;
 
@@ -398,25 +398,31 @@ bool legOn( const std::string & sw, const std::string & bridge, const std::strin
           NetnsLab::sh( "ip -n " + ns + " link set " + intf + " up" );
 }
 
-TEST_F( DaemonNetnsTest, ThreeRoutersAgreeOnTheDrInBothFamilies ) {
+// Three routers agree on the DR in both families, by priority and then
+// address. Then a's primary address goes and a secondary takes its place:
+// the goodbye from the old address drops it on the others at once (expiry
+// would take the 3 s hold time), and the new one comes up.
+TEST_F( DaemonNetnsTest, ThreeRoutersAgreeOnTheDrAndFollowAnAddressChange ) {
    Daemon * a = router( "a", "198.18.4.1/24", "2001:db8:4::1/64" );
    Daemon * b = router( "b", "198.18.4.2/24", "2001:db8:4::2/64" );
    Daemon * c = router( "c", "198.18.4.3/24", "2001:db8:4::3/64" );
    ASSERT_TRUE( a && b && c );
-   // a and c tie on priority: the higher address wins.
    a->configIs( configText( a->intf(), "ipv4, ipv6", 5 ) );
    b->configIs( configText( b->intf(), "ipv4, ipv6", 1 ) );
    c->configIs( configText( c->intf(), "ipv4, ipv6", 5 ) );
    ASSERT_TRUE( a->start() && b->start() && c->start() );
    Daemon * all[] = { a, b, c };
+   auto each = [ & ]( const std::function< bool( Daemon & ) > & f ) {
+      for( Daemon * d : all ) {
+         if( !f( *d ) ) return false;
+      }
+      return true;
+   };
    EXPECT_TRUE( pollFor(
       [ & ] {
-         for( Daemon * d : all ) {
-            if( neighbours( *d, "ip", d->intf() ).size() != 2 || neighbours( *d, "ipv6", d->intf() ).size() != 2 ) {
-               return false;
-            }
-         }
-         return true;
+         return each( [ & ]( Daemon & d ) {
+            return neighbours( d, "ip", d.intf() ).size() == 2 && neighbours( d, "ipv6", d.intf() ).size() == 2;
+         } );
       },
       kFormWithin ) );
    // IPv6 routers speak from their link-local addresses.
@@ -424,51 +430,47 @@ TEST_F( DaemonNetnsTest, ThreeRoutersAgreeOnTheDrInBothFamilies ) {
    unsigned char ab[ 16 ] = {}, cb[ 16 ] = {};
    ASSERT_TRUE( ::inet_pton( AF_INET6, a6.c_str(), ab ) == 1 && ::inet_pton( AF_INET6, c6.c_str(), cb ) == 1 );
    const std::string dr6 = std::memcmp( ab, cb, 16 ) > 0 ? a6 : c6;
-   for( Daemon * d : all ) {
-      EXPECT_TRUE( pollFor( [ & ] { return d->dr( "ip" ) == "198.18.4.3" && d->dr( "ipv6" ) == dr6; },
-                            std::chrono::milliseconds( 1000 ) ) )
-         << d->netns() << ": " << d->dr( "ip" ) << ", " << d->dr( "ipv6" ) << " (want " << dr6 << ")";
-   }
-}
+   auto agree = [ & ]( Daemon & d ) { return d.dr( "ip" ) == "198.18.4.3" && d.dr( "ipv6" ) == dr6; };
+   EXPECT_TRUE( pollFor( [ & ] { return each( agree ); }, std::chrono::milliseconds( 1000 ) ) )
+      << a->dr( "ip" ) << " " << b->dr( "ip" ) << " " << c->dr( "ip" ) << ", want " << dr6 << ": " << a->dr( "ipv6" )
+      << " " << b->dr( "ipv6" ) << " " << c->dr( "ipv6" );
 
-// The primary address goes and a secondary takes its place: a goodbye from
-// the old address drops it on the peer at once, the new one comes up.
-TEST_F( DaemonNetnsTest, AddressChangeSaysGoodbyeAndReforms ) {
-   Daemon * a = router( "a", "198.18.5.1/24", "2001:db8:5::1/64" );
-   Daemon * b = router( "b", "198.18.5.2/24", "2001:db8:5::2/64" );
-   ASSERT_TRUE( a && b );
-   a->configIs( configText( a->intf(), "ipv4", 1 ) );
-   b->configIs( configText( b->intf(), "ipv4", 1 ) );
-   ASSERT_TRUE( a->start() && b->start() );
-   ASSERT_TRUE( pollFor( [ & ] { return b->hasNeighbor( "ip", "198.18.5.1" ) && a->hasNeighbor( "ip", "198.18.5.2" ); },
-                         kFormWithin ) );
    ASSERT_TRUE( NetnsLab::sh( "ip netns exec " + a->netns() + " sysctl -qw net.ipv4.conf." + a->intf() +
                               ".promote_secondaries=1" ) );
-   ASSERT_TRUE( NetnsLab::sh( "ip -n " + a->netns() + " addr add 198.18.5.11/24 dev " + a->intf() ) );
-   ASSERT_TRUE( NetnsLab::sh( "ip -n " + a->netns() + " addr del 198.18.5.1/24 dev " + a->intf() ) );
-   // Expiry would take the hold time (3 s).
-   EXPECT_TRUE( pollFor( [ & ] { return !b->hasNeighbor( "ip", "198.18.5.1" ); }, std::chrono::milliseconds( 1000 ) ) );
-   EXPECT_TRUE( pollFor( [ & ] { return neighbours( *b, "ip", b->intf() ) == Addrs{ "198.18.5.11" }; }, kFormWithin ) )
-      << neighbours( *b, "ip", b->intf() ).size();
-   EXPECT_TRUE( a->hasNeighbor( "ip", "198.18.5.2" ) );
+   ASSERT_TRUE( NetnsLab::sh( "ip -n " + a->netns() + " addr add 198.18.4.11/24 dev " + a->intf() ) );
+   ASSERT_TRUE( NetnsLab::sh( "ip -n " + a->netns() + " addr del 198.18.4.1/24 dev " + a->intf() ) );
+   EXPECT_TRUE( pollFor( [ & ] { return !b->hasNeighbor( "ip", "198.18.4.1" ) && !c->hasNeighbor( "ip", "198.18.4.1" ); },
+                         std::chrono::milliseconds( 1000 ) ) );
+   EXPECT_TRUE( pollFor( [ & ] { return b->hasNeighbor( "ip", "198.18.4.11" ) && c->hasNeighbor( "ip", "198.18.4.11" ); },
+                         kFormWithin ) );
+   EXPECT_EQ( neighbours( *a, "ip", a->intf() ), ( Addrs{ "198.18.4.2", "198.18.4.3" } ) );
 }
 
-// VRF red of a is another namespace on another bridge, with the very
-// addresses of a's default VRF: each VRF sees only its own LAN.
-TEST_F( DaemonNetnsTest, OverlappingVrfKeepsItsNeighboursApart ) {
+// a's VRF red is a namespace made only after a started (no reload), on
+// another bridge, with the very addresses of a's default VRF: it is picked
+// up when it appears, and each VRF sees only its own LAN.
+TEST_F( DaemonNetnsTest, LateVrfNamespaceWithOverlappingAddressesKeepsItsNeighbours ) {
    Daemon * a = router( "a", "198.18.6.1/24", "2001:db8:6::1/64" );
    Daemon * b = router( "b", "198.18.6.2/24", "2001:db8:6::2/64" );
-   const std::string red = lab_.add( "ar" ), cns = lab_.add( "c" );
-   ASSERT_TRUE( a && b && !red.empty() && !cns.empty() );
+   const std::string cns = lab_.add( "c" );
+   ASSERT_TRUE( a && b && !cns.empty() );
    ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link add br1 type bridge && ip -n " + sw_ + " link set br1 up" ) );
-   ASSERT_TRUE( legOn( sw_, "br1", red, "ear", "198.18.6.1/24" ) && legOn( sw_, "br1", cns, "ec", "198.18.6.3/24" ) );
+   ASSERT_TRUE( legOn( sw_, "br1", cns, "ec", "198.18.6.3/24" ) );
    daemons_.push_back( std::make_unique< Daemon >( cns, "ec", dir_ ) );
    Daemon * c = daemons_.back().get();
+   // The lab's names share the switch's prefix.
+   const std::string red = sw_.substr( 0, sw_.size() - 2 ) + "ar";
    a->configIs( "address-families: [ipv4, ipv6]\nvrfs:\n  default:\n    interfaces:\n      " + a->intf() +
-                ": {hello-interval: 1}\n  red:\n    namespace: " + red + "\n    interfaces:\n      ear: {hello-interval: 1}\n" );
+                ": {hello-interval: 1}\n  red:\n    namespace: " + red +
+                "\n    interfaces:\n      ear: {hello-interval: 1}\n" );
    b->configIs( configText( b->intf(), "ipv4, ipv6", 1 ) );
    c->configIs( configText( c->intf(), "ipv4, ipv6", 1 ) );
-   ASSERT_TRUE( a->start() && b->start() && c->start() );
+   NotifyListener supervisor( dir_ + "/notify-a" );
+   ASSERT_TRUE( supervisor.valid() );
+   ASSERT_TRUE( a->start( &supervisor ) && b->start() && c->start() );
+   ASSERT_TRUE( supervisor.waitFor( "READY=1", std::chrono::milliseconds( 2000 ) ) );
+   ASSERT_EQ( lab_.add( "ar" ), red );
+   ASSERT_TRUE( legOn( sw_, "br1", red, "ear", "198.18.6.1/24" ) );
    struct Want {
       const Daemon * d;
       std::string intf;
@@ -494,82 +496,45 @@ TEST_F( DaemonNetnsTest, OverlappingVrfKeepsItsNeighboursApart ) {
    EXPECT_FALSE( pollFor( [ & ] { return !asWanted(); }, std::chrono::milliseconds( 1000 ) ) );
 }
 
-// A VRF whose namespace is made after the daemon started is picked up when
-// it appears, without a reload.
-TEST_F( DaemonNetnsTest, VrfNamespaceMadeAfterStartIsPickedUp ) {
-   Daemon * peer = router( "p", "198.18.7.2/24", "2001:db8:7::2/64" );
-   const std::string home = lab_.add( "h" );
-   ASSERT_TRUE( peer && !home.empty() );
-   // The lab's names share the switch's prefix.
-   const std::string late = sw_.substr( 0, sw_.size() - 2 ) + "late";
-   daemons_.push_back( std::make_unique< Daemon >( home, "el", dir_ ) );
-   Daemon * host = daemons_.back().get();
-   host->configIs( "vrfs:\n  default:\n    pim: true\n  red:\n    namespace: " + late +
-                   "\n    interfaces:\n      el: {hello-interval: 1}\n" );
-   peer->configIs( configText( peer->intf(), "ipv4", 1 ) );
-   NotifyListener supervisor( dir_ + "/notify-h" );
-   ASSERT_TRUE( supervisor.valid() );
-   ASSERT_TRUE( host->start( &supervisor ) && peer->start() );
-   ASSERT_TRUE( supervisor.waitFor( "READY=1", std::chrono::milliseconds( 2000 ) ) );
-   ASSERT_EQ( lab_.add( "late" ), late );
-   ASSERT_TRUE( legOn( sw_, "br0", late, "el", "198.18.7.1/24" ) );
-   EXPECT_TRUE( pollFor(
-      [ & ] {
-         return neighbours( *host, "ip", "el", "vrf red neighbor" ) == Addrs{ "198.18.7.2" } &&
-                peer->hasNeighbor( "ip", "198.18.7.1" );
-      },
-      kFormWithin ) );
-}
-
-// A standby daemon sends and hears nothing; made active by a reload it forms
-// its neighbours and advertises its configured LAN prune delay.
-TEST_F( DaemonNetnsTest, StandbyFormsNoNeighboursUntilActive ) {
+// A standby daemon sends and hears nothing. Made active by a reload it forms
+// its neighbour and advertises its configured LAN prune delay. Its fast
+// upgrade then puts the stretched hold time on the wire, and the peer keeps
+// it after it has gone.
+TEST_F( DaemonNetnsTest, StandbyThenActiveThenFastUpgrade ) {
    Daemon * a = router( "a", "198.18.8.1/24", "2001:db8:8::1/64" );
    Daemon * b = router( "b", "198.18.8.2/24", "2001:db8:8::2/64" );
    ASSERT_TRUE( a && b );
-   const std::string active = configText( a->intf(), "ipv4", 1 ) + "        propagation-delay: 750\n"
-                                                                   "        override-interval: 3000\n";
+   const std::string active = configText( a->intf(), "ipv4, ipv6", 1 ) +
+                              "        propagation-delay: 750\n        override-interval: 3000\n";
    a->configIs( "redundancy: standby\n" + active );
-   b->configIs( configText( b->intf(), "ipv4", 1 ) );
+   b->configIs( configText( b->intf(), "ipv4, ipv6", 1 ) );
    ASSERT_TRUE( a->start() && b->start() );
    // An active daemon would be seen within an interval or so.
    EXPECT_FALSE( pollFor( [ & ] { return b->hasNeighbor( "ip", "198.18.8.1" ) || a->hasNeighbor( "ip", "198.18.8.2" ); },
                           std::chrono::milliseconds( 1500 ) ) );
    a->configIs( active );
    a->signal( SIGHUP );
-   EXPECT_TRUE( pollFor( [ & ] { return b->hasNeighbor( "ip", "198.18.8.1" ) && a->hasNeighbor( "ip", "198.18.8.2" ); },
-                         kFormWithin ) );
+   std::string a6;
+   EXPECT_TRUE( pollFor(
+      [ & ] {
+         a6 = ownAddress( *a, "ipv6" );
+         return b->hasNeighbor( "ip", "198.18.8.1" ) && a->hasNeighbor( "ip", "198.18.8.2" ) && b->hasNeighbor( "ipv6", a6 );
+      },
+      kFormWithin ) );
    EXPECT_EQ( neighbourField( *b, "ip", "neighbor 198.18.8.1", "198.18.8.1", "propagationDelay" ), Json( 750 ) );
    EXPECT_EQ( neighbourField( *b, "ip", "neighbor 198.18.8.1", "198.18.8.1", "overrideInterval" ), Json( 3000 ) );
-}
 
-// The fast-upgrade signal: the peer sees the stretched hold time on the
-// neighbour, which stays after the daemon has gone.
-TEST_F( DaemonNetnsTest, FastUpgradeLeavesTheNeighbourWithAStretchedHoldTime ) {
-   Daemon * a = router( "a", "198.18.9.1/24", "2001:db8:9::1/64" );
-   Daemon * b = router( "b", "198.18.9.2/24", "2001:db8:9::2/64" );
-   ASSERT_TRUE( a && b );
-   a->configIs( configText( a->intf(), "ipv4, ipv6", 1 ) );
-   b->configIs( configText( b->intf(), "ipv4, ipv6", 1 ) );
-   ASSERT_TRUE( a->start() && b->start() );
-   const std::string a6 = [ & ] {
-      std::string s;
-      pollFor( [ & ] { return !( s = ownAddress( *a, "ipv6" ) ).empty(); }, kFormWithin );
-      return s;
-   }();
-   ASSERT_TRUE( pollFor( [ & ] { return b->hasNeighbor( "ip", "198.18.9.1" ) && b->hasNeighbor( "ipv6", a6 ); },
-                         kFormWithin ) );
    a->signal( SIGUSR1 );
    EXPECT_TRUE( pollFor(
       [ & ] {
-         return neighbourField( *b, "ip", "neighbor", "198.18.9.1", "holdTimeMax" ) == Json( 420 ) &&
+         return neighbourField( *b, "ip", "neighbor", "198.18.8.1", "holdTimeMax" ) == Json( 420 ) &&
                 neighbourField( *b, "ipv6", "neighbor", a6, "holdTimeMax" ) == Json( 420 );
       },
       std::chrono::milliseconds( 1000 ) ) );
    // Both families finish their notify delay (5 s) together.
    EXPECT_EQ( a->exited( std::chrono::milliseconds( 7000 ) ), 0 );
    // Long past the 3 s that a advertised before.
-   EXPECT_TRUE( b->hasNeighbor( "ip", "198.18.9.1" ) && b->hasNeighbor( "ipv6", a6 ) );
+   EXPECT_TRUE( b->hasNeighbor( "ip", "198.18.8.1" ) && b->hasNeighbor( "ipv6", a6 ) );
 }
 
 } // namespace
