@@ -424,6 +424,17 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
                     << config->fastFailover() );
       pimIntf->fastFailoverIs( config->fastFailover() );
    }
+   // The router's own LAN prune delay, advertised in its Hellos.
+   if( pimIntf->propagationDelay() != config->propagationDelay() ) {
+      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Propagation Delay: "
+                    << config->propagationDelay() );
+      pimIntf->propagationDelayIs( config->propagationDelay() );
+   }
+   if( pimIntf->overrideInterval() != config->overrideInterval() ) {
+      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Override Interval: "
+                    << config->overrideInterval() );
+      pimIntf->overrideIntervalIs( config->overrideInterval() );
+   }
    pimIntf->sourceInjectIs( inputs_.hostInjectConfig && inputs_.hostInjectConfig->configHas( intf ) );
 }
 
@@ -1270,6 +1281,7 @@ void ConfigSm::KivIntfConfig::handleBorderRouter() { update( "handleBorderRouter
 void ConfigSm::KivIntfConfig::handleBfd() { update( "handleBfd" ); }
 void ConfigSm::KivIntfConfig::handlePort() { update( "handlePort" ); }
 void ConfigSm::KivIntfConfig::handleFastFailover() { update( "handleFastFailover" ); }
+void ConfigSm::KivIntfConfig::handleLanPruneDelay() { update( "handleLanPruneDelay" ); }
 
 ConfigSm::KivPimConfig::KivPimConfig( ConfigSm * o, const L3::VrfName & vrf,
                                       const Kiv::Ptr< const Config > & c )

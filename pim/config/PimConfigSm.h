@@ -388,7 +388,9 @@ class ConfigSm : public Kiv::StateMachine {
 // ---- per-key reactors ----------------------------------------------------------------
 class ConfigSm::KivIntfConfig : public IntfConfig::NotifieeConst {
  public:
-   // Binding runs all ten handlers, in the order of the attribute list.
+   // Binding runs the ten handlers of the original attributes in the order
+   // of the attribute list; each recomputes the whole interface, so the LAN
+   // prune delay values need no run of their own.
    KivIntfConfig( ConfigSm * o, const Lumo::IntfId & intf, const Kiv::Ptr< const IntfConfig > & c );
    void onMode() override { handleMode(); }
    void onBorderRouter() override { handleBorderRouter(); }
@@ -400,6 +402,8 @@ class ConfigSm::KivIntfConfig : public IntfConfig::NotifieeConst {
    void onBfd() override { handleBfd(); }
    void onPortCapabilityFlags() override { handlePort(); }
    void onFastFailover() override { handleFastFailover(); }
+   void onPropagationDelay() override { handleLanPruneDelay(); }
+   void onOverrideInterval() override { handleLanPruneDelay(); }
    void handleMode();
    void handleHelloPriority();
    void handleHelloInterval();
@@ -410,6 +414,7 @@ class ConfigSm::KivIntfConfig : public IntfConfig::NotifieeConst {
    void handleBfd();
    void handlePort();
    void handleFastFailover();
+   void handleLanPruneDelay();
  private:
    void update( const char * what );
    ConfigSm * owner_;

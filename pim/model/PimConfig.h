@@ -19,6 +19,8 @@ enum IntfBfd : std::uint8_t {
    intfBfdDisabled = 2,
 };
 
+// propagationDelay and overrideInterval (ms) are the LAN prune delay that the
+// router advertises on the interface.
 #define PIM_INTF_CONFIG_ATTRS( X )                                                     \
    X( SCALAR, mode, Mode, Mode, pimModeNone )                                          \
    X( SCALAR, borderRouter, BorderRouter, bool, false )                                \
@@ -29,7 +31,9 @@ enum IntfBfd : std::uint8_t {
    X( SCALAR, joinPruneCount, JoinPruneCount, double, 3.5 )                            \
    X( SCALAR, bfd, Bfd, IntfBfd, intfBfdDefault )                                      \
    X( SCALAR, portCapabilityFlags, PortCapabilityFlags, Reliable::CapabilityFlags, 0 ) \
-   X( SCALAR, fastFailover, FastFailover, bool, false )
+   X( SCALAR, fastFailover, FastFailover, bool, false )                                \
+   X( SCALAR, propagationDelay, PropagationDelay, std::uint16_t, kPropagationDelayDefault ) \
+   X( SCALAR, overrideInterval, OverrideInterval, std::uint16_t, kOverrideIntervalDefault )
 
 class IntfConfig : public Kiv::Notifier {
  public:

@@ -123,11 +123,20 @@ bool AgentHost::stageDone( const std::string & stageClass, const std::string & s
    return true;
 }
 
-bool AgentHost::runStage( const std::string & stageClass, const std::string & stage, double timeout ) {
+void AgentHost::stageStart( const std::string & stageClass, const std::string & stage ) {
    auto p = progress( stageClass );
    assert( p && "the host publishes its progress entities" );
    p->startedStageIs( stage );
    p->currentStageIs( stage );
+}
+
+void AgentHost::stageCompleteIs( const std::string & stageClass, const std::string & stage ) {
+   auto done = store_->entity< Stage::CompletionStatusDir >( Stage::completionStatusPath( stageClass ) );
+   done->stageCompleteIs( stage );
+}
+
+bool AgentHost::runStage( const std::string & stageClass, const std::string & stage, double timeout ) {
+   stageStart( stageClass, stage );
    Kiv::ActivityManager & loop = Kiv::activityManager();
    const double deadline = loop.clock().now() + timeout;
    loop.runUntilIdle();
@@ -142,8 +151,7 @@ bool AgentHost::runStage( const std::string & stageClass, const std::string & st
          loop.runOnce( std::min( 0.1, deadline - now ) );
       }
    }
-   auto done = store_->entity< Stage::CompletionStatusDir >( Stage::completionStatusPath( stageClass ) );
-   done->stageCompleteIs( stage );
+   stageCompleteIs( stageClass, stage );
    loop.runUntilIdle();
    return true;
 }

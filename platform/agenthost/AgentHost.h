@@ -104,13 +104,17 @@ class AgentHost {
    bool runStage( const std::string & stageClass, const std::string & stage, double timeout = 30.0 );
    bool doBoot( const std::vector< std::string > & stages, double timeout = 30.0 );
    bool doShutdown( const std::vector< std::string > & stages, double timeout = 30.0 );
+   // The three steps of runStage, for a caller that runs one stage on
+   // several hosts at once and turns the loop itself.
+   void stageStart( const std::string & stageClass, const std::string & stage );
+   bool stageDone( const std::string & stageClass, const std::string & stage ) const;
+   void stageCompleteIs( const std::string & stageClass, const std::string & stage );
    // doCleanup, then drops the agent (destroyed with its last reference).
    void agentDel();
 
  private:
    std::vector< Dovel::Mount > allMounts() const;
    Kiv::Ptr< Stage::ProgressDir > progress( const std::string & stageClass );
-   bool stageDone( const std::string & stageClass, const std::string & stage ) const;
    Kiv::Ptr< Dovel::Store > store_;
    Kiv::Ptr< Dovel::EntityManager > entityManager_;
    Kiv::Ptr< Redundancy::RedundancyStatus > redundancy_;

@@ -16,6 +16,8 @@ void writeIntf( IntfConfig & c, const IntfSettings & s ) {
    c.joinPruneCountIs( s.joinPruneMultiplier );
    c.bfdIs( IntfBfd( s.bfd ) );
    c.fastFailoverIs( s.fastFailover );
+   c.propagationDelayIs( s.propagationDelay );
+   c.overrideIntervalIs( s.overrideInterval );
 }
 
 void writeVrf( const std::string & name, const VrfSettings & s, const ConfigTargets & t ) {

@@ -1,6 +1,7 @@
 #include "Daemon.h"
 
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -9,6 +10,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <system_error>
 
 #include <fmt/format.h>
@@ -18,6 +20,7 @@
 #include "ConfigFile.h"
 #include "agent/PimAgent.h"
 #include "agenthost/AgentHost.h"
+#include "agenthost/Stage.h"
 #include "kiv/ActivityManager.h"
 #include "services/kni/KernelNetInfo.h"
 #include "services/netlink/KernelFeed.h"
@@ -29,6 +32,13 @@ namespace Pimnbrd {
 namespace {
 
 const char * const kBootStages[] = { "NetworkAgent", "PimIntfUpdate" };
+const char * const kShutdownStage = "NetworkAgentShutdown";
+// The agents report the shutdown stage complete after their notify delay
+// (5 s); past this the daemon stops anyway.
+constexpr double kFastUpgradeTimeout = 10.0;
+// A new namespace's file is there before the namespace is mounted on it.
+constexpr double kNetnsRetryFor = 2.0;
+constexpr double kNetnsRetryEvery = 0.05;
 
 // The service ACL of one family: first match wins, no match permits.
 std::function< bool( const Lumo::IpGenAddr & ) > serviceAcl( const std::vector< AclRule > & rules ) {
@@ -53,7 +63,7 @@ class SignalReactor : public Kiv::FdReactor {
    void start() {
       sigset_t set;
       sigemptyset( &set );
-      for( int s : { SIGTERM, SIGINT, SIGHUP } ) sigaddset( &set, s );
+      for( int s : { SIGTERM, SIGINT, SIGHUP, SIGUSR1 } ) sigaddset( &set, s );
       ::sigprocmask( SIG_BLOCK, &set, nullptr );
       fd_ = ::signalfd( -1, &set, SFD_NONBLOCK | SFD_CLOEXEC );
       if( fd_ < 0 ) throw std::system_error( errno, std::generic_category(), "signalfd" );
@@ -69,6 +79,58 @@ class SignalReactor : public Kiv::FdReactor {
  private:
    Daemon * daemon_;
    int fd_ = -1;
+};
+
+// Tells the daemon when a name appears in /run/netns; until that directory
+// exists (the first `ip netns add` makes it), waits for it in /run.
+class NetnsWatch : public Kiv::FdReactor {
+ public:
+   explicit NetnsWatch( Daemon * d ) : daemon_( d ) {}
+   ~NetnsWatch() override {
+      fdIs( -1 );
+      if( fd_ >= 0 ) ::close( fd_ );
+   }
+   // False without inotify: missing namespaces then wait for a SIGHUP.
+   bool start() {
+      fd_ = ::inotify_init1( IN_NONBLOCK | IN_CLOEXEC );
+      if( fd_ < 0 ) return false;
+      if( !watchNetns() ) runWd_ = ::inotify_add_watch( fd_, "/run", IN_CREATE | IN_MOVED_TO | IN_ONLYDIR );
+      if( netnsWd_ < 0 && runWd_ < 0 ) {
+         ::close( fd_ );
+         fd_ = -1;
+         return false;
+      }
+      fdIs( fd_ );
+      return true;
+   }
+   void onReadable() override {
+      alignas( inotify_event ) char buf[ 4096 ];
+      bool appeared = false;
+      ssize_t n;
+      while( ( n = ::read( fd_, buf, sizeof buf ) ) > 0 ) {
+         for( const char * p = buf; p < buf + n; ) {
+            const auto * e = reinterpret_cast< const inotify_event * >( p );
+            if( e->wd == netnsWd_ ) appeared = true;
+            if( e->wd == runWd_ && e->len && std::strcmp( e->name, "netns" ) == 0 && watchNetns() ) {
+               ::inotify_rm_watch( fd_, runWd_ );
+               runWd_ = -1;
+               appeared = true;   // namespaces may be there already
+            }
+            p += sizeof( inotify_event ) + e->len;
+         }
+      }
+      if( appeared ) daemon_->handleNetnsChange();
+   }
+
+ private:
+   bool watchNetns() {
+      netnsWd_ = ::inotify_add_watch( fd_, "/run/netns", IN_CREATE | IN_MOVED_TO | IN_ONLYDIR );
+      return netnsWd_ >= 0;
+   }
+   Daemon * daemon_;
+   int fd_ = -1;
+   int netnsWd_ = -1;
+   int runWd_ = -1;
 };
 
 } // namespace
@@ -104,11 +166,12 @@ struct Daemon::Family {
 };
 
 struct Daemon::Runtime {
-   explicit Runtime( Daemon * d, const std::string & stateDir ) : shm( stateDir ), signals( d ) {}
+   explicit Runtime( Daemon * d, const std::string & stateDir ) : shm( stateDir ), signals( d ), netns( d ) {}
    KivVarn::Shm::ShmTableStore shm;
    Kiv::Ptr< AgentBase::Plugin > plugin;
    std::unique_ptr< Family > family[ 2 ];   // IPv4, IPv6
    SignalReactor signals;
+   NetnsWatch netns;
 };
 
 Daemon::Daemon( DaemonOptions options, DaemonConfig config )
@@ -139,6 +202,7 @@ int Daemon::run() {
    try {
       rt_->plugin = AgentBase::Plugin::load( options_.pluginPath );
       rt_->signals.start();
+      if( !rt_->netns.start() ) log( LOG_WARNING, "no inotify on /run/netns: new VRF namespaces wait for a SIGHUP" );
       familyIs( false, config_.ipv4 );
       familyIs( true, config_.ipv6 );
    } catch( const std::exception & e ) {
@@ -150,14 +214,21 @@ int Daemon::run() {
    ::sd_notify( 0, "READY=1\nSTATUS=running" );
    Kiv::ActivityManager & loop = Kiv::activityManager();
    while( !stopping_ ) {
-      loop.runOnce( 0.25 );
+      const bool retrying = netnsRetryUntil_ > loop.clock().now();
+      loop.runOnce( retrying ? kNetnsRetryEvery : 0.25 );
+      if( retrying ) namespacesRetry();
       for( auto & f : rt_->family ) {
          if( f ) ioSync( *f );
       }
       rt_->shm.heartbeat();
    }
-   ::sd_notify( 0, "STOPPING=1\nSTATUS=sending goodbyes" );
-   sendGoodbyes();
+   if( fastUpgrade_ ) {
+      ::sd_notify( 0, "STOPPING=1\nSTATUS=fast upgrade" );
+      fastUpgradeShutdown();
+   } else {
+      ::sd_notify( 0, "STOPPING=1\nSTATUS=sending goodbyes" );
+      sendGoodbyes();
+   }
    log( LOG_INFO, "stopped" );
    return 0;
 }
@@ -165,12 +236,37 @@ int Daemon::run() {
 void Daemon::handleSignal( int signo ) {
    if( signo == SIGHUP ) {
       handleReload();
+   } else if( signo == SIGUSR1 ) {
+      handleFastUpgrade();
    } else {
       handleStop();
    }
 }
 
 void Daemon::handleStop() { stopping_ = true; }
+
+void Daemon::handleFastUpgrade() {
+   stopping_ = true;
+   fastUpgrade_ = true;
+}
+
+void Daemon::handleNetnsChange() {
+   netnsRetryUntil_ = Kiv::activityManager().clock().now() + kNetnsRetryFor;
+   namespacesRetry();
+}
+
+void Daemon::namespacesRetry() {
+   bool all = true;
+   for( auto & f : rt_->family ) {
+      if( f && !namespacesAdd( *f, true ) ) all = false;
+   }
+   if( all ) netnsRetryUntil_ = 0;
+}
+
+void Daemon::roleIs( Family & f ) {
+   f.host->redundancyStatus()->modeIs( config_.role == Role::standby ? Redundancy::modeStandby
+                                                                     : Redundancy::modeActive );
+}
 
 void Daemon::handleReload() {
    ::sd_notify( 0, "RELOADING=1\nSTATUS=reloading" );
@@ -187,6 +283,10 @@ void Daemon::reload() {
    }
    const ConfigDiff d = diff( config_, *r.config );
    if( d.empty() ) {
+      // Still worth a try: a namespace that was missing may be there now.
+      for( auto & f : rt_->family ) {
+         if( f ) namespacesAdd( *f );
+      }
       log( LOG_INFO, "reload: configuration unchanged" );
       return;
    }
@@ -212,6 +312,7 @@ void Daemon::reload() {
             Kiv::activityManager().runOnce( 0 );
             namespacesDrop( *f );
             namespacesAdd( *f );
+            roleIs( *f );
             if( d.serviceAclChanged ) {
                const auto acl = serviceAcl( v6 ? config_.serviceAcl6 : config_.serviceAcl4 );
                for( auto & [ vrf, n ] : f->ns ) {
@@ -251,6 +352,8 @@ void Daemon::familyIs( bool v6, bool on ) {
    // Nothing else runs beside the agent here: what it reads and nobody
    // writes is published empty.
    f->host->publishMissing();
+   // A standby agent builds nothing: no sockets, no Hellos.
+   roleIs( *f );
    if( f->host->doMount() != Dovel::mountSuccess_ ) throw std::runtime_error( "the agent's mounts failed" );
    if( !f->host->doBoot( { std::begin( kBootStages ), std::end( kBootStages ) } ) ) {
       throw std::runtime_error( "the agent did not complete its boot stages" );
@@ -291,7 +394,8 @@ void Daemon::namespacesDrop( Family & f ) {
    }
 }
 
-void Daemon::namespacesAdd( Family & f ) {
+bool Daemon::namespacesAdd( Family & f, bool quiet ) {
+   bool all = true;
    for( const auto & [ vrf, settings ] : config_.vrfs ) {
       if( f.ns.count( vrf ) ) continue;
       auto n = std::make_unique< NsIo >();
@@ -308,12 +412,15 @@ void Daemon::namespacesAdd( Family & f ) {
       try {
          n->feed->start();
       } catch( const std::exception & e ) {
-         // Tried again at the next reload.
-         log( LOG_ERR, fmt::format( "vrf {}: namespace '{}': {}", vrf, settings.netns, e.what() ) );
+         // Tried again when the namespace appears, and at every reload.
+         if( !quiet ) log( LOG_ERR, fmt::format( "vrf {}: namespace '{}': {}", vrf, settings.netns, e.what() ) );
+         all = false;
          continue;
       }
+      if( quiet ) log( LOG_INFO, fmt::format( "vrf {}: namespace '{}' is there now", vrf, settings.netns ) );
       f.ns.emplace( vrf, std::move( n ) );
    }
+   return all;
 }
 
 // Binds each namespace's PIM socket to the mailboxes of the VRF's container
@@ -359,6 +466,43 @@ void Daemon::ioSync( Family & f ) {
       }
       n->pimIntfs = std::move( now );
    }
+}
+
+void Daemon::fastUpgradeShutdown() {
+   // Every agent that runs PIM gets the stage at once; each stretches its
+   // advertised hold time, sends, and completes after its notify delay.
+   std::vector< Family * > waiting;
+   for( auto & f : rt_->family ) {
+      if( !f ) continue;
+      f->host->stageStart( Stage::shutdownStageClass, kShutdownStage );
+      // Only VRFs that run PIM report back; an agent without any has
+      // nothing to stretch.
+      Routing::Pim::Agent * a = f->agent();
+      const auto configSm = a && !a->standbyMode() ? a->pimConfigSm() : nullptr;
+      bool runsPim = false;
+      for( const auto & [ vrf, n ] : f->ns ) {
+         if( configSm && configSm->pimVrfContainerSm( L3::VrfName( vrf ) ) ) runsPim = true;
+      }
+      if( runsPim ) waiting.push_back( f.get() );
+   }
+   Kiv::ActivityManager & loop = Kiv::activityManager();
+   const double deadline = loop.clock().now() + kFastUpgradeTimeout;
+   auto done = [ & ] {
+      for( Family * f : waiting ) {
+         if( !f->host->stageDone( Stage::shutdownStageClass, kShutdownStage ) ) return false;
+      }
+      return true;
+   };
+   loop.runUntilIdle();
+   while( !done() && loop.clock().now() < deadline ) {
+      loop.runOnce( 0.1 );
+      rt_->shm.heartbeat();
+   }
+   for( auto & f : rt_->family ) {
+      if( f ) f->host->stageCompleteIs( Stage::shutdownStageClass, kShutdownStage );
+   }
+   log( done() ? LOG_INFO : LOG_WARNING,
+        done() ? "fast upgrade: shutdown stage complete" : "fast upgrade: shutdown stage timed out" );
 }
 
 void Daemon::sendGoodbyes() {

@@ -6,8 +6,12 @@
 // named after the state directory.
 //
 // Signals arrive through a signalfd on the same loop: SIGTERM/SIGINT send
-// goodbyes and stop, SIGHUP re-reads the configuration file. A supervisor
-// hears READY, RELOADING and STOPPING through sd_notify.
+// goodbyes and stop, SIGUSR1 (fast upgrade) runs the agents' shutdown stage,
+// which advertises a stretched hold time so that neighbours keep this router
+// while it restarts, and then stops without goodbyes; SIGHUP re-reads the
+// configuration file. A supervisor hears READY, RELOADING and STOPPING
+// through sd_notify. A VRF namespace that is missing is picked up when it
+// appears in /run/netns.
 #include <functional>
 #include <map>
 #include <memory>
@@ -43,6 +47,8 @@ class Daemon {
    void handleSignal( int signo );
    void handleReload();
    void handleStop();
+   void handleFastUpgrade();
+   void handleNetnsChange();
 
  private:
    struct Family;
@@ -50,16 +56,24 @@ class Daemon {
    void log( int priority, const std::string & text ) const;
    void reload();
    void familyIs( bool ipv6, bool on );
-   void namespacesAdd( Family & f );
+   // Returns whether every VRF of the configuration has its namespace.
+   bool namespacesAdd( Family & f, bool quiet = false );
    void namespacesDrop( Family & f );
+   void namespacesRetry();
+   void roleIs( Family & f );
    void ioSync( Family & f );
    void sendGoodbyes();
+   void fastUpgradeShutdown();
 
    DaemonOptions options_;
    DaemonConfig config_;
    struct Runtime;
    std::unique_ptr< Runtime > rt_;
    bool stopping_ = false;
+   bool fastUpgrade_ = false;
+   // Loop time until which missing namespaces are tried every turn: a new
+   // namespace's file appears before it is mounted.
+   double netnsRetryUntil_ = 0;
 };
 
 } // namespace Pimnbrd

@@ -24,8 +24,7 @@ struct IntfSettings {
    double joinPruneMultiplier = 3.5;
    Bfd bfd = Bfd::vrfDefault;
    bool fastFailover = false;
-   // Advertised LAN prune delay, milliseconds; no configuration entity
-   // carries them yet, the host writes them on the PIM interface.
+   // Advertised LAN prune delay, milliseconds.
    std::uint16_t propagationDelay = 500;
    std::uint16_t overrideInterval = 2500;
 

@@ -28,6 +28,8 @@ TEST_F( ConfigSmIntfTest, ConfiguredParametersBecomeEffectiveParameters ) {
    c->joinPruneIntervalIs( 20 );
    c->joinPruneCountIs( 2.5 );
    c->fastFailoverIs( true );
+   c->propagationDelayIs( 750 );
+   c->overrideIntervalIs( 3000 );
    ASSERT_TRUE( settle() );
    auto intf = pimIntf( "default", "Ethernet1" );
    ASSERT_TRUE( intf );
@@ -39,6 +41,8 @@ TEST_F( ConfigSmIntfTest, ConfiguredParametersBecomeEffectiveParameters ) {
    EXPECT_EQ( intf->joinPrunePeriod(), 20 );
    EXPECT_EQ( intf->joinPruneHoldTime(), 50 );
    EXPECT_TRUE( intf->fastFailover() );
+   EXPECT_EQ( intf->propagationDelay(), 750 );
+   EXPECT_EQ( intf->overrideInterval(), 3000 );
    EXPECT_FALSE( intf->borderRouter() );
    EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
    EXPECT_FALSE( inBidirSet( "default", "Ethernet1" ) );
@@ -47,10 +51,12 @@ TEST_F( ConfigSmIntfTest, ConfiguredParametersBecomeEffectiveParameters ) {
    // A change is applied in place.
    c->helloPriorityIs( 7 );
    c->helloIntervalIs( 30 );
+   c->overrideIntervalIs( 2000 );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( pimIntf( "default", "Ethernet1" ), intf );
    EXPECT_EQ( intf->drPriority(), 7u );
    EXPECT_EQ( intf->helloHoldTime(), 120 );
+   EXPECT_EQ( intf->overrideInterval(), 2000 );
 }
 
 TEST_F( ConfigSmIntfTest, HoldTimesSaturateAndKeepOnlyTheLowThirtyTwoBits ) {

@@ -71,6 +71,12 @@ void RawPimIo::start() {
       setInt( fd_, IPPROTO_IP, IP_MULTICAST_TTL, 1, "IP_MULTICAST_TTL" );
       setInt( fd_, IPPROTO_IP, IP_MULTICAST_LOOP, 0, "IP_MULTICAST_LOOP" );
    }
+   // An address change says goodbye from the old address, which the kernel
+   // may have removed already: let the socket send from it all the same
+   // (needs CAP_NET_ADMIN). Without it that goodbye is lost and the
+   // neighbours expire the old address instead.
+   const int on = 1;
+   ::setsockopt( fd_, v6 ? IPPROTO_IPV6 : IPPROTO_IP, v6 ? IPV6_TRANSPARENT : IP_TRANSPARENT, &on, sizeof on );
    // Hellos from a whole LAN can come at once; the kernel holds them until
    // the mailbox takes them. Beyond the system's limit only root may go.
    const int rcvBuf = int( pam_->rcvBufSize() ? pam_->rcvBufSize() : kDefaultRcvBuf );

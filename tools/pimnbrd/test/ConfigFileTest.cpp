@@ -201,6 +201,13 @@ TEST( ConfigApplyTest, ReloadTouchesOnlyTheDifference ) {
    EXPECT_EQ( t.configColl->globalConfig()->drDelay(), 7 );
    wa.notifierIs( nullptr );
    wb.notifierIs( nullptr );
+
+   // The advertised LAN prune delay reaches the interface's entity.
+   applyConfig( parse( "vrfs: {default: {interfaces: {p: {propagation-delay: 750, override-interval: 3000}}}}" ), t );
+   const auto p = t.configColl->intfConfig( Lumo::IntfId( "p" ) );
+   ASSERT_TRUE( p );
+   EXPECT_EQ( p->propagationDelay(), 750 );
+   EXPECT_EQ( p->overrideInterval(), 3000 );
 }
 
 } // namespace

@@ -5,6 +5,11 @@
 // changes nothing, a stop says goodbye at once, a killed daemon expires
 // after its hold time; a supervisor hears READY, RELOADING and STOPPING; the
 // unit file passes systemd's check. Every wait is a bounded poll.
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <set>
+
 #include "NetnsDaemonFixture.h"
 
 namespace {
@@ -158,6 +163,185 @@ TEST_F( DaemonNetnsTest, Ipv6NeighboursAndExpiryAfterKill ) {
       << "gone before the hold time";
    EXPECT_TRUE( pollFor( [ & ] { return !hasAny( a ); }, std::chrono::milliseconds( 2500 ) ) );
    EXPECT_LT( Clock::now() - t0, std::chrono::milliseconds( 3800 ) );
+}
+
+// ---- three daemons, address changes, VRF namespaces, roles, fast upgrade --------------------
+
+using Addrs = std::set< std::string >;
+
+// The neighbours on intf that "show <family> pim <what> json" lists
+// (what: "neighbor", or "vrf NAME neighbor").
+Addrs neighbours( const Daemon & d, const char * family, const std::string & intf, const char * what = "neighbor" ) {
+   const Json j = d.show( family, what );
+   Addrs out;
+   if( !j.is_object() || !j.contains( intf ) ) return out;
+   for( const auto & [ addr, n ] : j[ intf ].items() ) out.insert( addr );
+   return out;
+}
+
+// A field of neighbour addr on d's interface, from "show <family> pim
+// <what> json" (what: "neighbor", or "neighbor ADDR" for the detail).
+Json neighbourField( const Daemon & d, const char * family, const std::string & what, const std::string & addr,
+                     const char * field ) {
+   const Json j = d.show( family, what.c_str() );
+   if( !j.is_object() || !j.contains( d.intf() ) || !j[ d.intf() ].contains( addr ) ) return Json();
+   const Json & n = j[ d.intf() ][ addr ];
+   return n.contains( field ) ? n[ field ] : Json();
+}
+
+std::string ownAddress( const Daemon & d, const char * family ) {
+   const Json j = d.show( family, "interface" );
+   if( !j.is_object() || !j.contains( d.intf() ) || !j[ d.intf() ].contains( "address" ) ) return {};
+   return j[ d.intf() ][ "address" ].get< std::string >();
+}
+
+// A leg from ns to a bridge of the switch namespace sw: intf in ns, "s" +
+// intf on the bridge.
+bool legOn( const std::string & sw, const std::string & bridge, const std::string & ns, const std::string & intf,
+            const std::string & addr4 ) {
+   return NetnsLab::sh( "ip link add " + intf + " netns " + ns + " type veth peer name s" + intf + " netns " + sw ) &&
+          NetnsLab::sh( "ip -n " + sw + " link set s" + intf + " master " + bridge + " up" ) &&
+          NetnsLab::sh( "ip -n " + ns + " addr add " + addr4 + " dev " + intf ) &&
+          NetnsLab::sh( "ip -n " + ns + " link set " + intf + " up" );
+}
+
+// Three routers agree on the DR in both families, by priority and then
+// address. Then a's primary address goes and a secondary takes its place:
+// the goodbye from the old address drops it on the others at once (expiry
+// would take the 3 s hold time), and the new one comes up.
+TEST_F( DaemonNetnsTest, ThreeRoutersAgreeOnTheDrAndFollowAnAddressChange ) {
+   Daemon * a = router( "a", "198.18.4.1/24", "2001:db8:4::1/64" );
+   Daemon * b = router( "b", "198.18.4.2/24", "2001:db8:4::2/64" );
+   Daemon * c = router( "c", "198.18.4.3/24", "2001:db8:4::3/64" );
+   ASSERT_TRUE( a && b && c );
+   a->configIs( configText( a->intf(), "ipv4, ipv6", 5 ) );
+   b->configIs( configText( b->intf(), "ipv4, ipv6", 1 ) );
+   c->configIs( configText( c->intf(), "ipv4, ipv6", 5 ) );
+   ASSERT_TRUE( a->start() && b->start() && c->start() );
+   Daemon * all[] = { a, b, c };
+   auto each = [ & ]( const std::function< bool( Daemon & ) > & f ) {
+      for( Daemon * d : all ) {
+         if( !f( *d ) ) return false;
+      }
+      return true;
+   };
+   EXPECT_TRUE( pollFor(
+      [ & ] {
+         return each( [ & ]( Daemon & d ) {
+            return neighbours( d, "ip", d.intf() ).size() == 2 && neighbours( d, "ipv6", d.intf() ).size() == 2;
+         } );
+      },
+      kFormWithin ) );
+   // IPv6 routers speak from their link-local addresses.
+   const std::string a6 = ownAddress( *a, "ipv6" ), c6 = ownAddress( *c, "ipv6" );
+   unsigned char ab[ 16 ] = {}, cb[ 16 ] = {};
+   ASSERT_TRUE( ::inet_pton( AF_INET6, a6.c_str(), ab ) == 1 && ::inet_pton( AF_INET6, c6.c_str(), cb ) == 1 );
+   const std::string dr6 = std::memcmp( ab, cb, 16 ) > 0 ? a6 : c6;
+   auto agree = [ & ]( Daemon & d ) { return d.dr( "ip" ) == "198.18.4.3" && d.dr( "ipv6" ) == dr6; };
+   EXPECT_TRUE( pollFor( [ & ] { return each( agree ); }, std::chrono::milliseconds( 1000 ) ) )
+      << a->dr( "ip" ) << " " << b->dr( "ip" ) << " " << c->dr( "ip" ) << ", want " << dr6 << ": " << a->dr( "ipv6" )
+      << " " << b->dr( "ipv6" ) << " " << c->dr( "ipv6" );
+
+   ASSERT_TRUE( NetnsLab::sh( "ip netns exec " + a->netns() + " sysctl -qw net.ipv4.conf." + a->intf() +
+                              ".promote_secondaries=1" ) );
+   ASSERT_TRUE( NetnsLab::sh( "ip -n " + a->netns() + " addr add 198.18.4.11/24 dev " + a->intf() ) );
+   ASSERT_TRUE( NetnsLab::sh( "ip -n " + a->netns() + " addr del 198.18.4.1/24 dev " + a->intf() ) );
+   EXPECT_TRUE( pollFor( [ & ] { return !b->hasNeighbor( "ip", "198.18.4.1" ) && !c->hasNeighbor( "ip", "198.18.4.1" ); },
+                         std::chrono::milliseconds( 1000 ) ) );
+   EXPECT_TRUE( pollFor( [ & ] { return b->hasNeighbor( "ip", "198.18.4.11" ) && c->hasNeighbor( "ip", "198.18.4.11" ); },
+                         kFormWithin ) );
+   EXPECT_EQ( neighbours( *a, "ip", a->intf() ), ( Addrs{ "198.18.4.2", "198.18.4.3" } ) );
+}
+
+// a's VRF red is a namespace made only after a started (no reload), on
+// another bridge, with the very addresses of a's default VRF: it is picked
+// up when it appears, and each VRF sees only its own LAN.
+TEST_F( DaemonNetnsTest, LateVrfNamespaceWithOverlappingAddressesKeepsItsNeighbours ) {
+   Daemon * a = router( "a", "198.18.6.1/24", "2001:db8:6::1/64" );
+   Daemon * b = router( "b", "198.18.6.2/24", "2001:db8:6::2/64" );
+   const std::string cns = lab_.add( "c" );
+   ASSERT_TRUE( a && b && !cns.empty() );
+   ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link add br1 type bridge && ip -n " + sw_ + " link set br1 up" ) );
+   ASSERT_TRUE( legOn( sw_, "br1", cns, "ec", "198.18.6.3/24" ) );
+   daemons_.push_back( std::make_unique< Daemon >( cns, "ec", dir_ ) );
+   Daemon * c = daemons_.back().get();
+   // The lab's names share the switch's prefix.
+   const std::string red = sw_.substr( 0, sw_.size() - 2 ) + "ar";
+   a->configIs( "address-families: [ipv4, ipv6]\nvrfs:\n  default:\n    interfaces:\n      " + a->intf() +
+                ": {hello-interval: 1}\n  red:\n    namespace: " + red +
+                "\n    interfaces:\n      ear: {hello-interval: 1}\n" );
+   b->configIs( configText( b->intf(), "ipv4, ipv6", 1 ) );
+   c->configIs( configText( c->intf(), "ipv4, ipv6", 1 ) );
+   NotifyListener supervisor( dir_ + "/notify-a" );
+   ASSERT_TRUE( supervisor.valid() );
+   ASSERT_TRUE( a->start( &supervisor ) && b->start() && c->start() );
+   ASSERT_TRUE( supervisor.waitFor( "READY=1", std::chrono::milliseconds( 2000 ) ) );
+   ASSERT_EQ( lab_.add( "ar" ), red );
+   ASSERT_TRUE( legOn( sw_, "br1", red, "ear", "198.18.6.1/24" ) );
+   struct Want {
+      const Daemon * d;
+      std::string intf;
+      const char * what;
+      Addrs v4;
+   };
+   const Want wants[] = {
+      { a, a->intf(), "neighbor", { "198.18.6.2" } },
+      { a, "ear", "vrf red neighbor", { "198.18.6.3" } },
+      { b, b->intf(), "neighbor", { "198.18.6.1" } },
+      { c, c->intf(), "neighbor", { "198.18.6.1" } },
+   };
+   auto asWanted = [ & ] {
+      for( const Want & w : wants ) {
+         if( neighbours( *w.d, "ip", w.intf, w.what ) != w.v4 || neighbours( *w.d, "ipv6", w.intf, w.what ).size() != 1 ) {
+            return false;
+         }
+      }
+      return true;
+   };
+   EXPECT_TRUE( pollFor( asWanted, kFormWithin ) );
+   // Another interval or so: still nothing has crossed over.
+   EXPECT_FALSE( pollFor( [ & ] { return !asWanted(); }, std::chrono::milliseconds( 1000 ) ) );
+}
+
+// A standby daemon sends and hears nothing. Made active by a reload it forms
+// its neighbour and advertises its configured LAN prune delay. Its fast
+// upgrade then puts the stretched hold time on the wire, and the peer keeps
+// it after it has gone.
+TEST_F( DaemonNetnsTest, StandbyThenActiveThenFastUpgrade ) {
+   Daemon * a = router( "a", "198.18.8.1/24", "2001:db8:8::1/64" );
+   Daemon * b = router( "b", "198.18.8.2/24", "2001:db8:8::2/64" );
+   ASSERT_TRUE( a && b );
+   const std::string active = configText( a->intf(), "ipv4, ipv6", 1 ) +
+                              "        propagation-delay: 750\n        override-interval: 3000\n";
+   a->configIs( "redundancy: standby\n" + active );
+   b->configIs( configText( b->intf(), "ipv4, ipv6", 1 ) );
+   ASSERT_TRUE( a->start() && b->start() );
+   // An active daemon would be seen within an interval or so.
+   EXPECT_FALSE( pollFor( [ & ] { return b->hasNeighbor( "ip", "198.18.8.1" ) || a->hasNeighbor( "ip", "198.18.8.2" ); },
+                          std::chrono::milliseconds( 1500 ) ) );
+   a->configIs( active );
+   a->signal( SIGHUP );
+   std::string a6;
+   EXPECT_TRUE( pollFor(
+      [ & ] {
+         a6 = ownAddress( *a, "ipv6" );
+         return b->hasNeighbor( "ip", "198.18.8.1" ) && a->hasNeighbor( "ip", "198.18.8.2" ) && b->hasNeighbor( "ipv6", a6 );
+      },
+      kFormWithin ) );
+   EXPECT_EQ( neighbourField( *b, "ip", "neighbor 198.18.8.1", "198.18.8.1", "propagationDelay" ), Json( 750 ) );
+   EXPECT_EQ( neighbourField( *b, "ip", "neighbor 198.18.8.1", "198.18.8.1", "overrideInterval" ), Json( 3000 ) );
+
+   a->signal( SIGUSR1 );
+   EXPECT_TRUE( pollFor(
+      [ & ] {
+         return neighbourField( *b, "ip", "neighbor", "198.18.8.1", "holdTimeMax" ) == Json( 420 ) &&
+                neighbourField( *b, "ipv6", "neighbor", a6, "holdTimeMax" ) == Json( 420 );
+      },
+      std::chrono::milliseconds( 1000 ) ) );
+   // Both families finish their notify delay (5 s) together.
+   EXPECT_EQ( a->exited( std::chrono::milliseconds( 7000 ) ), 0 );
+   // Long past the 3 s that a advertised before.
+   EXPECT_TRUE( b->hasNeighbor( "ip", "198.18.8.1" ) && b->hasNeighbor( "ipv6", a6 ) );
 }
 
 } // namespace
