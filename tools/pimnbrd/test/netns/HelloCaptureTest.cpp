@@ -124,9 +124,8 @@ TEST_F( HelloCaptureTest, EveryHelloSentDecodesWithTheConfiguredOptions ) {
    Daemon * d = router( "c", "198.18.20.1/24", "2001:db8:20::1/64" );
    ASSERT_TRUE( d );
    d->configIs( "address-families: [ipv4, ipv6]\nvrfs:\n  default:\n    interfaces:\n      " + d->intf() +
-                ":\n        hello-interval: 1\n        hello-holdtime: 7\n        dr-priority: 42\n" );
-   // The LAN prune delay goes out with its defaults (500 ms, 2500 ms): the
-   // file's propagation-delay and override-interval do not reach the agent.
+                ":\n        hello-interval: 1\n        hello-holdtime: 7\n        dr-priority: 42\n"
+                "        propagation-delay: 750\n        override-interval: 3000\n" );
    LiveCapture capture;
    ASSERT_TRUE( capture.start( d->netns(), d->intf() ) ) << "tshark did not start capturing";
    ASSERT_TRUE( d->start() );
@@ -187,8 +186,8 @@ TEST_F( HelloCaptureTest, EveryHelloSentDecodesWithTheConfiguredOptions ) {
          EXPECT_EQ( r.at( f.src ), rows[ 0 ].at( f.src ) );
          EXPECT_EQ( r.at( "pim.holdtime" ), bye ? "0" : "7" );
          EXPECT_EQ( r.at( "pim.dr_priority" ), unlessBye( "42" ) );
-         EXPECT_EQ( r.at( "pim.propagation_delay" ), unlessBye( "500" ) );
-         EXPECT_EQ( r.at( "pim.override_interval" ), unlessBye( "2500" ) );
+         EXPECT_EQ( r.at( "pim.propagation_delay" ), unlessBye( "750" ) );
+         EXPECT_EQ( r.at( "pim.override_interval" ), unlessBye( "3000" ) );
          EXPECT_EQ( r.at( "pim.generation_id" ), unlessBye( rows[ 0 ].at( "pim.generation_id" ) ) );
       }
       EXPECT_EQ( rows[ 0 ].at( f.src ).rfind( f.from, 0 ), 0u ) << rows[ 0 ].at( f.src );
