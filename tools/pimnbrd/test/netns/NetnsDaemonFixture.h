@@ -34,9 +34,19 @@ using NetnsTest::NetnsLab;
 using Clock = std::chrono::steady_clock;
 using Json = nlohmann::json;
 
-// Polls cond every 20 ms until it holds or limit passes.
+// Sanitized builds run the daemons and the show command several times
+// slower, so their waits stretch by this factor; the timing bounds
+// themselves are held in release builds.
+#if defined( __SANITIZE_ADDRESS__ )
+inline constexpr int kSlowdown = 6;
+#else
+inline constexpr int kSlowdown = 1;
+#endif
+
+// Polls cond every 20 ms until it holds or limit (stretched by kSlowdown)
+// passes.
 inline bool pollFor( const std::function< bool() > & cond, std::chrono::milliseconds limit ) {
-   const auto end = Clock::now() + limit;
+   const auto end = Clock::now() + limit * kSlowdown;
    while( !cond() ) {
       if( Clock::now() >= end ) return false;
       std::this_thread::sleep_for( std::chrono::milliseconds( 20 ) );
@@ -82,7 +92,7 @@ class NotifyListener {
    // Reads until a datagram holds line (whole), or limit passes; what came
    // before it is kept in heard().
    bool waitFor( const std::string & line, std::chrono::milliseconds limit ) {
-      const auto end = Clock::now() + limit;
+      const auto end = Clock::now() + limit * kSlowdown;
       for( ;; ) {
          const auto left = std::chrono::duration_cast< std::chrono::milliseconds >( end - Clock::now() );
          pollfd p{ fd_, POLLIN, 0 };
