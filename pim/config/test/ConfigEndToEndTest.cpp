@@ -114,6 +114,7 @@ TEST_F( ConfigEndToEndTest, BfdPeersAskedForAreInTheStoreForTheBfdService ) {
 }
 
 TEST_F( ConfigEndToEndTest, PimVlansOfTheDefaultVrfReachTheVxlanSetHoweverEnabled ) {
+   Kiv::Ptr< Application::Config > app;
    const struct {
       const char * how;
       std::function< void() > enable, disable;
@@ -125,8 +126,11 @@ TEST_F( ConfigEndToEndTest, PimVlansOfTheDefaultVrfReachTheVxlanSetHoweverEnable
         [ this ] { intfConfigIs( "Vlan10", pimModeNone, true ); },
         [ this ] { intfConfigIs( "Vlan10", pimModeNone, false ); } },
       { "application request",
-        [ this ] { applicationIs( "igmp" )->intfModeIs( "Vlan10", pimModeSparse ); },
-        [ this ] { appDir_->entryDel( Kiv::Name( "igmp" ) ); } },
+        [ this, &app ] {
+           app = applicationIs( "igmp" );
+           app->intfModeIs( "Vlan10", pimModeSparse );
+        },
+        [ &app ] { app->intfModeDel( "Vlan10" ); } },
    };
    for( const auto & c : cases ) {
       SCOPED_TRACE( c.how );
