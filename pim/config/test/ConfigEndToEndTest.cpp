@@ -81,12 +81,16 @@ TEST_F( ConfigEndToEndTest, ATableHeldByAReaderShowsOnlyTheCurrentStatusAcrossDi
    ASSERT_TRUE( held );
    EXPECT_EQ( held->pimIntf().size() + held->neighbor().size(), 2u );
 
-   intfConfigIs( "Ethernet7", pimModeNone );
+   // Multicast routing off in the VRF: its interfaces and its container go
+   // in one step.
+   vrfEnabledStatus_->vrfIs( L3::VrfName( "red" ), false );
    ASSERT_TRUE( settle() );
    ASSERT_FALSE( hasContainer( "red" ) );
    EXPECT_EQ( held->pimIntf().size() + held->neighbor().size(), 0u );
 
+   intfConfigIs( "Ethernet7", pimModeNone );
    intfConfigIs( "Ethernet8", pimModeSparse );
+   vrfEnabledStatus_->vrfIs( L3::VrfName( "red" ), true );
    ASSERT_TRUE( settle() );
    ASSERT_EQ( table( "red" ), held );
    EXPECT_EQ( held->pimIntf().size(), 1u );
