@@ -749,6 +749,7 @@ void ConfigSm::doCreateOrDeleteContainer( const L3::VrfName & vrf ) {
       // What is missing is built without and retried: the engine runs in
       // the meantime. A container is never changed in place, so one built
       // without something is rebuilt once that something is there.
+      if( !exists ) CTRACE( 7, "doCreateOrDeleteContainer( " << vrf << " ), Creating ContainerSm" );
       doKniInit( vrf );
       doMounts( vrf );
       const Lumo::NamespaceName ns = namespaceName( vrf );
@@ -763,7 +764,6 @@ void ConfigSm::doCreateOrDeleteContainer( const L3::VrfName & vrf ) {
          CTRACE( 7, "doCreateOrDeleteContainer( " << vrf << " ), Rebuilding ContainerSm with its new inputs" );
          pimVrfContainerSmDel( vrf );
       }
-      CTRACE( 7, "doCreateOrDeleteContainer( " << vrf << " ), Creating ContainerSm" );
       ContainerSmArgs args = inputs_.containerExtras;
       args.vrfName = vrf;
       args.af = af();

@@ -81,12 +81,16 @@ TEST_F( ConfigEndToEndTest, ATableHeldByAReaderShowsOnlyTheCurrentStatusAcrossDi
    ASSERT_TRUE( held );
    EXPECT_EQ( held->pimIntf().size() + held->neighbor().size(), 2u );
 
-   intfConfigIs( "Ethernet7", pimModeNone );
+   // Multicast routing off in the VRF: its interfaces and its container go
+   // in one step.
+   vrfEnabledStatus_->vrfIs( L3::VrfName( "red" ), false );
    ASSERT_TRUE( settle() );
    ASSERT_FALSE( hasContainer( "red" ) );
    EXPECT_EQ( held->pimIntf().size() + held->neighbor().size(), 0u );
 
+   intfConfigIs( "Ethernet7", pimModeNone );
    intfConfigIs( "Ethernet8", pimModeSparse );
+   vrfEnabledStatus_->vrfIs( L3::VrfName( "red" ), true );
    ASSERT_TRUE( settle() );
    ASSERT_EQ( table( "red" ), held );
    EXPECT_EQ( held->pimIntf().size(), 1u );
@@ -114,6 +118,7 @@ TEST_F( ConfigEndToEndTest, BfdPeersAskedForAreInTheStoreForTheBfdService ) {
 }
 
 TEST_F( ConfigEndToEndTest, PimVlansOfTheDefaultVrfReachTheVxlanSetHoweverEnabled ) {
+   Kiv::Ptr< Application::Config > app;
    const struct {
       const char * how;
       std::function< void() > enable, disable;
@@ -125,8 +130,11 @@ TEST_F( ConfigEndToEndTest, PimVlansOfTheDefaultVrfReachTheVxlanSetHoweverEnable
         [ this ] { intfConfigIs( "Vlan10", pimModeNone, true ); },
         [ this ] { intfConfigIs( "Vlan10", pimModeNone, false ); } },
       { "application request",
-        [ this ] { applicationIs( "igmp" )->intfModeIs( "Vlan10", pimModeSparse ); },
-        [ this ] { appDir_->entryDel( Kiv::Name( "igmp" ) ); } },
+        [ this, &app ] {
+           app = applicationIs( "igmp" );
+           app->intfModeIs( "Vlan10", pimModeSparse );
+        },
+        [ &app ] { app->intfModeDel( "Vlan10" ); } },
    };
    for( const auto & c : cases ) {
       SCOPED_TRACE( c.how );

@@ -88,7 +88,7 @@ TEST_F( ContainerFixture, ReceivedHelloReachesHelloSmAndTheStatusTable ) {
    EXPECT_TRUE( seen->neighbor().has( V::NeighborKey( "Ethernet1", ip( "198.18.0.2" ) ) ) );
 }
 
-TEST_F( ContainerFixture, ConfiguredInterfacesArePublishedAndMessagesCounted ) {
+TEST_F( ContainerFixture, PimInterfacesArePublishedAndMessagesCounted ) {
    ContainerSmArgs a = args( Lumo::AddressFamily::ipv4, "red" );
    auto ip = Kiv::make< IpGen::Ipv4Status >();
    ip->intfVrfIs( "Ethernet1", "red" );
@@ -97,8 +97,7 @@ TEST_F( ContainerFixture, ConfiguredInterfacesArePublishedAndMessagesCounted ) {
    config->vrfConfigIs( "red" );
    a.ipStatus = ip;
    a.pimConfigColl = config;
-   config->intfConfigIs( "Ethernet1" )->modeIs( pimModeSparse );
-   config->intfConfigIs( "Ethernet2" )->modeIs( pimModeSparse );
+   allStatus_->pimIntfIs( "Ethernet1", ipm( "198.18.0.1/24" ) )->modeIs( pimModeSparse );
    auto container = containerSmFactory( a );
    run();
    EXPECT_TRUE( container->vrfIpIntfStatus()->intf( "Ethernet1" ) );
