@@ -155,6 +155,7 @@ class ConfigSm : public Kiv::StateMachine {
    void handleActiveSecondaryWithMask( const Lumo::IntfId & intf, const Lumo::IpGenAddrWithMask & a );
    void handleSourceInject( const Lumo::IntfId & intf );
    void handleBfdIntfDefault( const L3::VrfName & vrf );
+   void handleVrfNeighborLimit( const L3::VrfName & vrf );
 
    // ---- VRFs ----
    bool multicastEnabled( const L3::VrfName & vrf ) const;
@@ -180,6 +181,9 @@ class ConfigSm : public Kiv::StateMachine {
    void handleDrDelayTimerExpiry();
    void handleAsuCompletedVrf();
    void handleClearCountersCount( const L3::VrfName & vrf );
+   // Drops every neighbour of the VRF, or of one interface (a non-empty id),
+   // as if each had expired.
+   void handleClearNeighbors( const L3::VrfName & vrf, const Lumo::IntfId & intf );
    void handleClearIpMroute( const L3::VrfName & vrf );
 
    // ---- applications ----
@@ -381,6 +385,7 @@ class ConfigSm::KivIntfConfig : public IntfConfig::NotifieeConst {
    void onBfd() override { handleBfd(); }
    void onPortCapabilityFlags() override { handlePort(); }
    void onFastFailover() override { handleFastFailover(); }
+   void onNeighborLimit() override { handleNeighborLimit(); }
    void handleMode();
    void handleHelloPriority();
    void handleHelloInterval();
@@ -391,6 +396,7 @@ class ConfigSm::KivIntfConfig : public IntfConfig::NotifieeConst {
    void handleBfd();
    void handlePort();
    void handleFastFailover();
+   void handleNeighborLimit();
  private:
    void update( const char * what );
    ConfigSm * owner_;
@@ -402,6 +408,7 @@ class ConfigSm::KivPimConfig : public Config::NotifieeConst {
    KivPimConfig( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Config > & c );
    void onPimConfigured() override { owner_->handlePimConfigured( vrf_ ); }
    void onBfdIntfDefault() override { handleBfdIntfDefault( vrf_ ); }
+   void onNeighborLimit() override { owner_->handleVrfNeighborLimit( vrf_ ); }
    void handleBfdIntfDefault( const L3::VrfName & vrf ) { owner_->handleBfdIntfDefault( vrf ); }
  private:
    ConfigSm * owner_;
@@ -470,6 +477,8 @@ class ConfigSm::KivClearConfig : public ClearConfig::NotifieeConst {
  public:
    KivClearConfig( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const ClearConfig > & c );
    void onCountersCount() override { owner_->handleClearCountersCount( vrf_ ); }
+   void onNeighborsCount() override { owner_->handleClearNeighbors( vrf_, Lumo::IntfId() ); }
+   void onIntfNeighborsCount( const Lumo::IntfId & intf ) override;
  private:
    ConfigSm * owner_;
    L3::VrfName vrf_;

@@ -29,7 +29,8 @@ enum IntfBfd : std::uint8_t {
    X( SCALAR, joinPruneCount, JoinPruneCount, double, 3.5 )                            \
    X( SCALAR, bfd, Bfd, IntfBfd, intfBfdDefault )                                      \
    X( SCALAR, portCapabilityFlags, PortCapabilityFlags, Reliable::CapabilityFlags, 0 ) \
-   X( SCALAR, fastFailover, FastFailover, bool, false )
+   X( SCALAR, fastFailover, FastFailover, bool, false )                                \
+   X( SCALAR, neighborLimit, NeighborLimit, std::uint32_t, kIntfNeighborLimitDefault )
 
 class IntfConfig : public Kiv::Notifier {
  public:
@@ -46,7 +47,8 @@ KIV_NOTIFIEE( IntfConfig, PIM_INTF_CONFIG_ATTRS )
    X( SCALAR, pimConfigured, PimConfigured, bool, false )                    \
    X( SCALAR, bfdIntfDefault, BfdIntfDefault, bool, false )                  \
    X( SCALAR, sctpSrcIntf, SctpSrcIntf, Lumo::IntfId, {} )                   \
-   X( SCALAR, neighborChangeLog, NeighborChangeLog, bool, false )
+   X( SCALAR, neighborChangeLog, NeighborChangeLog, bool, false )            \
+   X( SCALAR, neighborLimit, NeighborLimit, std::uint32_t, kVrfNeighborLimitDefault )
 
 class Config : public Kiv::Notifier {
  public:
@@ -81,8 +83,12 @@ class ConfigColl : public Kiv::Notifier {
 KIV_NOTIFIEE( ConfigColl, PIM_CONFIG_COLL_ATTRS )
 
 // ---- clear commands -------------------------------------------------------------
-#define PIM_CLEAR_CONFIG_ATTRS( X ) \
-   X( COUNTER, countersCount, CountersCount, std::uint32_t )
+// Request counters: each bump is one request. neighborsCount drops every
+// neighbour of the VRF; intfNeighborsCount those of one interface.
+#define PIM_CLEAR_CONFIG_ATTRS( X )                                       \
+   X( COUNTER, countersCount, CountersCount, std::uint32_t )              \
+   X( COUNTER, neighborsCount, NeighborsCount, std::uint32_t )            \
+   X( COLL, intfNeighborsCount, IntfNeighborsCount, Lumo::IntfId, std::uint32_t )
 
 class ClearConfig : public Kiv::Notifier {
  public:

@@ -73,7 +73,8 @@ KivVarn::MountInfo Status::mountInfo() {
                                            { kNeighborSecondaryAddressTable, 16384 },
                                            { kIntfSecondaryAddressTable, 4096 },
                                            { kIntfSecondaryPrefixTable, 4096 },
-                                           { kInactiveNeighborTable, 8192 } } );
+                                           { kInactiveNeighborTable, 8192 },
+                                           { kRefusedNeighborTable, 4096 } } );
 }
 
 Status::Status( const Kiv::Name & name, const KivVarn::MountInfo & info,
@@ -91,12 +92,15 @@ Status::Status( const Kiv::Name & name, const KivVarn::MountInfo & info,
       store, kIntfSecondaryPrefixTable, size( kIntfSecondaryPrefixTable ) );
    inactiveNeighbor_ = KivVarn::Table< NeighborRef >::make( store, kInactiveNeighborTable,
                                                             size( kInactiveNeighborTable ) );
+   refusedNeighbor_ = KivVarn::Table< RefusedNeighbor >::make( store, kRefusedNeighborTable,
+                                                               size( kRefusedNeighborTable ) );
 }
 
 Status::Status( const Kiv::Name & name )
       : Status( name, mountInfo(), KivVarn::HeapTableStore::instance() ) {}
 
 void Status::clear() {
+   refusedNeighbor_.clear();
    inactiveNeighbor_.clear();
    neighborSecondaryAddress_.clear();
    neighbor_.clear();
