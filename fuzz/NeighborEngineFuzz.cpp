@@ -19,6 +19,7 @@
 #include "kiv/Log.h"
 #include "kiv/testing/TestLoop.h"
 #include "status/PimStatusWriterSm.h"
+#include "varn/VarnMount.h"
 
 using namespace Routing::Pim;
 
@@ -94,7 +95,18 @@ class Engine {
       inputs.kernelIntfStatus = kernel;
       inputs.routerIdInfo = routerIdInfoFactory( vrf );
       rx = Kiv::make< IO::MessageInfo >();
-      varn = Kiv::make< Varn::Status >( "routing/pim/status/default" );
+      // Tables just large enough for what the limits let in: the default
+      // sizes would make setting up dominate every run.
+      const KivVarn::MountInfo sizes( Varn::Status::kTypeName,
+                                      { { Varn::kPimIntfTable, 4 },
+                                        { Varn::kNeighborTable, 32 },
+                                        { Varn::kNeighborSecondaryAddressTable, 512 },
+                                        { Varn::kIntfSecondaryAddressTable, 8 },
+                                        { Varn::kIntfSecondaryPrefixTable, 8 },
+                                        { Varn::kInactiveNeighborTable, 32 },
+                                        { Varn::kRefusedNeighborTable, 32 } } );
+      varn = Kiv::make< Varn::Status >( "routing/pim/status/default", sizes,
+                                        KivVarn::HeapTableStore::instance() );
       writer = Varn::StatusWriterSmIs( "default", allStatus, varn );
       global = GlobalIntfSmIs( allStatus, inputs );
       helloSm = HelloSmIs( allStatus, rx );

@@ -161,9 +161,13 @@ void NeighborSm::handleLanPruneDelayOption() {
 void NeighborSm::handleSecondaryAddress( const Lumo::IpGenAddr & addr ) {
    NTRACE( 8, "void Routing::Pim::NeighborSm::handleSecondaryAddress(const Lumo::IpGenAddr&)"
                  << " address: " << addr );
-   NEIGHBOR_PRESENT_OR_RETURN();
+   if( !initialized() || !neighbor_ || !intf_ ) return;
    const Lumo::IpGenAddr * ownerSlot = intf_->nbSecondaryAddressColl().find( addr );
+   // A mapping this neighbour owns goes with the address even when the
+   // neighbour has just gone: a goodbye drops its list and the entry in
+   // one turn, and nothing else would release the mapping.
    if( neighbor_->secondaryAddress( addr ) ) {
+      NEIGHBOR_PRESENT_OR_RETURN();
       if( !ownerSlot ) {
          intf_->nbSecondaryAddressIs( addr, address_ );
          NTRACE( 7, "Neighbor secondary address " << addr << " added on neighbor " << address_

@@ -169,7 +169,7 @@ TEST( ScenarioSecondaryAddress, ContestedAddressGoesToTheNewestAdvertiserEveryTi
                           "which was previously advertised by neighbor 198.18.0.3" );
 }
 
-TEST( ScenarioSecondaryAddress, AnExpiredNeighborTakesItsSecondariesWithIt ) {
+TEST( ScenarioSecondaryAddress, AnExpiredOrDepartedNeighborTakesItsSecondariesWithIt ) {
    EngineFixture f;
    const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
@@ -185,6 +185,11 @@ TEST( ScenarioSecondaryAddress, AnExpiredNeighborTakesItsSecondariesWithIt ) {
    EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
    EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7,
                           "Neighbor secondary address 198.18.0.160 is removed for interface Ethernet1" ) );
+
+   // A goodbye carries no list: the entry and its mappings go together.
+   f.receive( eth1, hello( "198.18.0.3" ).hold( 0 ) );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.3" ) );
+   EXPECT_EQ( intf->nbSecondaryAddressSize(), 0u );
 }
 
 } // namespace
