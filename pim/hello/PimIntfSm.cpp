@@ -443,6 +443,10 @@ void IntfSm::handleNeighbor( const Lumo::IpGenAddr & addr ) {
          if( nsm->neighbor() ) {
             for( auto it = nsm->neighbor()->secondaryAddressIter(); it; ++it ) {
                const Lumo::IpGenAddr secondary = it.key();
+               // Only its own mappings: a departing neighbour may list, in
+               // its last Hello, an address another neighbour owns.
+               const Lumo::IpGenAddr * owner = intf_->nbSecondaryAddressColl().find( secondary );
+               if( owner && *owner != addr ) continue;
                ITRACE( 7, "Neighbor secondary address " << secondary << " is removed for interface "
                                                         << intfId_ );
                intf_->nbSecondaryAddressDel( secondary );

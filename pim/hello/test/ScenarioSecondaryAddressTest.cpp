@@ -186,9 +186,14 @@ TEST( ScenarioSecondaryAddress, AnExpiredOrDepartedNeighborTakesItsSecondariesWi
    EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7,
                           "Neighbor secondary address 198.18.0.160 is removed for interface Ethernet1" ) );
 
-   // A goodbye carries no list: the entry and its mappings go together.
-   f.receive( eth1, hello( "198.18.0.3" ).hold( 0 ) );
+   // A goodbye takes the sender's mappings and no one else's, whatever its
+   // list says.
+   f.receive( eth1, hello( "198.18.0.4" ).addrs( { "198.18.0.180" } ) );
+   f.receive( eth1, hello( "198.18.0.3" ).hold( 0 ).addrs( { "198.18.0.180" } ) );
    EXPECT_FALSE( f.neighbor( eth1, "198.18.0.3" ) );
+   EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
+   EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.180" ) ), ip( "198.18.0.4" ) );
+   f.receive( eth1, hello( "198.18.0.4" ).hold( 0 ) );
    EXPECT_EQ( intf->nbSecondaryAddressSize(), 0u );
 }
 
