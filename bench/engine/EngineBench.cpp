@@ -64,6 +64,8 @@ struct Vrf {
       in.routerIdInfo = Kiv::make< RouterIdInfo >( in.vrfName );
       global = GlobalIntfSmIs( allStatus, in );
       hello = HelloSmIs( allStatus, rx );
+      // 100,000 neighbours: far beyond the VRF's default limit.
+      allStatus->neighborLimitIs( 1u << 20 );
       for( int k = 0; k < kIntfs; ++k ) {
          const Lumo::IntfId id( "et" + std::to_string( k + 1 ) );
          kernel->deviceIntfStatusIs( id, Interface::DeviceIntfStatus{ "eth" + std::to_string( k ), std::uint32_t( k + 2 ), true } );

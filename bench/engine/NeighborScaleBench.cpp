@@ -54,6 +54,9 @@ struct Vrf {
       hello = HelloSmIs( allStatus, rx );
       intf = allStatus->pimIntfIs( kIntf, Lumo::IpGenAddrWithMask( addrOf( 1 ), 15 ) );
       intf->modeIs( pimModeSparse );
+      // Far beyond the production defaults: the cost per neighbour is measured.
+      intf->neighborLimitIs( 1u << 20 );
+      allStatus->neighborLimitIs( 1u << 20 );
       loop.runUntilIdle();
    }
 };

@@ -301,6 +301,7 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
    }
 
    const Kiv::Ptr< AllStatus > status = allStatus( vrf );
+   handleVrfNeighborLimit( vrf );
    Kiv::Ptr< Intf > pimIntf = status->pimIntf( intf );
    if( !pimIntf ) {
       CTRACE( 7, "updatePimIntf( " << intf << " ), Creating interface" );
@@ -360,6 +361,7 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
       pimIntf->joinPruneHoldTimeIs( 210 );
       pimIntf->bfdEnabledIs( false );
       pimIntf->fastFailoverIs( false );
+      pimIntf->neighborLimitIs( kIntfNeighborLimitDefault );
       return;
    }
 
@@ -436,6 +438,11 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
       pimIntf->overrideIntervalIs( config->overrideInterval() );
    }
    pimIntf->sourceInjectIs( inputs_.hostInjectConfig && inputs_.hostInjectConfig->configHas( intf ) );
+   if( pimIntf->neighborLimit() != config->neighborLimit() ) {
+      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Neighbor limit: "
+                    << config->neighborLimit() );
+      pimIntf->neighborLimitIs( config->neighborLimit() );
+   }
 }
 
 void ConfigSm::deletePimIntf( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {
@@ -551,6 +558,14 @@ void ConfigSm::handleBfdIntfDefault( const L3::VrfName & vrf ) {
    const Kiv::Ptr< AllStatus > status = allStatus( vrf );
    if( !status ) return;
    for( auto it = status->pimIntfIter(); it; ++it ) updatePimIntf( vrf, it.key() );
+}
+
+void ConfigSm::handleVrfNeighborLimit( const L3::VrfName & vrf ) {
+   CTRACE( 8, "handleVrfNeighborLimit( " << vrf << " )" );
+   const Kiv::Ptr< AllStatus > status = allStatus( vrf );
+   if( !status ) return;
+   const Kiv::Ptr< const Config > vc = vrfConfig( vrf );
+   status->neighborLimitIs( vc ? vc->neighborLimit() : kVrfNeighborLimitDefault );
 }
 
 // ---- VRFs -----------------------------------------------------------------------------
@@ -1093,6 +1108,22 @@ void ConfigSm::handleClearCountersCount( const L3::VrfName & vrf ) {
    CTRACE( 7, "Can not clear counters for vrf " << vrf << " vrf not defined or PIM not enabled for vrf " );
 }
 
+void ConfigSm::handleClearNeighbors( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {
+   CTRACE( 7, "handleClearNeighbors( " << vrf << ", " << intf << " )" );
+   const Kiv::Ptr< AllStatus > status = allStatus( vrf );
+   if( !status ) {
+      CTRACE( 7, "Can not clear neighbors for vrf " << vrf << " vrf not defined or PIM not enabled for vrf " );
+      return;
+   }
+   // Each deletion is the same event as an expiry; the interface machines
+   // take it in O(log N) per neighbour.
+   if( !intf.isEmpty() ) {
+      if( const Kiv::Ptr< Intf > pimIntf = status->pimIntf( intf ) ) pimIntf->neighborDelAll();
+      return;
+   }
+   for( auto it = status->pimIntfIter(); it; ++it ) it.value()->neighborDelAll();
+}
+
 void ConfigSm::handleClearIpMroute( const L3::VrfName & vrf ) {
    CTRACE( 7, "handleClearIpMroute" << "( " << vrf << " )" );
    const auto & cc = inputs_.clearMrouteConfigColl;
@@ -1264,6 +1295,7 @@ ConfigSm::KivIntfConfig::KivIntfConfig( ConfigSm * o, const Lumo::IntfId & intf,
    handleBfd();
    handlePort();
    handleFastFailover();
+   handleNeighborLimit();
 }
 
 void ConfigSm::KivIntfConfig::update( const char * what ) {
@@ -1282,6 +1314,7 @@ void ConfigSm::KivIntfConfig::handleBfd() { update( "handleBfd" ); }
 void ConfigSm::KivIntfConfig::handlePort() { update( "handlePort" ); }
 void ConfigSm::KivIntfConfig::handleFastFailover() { update( "handleFastFailover" ); }
 void ConfigSm::KivIntfConfig::handleLanPruneDelay() { update( "handleLanPruneDelay" ); }
+void ConfigSm::KivIntfConfig::handleNeighborLimit() { update( "handleNeighborLimit" ); }
 
 ConfigSm::KivPimConfig::KivPimConfig( ConfigSm * o, const L3::VrfName & vrf,
                                       const Kiv::Ptr< const Config > & c )
@@ -1347,6 +1380,12 @@ ConfigSm::KivClearConfig::KivClearConfig( ConfigSm * o, const L3::VrfName & vrf,
       : owner_( o ), vrf_( vrf ) {
    kivOwnerIs( o );
    notifierIs( c );
+}
+
+void ConfigSm::KivClearConfig::onIntfNeighborsCount( const Lumo::IntfId & intf ) {
+   // Only a bump is a request; the entry going away is not.
+   const auto * config = static_cast< const ClearConfig * >( kivNotifier() );
+   if( config && config->intfNeighborsCountHas( intf ) ) owner_->handleClearNeighbors( vrf_, intf );
 }
 
 ConfigSm::ClearMrouteSm::ClearMrouteSm( ConfigSm * o, const L3::VrfName & vrf,

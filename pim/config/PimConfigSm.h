@@ -162,6 +162,7 @@ class ConfigSm : public Kiv::StateMachine {
    void handleActiveSecondaryWithMask( const Lumo::IntfId & intf, const Lumo::IpGenAddrWithMask & a );
    void handleSourceInject( const Lumo::IntfId & intf );
    void handleBfdIntfDefault( const L3::VrfName & vrf );
+   void handleVrfNeighborLimit( const L3::VrfName & vrf );
 
    // ---- VRFs ----
    bool multicastEnabled( const L3::VrfName & vrf ) const;
@@ -191,6 +192,9 @@ class ConfigSm : public Kiv::StateMachine {
    void handleDrDelayTimerExpiry();
    void handleAsuCompletedVrf();
    void handleClearCountersCount( const L3::VrfName & vrf );
+   // Drops every neighbour of the VRF, or of one interface (a non-empty id),
+   // as if each had expired.
+   void handleClearNeighbors( const L3::VrfName & vrf, const Lumo::IntfId & intf );
    void handleClearIpMroute( const L3::VrfName & vrf );
 
    // ---- applications ----
@@ -404,6 +408,7 @@ class ConfigSm::KivIntfConfig : public IntfConfig::NotifieeConst {
    void onFastFailover() override { handleFastFailover(); }
    void onPropagationDelay() override { handleLanPruneDelay(); }
    void onOverrideInterval() override { handleLanPruneDelay(); }
+   void onNeighborLimit() override { handleNeighborLimit(); }
    void handleMode();
    void handleHelloPriority();
    void handleHelloInterval();
@@ -415,6 +420,7 @@ class ConfigSm::KivIntfConfig : public IntfConfig::NotifieeConst {
    void handlePort();
    void handleFastFailover();
    void handleLanPruneDelay();
+   void handleNeighborLimit();
  private:
    void update( const char * what );
    ConfigSm * owner_;
@@ -426,6 +432,7 @@ class ConfigSm::KivPimConfig : public Config::NotifieeConst {
    KivPimConfig( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Config > & c );
    void onPimConfigured() override { owner_->handlePimConfigured( vrf_ ); }
    void onBfdIntfDefault() override { handleBfdIntfDefault( vrf_ ); }
+   void onNeighborLimit() override { owner_->handleVrfNeighborLimit( vrf_ ); }
    void handleBfdIntfDefault( const L3::VrfName & vrf ) { owner_->handleBfdIntfDefault( vrf ); }
  private:
    ConfigSm * owner_;
@@ -494,6 +501,8 @@ class ConfigSm::KivClearConfig : public ClearConfig::NotifieeConst {
  public:
    KivClearConfig( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const ClearConfig > & c );
    void onCountersCount() override { owner_->handleClearCountersCount( vrf_ ); }
+   void onNeighborsCount() override { owner_->handleClearNeighbors( vrf_, Lumo::IntfId() ); }
+   void onIntfNeighborsCount( const Lumo::IntfId & intf ) override;
  private:
    ConfigSm * owner_;
    L3::VrfName vrf_;

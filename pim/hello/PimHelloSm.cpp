@@ -16,6 +16,48 @@ Kiv::LogHandle PIM_MODE_MISMATCH( "PIM_MODE_MISMATCH", Kiv::LogWarning,
                                   "Configure the same PIM mode on the interface and on the neighbor.",
                                   0.0, 1.0, 0 );
 
+Kiv::LogHandle PIM_NEIGHBOR_LIMIT( "PIM_NEIGHBOR_LIMIT", Kiv::LogWarning,
+                                  "Refused neighbor %s on interface %s: the %s limit of %u neighbors is "
+                                  "reached (%u refused on the interface so far)",
+                                  "A Hello from a new neighbor was refused because the interface or the VRF "
+                                  "already has as many neighbors as its limit allows. The sources refused "
+                                  "most recently are shown with the interface's status.",
+                                  "Check the segment for spoofed Hellos, or raise the neighbor limit.",
+                                  60.0, 0.0, 0 );
+
+// The directed broadcast of an IPv4 subnet; nothing for /31, /32 and IPv6.
+bool isSubnetBroadcast( const Lumo::IpGenAddrWithMask & awm, const Lumo::IpGenAddr & a ) {
+   if( !a.isIpv4() || !awm.address().isIpv4() || awm.maskLen() == 0 || awm.maskLen() > 30 ) return false;
+   const std::uint32_t host = ~std::uint32_t( 0 ) >> awm.maskLen();
+   return awm.contains( a ) && ( a.v4HostOrder() & host ) == host;
+}
+bool isSubnetNetwork( const Lumo::IpGenAddrWithMask & awm, const Lumo::IpGenAddr & a ) {
+   if( !a.isIpv4() || !awm.address().isIpv4() || awm.maskLen() == 0 || awm.maskLen() > 30 ) return false;
+   const std::uint32_t host = ~std::uint32_t( 0 ) >> awm.maskLen();
+   return awm.contains( a ) && ( a.v4HostOrder() & host ) == 0;
+}
+
+const Lumo::IpGenAddr kIpv6Loopback( Lumo::IpGenAddr::Bytes16{ 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1 } );
+
+// Why a listed secondary address cannot stand for a neighbour, or null.
+const char * unusableSecondary( const Intf & intf, const Lumo::IpGenAddr & a ) {
+   if( a.isEmpty() || a.af() != intf.addressWithMask().af() ) return "of another family";
+   if( a.isUnspecified() ) return "unspecified";
+   if( a.isMulticast() ) return "multicast";
+   if( a.isIpv4() && ( a.v4HostOrder() >> 24 ) == 127 ) return "loopback";
+   if( a.isIpv6() && a == kIpv6Loopback ) return "loopback";
+   if( a.isIpv4() && ( a.v4HostOrder() == 0xFFFFFFFFu || isSubnetBroadcast( intf.addressWithMask(), a ) ) ) {
+      return "broadcast";
+   }
+   if( a.isIpv6() && a.isLinkLocal() ) return "link-local";
+   if( a == intf.addressWithMask().address() || a == intf.usedAddressWithMask().address() ||
+       intf.secondaryAddress( a ) ) {
+      return "one of our own addresses";
+   }
+   if( intf.neighborColl().find( a ) ) return "the primary address of another neighbor";
+   return nullptr;
+}
+
 // The source must share the interface's configured subnet (same family; an
 // IPv4 mask length of 0 accepts anything).
 bool sameSubnet( const Lumo::IpGenAddrWithMask & awm, const Lumo::IpGenAddr & src ) {
@@ -75,6 +117,13 @@ void HelloSm::handleHelloMessage() {
       return;
    }
 
+   if( isSubnetNetwork( awm, src ) || isSubnetBroadcast( awm, src ) ) {
+      HTRACE( 1, "Error - Neighbor " << src << " is the network or broadcast address of interface "
+                                     << intfId << " with configured address " << awm );
+      intf->refusedSourceAddressCountInc( 1 );
+      return;
+   }
+
    const std::uint16_t holdTime = hello->holdTimePresent() ? hello->holdTime() : intf->helloHoldTime();
    // A goodbye skips the mode check on purpose: it must always be honoured.
    if( holdTime != kHoldTimeGoodbye && modeIncludesBidir( intf->mode() ) && !hello->bidirCapable() ) {
@@ -116,15 +165,27 @@ void HelloSm::handleHelloMessage() {
       if( holdTime == kHoldTimeGoodbye ) {
          return;   // a goodbye from a stranger
       }
+      if( !admitNeighbor( *intf, src, now ) ) return;
       neighbor = intf->neighborIs( src, intf->id(), holdTime, drOption, genIdOption, lpdOption );
       neighbor->creationTimeIs( now );
       neighbor->lastRefreshTimeIs( neighbor->creationTime() );
       HTRACE( 3, "Creating neighbor " << src << " on interface " << intfId );
+      // A primary address outranks anyone's secondary claim to it.
+      if( intf->nbSecondaryAddressHas( src ) ) {
+         const Lumo::IpGenAddr owner = intf->nbSecondaryAddress( src );
+         HTRACE( 1, "Error - Secondary address " << src << " of neighbor " << owner << " on interface "
+                                                 << intfId << " is now the primary address of a neighbor" );
+         intf->ignoredSecondaryCountInc( 1 );
+         if( const Kiv::Ptr< Neighbor > earlier = intf->neighbor( owner ) ) earlier->secondaryAddressDel( src );
+      }
    }
 
    if( hello->secondaryAddrSize() == 0 ) {
       neighbor->secondaryAddressDelAll();
    } else {
+      // What this Hello lets the neighbour keep: the usable addresses, up to
+      // the per-neighbour limit.
+      Kiv::HashMap< Lumo::IpGenAddr, bool > kept;
       for( auto it = hello->secondaryAddrIter(); it; ++it ) {
          const Lumo::IpGenAddr & addr = it.key();
          HTRACE( 8, "Checking secondary address: " << addr );
@@ -133,6 +194,20 @@ void HelloSm::handleHelloMessage() {
                                                     << src << " on interface " << intfId );
             continue;
          }
+         if( const char * why = unusableSecondary( *intf, addr ) ) {
+            HTRACE( 1, "Error - Secondary address " << addr << " of neighbor " << src << " on interface "
+                                                    << intfId << " is " << why << "; ignored" );
+            intf->ignoredSecondaryCountInc( 1 );
+            continue;
+         }
+         if( kept.size() >= kNeighborSecondaryAddressLimit ) {
+            HTRACE( 1, "Error - Secondary address " << addr << " of neighbor " << src << " on interface "
+                                                    << intfId << " is beyond the limit of "
+                                                    << kNeighborSecondaryAddressLimit << "; ignored" );
+            intf->ignoredSecondaryCountInc( 1 );
+            continue;
+         }
+         kept.insertOrAssign( addr, true );
          if( neighbor->secondaryAddress( addr ) ) continue;
          HTRACE( 8, "Adding secondary address " << addr << " for neighbor " << src
                                                 << " on interface " << intfId );
@@ -141,7 +216,7 @@ void HelloSm::handleHelloMessage() {
       for( auto it = neighbor->secondaryAddressIter(); it; ++it ) {
          const Lumo::IpGenAddr addr = it.key();
          HTRACE( 8, "Verifying learnt secondary address: " << addr );
-         if( !hello->secondaryAddr( addr ) ) {
+         if( !kept.contains( addr ) ) {
             HTRACE( 8, "Removing secondary address " << addr << " for neighbor " << src
                                                      << " on interface " << intfId );
             neighbor->secondaryAddressDel( addr );
@@ -150,6 +225,48 @@ void HelloSm::handleHelloMessage() {
    }
 
    processPortOptions( hello, intf, neighbor );
+}
+
+bool HelloSm::admitNeighbor( Intf & intf, const Lumo::IpGenAddr & src, double now ) {
+   const char * limitName = nullptr;
+   std::uint32_t limit = 0;
+   if( intf.neighborSize() >= intf.neighborLimit() ) {
+      limitName = "interface";
+      limit = intf.neighborLimit();
+   } else {
+      // Counted on demand: a handful of interfaces, and only for strangers.
+      std::size_t inVrf = 0;
+      for( auto it = allStatus_->pimIntfIter(); it; ++it ) inVrf += it.value()->neighborSize();
+      if( inVrf < allStatus_->neighborLimit() ) return true;
+      limitName = "VRF";
+      limit = allStatus_->neighborLimit();
+   }
+   HTRACE( 1, "Error - Neighbor " << src << " refused on interface " << intf.id() << ": " << limitName
+                                  << " neighbor limit " << limit << " reached" );
+   intf.refusedNeighborCountInc( 1 );
+   noteRefusedSource( intf, src, now );
+   PIM_NEIGHBOR_LIMIT.log( Lumo::valueToStrep( src ), Lumo::valueToStrep( intf.id() ), limitName, limit,
+                           intf.refusedNeighborCount() );
+   return false;
+}
+
+void HelloSm::noteRefusedSource( Intf & intf, const Lumo::IpGenAddr & src, double now ) {
+   RefusedSource r = intf.refusedSource( src );
+   if( !intf.refusedSourceHas( src ) && intf.refusedSourceSize() >= kRefusedSourcesKept ) {
+      // Full: the source heard from least recently makes room.
+      Lumo::IpGenAddr oldest;
+      double oldestTime = 0.0;
+      for( auto it = intf.refusedSourceIter(); it; ++it ) {
+         if( oldest.isEmpty() || it.value().lastTime < oldestTime ) {
+            oldest = it.key();
+            oldestTime = it.value().lastTime;
+         }
+      }
+      intf.refusedSourceDel( oldest );
+   }
+   ++r.count;
+   r.lastTime = now;
+   intf.refusedSourceIs( src, r );
 }
 
 void HelloSm::processPortOptions( const Kiv::Ptr< const Packet::HelloMessage > & hello,

@@ -26,6 +26,11 @@ class HelloSm : public Kiv::StateMachine {
                             const Kiv::Ptr< Intf > & intf, const Kiv::Ptr< Neighbor > & neighbor );
 
  private:
+   // Whether a new neighbour fits under the interface's and the VRF's
+   // limits; a refusal is counted, remembered and logged.
+   bool admitNeighbor( Intf & intf, const Lumo::IpGenAddr & src, double now );
+   void noteRefusedSource( Intf & intf, const Lumo::IpGenAddr & src, double now );
+
    class KivHelloMessageInfo : public IO::MessageInfo::NotifieeConst {
     public:
       explicit KivHelloMessageInfo( HelloSm * owner ) : owner_( owner ) {}

@@ -33,7 +33,8 @@ enum IntfBfd : std::uint8_t {
    X( SCALAR, portCapabilityFlags, PortCapabilityFlags, Reliable::CapabilityFlags, 0 ) \
    X( SCALAR, fastFailover, FastFailover, bool, false )                                \
    X( SCALAR, propagationDelay, PropagationDelay, std::uint16_t, kPropagationDelayDefault ) \
-   X( SCALAR, overrideInterval, OverrideInterval, std::uint16_t, kOverrideIntervalDefault )
+   X( SCALAR, overrideInterval, OverrideInterval, std::uint16_t, kOverrideIntervalDefault ) \
+   X( SCALAR, neighborLimit, NeighborLimit, std::uint32_t, kIntfNeighborLimitDefault )
 
 class IntfConfig : public Kiv::Notifier {
  public:
@@ -50,7 +51,8 @@ KIV_NOTIFIEE( IntfConfig, PIM_INTF_CONFIG_ATTRS )
    X( SCALAR, pimConfigured, PimConfigured, bool, false )                    \
    X( SCALAR, bfdIntfDefault, BfdIntfDefault, bool, false )                  \
    X( SCALAR, sctpSrcIntf, SctpSrcIntf, Lumo::IntfId, {} )                   \
-   X( SCALAR, neighborChangeLog, NeighborChangeLog, bool, false )
+   X( SCALAR, neighborChangeLog, NeighborChangeLog, bool, false )            \
+   X( SCALAR, neighborLimit, NeighborLimit, std::uint32_t, kVrfNeighborLimitDefault )
 
 class Config : public Kiv::Notifier {
  public:
@@ -85,8 +87,12 @@ class ConfigColl : public Kiv::Notifier {
 KIV_NOTIFIEE( ConfigColl, PIM_CONFIG_COLL_ATTRS )
 
 // ---- clear commands -------------------------------------------------------------
-#define PIM_CLEAR_CONFIG_ATTRS( X ) \
-   X( COUNTER, countersCount, CountersCount, std::uint32_t )
+// Request counters: each bump is one request. neighborsCount drops every
+// neighbour of the VRF; intfNeighborsCount those of one interface.
+#define PIM_CLEAR_CONFIG_ATTRS( X )                                       \
+   X( COUNTER, countersCount, CountersCount, std::uint32_t )              \
+   X( COUNTER, neighborsCount, NeighborsCount, std::uint32_t )            \
+   X( COLL, intfNeighborsCount, IntfNeighborsCount, Lumo::IntfId, std::uint32_t )
 
 class ClearConfig : public Kiv::Notifier {
  public:

@@ -87,7 +87,12 @@ KIV_NOTIFIEE( Neighbor, PIM_NEIGHBOR_ATTRS )
    X( SCALAR, assertTimeout, AssertTimeout, std::uint16_t, 180 )                       \
    X( SCALAR, assertOverrideInterval, AssertOverrideInterval, std::uint16_t, 3 )       \
    X( COUNTER, triggeredHelloCount, TriggeredHelloCount, std::uint32_t )               \
-   X( SCALAR, lastHelloTime, LastHelloTime, double, 0.0 )
+   X( SCALAR, lastHelloTime, LastHelloTime, double, 0.0 )                              \
+   X( SCALAR, neighborLimit, NeighborLimit, std::uint32_t, kIntfNeighborLimitDefault ) \
+   X( COUNTER, refusedNeighborCount, RefusedNeighborCount, std::uint32_t )             \
+   X( COLL, refusedSource, RefusedSource, Lumo::IpGenAddr, RefusedSource )             \
+   X( COUNTER, refusedSourceAddressCount, RefusedSourceAddressCount, std::uint32_t )   \
+   X( COUNTER, ignoredSecondaryCount, IgnoredSecondaryCount, std::uint32_t )
 
 class Intf : public Kiv::Notifier {
  public:
@@ -104,8 +109,9 @@ class Intf : public Kiv::Notifier {
 KIV_NOTIFIEE( Intf, PIM_INTF_ATTRS )
 
 // ---- per-VRF and global status -------------------------------------------------
-#define PIM_ALL_STATUS_ATTRS( X ) \
-   X( ENTITIES, pimIntf, PimIntf, Lumo::IntfId, Intf )
+#define PIM_ALL_STATUS_ATTRS( X )                              \
+   X( ENTITIES, pimIntf, PimIntf, Lumo::IntfId, Intf )         \
+   X( SCALAR, neighborLimit, NeighborLimit, std::uint32_t, kVrfNeighborLimitDefault )
 
 class AllStatus : public Kiv::Notifier {
  public:

@@ -25,6 +25,10 @@ std::ostream & operator<<( std::ostream & os, const LanPruneDelayOption & o ) {
              << " overrideInterval=" << o.overrideInterval << " tBit=" << o.tBit << ")";
 }
 
+std::ostream & operator<<( std::ostream & os, const RefusedSource & r ) {
+   return os << "count=" << r.count << " last=" << r.lastTime;
+}
+
 namespace Reliable {
 
 std::ostream & operator<<( std::ostream & os, const InterfaceId & id ) {

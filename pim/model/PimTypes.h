@@ -1,6 +1,7 @@
 #pragma once
 // Value types shared by the PIM entities: modes, Hello option values and the
 // reliable-transport (PIM over SCTP) types.
+#include <cstddef>
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -51,6 +52,25 @@ std::ostream & operator<<( std::ostream & os, const LanPruneDelayOption & o );
 inline constexpr std::uint16_t kHoldTimeGoodbye = 0;
 inline constexpr std::uint16_t kHoldTimeInfinite = 0xFFFF;
 inline constexpr std::uint32_t kDrPriorityAddressOnly = 0xFFFFFFFF;
+
+// Limits that keep one hostile sender from growing the neighbour table
+// without bound. The interface and VRF limits are configurable; a widely
+// deployed peer caps an interface at 4,096; the VRF's default matches the
+// rows its status table holds.
+inline constexpr std::uint32_t kIntfNeighborLimitDefault = 4096;
+inline constexpr std::uint32_t kVrfNeighborLimitDefault = 8192;
+// Secondary addresses kept per neighbour (the codec keeps at most 64 per Hello).
+inline constexpr std::uint32_t kNeighborSecondaryAddressLimit = 32;
+// Refused sources remembered per interface, the most recent ones.
+inline constexpr std::size_t kRefusedSourcesKept = 8;
+
+// One source whose Hellos were refused by a neighbour limit.
+struct RefusedSource {
+   std::uint32_t count = 0;
+   double lastTime = 0.0;
+   bool operator==( const RefusedSource & ) const = default;
+};
+std::ostream & operator<<( std::ostream & os, const RefusedSource & r );
 
 namespace Reliable {
 

@@ -42,6 +42,10 @@ Intf intfRow( const ::Routing::Pim::Intf & i ) {
    r.lastHelloTime = i.lastHelloTime();
    r.assertTimeout = i.assertTimeout();
    r.assertOverrideInterval = i.assertOverrideInterval();
+   r.neighborLimit = i.neighborLimit();
+   r.refusedNeighborCount = i.refusedNeighborCount();
+   r.refusedSourceAddressCount = i.refusedSourceAddressCount();
+   r.ignoredSecondaryCount = i.ignoredSecondaryCount();
    return r;
 }
 
@@ -137,6 +141,7 @@ void StatusWriterSm::KivIntf::handleNew() {
    const auto intf = notifier();
    for( auto it = intf->neighborIter(); it; ++it ) handleNeighbor( it.key() );
    for( auto it = intf->inactiveBfdNeighborIter(); it; ++it ) handleInactiveBfdNeighbor( it.key() );
+   for( auto it = intf->refusedSourceIter(); it; ++it ) handleRefusedSource( it.key() );
 }
 
 void StatusWriterSm::KivIntf::handleIntf() {
@@ -195,6 +200,22 @@ void StatusWriterSm::KivIntf::handleInactiveBfdNeighbor( const Lumo::IpGenAddr &
    }
 }
 
+void StatusWriterSm::KivIntf::handleRefusedSource( const Lumo::IpGenAddr & addr ) {
+   const NeighborKey key( id_, addr );
+   Status & varn = *sm()->varnStatus();
+   if( notifier()->refusedSourceHas( addr ) ) {
+      const RefusedSource src = notifier()->refusedSource( addr );
+      RefusedNeighbor row( key );
+      row.count = src.count;
+      row.lastTime = src.lastTime;
+      varn.refusedNeighborIs( row );
+      refusedWritten_.tryInsert( addr, true );
+   } else {
+      varn.refusedNeighborDel( key );
+      refusedWritten_.erase( addr );
+   }
+}
+
 void StatusWriterSm::KivIntf::handleNeighbor( const Lumo::IpGenAddr & addr ) {
    const auto nbr = notifier()->neighbor( addr );
    std::unique_ptr< KivNeighbor > * existing = neighbor_.find( addr );
@@ -223,6 +244,8 @@ void StatusWriterSm::KivIntf::handleDel() {
       varn.inactiveNeighborDel( NeighborKey( id_, it.key() ) );
    }
    inactiveWritten_.clear();
+   for( auto it = refusedWritten_.iter(); it; ++it ) varn.refusedNeighborDel( NeighborKey( id_, it.key() ) );
+   refusedWritten_.clear();
    while( const Lumo::IpGenAddr * a = neighbor_.firstKey() ) {
       const Lumo::IpGenAddr addr = *a;
       std::unique_ptr< KivNeighbor > gone = std::move( *neighbor_.find( addr ) );

@@ -75,6 +75,7 @@ class StatusWriterSm : public Kiv::StateMachine {
       void handleSecondaryAddress( const Lumo::IpGenAddr & addr );
       void handleSecondaryPrefix( const Lumo::IpGenPrefix & prefix );
       void handleInactiveBfdNeighbor( const Lumo::IpGenAddr & addr );
+      void handleRefusedSource( const Lumo::IpGenAddr & addr );
       void handleNeighbor( const Lumo::IpGenAddr & addr );
       void handleDel();
 
@@ -114,6 +115,11 @@ class StatusWriterSm : public Kiv::StateMachine {
       void onAssertOverrideInterval() override { handleIntf(); }
       void onTriggeredHelloCount() override { handleIntf(); }
       void onLastHelloTime() override { handleIntf(); }
+      void onNeighborLimit() override { handleIntf(); }
+      void onRefusedNeighborCount() override { handleIntf(); }
+      void onRefusedSourceAddressCount() override { handleIntf(); }
+      void onIgnoredSecondaryCount() override { handleIntf(); }
+      void onRefusedSource( const Lumo::IpGenAddr & a ) override { handleRefusedSource( a ); }
 
     private:
       friend class KivNeighbor;
@@ -124,6 +130,7 @@ class StatusWriterSm : public Kiv::StateMachine {
       Kiv::HashMap< Lumo::IpGenAddr, bool > secondaryAddressWritten_;
       Kiv::HashMap< Lumo::IpGenPrefix, bool > secondaryPrefixWritten_;
       Kiv::HashMap< Lumo::IpGenAddr, bool > inactiveWritten_;
+      Kiv::HashMap< Lumo::IpGenAddr, bool > refusedWritten_;
    };
 
    // The VRF's AllStatus: one KivIntf per interface.

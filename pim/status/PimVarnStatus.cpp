@@ -75,7 +75,8 @@ KivVarn::MountInfo Status::mountInfo() {
                                            { kNeighborSecondaryAddressTable, 1u << 22 },
                                            { kIntfSecondaryAddressTable, 1u << 18 },
                                            { kIntfSecondaryPrefixTable, 1u << 18 },
-                                           { kInactiveNeighborTable, 1u << 20 } } );
+                                           { kInactiveNeighborTable, 1u << 20 },
+                                           { kRefusedNeighborTable, 4096 } } );
 }
 
 Status::Status( const Kiv::Name & name, const KivVarn::MountInfo & info,
@@ -93,12 +94,15 @@ Status::Status( const Kiv::Name & name, const KivVarn::MountInfo & info,
       store, kIntfSecondaryPrefixTable, size( kIntfSecondaryPrefixTable ) );
    inactiveNeighbor_ = KivVarn::Table< NeighborRef >::make( store, kInactiveNeighborTable,
                                                             size( kInactiveNeighborTable ) );
+   refusedNeighbor_ = KivVarn::Table< RefusedNeighbor >::make( store, kRefusedNeighborTable,
+                                                               size( kRefusedNeighborTable ) );
 }
 
 Status::Status( const Kiv::Name & name )
       : Status( name, mountInfo(), KivVarn::HeapTableStore::instance() ) {}
 
 void Status::clear() {
+   refusedNeighbor_.clear();
    inactiveNeighbor_.clear();
    neighborSecondaryAddress_.clear();
    neighbor_.clear();

@@ -158,6 +158,10 @@ struct Intf {
    double lastHelloTime;
    std::uint16_t assertTimeout;
    std::uint16_t assertOverrideInterval;
+   std::uint32_t neighborLimit;
+   std::uint32_t refusedNeighborCount;      // Hellos refused by a neighbour limit
+   std::uint32_t refusedSourceAddressCount; // Hellos from the subnet's network or broadcast address
+   std::uint32_t ignoredSecondaryCount;     // secondary addresses not taken
    PIM_VARN_ZEROED( Intf )
    explicit Intf( const Lumo::IntfId & id ) : Intf() { key = Key( id ); }
 };
@@ -231,6 +235,17 @@ struct NeighborRef {
    explicit NeighborRef( const Key & k ) : NeighborRef() { key = k; }
 };
 
+// A source refused by a neighbour limit, among the most recent of its
+// interface.
+struct RefusedNeighbor {
+   using Key = NeighborKey;
+   Key key;
+   std::uint32_t count;
+   double lastTime;
+   PIM_VARN_ZEROED( RefusedNeighbor )
+   explicit RefusedNeighbor( const Key & k ) : RefusedNeighbor() { key = k; }
+};
+
 std::ostream & operator<<( std::ostream & os, const IntfName & n );
 std::ostream & operator<<( std::ostream & os, const Addr & a );
 std::ostream & operator<<( std::ostream & os, const NeighborKey & k );
@@ -243,6 +258,7 @@ inline constexpr const char * kNeighborSecondaryAddressTable = "neighborSecondar
 inline constexpr const char * kIntfSecondaryAddressTable = "intfSecondaryAddress";
 inline constexpr const char * kIntfSecondaryPrefixTable = "intfSecondaryPrefix";
 inline constexpr const char * kInactiveNeighborTable = "inactiveNeighbor";
+inline constexpr const char * kRefusedNeighborTable = "refusedNeighbor";
 
 class Status : public Kiv::Entity {
  public:
@@ -283,6 +299,8 @@ class Status : public Kiv::Entity {
    }
    bool inactiveNeighborIs( const NeighborRef & row ) { return inactiveNeighbor_.rowIs( row ); }
    bool inactiveNeighborDel( const NeighborKey & key ) { return inactiveNeighbor_.rowDel( key ); }
+   bool refusedNeighborIs( const RefusedNeighbor & row ) { return refusedNeighbor_.rowIs( row ); }
+   bool refusedNeighborDel( const NeighborKey & key ) { return refusedNeighbor_.rowDel( key ); }
    // Empties every table.
    void clear();
 
@@ -299,6 +317,7 @@ class Status : public Kiv::Entity {
       return intfSecondaryPrefix_;
    }
    const KivVarn::Table< NeighborRef > & inactiveNeighbor() const { return inactiveNeighbor_; }
+   const KivVarn::Table< RefusedNeighbor > & refusedNeighbor() const { return refusedNeighbor_; }
 
  private:
    KivVarn::Table< Intf > pimIntf_;
@@ -307,6 +326,7 @@ class Status : public Kiv::Entity {
    KivVarn::Table< IntfSecondaryAddress > intfSecondaryAddress_;
    KivVarn::Table< IntfSecondaryPrefix > intfSecondaryPrefix_;
    KivVarn::Table< NeighborRef > inactiveNeighbor_;
+   KivVarn::Table< RefusedNeighbor > refusedNeighbor_;
 };
 
 // "routing/pim/status/<vrf>", "routing6/pim/status/<vrf>".

@@ -26,7 +26,8 @@ std::ostream & operator<<( std::ostream & os, const DecodeStats & s ) {
    return os << "options=" << s.options << " unknown=" << s.unknownOptions
              << " badLength=" << s.badLengthOptions << " duplicate=" << s.duplicateOptions
              << " otherFamilyAddrs=" << s.otherFamilyAddrs
-             << " badAddressEntries=" << s.badAddressEntries << " droppedAddrs=" << s.droppedAddrs;
+             << " badAddressEntries=" << s.badAddressEntries << " droppedAddrs=" << s.droppedAddrs
+             << " duplicateAddrs=" << s.duplicateAddrs;
 }
 
 namespace {
@@ -141,6 +142,7 @@ ListResult getAddressList( const std::uint8_t * v, std::size_t len, Family famil
    const std::size_t before = out.size();
    std::uint32_t other = 0;
    std::uint32_t dropped = 0;
+   std::uint32_t duplicates = 0;
    ListResult result = ListResult::ok;
    std::size_t i = 0;
    while ( i < len ) {
@@ -161,7 +163,13 @@ ListResult getAddressList( const std::uint8_t * v, std::size_t len, Family famil
       if ( f != family ) {
          ++other;
       } else if ( out.size() < kMaxAddressesKept ) {
-         out.push_back( Addr::fromBytes( f, v + i + 2 ) );
+         // Repeats must not eat the cap; the scan is bounded by the cap.
+         const Addr a = Addr::fromBytes( f, v + i + 2 );
+         if ( std::find( out.begin(), out.end(), a ) != out.end() ) {
+            ++duplicates;
+         } else {
+            out.push_back( a );
+         }
       } else {
          ++dropped;
       }
@@ -173,6 +181,7 @@ ListResult getAddressList( const std::uint8_t * v, std::size_t len, Family famil
    }
    stats.otherFamilyAddrs += other;
    stats.droppedAddrs += dropped;
+   stats.duplicateAddrs += duplicates;
    return result;
 }
 

@@ -4,7 +4,8 @@
 //
 // Decoding is total: any input gives either a Hello or a reject reason, it
 // never throws, and the memory it takes is bounded (at most
-// kMaxAddressesKept secondary addresses are kept; the rest are counted).
+// kMaxAddressesKept distinct secondary addresses are kept; repeats and the
+// rest are counted).
 // Damage confined to one option costs that option only: it is skipped and
 // counted in DecodeStats while the rest of the Hello is used.
 #include <cstddef>
@@ -44,11 +45,13 @@ struct DecodeStats {
    std::uint32_t otherFamilyAddrs = 0;  // address list entries of the other family
    std::uint32_t badAddressEntries = 0; // entries of unknown family or encoding (rest of list lost)
    std::uint32_t droppedAddrs = 0;      // addresses beyond kMaxAddressesKept
+   std::uint32_t duplicateAddrs = 0;    // repeats of an address already kept
    bool operator==( const DecodeStats & ) const = default;
    // Anything at all skipped?
    bool clean() const {
       return unknownOptions == 0 && badLengthOptions == 0 && duplicateOptions == 0 &&
-             otherFamilyAddrs == 0 && badAddressEntries == 0 && droppedAddrs == 0;
+             otherFamilyAddrs == 0 && badAddressEntries == 0 && droppedAddrs == 0 &&
+             duplicateAddrs == 0;
    }
 };
 std::ostream & operator<<( std::ostream & os, const DecodeStats & s );

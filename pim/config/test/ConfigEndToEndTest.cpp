@@ -69,6 +69,56 @@ TEST_F( ConfigEndToEndTest, ConfiguredInterfaceLearnsANeighbourIntoTheStatusTabl
    EXPECT_EQ( pimIntf( "red", "Ethernet7" )->usedDr(), ip( "198.18.7.1" ) );
 }
 
+// Limits come from configuration; a clear request drops the neighbours of
+// one interface, then of the whole VRF, each as if it had expired.
+TEST_F( ConfigEndToEndTest, ConfiguredLimitsCapTheTableAndClearRequestsDropNeighbours ) {
+   auto vrfConfig = vrfIs( "red" );
+   kernelIntfIs( "ns-red", "Ethernet7", 12 );
+   kernelIntfIs( "ns-red", "Ethernet8", 13 );
+   ipIntfIs( "Ethernet7", "red", "198.18.7.1/24" );
+   ipIntfIs( "Ethernet8", "red", "198.18.8.1/24" );
+   intfConfigIs( "Ethernet7", pimModeSparse )->neighborLimitIs( 2 );
+   intfConfigIs( "Ethernet8", pimModeSparse );
+   vrfConfig->neighborLimitIs( 4 );
+   start();
+   ASSERT_TRUE( settle() );
+   auto e7 = pimIntf( "red", "Ethernet7" );
+   auto e8 = pimIntf( "red", "Ethernet8" );
+   ASSERT_TRUE( e7 && e8 );
+   EXPECT_EQ( e8->neighborLimit(), kIntfNeighborLimitDefault );
+   for( const char * src : { "198.18.7.2", "198.18.7.3", "198.18.7.4" } ) receiveHello( "red", "Ethernet7", src, 105 );
+   for( const char * src : { "198.18.8.2", "198.18.8.3", "198.18.8.4" } ) receiveHello( "red", "Ethernet8", src, 105 );
+   EXPECT_EQ( e7->neighborSize(), 2u );
+   EXPECT_EQ( e7->refusedNeighborCount(), 1u );
+   EXPECT_EQ( e8->neighborSize(), 2u ) << "the VRF limit";
+   EXPECT_EQ( e8->refusedNeighborCount(), 1u );
+   auto status = table( "red" );
+   ASSERT_TRUE( status );
+   const auto refused = status->refusedNeighbor().row( Varn::NeighborKey( Lumo::IntfId( "Ethernet8" ), ip( "198.18.8.4" ) ) );
+   ASSERT_TRUE( refused );
+   EXPECT_EQ( refused->count, 1u );
+
+   auto clear = clearConfigColl_->vrfClearConfigIs( L3::VrfName( "red" ) );
+   clear->intfNeighborsCountIs( Lumo::IntfId( "Ethernet7" ), 0 );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( e7->neighborSize(), 2u ) << "a new request entry is not a request";
+   clear->intfNeighborsCountIs( Lumo::IntfId( "Ethernet7" ), 1 );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( e7->neighborSize(), 0u );
+   EXPECT_EQ( e7->activeNeighborSize(), 0u );
+   EXPECT_EQ( e7->usedDr(), ip( "198.18.7.1" ) );
+   EXPECT_EQ( e8->neighborSize(), 2u );
+   EXPECT_FALSE( status->neighbor().has( Varn::NeighborKey( Lumo::IntfId( "Ethernet7" ), ip( "198.18.7.2" ) ) ) );
+   receiveHello( "red", "Ethernet7", "198.18.7.4", 105 );
+   EXPECT_EQ( e7->neighborSize(), 1u ) << "room again after the clear";
+
+   clear->neighborsCountInc();
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( e7->neighborSize() + e8->neighborSize(), 0u );
+   EXPECT_EQ( status->neighbor().size(), 0u );
+   EXPECT_EQ( e8->usedDr(), ip( "198.18.8.1" ) );
+}
+
 TEST_F( ConfigEndToEndTest, ATableHeldByAReaderShowsOnlyTheCurrentStatusAcrossDisableAndEnable ) {
    vrfIs( "red" );
    ipIntfIs( "Ethernet7", "red", "198.18.7.1/24" );

@@ -71,13 +71,36 @@ TEST( ScenarioHelloRxValidation, Ipv4MaskLengthZeroAcceptsAnySender ) {
    EXPECT_EQ( intf->neighborSize(), 2u );
 }
 
-TEST( ScenarioHelloRxValidation, OwnAddressIsRefusedOnIpv4 ) {
-   EngineFixture f;
-   auto intf = f.startIntf( ethernet( 1 ), "198.18.0.1/24" );
-   f.receive( ethernet( 1 ), hello( "198.18.0.1" ) );
-   EXPECT_EQ( intf->neighborSize(), 0u );
-   EXPECT_TRUE( f.traced( EngineFixture::kHelloTrace, 1,
-                          "Error - Neighbor 198.18.0.1 is the same as interface address for Ethernet1" ) );
+// Our own address, and the network and broadcast addresses of subnets that
+// have them, never become neighbours; /31 and /32 have neither.
+TEST( ScenarioHelloRxValidation, OwnNetworkAndBroadcastSourcesAreRefusedOnIpv4 ) {
+   struct Case {
+      const char * intf;
+      const char * source;
+      bool learnt;
+      const char * trace;
+      std::uint32_t counted;
+   };
+   const Case cases[] = {
+      { "198.18.0.1/24", "198.18.0.1", false, "Error - Neighbor 198.18.0.1 is the same as interface address for Ethernet1", 0 },
+      { "198.18.0.1/24", "198.18.0.0", false, "Error - Neighbor 198.18.0.0 is the network or broadcast address of interface Ethernet1", 1 },
+      { "198.18.0.1/24", "198.18.0.255", false, "Error - Neighbor 198.18.0.255 is the network or broadcast address", 1 },
+      { "198.18.0.5/30", "198.18.0.7", false, "Error - Neighbor 198.18.0.7 is the network or broadcast address", 1 },
+      { "198.18.0.5/30", "198.18.0.6", true, nullptr, 0 },
+      { "198.18.0.0/31", "198.18.0.1", true, nullptr, 0 },
+      { "198.18.0.1/31", "198.18.0.0", true, nullptr, 0 },
+   };
+   for( const Case & c : cases ) {
+      SCOPED_TRACE( std::string( c.intf ) + " " + c.source );
+      EngineFixture f;
+      auto intf = f.startIntf( ethernet( 1 ), c.intf );
+      f.receive( ethernet( 1 ), hello( c.source ) );
+      EXPECT_EQ( intf->neighborSize(), c.learnt ? 1u : 0u );
+      EXPECT_EQ( intf->refusedSourceAddressCount(), c.counted );
+      if( c.trace ) {
+         EXPECT_TRUE( f.traced( EngineFixture::kHelloTrace, 1, c.trace ) );
+      }
+   }
 }
 
 TEST( ScenarioHelloRxValidation, Ipv6SubnetFamilyAndOwnAddressChecks ) {

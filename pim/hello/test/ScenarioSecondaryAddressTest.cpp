@@ -52,18 +52,82 @@ TEST( ScenarioSecondaryAddress, LearntThenRemovedOneByOneThenAllAtOnce ) {
    EXPECT_EQ( intf->nbSecondaryAddressSize(), 0u );
 }
 
-TEST( ScenarioSecondaryAddress, OwnPrimaryInTheListIsAnErrorButTheOthersAreLearnt ) {
+// Addresses that cannot stand for the neighbour are skipped, traced at
+// level 1 and counted; the good one beside them is learnt.
+TEST( ScenarioSecondaryAddress, UnusableAddressesAreIgnoredCountedAndTracedTheOthersLearnt ) {
+   struct Case {
+      Lumo::AddressFamily af;
+      const char * listed;
+      const char * trace;   // the level-1 line that names it
+      std::uint32_t counted;
+   };
+   const auto v4 = Lumo::AddressFamily::ipv4;
+   const auto v6 = Lumo::AddressFamily::ipv6;
+   const Case cases[] = {
+      { v4, "198.18.0.2", "Error - Secondary address 198.18.0.2 is the primary address for neighbor 198.18.0.2", 0 },
+      { v4, "198.18.0.1", "198.18.0.1 of neighbor 198.18.0.2 on interface Ethernet1 is one of our own addresses", 1 },
+      { v4, "198.18.9.1", "is one of our own addresses", 1 },
+      { v4, "198.18.0.3", "is the primary address of another neighbor", 1 },
+      { v4, "0.0.0.0", "is unspecified", 1 },
+      { v4, "224.0.0.13", "is multicast", 1 },
+      { v4, "255.255.255.255", "is broadcast", 1 },
+      { v4, "198.18.0.255", "is broadcast", 1 },
+      { v4, "127.0.0.1", "is loopback", 1 },
+      { v6, "fe80::9", "is link-local", 1 },
+      { v6, "::1", "is loopback", 1 },
+      { v6, "::", "is unspecified", 1 },
+      { v6, "2001:db8::3", "is the primary address of another neighbor", 1 },
+   };
+   for( const Case & c : cases ) {
+      SCOPED_TRACE( c.listed );
+      const bool six = c.af == v6;
+      EngineFixture f( c.af );
+      const auto eth1 = ethernet( 1 );
+      IntfParams p;
+      p.secondary = { ip( six ? "2001:db8:9::1" : "198.18.9.1" ) };
+      auto intf = f.startIntf( eth1, six ? "2001:db8::1/64" : "198.18.0.1/24", p );
+      const char * sender = six ? "2001:db8::2" : "198.18.0.2";
+      const char * good = six ? "2001:db8::120" : "198.18.0.120";
+      f.receive( eth1, hello( six ? "2001:db8::3" : "198.18.0.3" ) );
+      auto h = hello( sender );
+      h.secondary = { ip( c.listed ), ip( good ) };
+      f.receive( eth1, h );
+      auto nb = f.neighbor( eth1, sender );
+      ASSERT_TRUE( nb );
+      EXPECT_EQ( secondariesOf( *nb ), std::set< Lumo::IpGenAddr >{ ip( good ) } );
+      EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
+      EXPECT_EQ( intf->ignoredSecondaryCount(), c.counted );
+      EXPECT_TRUE( f.traced( EngineFixture::kHelloTrace, 1, c.trace ) );
+   }
+}
+
+// The per-neighbour limit holds whatever the Hello lists, and a primary
+// address outranks a secondary claim to it.
+TEST( ScenarioSecondaryAddress, PerNeighborLimitAndAPrimaryTakesItsAddressBack ) {
    EngineFixture f;
    const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   f.receive( eth1, hello( "198.18.0.2" ).addrs( { "198.18.0.2", "198.18.0.120" } ) );
+   auto h = hello( "198.18.0.2" );
+   for( int i = 0; i < 40; ++i ) h.secondary.push_back( ip( "198.18.1." + std::to_string( i + 1 ) ) );
+   f.receive( eth1, h );
    auto nb = f.neighbor( eth1, "198.18.0.2" );
    ASSERT_TRUE( nb );
-   EXPECT_EQ( secondariesOf( *nb ), addrSet( { "198.18.0.120" } ) );
-   EXPECT_FALSE( intf->nbSecondaryAddressHas( ip( "198.18.0.2" ) ) );
+   EXPECT_EQ( nb->secondaryAddressSize(), kNeighborSecondaryAddressLimit );
+   EXPECT_EQ( intf->nbSecondaryAddressSize(), kNeighborSecondaryAddressLimit );
+   EXPECT_EQ( intf->ignoredSecondaryCount(), 40u - kNeighborSecondaryAddressLimit );
+
+   f.receive( eth1, hello( "198.18.0.2" ).addrs( { "198.18.0.7", "198.18.0.8" } ) );
+   EXPECT_EQ( secondariesOf( *nb ), addrSet( { "198.18.0.7", "198.18.0.8" } ) );
+   f.receive( eth1, hello( "198.18.0.7" ) );
+   ASSERT_TRUE( f.neighbor( eth1, "198.18.0.7" ) );
+   EXPECT_EQ( secondariesOf( *nb ), addrSet( { "198.18.0.8" } ) );
+   EXPECT_FALSE( intf->nbSecondaryAddressHas( ip( "198.18.0.7" ) ) );
    EXPECT_TRUE( f.traced( EngineFixture::kHelloTrace, 1,
-                          "Error - Secondary address 198.18.0.2 is the primary address for neighbor 198.18.0.2 "
-                          "on interface Ethernet1" ) );
+                          "Error - Secondary address 198.18.0.7 of neighbor 198.18.0.2 on interface Ethernet1 is "
+                          "now the primary address of a neighbor" ) );
+   // And it is refused when listed again.
+   f.receive( eth1, hello( "198.18.0.2" ).addrs( { "198.18.0.7", "198.18.0.8" } ) );
+   EXPECT_EQ( secondariesOf( *nb ), addrSet( { "198.18.0.8" } ) );
 }
 
 TEST( ScenarioSecondaryAddress, ContestedAddressGoesToTheNewestAdvertiserEveryTime ) {
@@ -140,6 +204,20 @@ TEST( ScenarioSecondaryAddress, ANeighborThatLeavesTakesItsSecondariesWithIt ) {
       EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.161" ) ), ip( "198.18.0.4" ) );
       EXPECT_TRUE( f.logTexts( "PIM_NEIGHBOR_SECONDARY_ADDRESS_CONFLICT" ).empty() );
    }
+
+   // A goodbye takes the sender's mappings and no one else's, whatever its
+   // list says.
+   EngineFixture f;
+   const auto eth1 = ethernet( 1 );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   f.receive( eth1, hello( "198.18.0.3" ).addrs( { "198.18.0.170" } ) );
+   f.receive( eth1, hello( "198.18.0.4" ).addrs( { "198.18.0.180" } ) );
+   f.receive( eth1, hello( "198.18.0.3" ).hold( 0 ).addrs( { "198.18.0.180" } ) );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.3" ) );
+   EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
+   EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.180" ) ), ip( "198.18.0.4" ) );
+   f.receive( eth1, hello( "198.18.0.4" ).hold( 0 ) );
+   EXPECT_EQ( intf->nbSecondaryAddressSize(), 0u );
 }
 
 } // namespace

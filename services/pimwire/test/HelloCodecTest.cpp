@@ -448,19 +448,23 @@ TEST_P( Lenient, RepeatedOptionLastOneWins ) {
    EXPECT_EQ( r.stats.duplicateOptions, 2u );
 }
 
-TEST_P( Lenient, AddressListIsCappedAndTheExcessCounted ) {
+// Repeats are dropped before the cap applies, so they cannot crowd out
+// distinct addresses.
+TEST_P( Lenient, AddressListIsDeduplicatedThenCappedAndTheExcessCounted ) {
    const Endpoints e = endpoints( GetParam() );
    std::vector< std::uint8_t > value;
    for ( std::size_t i = 0; i < kMaxAddressesKept + 5; ++i ) {
       Addr a = e.src;
       a.bytes[ 3 ] = std::uint8_t( i );
       auto enc = encodedAddr( a );
-      value.insert( value.end(), enc.begin(), enc.end() );
+      for ( int copy = 0; copy < ( i == 1 ? 4 : 1 ); ++copy ) value.insert( value.end(), enc.begin(), enc.end() );
    }
    auto b = Raw().option( 24, value ).option( 24, encodedAddr( e.src ) ).sealed( e );
    DecodeResult r = decode( b, e );
    ASSERT_TRUE( r.ok() );
    EXPECT_EQ( r.hello.addressList.size(), kMaxAddressesKept );
+   EXPECT_EQ( r.hello.addressList.back().bytes[ 3 ], kMaxAddressesKept - 1 );
+   EXPECT_EQ( r.stats.duplicateAddrs, 3u );
    EXPECT_EQ( r.stats.droppedAddrs, 6u );
 }
 
