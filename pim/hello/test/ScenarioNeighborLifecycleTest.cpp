@@ -129,8 +129,15 @@ TEST( ScenarioNeighborLifecycle, GoodbyeRemovesAKnownNeighborAtOnceAndIsIgnoredF
    // A neighbour that leaves triggers no Hello.
    EXPECT_FALSE( intf->triggeredHello() );
 
-   f.trace.clear();
+   // A stranger's goodbye must not create the neighbour, not even for a moment.
+   struct Watch : Intf::NotifieeConst {
+      std::vector< Lumo::IpGenAddr > seen;
+      void onNeighborkivImmediate( const Lumo::IpGenAddr & a ) override { seen.push_back( a ); }
+   } watch;
+   watch.kivImmediateIs( Intf::kivAttr_neighbor, true );
+   watch.notifierIs( intf );
    f.receive( eth1, hello( "198.18.0.3" ).hold( 0 ).dr( 9 ) );
+   EXPECT_TRUE( watch.seen.empty() );
    EXPECT_EQ( intf->neighborSize(), 0u );
    EXPECT_TRUE( f.log.messages().empty() );
    EXPECT_FALSE( intf->triggeredHello() );

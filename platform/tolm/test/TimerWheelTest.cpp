@@ -99,6 +99,16 @@ TEST_F( TimerWheelTest, TiesAcrossWheelsFollowGlobalArmingOrder ) {
    EXPECT_LT( s1, s2 );
 }
 
+// The loop picks among the wheels by the same order.
+TEST_F( TimerWheelTest, LoopFiresTiesAcrossWheelsInArmingOrder ) {
+   auto other = Tolm::TimerWheelIs( clock() );
+   std::vector< int > log;
+   Timer a( wheel_.ptr(), 1, &log ), b( other.ptr(), 2, &log ), c( wheel_.ptr(), 3, &log ), d( other.ptr(), 4, &log );
+   for( Timer * t : { &a, &b, &c, &d } ) t->timeMinIs( 5.0 );
+   ASSERT_TRUE( loop_.advanceTo( 6.0 ) );
+   EXPECT_EQ( log, ( std::vector< int >{ 1, 2, 3, 4 } ) );
+}
+
 TEST_F( TimerWheelTest, DeadlinesOverManyMagnitudesFireInExactOrder ) {
    const Seconds day = 86400.0;
    const std::vector< Seconds > offsets = { 1e-3, 0.3, 70.0, 5 * 3600.0, 60 * day, 10 * 365 * day, 1e15, 1e300 };
