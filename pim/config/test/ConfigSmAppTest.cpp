@@ -64,32 +64,6 @@ TEST_F( ConfigSmAppTest, DefaultPathLeavesPortFlagsAndSourceInjectAlone ) {
    EXPECT_EQ( intf->helloPeriod(), 30 ) << "the defaults are written unconditionally";
 }
 
-TEST_F( ConfigSmAppTest, RequestsMergeWithTheConfiguredMode ) {
-   auto app = applicationIs( "igmp" );
-   app->intfModeIs( "Ethernet1", pimModeSparse );
-   app->intfModeIs( "Ethernet2", pimModeSparse );
-   intfConfigIs( "Ethernet1", pimModeBidir );
-   intfConfigIs( "Ethernet2", pimModeSparse );
-   ASSERT_TRUE( settle() );
-   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->mode(), pimModeSparseBidir );
-   EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
-   EXPECT_TRUE( inBidirSet( "default", "Ethernet1" ) );
-   EXPECT_EQ( pimIntf( "default", "Ethernet2" )->mode(), pimModeSparse );
-
-   // Border router with mode 0: the application's request is the mode.
-   intfConfigIs( "Ethernet2", pimModeNone, true );
-   ASSERT_TRUE( settle() );
-   EXPECT_EQ( pimIntf( "default", "Ethernet2" )->mode(), pimModeSparse );
-}
-
-TEST_F( ConfigSmAppTest, BidirRequestAloneCreatesNothing ) {
-   auto app = applicationIs( "igmp" );
-   app->intfModeIs( "Ethernet1", pimModeBidir );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
-   EXPECT_TRUE( traced( "No Pim or application config on interface" ) );
-}
-
 TEST_F( ConfigSmAppTest, InterfaceStaysUntilNoApplicationRequestsIt ) {
    auto a = applicationIs( "igmp" );
    auto b = applicationIs( "msdp" );

@@ -162,12 +162,6 @@ class ConfigSmFixture : public ::testing::Test {
       }
       return out;
    }
-   bool traced( const std::string & text ) const {
-      return std::any_of( capture_.lines().begin(), capture_.lines().end(),
-                          [ & ]( const Kiv::TraceLine & l ) {
-                             return l.handle == "Pim::Config" && l.text.find( text ) != std::string::npos;
-                          } );
-   }
 
    Lumo::AddressFamily af_;
    Kiv::Testing::TestLoop loop_{ 5000.0 };

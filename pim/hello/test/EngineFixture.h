@@ -332,23 +332,10 @@ class EngineFixture {
    void clearSent() { sent_.clear(); }
 
    // ---- traces and logs ----------------------------------------------------------
-   // Whether a line of the handle at the level contains the text.
+   // Whether a line of the handle at the level contains the text (where the
+   // trace is the behaviour: what is ignored is traced at level 1).
    bool traced( const char * handle, int level, const std::string & text ) const {
       return trace.contains( handle, level, text );
-   }
-   // Whether any line of the handle, at any level, contains the text.
-   bool tracedAnyLevel( const char * handle, const std::string & text ) const {
-      for( const auto & l : trace.lines() ) {
-         if( l.handle == handle && l.text.find( text ) != std::string::npos ) return true;
-      }
-      return false;
-   }
-   std::size_t tracedCount( const char * handle, int level, const std::string & text ) const {
-      std::size_t n = 0;
-      for( const auto & l : trace.lines() ) {
-         if( l.handle == handle && l.level == level && l.text.find( text ) != std::string::npos ) ++n;
-      }
-      return n;
    }
    std::size_t logged( std::string_view name ) const { return log.count( name ); }
    std::vector< std::string > logTexts( std::string_view name ) const {
@@ -358,7 +345,6 @@ class EngineFixture {
       }
       return r;
    }
-   std::string vrfPrefix() const { return "<Vrf:" + std::string( vrfName_.stringValue() ) + ">"; }
 
    // ---- router id ------------------------------------------------------------------
    void startRouterId( const Bridging::MacAddr & mac ) {

@@ -25,146 +25,86 @@ IntfParams ownDelays() {
    return p;
 }
 
-TEST( ScenarioLanPruneDelay, FullUpdatesTakeTheLargestValuesOrTheDefaultsWhileAnyNeighborLacksTheOption ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", ownDelays() );
-   auto sm = f.intfSm( eth1 );
-   EXPECT_EQ( used( *intf ), ( Used{ 400, 2000, false } ) );
+constexpr int kNone = -1;      // a Hello without the LAN prune delay option
+constexpr int kGoodbye = -2;
 
-   f.receive( eth1, hello( "198.18.0.2" ).lpd( 600, 3000, true ) );
-   EXPECT_EQ( used( *intf ), ( Used{ 600, 3000, true } ) );
-   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7, "Updated used propagation delay for interface Ethernet1 to 600" ) );
-   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7, "Updated used override interval for interface Ethernet1 to 3000" ) );
+// A Hello from `from` (or, with from null, the own values changed to pd/oi),
+// then the used values and how many neighbours lack the option and the T bit.
+struct Step {
+   const char * from;
+   int pd, oi;
+   bool t;
+   Used expect;
+   std::uint32_t lackingOption, lackingTBit;
+};
 
-   f.receive( eth1, hello( "198.18.0.3" ).lpd( 450, 3500, true ) );
-   EXPECT_EQ( used( *intf ), ( Used{ 600, 3500, true } ) );
-
-   f.receive( eth1, hello( "198.18.0.4" ) );
-   EXPECT_EQ( sm->neighborNotUsingLanPrune(), 1u );
-   EXPECT_EQ( sm->neighborNotUsingTBit(), 1u );
-   EXPECT_EQ( used( *intf ), ( Used{ 500, 2500, false } ) );
-
-   // A neighbour with the option but a clear T bit.
-   f.receive( eth1, hello( "198.18.0.5" ).lpd( 100, 100, false ) );
-   EXPECT_EQ( sm->neighborNotUsingLanPrune(), 1u );
-   EXPECT_EQ( sm->neighborNotUsingTBit(), 2u );
-
-   f.receive( eth1, hello( "198.18.0.4" ).hold( 0 ) );
-   EXPECT_EQ( sm->neighborNotUsingLanPrune(), 0u );
-   EXPECT_EQ( used( *intf ), ( Used{ 600, 3500, false } ) );
-   f.receive( eth1, hello( "198.18.0.5" ).hold( 0 ) );
-   EXPECT_EQ( sm->neighborNotUsingTBit(), 0u );
-   EXPECT_EQ( used( *intf ), ( Used{ 600, 3500, true } ) );
-
-   // The own values count in the maximum.
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
-   f.receive( eth1, hello( "198.18.0.3" ).hold( 0 ) );
-   EXPECT_EQ( used( *intf ), ( Used{ 400, 2000, false } ) );
-}
-
-TEST( ScenarioLanPruneDelay, NeighborIncreasesApplyAtOnceDecreasesWaitForTheNextFullUpdate ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", ownDelays() );
-   f.receive( eth1, hello( "198.18.0.2" ).lpd( 600, 3000, true ) );
-   f.receive( eth1, hello( "198.18.0.3" ).lpd( 450, 2600, true ) );
-
-   f.advanceBy( 1.0 );
-   f.receive( eth1, hello( "198.18.0.3" ).lpd( 800, 2700, true ) );
-   EXPECT_EQ( used( *intf ), ( Used{ 800, 3000, true } ) );
-   f.receive( eth1, hello( "198.18.0.3" ).lpd( 100, 4000, true ) );
-   EXPECT_EQ( used( *intf ), ( Used{ 800, 4000, true } ) );
-   f.receive( eth1, hello( "198.18.0.3" ).lpd( 100, 200, true ) );
-   EXPECT_EQ( used( *intf ), ( Used{ 800, 4000, true } ) );
-
-   // A neighbour coming is a full update.
-   f.receive( eth1, hello( "198.18.0.4" ).lpd( 300, 300, true ) );
-   EXPECT_EQ( used( *intf ), ( Used{ 600, 3000, true } ) );
-}
-
-TEST( ScenarioLanPruneDelay, OwnIncreaseAppliesAtOnceOwnDecreaseWaitsAndDefaultsWin ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", ownDelays() );
-   f.receive( eth1, hello( "198.18.0.2" ).lpd( 600, 3000, true ) );
-
-   intf->propagationDelayIs( 700 );
-   intf->overrideIntervalIs( 5000 );
-   f.runUntilIdle();
-   EXPECT_EQ( used( *intf ), ( Used{ 700, 5000, true } ) );
-   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7, "Propagation delay changed to 700 for interface Ethernet1" ) );
-   EXPECT_TRUE( f.traced( EngineFixture::kIntfTrace, 7, "Override interval changed to 5000 for interface Ethernet1" ) );
-
-   intf->propagationDelayIs( 300 );
-   intf->overrideIntervalIs( 1000 );
-   f.runUntilIdle();
-   EXPECT_EQ( used( *intf ), ( Used{ 700, 5000, true } ) );
-
-   f.receive( eth1, hello( "198.18.0.3" ).lpd( 350, 1500, true ) );
-   EXPECT_EQ( used( *intf ), ( Used{ 600, 3000, true } ) );
-
-   // While a neighbour lacks the option the own value has no say.
-   f.receive( eth1, hello( "198.18.0.4" ) );
-   intf->propagationDelayIs( 9000 );
-   f.runUntilIdle();
-   EXPECT_EQ( intf->usedPropagationDelay(), 500 );
-}
-
-TEST( ScenarioLanPruneDelay, ChangesOfNeighborsWithTheOptionAreIgnoredWhileAnotherLacksIt ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", ownDelays() );
-   auto sm = f.intfSm( eth1 );
-   f.receive( eth1, hello( "198.18.0.2" ).lpd( 600, 3000, true ) );
-   f.receive( eth1, hello( "198.18.0.3" ).lpd( 450, 2600, true ) );
-   f.receive( eth1, hello( "198.18.0.4" ) );
-   EXPECT_EQ( sm->neighborNotUsingTBit(), 1u );
-   EXPECT_EQ( used( *intf ), ( Used{ 500, 2500, false } ) );
-
-   // .2 clears its T bit and raises its delay: the early return skips both.
-   f.advanceBy( 1.0 );
-   f.receive( eth1, hello( "198.18.0.2" ).lpd( 900, 3000, false ) );
-   EXPECT_EQ( sm->neighborNotUsingTBit(), 1u );
-   EXPECT_EQ( used( *intf ), ( Used{ 500, 2500, false } ) );
-
-   // When the neighbour without the option leaves, the full update takes .2's
-   // new delay, but the T bit count never saw .2 clear its bit.
-   f.receive( eth1, hello( "198.18.0.4" ).hold( 0 ) );
-   EXPECT_EQ( sm->neighborNotUsingTBit(), 0u );
-   EXPECT_EQ( used( *intf ), ( Used{ 900, 3000, true } ) );
-}
-
-TEST( ScenarioLanPruneDelay, OptionValidityChangesRecountAndRecompute ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", ownDelays() );
-   auto sm = f.intfSm( eth1 );
-   f.receive( eth1, hello( "198.18.0.2" ).lpd( 600, 3000, true ) );
-   f.receive( eth1, hello( "198.18.0.3" ).lpd( 450, 2600, true ) );
-
-   f.advanceBy( 1.0 );
-   f.receive( eth1, hello( "198.18.0.2" ) );
-   EXPECT_EQ( sm->neighborNotUsingLanPrune(), 1u );
-   EXPECT_EQ( sm->neighborNotUsingTBit(), 1u );
-   EXPECT_EQ( used( *intf ), ( Used{ 500, 2500, false } ) );
-
-   f.advanceBy( 1.0 );
-   f.receive( eth1, hello( "198.18.0.2" ).lpd( 550, 2800, true ) );
-   EXPECT_EQ( sm->neighborNotUsingLanPrune(), 0u );
-   EXPECT_EQ( sm->neighborNotUsingTBit(), 0u );
-   EXPECT_EQ( used( *intf ), ( Used{ 550, 2800, true } ) );
-
-   // The T bit alone going clear and set again.
-   f.advanceBy( 1.0 );
-   f.receive( eth1, hello( "198.18.0.3" ).lpd( 450, 2600, false ) );
-   EXPECT_EQ( sm->neighborNotUsingTBit(), 1u );
-   EXPECT_FALSE( intf->usedTBit() );
-   f.advanceBy( 1.0 );
-   f.receive( eth1, hello( "198.18.0.3" ).lpd( 450, 2600, true ) );
-   EXPECT_EQ( sm->neighborNotUsingTBit(), 0u );
-   EXPECT_TRUE( intf->usedTBit() );
-   EXPECT_TRUE( f.tracedAnyLevel( EngineFixture::kIntfTrace, "Updated suppression bit for interface Ethernet1 to" ) );
+TEST( ScenarioLanPruneDelay, UsedValuesFollowNeighborsAndTheOwnConfiguration ) {
+   const std::pair< const char *, std::vector< Step > > scripts[] = {
+      { "largest values, defaults while one lacks the option",
+        { { "198.18.0.2", 600, 3000, true, { 600, 3000, true }, 0, 0 },
+          { "198.18.0.3", 450, 3500, true, { 600, 3500, true }, 0, 0 },
+          { "198.18.0.4", kNone, 0, false, { 500, 2500, false }, 1, 1 },
+          { "198.18.0.5", 100, 100, false, { 500, 2500, false }, 1, 2 },
+          { "198.18.0.4", kGoodbye, 0, false, { 600, 3500, false }, 0, 1 },
+          { "198.18.0.5", kGoodbye, 0, false, { 600, 3500, true }, 0, 0 },
+          { "198.18.0.2", kGoodbye, 0, false, { 450, 3500, true }, 0, 0 },
+          { "198.18.0.3", kGoodbye, 0, false, { 400, 2000, false }, 0, 0 } } },   // own values, no T bit alone
+      { "neighbour increases at once, decreases at the next full update",
+        { { "198.18.0.2", 600, 3000, true, { 600, 3000, true }, 0, 0 },
+          { "198.18.0.3", 450, 2600, true, { 600, 3000, true }, 0, 0 },
+          { "198.18.0.3", 800, 2700, true, { 800, 3000, true }, 0, 0 },
+          { "198.18.0.3", 100, 4000, true, { 800, 4000, true }, 0, 0 },
+          { "198.18.0.3", 100, 200, true, { 800, 4000, true }, 0, 0 },
+          { "198.18.0.4", 300, 300, true, { 600, 3000, true }, 0, 0 } } },
+      { "own increases at once, decreases later, no say while one lacks the option",
+        { { "198.18.0.2", 600, 3000, true, { 600, 3000, true }, 0, 0 },
+          { nullptr, 700, 5000, false, { 700, 5000, true }, 0, 0 },
+          { nullptr, 300, 1000, false, { 700, 5000, true }, 0, 0 },
+          { "198.18.0.3", 350, 1500, true, { 600, 3000, true }, 0, 0 },
+          { "198.18.0.4", kNone, 0, false, { 500, 2500, false }, 1, 1 },
+          { nullptr, 9000, 9000, false, { 500, 2500, false }, 1, 1 } } },
+      // .2 clears its T bit and raises its delay while .4 lacks the option:
+      // both are skipped, and the T bit count never sees the clear bit.
+      { "changes ignored while another lacks the option",
+        { { "198.18.0.2", 600, 3000, true, { 600, 3000, true }, 0, 0 },
+          { "198.18.0.3", 450, 2600, true, { 600, 3000, true }, 0, 0 },
+          { "198.18.0.4", kNone, 0, false, { 500, 2500, false }, 1, 1 },
+          { "198.18.0.2", 900, 3000, false, { 500, 2500, false }, 1, 1 },
+          { "198.18.0.4", kGoodbye, 0, false, { 900, 3000, true }, 0, 0 } } },
+      { "validity changes recount and recompute",
+        { { "198.18.0.2", 600, 3000, true, { 600, 3000, true }, 0, 0 },
+          { "198.18.0.3", 450, 2600, true, { 600, 3000, true }, 0, 0 },
+          { "198.18.0.2", kNone, 0, false, { 500, 2500, false }, 1, 1 },
+          { "198.18.0.2", 550, 2800, true, { 550, 2800, true }, 0, 0 },
+          { "198.18.0.3", 450, 2600, false, { 550, 2800, false }, 0, 1 },
+          { "198.18.0.3", 450, 2600, true, { 550, 2800, true }, 0, 0 } } },
+   };
+   for( const auto & [ name, steps ] : scripts ) {
+      SCOPED_TRACE( name );
+      EngineFixture f;
+      const auto eth1 = ethernet( 1 );
+      auto intf = f.startIntf( eth1, "198.18.0.1/24", ownDelays() );
+      auto sm = f.intfSm( eth1 );
+      EXPECT_EQ( used( *intf ), ( Used{ 400, 2000, false } ) );
+      for( std::size_t i = 0; i < steps.size(); ++i ) {
+         const Step & s = steps[ i ];
+         SCOPED_TRACE( "step " + std::to_string( i ) );
+         f.advanceBy( 1.0 );
+         if( !s.from ) {
+            intf->propagationDelayIs( std::uint16_t( s.pd ) );
+            intf->overrideIntervalIs( std::uint16_t( s.oi ) );
+            f.runUntilIdle();
+         } else {
+            auto h = hello( s.from );
+            if( s.pd == kGoodbye ) h.hold( 0 );
+            if( s.pd >= 0 ) h.lpd( std::uint16_t( s.pd ), std::uint16_t( s.oi ), s.t );
+            f.receive( eth1, h );
+         }
+         EXPECT_EQ( used( *intf ), s.expect );
+         EXPECT_EQ( sm->neighborNotUsingLanPrune(), s.lackingOption );
+         EXPECT_EQ( sm->neighborNotUsingTBit(), s.lackingTBit );
+      }
+   }
 }
 
 TEST( ScenarioLanPruneDelay, ExpiryOfTheLastNeighborClearsTheTBitAndRestoresTheOwnValues ) {

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "kiv/RangeException.h"
-#include "kiv/Trace.h"
 #include "kiv/testing/TestLoop.h"
 #include "model/PimStatus.h"
 #include "status/PimVarnStatus.h"
@@ -386,22 +385,6 @@ TEST_F( StatusWriterFixture, RequiredInputsAndReactorEntities ) {
       EXPECT_STREQ( e.what(), "null _intf parameter to mutator for "
                               "Routing::Pim::Varn::StatusWriterSm::KivAllStatus::intf not allowed\"" );
    }
-}
-
-TEST_F( StatusWriterFixture, TracesOnItsOwnHandle ) {
-   Kiv::TraceCapture capture;
-   capture.enable( "Pim::StatusWriter/1-9" );
-   startWriter();
-   auto intf = allStatus_->pimIntfIs( "Ethernet1", ipm( "198.18.0.1/24" ) );
-   intf->secondaryAddressIs( ip( "198.18.1.1" ) );
-   run();
-   EXPECT_TRUE( capture.contains( "Pim::StatusWriter", 8, "handleIntf( Ethernet1 )" ) );
-   EXPECT_TRUE( capture.contains( "Pim::StatusWriter", 7,
-                                  "(), Adding secondary address 198.18.1.1 to interface Ethernet1" ) );
-   intf->secondaryAddressDel( ip( "198.18.1.1" ) );
-   run();
-   EXPECT_TRUE( capture.contains( "Pim::StatusWriter", 7,
-                                  "(), Removing secondary address 198.18.1.1 from interface Ethernet1" ) );
 }
 
 } // namespace
