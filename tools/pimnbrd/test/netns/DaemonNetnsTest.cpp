@@ -159,10 +159,14 @@ TEST_F( DaemonNetnsTest, Ipv6NeighboursAndExpiryAfterKill ) {
    // from the last Hello, which came at most an interval before the kill.
    const auto t0 = Clock::now();
    b->signal( SIGKILL );
-   EXPECT_FALSE( pollFor( [ & ] { return !hasAny( a ); }, std::chrono::milliseconds( 1500 ) ) )
-      << "gone before the hold time";
+   // The hold time itself is timed in release builds only: stretched waits
+   // would outlast it.
+   if( kSlowdown == 1 ) {
+      EXPECT_FALSE( pollFor( [ & ] { return !hasAny( a ); }, std::chrono::milliseconds( 1500 ) ) )
+         << "gone before the hold time";
+   }
    EXPECT_TRUE( pollFor( [ & ] { return !hasAny( a ); }, std::chrono::milliseconds( 2500 ) ) );
-   EXPECT_LT( Clock::now() - t0, std::chrono::milliseconds( 3800 ) );
+   EXPECT_LT( Clock::now() - t0, std::chrono::milliseconds( 3800 ) * kSlowdown );
 }
 
 // ---- three daemons, address changes, VRF namespaces, roles, fast upgrade --------------------
