@@ -442,15 +442,19 @@ class PimnbrdDevice : public ChildDevice {
    static std::string command( const Lan & lan, const Options & o ) {
       const std::string dir = stateDir( lan );
       fs::create_directories( dir );
+      // Room for the largest sweep; the defaults would refuse the excess.
+      const unsigned limit = 1u << 20;
       std::ofstream( dir + "/pimnbrd.yaml" ) << fmt::format(
           "address-families: [{}]\n"
           "vrfs:\n"
           "  default:\n"
           "    multicast-routing: true\n"
+          "    neighbor-limit: {}\n"
           "    interfaces:\n"
           "      {}:\n"
-          "        hello-interval: 30\n",
-          o.v6 ? "ipv6" : "ipv4", Lan::dutIf );
+          "        hello-interval: 30\n"
+          "        neighbor-limit: {}\n",
+          o.v6 ? "ipv6" : "ipv4", limit, Lan::dutIf, limit );
       return fmt::format( "{} -c {}/pimnbrd.yaml --state-dir {} --foreground --log stderr 2>{}/log",
                           o.pimnbrdPath, dir, dir, dir );
    }

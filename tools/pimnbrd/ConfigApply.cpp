@@ -18,6 +18,7 @@ void writeIntf( IntfConfig & c, const IntfSettings & s ) {
    c.fastFailoverIs( s.fastFailover );
    c.propagationDelayIs( s.propagationDelay );
    c.overrideIntervalIs( s.overrideInterval );
+   c.neighborLimitIs( s.neighborLimit );
 }
 
 void writeVrf( const std::string & name, const VrfSettings & s, const ConfigTargets & t ) {
@@ -27,6 +28,7 @@ void writeVrf( const std::string & name, const VrfSettings & s, const ConfigTarg
    c->pimConfiguredIs( s.pimConfigured );
    c->bfdIntfDefaultIs( s.bfdDefault );
    c->neighborChangeLogIs( s.neighborChangeLog );
+   c->neighborLimitIs( s.neighborLimit );
    t.vrfEnabledStatus->vrfIs( vrf, s.multicastRouting );
    auto local = t.allVrfStatusLocal->vrf( vrf );
    if( !local ) local = t.allVrfStatusLocal->vrfIs( vrf );

@@ -20,6 +20,7 @@ namespace {
 constexpr std::size_t kVrfNameMax = 100;       // L3::VrfName
 constexpr std::size_t kNamespaceNameMax = 150; // Lumo::NamespaceName
 constexpr std::size_t kIfNameMax = 15;         // IFNAMSIZ - 1
+constexpr std::uint64_t kNeighborLimitMax = 1u << 20;  // rows the status tables may grow to
 
 std::string join( const std::string & path, const std::string & key ) {
    return path.empty() ? key : path + "." + key;
@@ -241,6 +242,8 @@ class Reader {
             if( auto b = boolean( x, p, k.Mark() ) ) s.bfdDefault = *b;
          } else if( key == "neighbor-change-log" ) {
             if( auto b = boolean( x, p, k.Mark() ) ) s.neighborChangeLog = *b;
+         } else if( key == "neighbor-limit" ) {
+            if( auto n = uintIn( x, p, k.Mark(), 1, kNeighborLimitMax ) ) s.neighborLimit = std::uint32_t( *n );
          } else if( key == "interfaces" ) {
             intfs = x;
             intfsAt = k.Mark();
@@ -327,6 +330,8 @@ class Reader {
             }
          } else if( key == "dr-priority" ) {
             if( auto n = uintIn( x, p, km, 0, 4294967295u ) ) s.drPriority = std::uint32_t( *n );
+         } else if( key == "neighbor-limit" ) {
+            if( auto n = uintIn( x, p, km, 1, kNeighborLimitMax ) ) s.neighborLimit = std::uint32_t( *n );
          } else if( key == "bfd" ) {
             if( auto w = word( x, p, km, { "default", "true", "false" } ) ) s.bfd = Bfd( *w );
          } else if( key == "fast-failover" ) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "pim/model/PimTypes.h"
+
 namespace Pimnbrd {
 
 enum class Bfd : std::uint8_t { vrfDefault = 0, enabled = 1, disabled = 2 };
@@ -27,6 +29,7 @@ struct IntfSettings {
    // Advertised LAN prune delay, milliseconds.
    std::uint16_t propagationDelay = 500;
    std::uint16_t overrideInterval = 2500;
+   std::uint32_t neighborLimit = Routing::Pim::kIntfNeighborLimitDefault;
 
    std::uint16_t holdTime() const;
    friend bool operator==( const IntfSettings &, const IntfSettings & ) = default;
@@ -44,6 +47,7 @@ struct VrfSettings {
    bool pimConfigured = true;
    bool bfdDefault = false;          // BFD on interfaces whose bfd is "default"
    bool neighborChangeLog = false;
+   std::uint32_t neighborLimit = Routing::Pim::kVrfNeighborLimitDefault;
    std::map< std::string, IntfSettings > interfaces;
    friend bool operator==( const VrfSettings &, const VrfSettings & ) = default;
 };
