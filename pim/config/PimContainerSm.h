@@ -98,28 +98,6 @@ class ContainerSm : public Kiv::StateMachine {
    static constexpr std::uint32_t kRcvBufSize = 1u << 20;
 
    explicit ContainerSm( const ContainerSmArgs & args );
-   ContainerSm( const L3::VrfName & vrfName, Lumo::AddressFamily af,
-                const Kiv::Ptr< GlobalStatus > & pimGlobalStatus,
-                const Kiv::Ptr< CellGlobalStatus > & pimCellGlobalStatus,
-                const Kiv::Ptr< Varn::Status > & pimVarnStatus, const Kiv::Ptr< Status > & pimStatus,
-                const Kiv::Ptr< AllStatus > & pimAllStatus,
-                const Kiv::Ptr< const ConfigColl > & pimConfigColl,
-                const Kiv::Ptr< Varn::MessageCounters > & pimMessageCounters,
-                const Kiv::Ptr< const Kiv::Notifier > & aclTypeConfig,
-                const Kiv::Ptr< const IpGen::Status > & ipStatus,
-                const Kiv::Ptr< const Kiv::Notifier > & allIntfConfigDir,
-                const Kiv::Ptr< const Kiv::Notifier > & allIntfStatusDir,
-                const Lumo::NamespaceName & namespaceName,
-                const Kiv::Ptr< const Kiv::Notifier > & mcastBoundaryStatus,
-                const Kiv::Ptr< Bfd::AppConfig > & bfdPimAppConfig,
-                const Kiv::Ptr< const Bfd::StatusPeer > & bfdStatusPeer,
-                const Kiv::Ptr< Kiv::Notifier > & pimAttrLogSm,
-                const Kiv::Ptr< Kiv::Notifier > & serviceAclFilterSm,
-                const Kiv::Ptr< Tolm::TimerWheel > & timerWheel,
-                const Kiv::Ptr< const Interface::DeviceIntfStatusDir > & kernelIntfStatusDir,
-                const Kiv::Ptr< const McastCommon::AsuShutdownStatus > & asuShutdownStatus,
-                const Kiv::Ptr< McastCommon::AsuVrfStatus > & asuVrfStatus,
-                const Kiv::Ptr< const Bridging::Config > & bridgingConfig );
    ~ContainerSm() override;
    KIV_ENTITY( ContainerSm, "Routing::Pim::ContainerSm", PIM_CONTAINER_SM_ATTRS )
 
