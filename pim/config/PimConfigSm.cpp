@@ -361,39 +361,26 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
       pimIntf->joinPruneHoldTimeIs( 210 );
       pimIntf->bfdEnabledIs( false );
       pimIntf->fastFailoverIs( false );
+      pimIntf->propagationDelayIs( kPropagationDelayDefault );
+      pimIntf->overrideIntervalIs( kOverrideIntervalDefault );
       pimIntf->neighborLimitIs( kIntfNeighborLimitDefault );
       return;
    }
 
-   if( pimIntf->borderRouter() != config->borderRouter() ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - MBR: " << config->borderRouter() );
-      pimIntf->borderRouterIs( config->borderRouter() );
-   }
-   if( pimIntf->helloPeriod() != config->helloInterval() ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Hello Period: "
-                    << config->helloInterval() );
-      pimIntf->helloPeriodIs( config->helloInterval() );
-   }
+   // A value that differs is written and traced; an equal one is left alone.
+   const auto updated = [ & ]( const char * what, const auto & current, const auto & value, const auto & write ) {
+      if( current == value ) return;
+      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - " << what << ": " << value );
+      write( value );
+   };
+   updated( "MBR", pimIntf->borderRouter(), config->borderRouter(), [ & ]( const auto & v ) { pimIntf->borderRouterIs( v ); } );
+   updated( "Hello Period", pimIntf->helloPeriod(), config->helloInterval(), [ & ]( const auto & v ) { pimIntf->helloPeriodIs( v ); } );
    const std::uint16_t helloHold = holdTime( config->helloInterval(), config->helloCount() );
-   if( pimIntf->helloHoldTime() != helloHold ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Hello HoldTime: " << helloHold );
-      pimIntf->helloHoldTimeIs( helloHold );
-   }
-   if( pimIntf->drPriority() != config->helloPriority() ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - DR Priority: "
-                    << config->helloPriority() );
-      pimIntf->drPriorityIs( config->helloPriority() );
-   }
-   if( pimIntf->joinPrunePeriod() != config->joinPruneInterval() ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Join/Prune Period: "
-                    << config->joinPruneInterval() );
-      pimIntf->joinPrunePeriodIs( config->joinPruneInterval() );
-   }
+   updated( "Hello HoldTime", pimIntf->helloHoldTime(), helloHold, [ & ]( const auto & v ) { pimIntf->helloHoldTimeIs( v ); } );
+   updated( "DR Priority", pimIntf->drPriority(), config->helloPriority(), [ & ]( const auto & v ) { pimIntf->drPriorityIs( v ); } );
+   updated( "Join/Prune Period", pimIntf->joinPrunePeriod(), config->joinPruneInterval(), [ & ]( const auto & v ) { pimIntf->joinPrunePeriodIs( v ); } );
    const std::uint16_t jpHold = holdTime( config->joinPruneInterval(), config->joinPruneCount() );
-   if( pimIntf->joinPruneHoldTime() != jpHold ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Join/Prune HoldTime: " << jpHold );
-      pimIntf->joinPruneHoldTimeIs( jpHold );
-   }
+   updated( "Join/Prune HoldTime", pimIntf->joinPruneHoldTime(), jpHold, [ & ]( const auto & v ) { pimIntf->joinPruneHoldTimeIs( v ); } );
    bool bfd = pimIntf->bfdEnabled();
    switch( config->bfd() ) {
     case intfBfdEnabled: bfd = true; break;
@@ -405,10 +392,7 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
     }
     default: break;   // an unknown setting leaves it as it is
    }
-   if( pimIntf->bfdEnabled() != bfd ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - BFD Enabled: " << bfd );
-      pimIntf->bfdEnabledIs( bfd );
-   }
+   updated( "BFD Enabled", pimIntf->bfdEnabled(), bfd, [ & ]( const auto & v ) { pimIntf->bfdEnabledIs( v ); } );
    // The reliable-transport capability needs a connection address.
    Lumo::IpGenAddr connection;
    if( inputs_.pimGlobalStatus ) {
@@ -421,28 +405,12 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
       flags &= ~Reliable::kCapabilitySctp;
    }
    pimIntf->portCapabilityFlagsIs( flags );
-   if( pimIntf->fastFailover() != config->fastFailover() ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - FastFailover: "
-                    << config->fastFailover() );
-      pimIntf->fastFailoverIs( config->fastFailover() );
-   }
+   updated( "FastFailover", pimIntf->fastFailover(), config->fastFailover(), [ & ]( const auto & v ) { pimIntf->fastFailoverIs( v ); } );
    // The router's own LAN prune delay, advertised in its Hellos.
-   if( pimIntf->propagationDelay() != config->propagationDelay() ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Propagation Delay: "
-                    << config->propagationDelay() );
-      pimIntf->propagationDelayIs( config->propagationDelay() );
-   }
-   if( pimIntf->overrideInterval() != config->overrideInterval() ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Override Interval: "
-                    << config->overrideInterval() );
-      pimIntf->overrideIntervalIs( config->overrideInterval() );
-   }
+   updated( "Propagation Delay", pimIntf->propagationDelay(), config->propagationDelay(), [ & ]( const auto & v ) { pimIntf->propagationDelayIs( v ); } );
+   updated( "Override Interval", pimIntf->overrideInterval(), config->overrideInterval(), [ & ]( const auto & v ) { pimIntf->overrideIntervalIs( v ); } );
    pimIntf->sourceInjectIs( inputs_.hostInjectConfig && inputs_.hostInjectConfig->configHas( intf ) );
-   if( pimIntf->neighborLimit() != config->neighborLimit() ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Neighbor limit: "
-                    << config->neighborLimit() );
-      pimIntf->neighborLimitIs( config->neighborLimit() );
-   }
+   updated( "Neighbor limit", pimIntf->neighborLimit(), config->neighborLimit(), [ & ]( const auto & v ) { pimIntf->neighborLimitIs( v ); } );
 }
 
 void ConfigSm::deletePimIntf( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {

@@ -109,17 +109,12 @@ class RawPimIo : public Kiv::FdReactor {
     private:
       RawPimIo * owner_;
    };
-   class KivDelivery : public Tolm::TimerWheel::NotifieeConst {
+   // A timer of the wheel that calls one handler (delivery, end of a pause).
+   template< void ( RawPimIo::*handle )() >
+   class KivTimer : public Tolm::TimerWheel::NotifieeConst {
     public:
-      KivDelivery( RawPimIo * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
-      void onTime() override { owner_->handleDelivery(); }
-    private:
-      RawPimIo * owner_;
-   };
-   class KivResume : public Tolm::TimerWheel::NotifieeConst {
-    public:
-      KivResume( RawPimIo * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
-      void onTime() override { owner_->handleResume(); }
+      KivTimer( RawPimIo * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
+      void onTime() override { ( owner_->*handle )(); }
     private:
       RawPimIo * owner_;
    };
@@ -169,8 +164,8 @@ class RawPimIo : public Kiv::FdReactor {
    Kiv::Ptr< Packet::HelloMessage > message_ = Kiv::make< Packet::HelloMessage >();
    RawIoCounters counters_;
    KivTx txReactor_;
-   KivDelivery delivery_;
-   KivResume resume_;
+   KivTimer< &RawPimIo::handleDelivery > delivery_;
+   KivTimer< &RawPimIo::handleResume > resume_;
    KivGroups groupsReactor_;
    KivDevices devicesReactor_;
    // Interfaces joined through the requests, with the index joined on.
