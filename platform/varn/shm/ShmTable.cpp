@@ -155,9 +155,12 @@ class ShmRowTable : public RowTable {
       if( !free_.empty() ) {
          s = free_.back();
          free_.pop_back();
-      } else if( next_ < slots_ || ( slots_ < capacity() && grow() ) ) {
+      } else if( next_ < slots_ ) {
          s = static_cast< std::uint32_t >( next_++ );
+      } else if( slots_ < capacity() && grow() ) {
+         // A bigger index: the key's bucket moved.
          b = bucket( bytes );
+         s = static_cast< std::uint32_t >( next_++ );
       } else {
          ++overflows_;
          return false;
