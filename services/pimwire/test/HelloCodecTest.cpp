@@ -375,8 +375,9 @@ TEST_P( Lenient, BadAddressListLosesOnlyThatOption ) {
    truncated.pop_back();
    auto badEncoding = good;
    badEncoding[ 1 ] = 1;
+   // A well-formed entry ahead of the bad one goes with its option.
    auto list = [ & ]( std::vector< std::uint8_t > tail ) {
-      auto v = good;
+      auto v = encodedAddr( e.dst );
       v.insert( v.end(), tail.begin(), tail.end() );
       return v;
    };
