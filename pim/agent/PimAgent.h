@@ -20,6 +20,7 @@
 #include "services/intf/AllIntfDir.h"
 #include "services/mcast/McastAppVrfIntfDirSm.h"
 #include "services/mcast/McastBoundary.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim {
 
@@ -34,12 +35,10 @@ class RedundancyStatusSm : public Kiv::StateMachine {
    void handleRedundancyStatus();
 
  private:
-   class KivRedundancyStatus : public Redundancy::RedundancyStatus::NotifieeConst {
+   class KivRedundancyStatus : public Kiv::OwnedReactor< Redundancy::RedundancyStatus::NotifieeConst, RedundancyStatusSm > {
     public:
-      explicit KivRedundancyStatus( RedundancyStatusSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onMode() override { owner_->handleRedundancyStatus(); }
-    private:
-      RedundancyStatusSm * owner_;
    };
    Kiv::Ptr< const Redundancy::RedundancyStatus > redundancyStatus_;
    Agent * agent_;

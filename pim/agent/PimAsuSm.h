@@ -11,6 +11,7 @@
 #include "model/PimStatus.h"
 #include "services/mcast/Multicast.h"
 #include "tolm/TimerWheel.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim {
 
@@ -44,21 +45,16 @@ class AsuSm : public Kiv::StateMachine {
    void handleAsuTimerExpiry();
 
  private:
-   class KivAsuClientShutdownStatus : public McastCommon::AsuShutdownStatus::NotifieeConst {
+   class KivAsuClientShutdownStatus : public Kiv::OwnedReactor< McastCommon::AsuShutdownStatus::NotifieeConst, AsuSm > {
     public:
-      explicit KivAsuClientShutdownStatus( AsuSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onShutdown() override { owner_->doAsuShutdown(); }
       void onNotifier() override { owner_->doAsuShutdown(); }
-    private:
-      AsuSm * owner_;
    };
-   class KivAsuTimer : public Tolm::TimerWheel::NotifieeConst {
+   class KivAsuTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, AsuSm > {
     public:
-      KivAsuTimer( AsuSm * owner, Tolm::TimerWheel * wheel )
-            : Tolm::TimerWheel::NotifieeConst( wheel ), owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onTime() override { owner_->handleAsuTimerExpiry(); }
-    private:
-      AsuSm * owner_;
    };
 
    Kiv::Ptr< const Config > pimConfig_;

@@ -117,15 +117,6 @@ void ConfigSm::reactorsInit() {
    appVrfIntfs_.notifierIs( inputs_.appVrfIntfs );
 }
 
-template< class R, class K, class... A >
-R * ConfigSm::reactorIs( Kiv::HashMap< K, std::unique_ptr< R > > & map, const K & key, A &&... args ) {
-   if( std::unique_ptr< R > * existing = map.find( key ) ) return existing->get();
-   auto r = std::make_unique< R >( this, key, std::forward< A >( args )... );
-   R * raw = r.get();
-   map.insertOrAssignFn( key, std::move( r ) );
-   return raw;
-}
-
 void ConfigSm::handleInitialized() {
    CTRACE( 8, "handleInitialized()" );
    doDrTimersInit();
@@ -567,21 +558,19 @@ void ConfigSm::handleVrf( const L3::VrfName & vrf ) {
       if( const auto & gs = inputs_.pimGlobalStatus ) {
          Kiv::Ptr< Reliable::Status > port = gs->portStatus( vrf );
          if( !port ) port = gs->portStatusIs( vrf );
-         reactorIs( reliableStatusReactor_, vrf, Kiv::Ptr< const Reliable::Status >( port ) );
+         reliableStatusReactor_.emplace( vrf, this, vrf, Kiv::Ptr< const Reliable::Status >( port ) );
       }
       bidirIntfs( vrf );
       sparseModeIntfs( vrf );
       if( const auto & asc = inputs_.pimAllStatusColl ) {
          Kiv::Ptr< AllStatus > status = asc->vrfStatus( vrf );
          if( !status ) status = asc->vrfStatusIs( vrf );
-         reactorIs( allStatusReactor_, vrf, Kiv::Ptr< const AllStatus >( status ) );
+         allStatusReactor_.emplace( vrf, this, vrf, Kiv::Ptr< const AllStatus >( status ) );
       }
       if( const auto & sc = inputs_.pimStatusColl ) {
          if( !sc->vrfStatusHas( vrf ) ) sc->vrfStatusIs( vrf );
       }
-      if( std::unique_ptr< KivPimConfig > * r = pimConfigReactor_.find( vrf ) ) {
-         ( *r )->handleBfdIntfDefault( vrf );
-      }
+      if( KivPimConfig * r = pimConfigReactor_.find( vrf ) ) r->handleBfdIntfDefault( vrf );
       doUpdateMulticastEnabled( vrf );
       return;
    }
@@ -592,20 +581,18 @@ void ConfigSm::handleVrf( const L3::VrfName & vrf ) {
    if( const auto & sc = inputs_.pimStatusColl ) sc->vrfStatusDel( vrf );
    vrfBidirIntfDel( vrf );
    vrfSparseModeIntfDel( vrf );
-   reliableStatusReactor_.erase( vrf );
+   reliableStatusReactor_.unbind( vrf );
    if( const auto & gs = inputs_.pimGlobalStatus ) gs->portStatusDel( vrf );
 }
 
 void ConfigSm::allStatusReactorDel( const L3::VrfName & vrf ) {
-   std::unique_ptr< KivPimAllStatus > * slot = allStatusReactor_.find( vrf );
-   if( !slot ) return;
+   KivPimAllStatus * reactor = allStatusReactor_.find( vrf );
+   if( !reactor ) return;
    // Release what the interfaces still hold: their removal may not have been
    // delivered yet, and the reactor that would see it goes now.
-   std::unique_ptr< KivPimAllStatus > reactor = std::move( *slot );
-   allStatusReactor_.erase( vrf );
    std::vector< Lumo::IntfId > intfs;
    reactor->pimIntf().forEach( [ & ]( const Lumo::IntfId & i, const auto & ) { intfs.push_back( i ); } );
-   reactor.reset();
+   allStatusReactor_.unbind( vrf );
    for( const auto & intf : intfs ) {
       doUpdateVif( vrf, intf );
       doUpdateAllPimRouters( vrf, intf );
@@ -914,7 +901,7 @@ void ConfigSm::doKniDeinit( const L3::VrfName & vrf ) {
    }
    CTRACE( 7, "doKniDeinit( " << vrf << " ), de-initializing" );
    const Lumo::NamespaceName ns = namespaceName( vrf );
-   pimVrfIntfColl_.erase( vrf );
+   pimVrfIntfColl_.unbind( vrf );
    kernelVrfIntfStatusDirDel( ns );
    kniStatusDel( ns );
    if( inputs_.kniMounter ) inputs_.kniMounter->doUnmount( kniPath( ns ) );
@@ -976,14 +963,14 @@ void ConfigSm::handlePimConfigured( const L3::VrfName & vrf ) {
 
 void ConfigSm::handlePimIntf( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {
    CTRACE( 8, "handlePimIntf( " << intf << ", " << vrf << " )" );
-   if( std::unique_ptr< KivPimAllStatus > * r = allStatusReactor_.find( vrf ) ) {
-      auto & intfs = ( *r )->pimIntf();
+   if( KivPimAllStatus * r = allStatusReactor_.find( vrf ) ) {
+      auto & intfs = r->pimIntf();
       const Kiv::Ptr< AllStatus > status = allStatus( vrf );
       const Kiv::Ptr< Intf > pimIntf = status ? status->pimIntf( intf ) : nullptr;
       if( pimIntf ) {
-         intfs.insertOrAssignFn( intf, std::make_unique< KivPimIntf >( this, vrf, pimIntf ) );
+         intfs.insert( intf, std::make_unique< KivPimIntf >( this, vrf, pimIntf ) );
       } else {
-         intfs.erase( intf );
+         intfs.unbind( intf );
       }
    }
    doUpdateVif( vrf, intf );
@@ -1148,46 +1135,46 @@ void ConfigSm::handleApplication() {
 void ConfigSm::intfConfigReactorUpdate( const Lumo::IntfId & intf ) {
    const Kiv::Ptr< const IntfConfig > config = intfConfig( intf );
    if( !config ) {
-      intfConfigReactor_.erase( intf );
+      intfConfigReactor_.unbind( intf );
       return;
    }
-   std::unique_ptr< KivIntfConfig > * r = intfConfigReactor_.find( intf );
-   if( r && ( *r )->notifier() == config ) return;
-   intfConfigReactor_.erase( intf );
-   reactorIs( intfConfigReactor_, intf, config );
+   KivIntfConfig * r = intfConfigReactor_.find( intf );
+   if( r && r->notifier() == config ) return;
+   intfConfigReactor_.unbind( intf );
+   intfConfigReactor_.emplace( intf, this, intf, config );
 }
 
 void ConfigSm::vrfConfigReactorUpdate( const L3::VrfName & vrf ) {
    const Kiv::Ptr< const Config > config = vrfConfig( vrf );
    if( !config ) {
-      pimConfigReactor_.erase( vrf );
+      pimConfigReactor_.unbind( vrf );
       return;
    }
-   std::unique_ptr< KivPimConfig > * r = pimConfigReactor_.find( vrf );
-   if( r && ( *r )->notifier() == config ) return;
-   pimConfigReactor_.erase( vrf );
-   reactorIs( pimConfigReactor_, vrf, config );
+   KivPimConfig * r = pimConfigReactor_.find( vrf );
+   if( r && r->notifier() == config ) return;
+   pimConfigReactor_.unbind( vrf );
+   pimConfigReactor_.emplace( vrf, this, vrf, config );
 }
 
 void ConfigSm::hostInjectReactorUpdate( const Lumo::IntfId & intf ) {
    const auto & hi = inputs_.hostInjectConfig;
    const Kiv::Ptr< const HostInject::HostInjectIntfConfig > config = hi ? hi->config( intf ) : nullptr;
-   hostInjectReactor_.erase( intf );
-   if( config ) reactorIs( hostInjectReactor_, intf, config );
+   hostInjectReactor_.unbind( intf );
+   if( config ) hostInjectReactor_.emplace( intf, this, intf, config );
 }
 
 void ConfigSm::ipIntfStatusReactorUpdate( const Lumo::IntfId & intf ) {
    const auto & ip = inputs_.ipStatus;
    const Kiv::Ptr< const IpGen::IpIntfStatus > s = ip ? ip->intfStatus( intf ) : nullptr;
-   std::unique_ptr< KivIpIntfStatus > * r = ipIntfStatusReactor_.find( intf );
-   if( r && s && ( *r )->notifier() == s ) return;
+   KivIpIntfStatus * r = ipIntfStatusReactor_.find( intf );
+   if( r && s && r->notifier() == s ) return;
    L3::VrfName lastVrf;
    if( r ) {
-      lastVrf = ( *r )->lastVrf();
-      ipIntfStatusReactor_.erase( intf );
+      lastVrf = r->lastVrf();
+      ipIntfStatusReactor_.unbind( intf );
    }
    if( s ) {
-      KivIpIntfStatus * created = reactorIs( ipIntfStatusReactor_, intf, s );
+      KivIpIntfStatus * created = &ipIntfStatusReactor_.emplace( intf, this, intf, s );
       if( !lastVrf.isEmpty() && lastVrf != created->lastVrf() ) handleIpIntfStatus( lastVrf, intf );
       if( !created->lastVrf().isEmpty() ) handleIpIntfStatus( created->lastVrf(), intf );
    } else if( !lastVrf.isEmpty() ) {
@@ -1198,22 +1185,22 @@ void ConfigSm::ipIntfStatusReactorUpdate( const Lumo::IntfId & intf ) {
 void ConfigSm::clearConfigReactorUpdate( const L3::VrfName & vrf ) {
    const auto & cc = inputs_.pimClearConfigColl;
    const Kiv::Ptr< const ClearConfig > config = cc ? cc->vrfClearConfig( vrf ) : nullptr;
-   clearConfigReactor_.erase( vrf );
-   if( config ) reactorIs( clearConfigReactor_, vrf, config );
+   clearConfigReactor_.unbind( vrf );
+   if( config ) clearConfigReactor_.emplace( vrf, this, vrf, config );
 }
 
 void ConfigSm::clearMrouteReactorUpdate( const L3::VrfName & vrf ) {
    const auto & cc = inputs_.clearMrouteConfigColl;
    const Kiv::Ptr< const ClearMrouteConfig > config = cc ? cc->vrfClearMrouteConfig( vrf ) : nullptr;
-   clearMrouteSm_.erase( vrf );
-   if( config ) reactorIs( clearMrouteSm_, vrf, config );
+   clearMrouteSm_.unbind( vrf );
+   if( config ) clearMrouteSm_.emplace( vrf, this, vrf, config );
 }
 
 void ConfigSm::vrfIntfCollReactorUpdate( const L3::VrfName & vrf ) {
-   pimVrfIntfColl_.erase( vrf );
+   pimVrfIntfColl_.unbind( vrf );
    const auto & avi = inputs_.appVrfIntfs;
    const Kiv::Ptr< const McastCommon::VrfIntfColl > coll = avi ? avi->vrfIntf( vrf ) : nullptr;
-   if( coll ) reactorIs( pimVrfIntfColl_, vrf, coll );
+   if( coll ) pimVrfIntfColl_.emplace( vrf, this, vrf, coll );
 }
 
 void ConfigSm::KivPimConfigColl::onIntfConfig( const Lumo::IntfId & intf ) {
@@ -1250,7 +1237,7 @@ void ConfigSm::KivAppVrfIntfs::onVrfIntf( const L3::VrfName & vrf ) {
 
 ConfigSm::KivIntfConfig::KivIntfConfig( ConfigSm * o, const Lumo::IntfId & intf,
                                         const Kiv::Ptr< const IntfConfig > & c )
-      : owner_( o ), intf_( intf ) {
+      : KeyedReactor( o, intf ) {
    kivOwnerIs( o );
    notifierIs( c );
    handleMode();
@@ -1267,8 +1254,8 @@ ConfigSm::KivIntfConfig::KivIntfConfig( ConfigSm * o, const Lumo::IntfId & intf,
 }
 
 void ConfigSm::KivIntfConfig::update( const char * what ) {
-   CTRACE( 8, what << "( " << intf_ << " )" );
-   owner_->updatePimIntf( L3::VrfName(), intf_ );
+   CTRACE( 8, what << "( " << key_ << " )" );
+   owner_->updatePimIntf( L3::VrfName(), key_ );
 }
 
 void ConfigSm::KivIntfConfig::handleMode() { update( "handleMode" ); }
@@ -1286,21 +1273,21 @@ void ConfigSm::KivIntfConfig::handleNeighborLimit() { update( "handleNeighborLim
 
 ConfigSm::KivPimConfig::KivPimConfig( ConfigSm * o, const L3::VrfName & vrf,
                                       const Kiv::Ptr< const Config > & c )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( c );
 }
 
 ConfigSm::KivHostInjectIntfConfig::KivHostInjectIntfConfig(
    ConfigSm * o, const Lumo::IntfId & intf, const Kiv::Ptr< const HostInject::HostInjectIntfConfig > & c )
-      : owner_( o ), intf_( intf ) {
+      : KeyedReactor( o, intf ) {
    kivOwnerIs( o );
    notifierIs( c );
 }
 
 ConfigSm::KivIpIntfStatus::KivIpIntfStatus( ConfigSm * o, const Lumo::IntfId & intf,
                                             const Kiv::Ptr< const IpGen::IpIntfStatus > & s )
-      : owner_( o ), intf_( intf ), lastVrf_( s->vrf() ) {
+      : KeyedReactor( o, intf ), lastVrf_( s->vrf() ) {
    kivOwnerIs( o );
    notifierIs( s );
 }
@@ -1310,42 +1297,42 @@ void ConfigSm::KivIpIntfStatus::onVrf() {
    const L3::VrfName current = s ? s->vrf() : L3::VrfName();
    const L3::VrfName previous = lastVrf_;
    lastVrf_ = current;
-   if( !previous.isEmpty() && previous != current ) owner_->handleIpIntfStatus( previous, intf_ );
-   if( !current.isEmpty() ) owner_->handleIpIntfStatus( current, intf_ );
+   if( !previous.isEmpty() && previous != current ) owner_->handleIpIntfStatus( previous, key_ );
+   if( !current.isEmpty() ) owner_->handleIpIntfStatus( current, key_ );
 }
 
 void ConfigSm::KivIpIntfStatus::onActiveAddrWithMask() {
    const auto s = notifier();
-   owner_->handleActiveAddrWithMask( s ? s->vrf() : L3::VrfName(), intf_ );
+   owner_->handleActiveAddrWithMask( s ? s->vrf() : L3::VrfName(), key_ );
 }
 
 ConfigSm::KivPimIntf::KivPimIntf( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Intf > & intf )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( intf );
 }
 
 ConfigSm::KivPimAllStatus::KivPimAllStatus( ConfigSm * o, const L3::VrfName & vrf,
                                             const Kiv::Ptr< const AllStatus > & s )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( s );
    // Interfaces already there (status kept from an earlier run).
    for( auto it = s->pimIntfIter(); it; ++it ) {
-      pimIntf_.insertOrAssignFn( it.key(), std::make_unique< KivPimIntf >( o, vrf, it.value() ) );
+      pimIntf_.insert( it.key(), std::make_unique< KivPimIntf >( o, vrf, it.value() ) );
    }
 }
 
 ConfigSm::KivReliableStatus::KivReliableStatus( ConfigSm * o, const L3::VrfName & vrf,
                                                 const Kiv::Ptr< const Reliable::Status > & s )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( s );
 }
 
 ConfigSm::KivClearConfig::KivClearConfig( ConfigSm * o, const L3::VrfName & vrf,
                                           const Kiv::Ptr< const ClearConfig > & c )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( c );
 }
@@ -1353,20 +1340,20 @@ ConfigSm::KivClearConfig::KivClearConfig( ConfigSm * o, const L3::VrfName & vrf,
 void ConfigSm::KivClearConfig::onIntfNeighborsCount( const Lumo::IntfId & intf ) {
    // Only a bump is a request; the entry going away is not.
    const auto * config = static_cast< const ClearConfig * >( kivNotifier() );
-   if( config && config->intfNeighborsCountHas( intf ) ) owner_->handleClearNeighbors( vrf_, intf );
+   if( config && config->intfNeighborsCountHas( intf ) ) owner_->handleClearNeighbors( key_, intf );
 }
 
 ConfigSm::ClearMrouteSm::ClearMrouteSm( ConfigSm * o, const L3::VrfName & vrf,
                                         const Kiv::Ptr< const ClearMrouteConfig > & c )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( c );
-   owner_->handleClearIpMroute( vrf_ );
+   owner_->handleClearIpMroute( key_ );
 }
 
 ConfigSm::KivVrfIntfColl::KivVrfIntfColl( ConfigSm * o, const L3::VrfName & vrf,
                                           const Kiv::Ptr< const McastCommon::VrfIntfColl > & c )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( c );
 }

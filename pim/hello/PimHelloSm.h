@@ -6,6 +6,7 @@
 #include "kiv/EntityMacros.h"
 #include "model/PimStatus.h"
 #include "services/pimio/MessageInfo.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim {
 
@@ -31,12 +32,10 @@ class HelloSm : public Kiv::StateMachine {
    bool admitNeighbor( Intf & intf, const Lumo::IpGenAddr & src, double now );
    void noteRefusedSource( Intf & intf, const Lumo::IpGenAddr & src, double now );
 
-   class KivHelloMessageInfo : public IO::MessageInfo::NotifieeConst {
+   class KivHelloMessageInfo : public Kiv::OwnedReactor< IO::MessageInfo::NotifieeConst, HelloSm > {
     public:
-      explicit KivHelloMessageInfo( HelloSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onCount() override { owner_->handleHelloMessage(); }
-    private:
-      HelloSm * owner_;
    };
 
    Kiv::Ptr< AllStatus > allStatus_;

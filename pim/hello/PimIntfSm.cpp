@@ -740,7 +740,7 @@ void GlobalIntfSm::KivBfdPimAppStatus::onPeerStatus( const Bfd::Peer & peer ) {
 }
 
 GlobalIntfSm::KivPimIntf::KivPimIntf( GlobalIntfSm * o, const Kiv::Ptr< const Intf > & intf )
-      : owner_( o ), id_( intf->id() ) {
+      : KeyedReactor( o, intf->id() ) {
    kivOwnerIs( owner_ );
    // It only marks the interface as known: no attribute of it is watched,
    // so it stays off the interface's notification list.
@@ -750,7 +750,7 @@ GlobalIntfSm::KivPimIntf::KivPimIntf( GlobalIntfSm * o, const Kiv::Ptr< const In
 
 GlobalIntfSm::KivPeerStatus::KivPeerStatus( GlobalIntfSm * o,
                                             const Kiv::Ptr< const Bfd::BfdPeerStatus > & s )
-      : owner_( o ), peer_( s->peer() ), lastState_( s->status() ) {
+      : KeyedReactor( o, s->peer() ), lastState_( s->status() ) {
    kivOwnerIs( o );
    notifierIs( s );
 }
@@ -792,14 +792,14 @@ GlobalIntfSm::~GlobalIntfSm() {
 void GlobalIntfSm::pimIntfIs( const Kiv::Ptr< const Intf > & intf ) {
    if( !intf ) Kiv::throwNullParameter( "pimIntf", "Routing::Pim::GlobalIntfSm", "pimIntf" );
    const Lumo::IntfId id = intf->id();
-   if( std::unique_ptr< KivPimIntf > * slot = pimIntf_.find( id ) ) {
-      if( ( *slot )->notifier() != intf ) {
+   if( const KivPimIntf * r = pimIntf_.find( id ) ) {
+      if( r->notifier() != intf ) {
          // A new entity under the same name: its machine starts afresh.
          handleDel( id );
-         *slot = std::make_unique< KivPimIntf >( this, intf );
+         pimIntf_.insert( id, std::make_unique< KivPimIntf >( this, intf ) );
       }
    } else {
-      pimIntf_.insertOrAssignFn( id, std::make_unique< KivPimIntf >( this, intf ) );
+      pimIntf_.insert( id, std::make_unique< KivPimIntf >( this, intf ) );
    }
    handleNew( id );
 }
@@ -807,7 +807,7 @@ void GlobalIntfSm::pimIntfIs( const Kiv::Ptr< const Intf > & intf ) {
 void GlobalIntfSm::pimIntfDel( const Lumo::IntfId & id ) {
    if( !pimIntf_.contains( id ) ) return;
    handleDel( id );
-   pimIntf_.erase( id );
+   pimIntf_.unbind( id );
 }
 
 bool GlobalIntfSm::pimIntfHas( const Lumo::IntfId & id ) const {
@@ -818,20 +818,16 @@ void GlobalIntfSm::peerStatusIs( const Kiv::Ptr< const Bfd::BfdPeerStatus > & pe
    if( !peerStatus ) Kiv::throwNullParameter( "peerStatus", "Routing::Pim::GlobalIntfSm", "peerStatus" );
    const Bfd::Peer peer = peerStatus->peer();
    if( peer.vrf != inputs_.vrfName ) return;   // another VRF's session
-   std::unique_ptr< KivPeerStatus > * slot = peerStatus_.find( peer );
-   if( slot && ( *slot )->notifier() == peerStatus ) return;
-   if( slot ) {
-      *slot = std::make_unique< KivPeerStatus >( this, peerStatus );
-   } else {
-      peerStatus_.insertOrAssignFn( peer, std::make_unique< KivPeerStatus >( this, peerStatus ) );
-   }
+   const KivPeerStatus * r = peerStatus_.find( peer );
+   if( r && r->notifier() == peerStatus ) return;
+   peerStatus_.insert( peer, std::make_unique< KivPeerStatus >( this, peerStatus ) );
    // A session that appears with a state already set is taken in at once, so
    // that the neighbour's state is known before its next change.
    if( initialized() ) handlePeerStatus( peer );
 }
 
 void GlobalIntfSm::peerStatusDel( const Bfd::Peer & peer ) {
-   peerStatus_.erase( peer );
+   peerStatus_.unbind( peer );
 }
 
 void GlobalIntfSm::handleInitialized() {
@@ -917,9 +913,9 @@ void GlobalIntfSm::updateAllDr() {
 }
 
 void GlobalIntfSm::handlePeerStatus( const Bfd::Peer & peer ) {
-   std::unique_ptr< KivPeerStatus > * slot = peerStatus_.find( peer );
+   KivPeerStatus * slot = peerStatus_.find( peer );
    if( !slot ) return;
-   KivPeerStatus & reactor = **slot;
+   KivPeerStatus & reactor = *slot;
    const Kiv::Ptr< const Bfd::BfdPeerStatus > status = reactor.notifier();
    if( !status ) return;
    const Bfd::OperState oldState = reactor.lastState();

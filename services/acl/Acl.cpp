@@ -22,20 +22,18 @@ void write( CpConfig & out, const Kiv::String & k, const Kiv::String * v ) {
 }
 
 template< class Owner >
-class ConfigReactor : public Input::Config::NotifieeConst, public InputReactorBase {
+class ConfigReactor : public Kiv::OwnedReactor< Input::Config::NotifieeConst, Owner >, public InputReactorBase {
  public:
-   ConfigReactor( Owner * o, const Kiv::Ptr< const Input::Config > & in ) : owner_( o ) { notifierIs( in ); }
-   void onStandardAcl( const Kiv::String & k ) override { owner_->handleKey( k ); }
- private:
-   Owner * owner_;
+   ConfigReactor( Owner * o, const Kiv::Ptr< const Input::Config > & in )
+         : Kiv::OwnedReactor< Input::Config::NotifieeConst, Owner >( o ) { this->notifierIs( in ); }
+   void onStandardAcl( const Kiv::String & k ) override { this->owner_->handleKey( k ); }
 };
 template< class Owner >
-class CpConfigReactor : public Input::CpConfig::NotifieeConst, public InputReactorBase {
+class CpConfigReactor : public Kiv::OwnedReactor< Input::CpConfig::NotifieeConst, Owner >, public InputReactorBase {
  public:
-   CpConfigReactor( Owner * o, const Kiv::Ptr< const Input::CpConfig > & in ) : owner_( o ) { notifierIs( in ); }
-   void onServiceAcl( const Kiv::String & k ) override { owner_->handleKey( k ); }
- private:
-   Owner * owner_;
+   CpConfigReactor( Owner * o, const Kiv::Ptr< const Input::CpConfig > & in )
+         : Kiv::OwnedReactor< Input::CpConfig::NotifieeConst, Owner >( o ) { this->notifierIs( in ); }
+   void onServiceAcl( const Kiv::String & k ) override { this->owner_->handleKey( k ); }
 };
 
 template< class Owner >
