@@ -37,6 +37,15 @@ class ReactorMap {
       return ref;
    }
    void unbind( const K & key ) { reactors_.erase( key ); }
+   // Removes the key's reactor and hands it over (null when there is none),
+   // so that it can still act after it left the map.
+   std::unique_ptr< R > take( const K & key ) {
+      std::unique_ptr< R > * slot = reactors_.find( key );
+      if( !slot ) return nullptr;
+      std::unique_ptr< R > r = std::move( *slot );
+      reactors_.erase( key );
+      return r;
+   }
    void clear() { reactors_.clear(); }
 
    R * find( const K & key ) const {
@@ -45,6 +54,8 @@ class ReactorMap {
    }
    bool contains( const K & key ) const { return reactors_.contains( key ); }
    std::size_t size() const { return reactors_.size(); }
+   // Key of the first reactor (insertion order); null when empty.
+   const K * firstKey() const { return reactors_.firstKey(); }
    // f( key, reactor ) in insertion order; f may unbind.
    template< class F >
    void forEach( F && f ) const {
