@@ -78,12 +78,12 @@ void AggregatorSm< In, Out >::handleInput( const Kiv::Name & name ) {
    if( const Kiv::Ptr< const In > * old = inputEntity_.find( name ) ) {
       coll( **old ).forEach( [ & ]( const Kiv::String & k, const auto & ) { keys.push_back( k ); } );
    }
-   inputs_.erase( name );
+   inputs_.unbind( name );
    inputEntity_.erase( name );
    Kiv::Ptr< const In > in =
       inputDir_ ? Kiv::ptr_cast< const In >( inputDir_->entityRef( name ) ) : nullptr;
    if( in ) {
-      inputs_.insertOrAssignFn( name, reactorFor( in ) );
+      inputs_.insert( name, reactorFor( in ) );
       inputEntity_.insertOrAssignFn( name, in );
       coll( *in ).forEach( [ & ]( const Kiv::String & k, const auto & ) { keys.push_back( k ); } );
    }

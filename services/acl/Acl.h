@@ -114,7 +114,7 @@ class AggregatorSm : public Kiv::StateMachine {
    Kiv::Ptr< Out > out_;
    KivDir dir_;
    std::unique_ptr< InputReactorBase > cliReactor_;
-   Kiv::HashMap< Kiv::Name, std::unique_ptr< InputReactorBase > > inputs_;
+   Kiv::ReactorMap< Kiv::Name, InputReactorBase > inputs_;
    Kiv::HashMap< Kiv::Name, Kiv::Ptr< const In > > inputEntity_;
 };
 
