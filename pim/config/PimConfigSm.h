@@ -14,6 +14,9 @@
 //
 // Every input may be missing: a missing input is a traced state that leads
 // to the deletion of what was derived from it, never a crash.
+#include <functional>
+#include <optional>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -309,6 +312,30 @@ class ConfigSm : public Kiv::StateMachine {
       using OwnedReactor::OwnedReactor;
       void onTime() override { owner_->handleDrDelayTimerExpiry(); }
    };
+
+   // The steps of updatePimIntf.
+   // Whether IP status, the VRF and multicast routing let the interface run
+   // PIM; if not, traced, and the interface goes.
+   bool pimIntfEligible( const IpGen::Status & ip, const L3::VrfName & vrf, const Lumo::IntfId & intf );
+   // The configuration merged with the applications' sparse-mode requests;
+   // none (traced) when PIM does not run on the interface.
+   std::optional< Mode > effectivePimMode( const Lumo::IntfId & intf, const IntfConfig * config ) const;
+   // Membership of the VRF's sparse-mode and bidirectional sets.
+   void updateModeSets( const L3::VrfName & vrf, const Lumo::IntfId & intf, Mode mode, bool borderRouter );
+   // Drops the secondary addresses and prefixes the interface no longer has.
+   void reconcileSecondaries( const IpGen::Status & ip, const Lumo::IntfId & intf,
+                              const Lumo::IpGenAddrWithMask & primary, Intf & pimIntf );
+   // An interface only applications ask for: the attribute list's defaults.
+   void applyDefaultAttributes( const Lumo::IntfId & intf, Intf & pimIntf );
+   void applyConfiguredAttributes( const L3::VrfName & vrf, const Lumo::IntfId & intf,
+                                   const IntfConfig & config, Intf & pimIntf );
+   bool bfdEnabled( const L3::VrfName & vrf, const IntfConfig & config, bool current ) const;
+   Reliable::CapabilityFlags portCapabilityFlags( const L3::VrfName & vrf, const IntfConfig & config ) const;
+   // The VRF's entry in the global and multicast status sets of one mode.
+   // set writes both (false deletes); fn and mode name it in the trace.
+   void doMaybeUpdatePimEnabledVrf( const L3::VrfName & vrf, bool wanted, bool enabled, bool present,
+                                    const char * fn, const char * mode,
+                                    const std::function< void( bool ) > & set );
 
    // Per-key reactor bookkeeping.
    void reactorsInit();
