@@ -154,6 +154,8 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
 
    // This router's candidacy: its used address, priority 1 during reload.
    DrCandidate ownDrCandidate() const;
+   // Start-up: neighbours whose BFD session is down become inactive.
+   void handleStartupBfdStates();
 
    ActiveNeighbors active_;
    const Lumo::IntfId intfId_;
