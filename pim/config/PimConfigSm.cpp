@@ -1135,35 +1135,31 @@ void ConfigSm::handleApplication() {
 
 // ---- per-key reactor bookkeeping ----------------------------------------------------------
 
-void ConfigSm::intfConfigReactorUpdate( const Lumo::IntfId & intf ) {
-   const Kiv::Ptr< const IntfConfig > config = intfConfig( intf );
-   if( !config ) {
-      intfConfigReactor_.unbind( intf );
-      return;
+// The key's reactor follows entity: it goes when the entity goes and is
+// built afresh (its constructor binds it) for a new one; keepSame keeps the
+// reactor of an unchanged entity, else it is rebuilt as well.
+template< class K, class R, class E >
+void ConfigSm::reactorFollows( Kiv::ReactorMap< K, R > & map, const K & key, const Kiv::Ptr< E > & entity,
+                               bool keepSame ) {
+   if( keepSame && entity ) {
+      if( const R * r = map.find( key ); r && r->notifier() == entity ) return;
    }
-   KivIntfConfig * r = intfConfigReactor_.find( intf );
-   if( r && r->notifier() == config ) return;
-   intfConfigReactor_.unbind( intf );
-   intfConfigReactor_.emplace( intf, this, intf, config );
+   map.unbind( key );
+   if( entity ) map.emplace( key, this, key, entity );
+}
+
+void ConfigSm::intfConfigReactorUpdate( const Lumo::IntfId & intf ) {
+   reactorFollows( intfConfigReactor_, intf, intfConfig( intf ), true );
 }
 
 void ConfigSm::vrfConfigReactorUpdate( const L3::VrfName & vrf ) {
-   const Kiv::Ptr< const Config > config = vrfConfig( vrf );
-   if( !config ) {
-      pimConfigReactor_.unbind( vrf );
-      return;
-   }
-   KivPimConfig * r = pimConfigReactor_.find( vrf );
-   if( r && r->notifier() == config ) return;
-   pimConfigReactor_.unbind( vrf );
-   pimConfigReactor_.emplace( vrf, this, vrf, config );
+   reactorFollows( pimConfigReactor_, vrf, vrfConfig( vrf ), true );
 }
 
 void ConfigSm::hostInjectReactorUpdate( const Lumo::IntfId & intf ) {
    const auto & hi = inputs_.hostInjectConfig;
    const Kiv::Ptr< const HostInject::HostInjectIntfConfig > config = hi ? hi->config( intf ) : nullptr;
-   hostInjectReactor_.unbind( intf );
-   if( config ) hostInjectReactor_.emplace( intf, this, intf, config );
+   reactorFollows( hostInjectReactor_, intf, config, false );
 }
 
 void ConfigSm::ipIntfStatusReactorUpdate( const Lumo::IntfId & intf ) {
@@ -1187,23 +1183,17 @@ void ConfigSm::ipIntfStatusReactorUpdate( const Lumo::IntfId & intf ) {
 
 void ConfigSm::clearConfigReactorUpdate( const L3::VrfName & vrf ) {
    const auto & cc = inputs_.pimClearConfigColl;
-   const Kiv::Ptr< const ClearConfig > config = cc ? cc->vrfClearConfig( vrf ) : nullptr;
-   clearConfigReactor_.unbind( vrf );
-   if( config ) clearConfigReactor_.emplace( vrf, this, vrf, config );
+   reactorFollows( clearConfigReactor_, vrf, cc ? cc->vrfClearConfig( vrf ) : nullptr, false );
 }
 
 void ConfigSm::clearMrouteReactorUpdate( const L3::VrfName & vrf ) {
    const auto & cc = inputs_.clearMrouteConfigColl;
-   const Kiv::Ptr< const ClearMrouteConfig > config = cc ? cc->vrfClearMrouteConfig( vrf ) : nullptr;
-   clearMrouteSm_.unbind( vrf );
-   if( config ) clearMrouteSm_.emplace( vrf, this, vrf, config );
+   reactorFollows( clearMrouteSm_, vrf, cc ? cc->vrfClearMrouteConfig( vrf ) : nullptr, false );
 }
 
 void ConfigSm::vrfIntfCollReactorUpdate( const L3::VrfName & vrf ) {
-   pimVrfIntfColl_.unbind( vrf );
    const auto & avi = inputs_.appVrfIntfs;
-   const Kiv::Ptr< const McastCommon::VrfIntfColl > coll = avi ? avi->vrfIntf( vrf ) : nullptr;
-   if( coll ) pimVrfIntfColl_.emplace( vrf, this, vrf, coll );
+   reactorFollows( pimVrfIntfColl_, vrf, avi ? avi->vrfIntf( vrf ) : nullptr, false );
 }
 
 void ConfigSm::KivPimConfigColl::onIntfConfig( const Lumo::IntfId & intf ) {

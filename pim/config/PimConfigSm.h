@@ -338,6 +338,8 @@ class ConfigSm : public Kiv::StateMachine {
                                     const std::function< void( bool ) > & set );
 
    // Per-key reactor bookkeeping.
+   template< class K, class R, class E >
+   void reactorFollows( Kiv::ReactorMap< K, R > & map, const K & key, const Kiv::Ptr< E > & entity, bool keepSame );
    void reactorsInit();
    void doDrTimersInit();
    void intfConfigReactorUpdate( const Lumo::IntfId & intf );

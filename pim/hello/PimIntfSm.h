@@ -156,6 +156,12 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
    DrCandidate ownDrCandidate() const;
    // Start-up: neighbours whose BFD session is down become inactive.
    void handleStartupBfdStates();
+   // The propagation delay and the override interval, used alike.
+   struct LanPruneField;
+   static const LanPruneField kPropagationDelayField;
+   static const LanPruneField kOverrideIntervalField;
+   void handleLanPruneField( const LanPruneField & field );
+   void updateLanPruneField( const LanPruneField & field );
 
    ActiveNeighbors active_;
    const Lumo::IntfId intfId_;

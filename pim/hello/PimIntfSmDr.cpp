@@ -101,49 +101,63 @@ void IntfSm::handleBfdEnabled() {
    }
 }
 
+// The two fields of the LAN prune delay are used alike; this names one.
+struct IntfSm::LanPruneField {
+   const char * Name;   // as a trace sentence starts with it
+   const char * name;
+   const std::uint16_t & ( Intf::*own )() const;
+   const std::uint16_t & ( Intf::*used )() const;
+   bool ( Intf::*usedIs )( const std::uint16_t & );
+   std::uint16_t ( ActiveNeighbors::*neighborsMax )() const;
+   std::uint16_t fallback;   // used while an active neighbour lacks the option
+};
+
+const IntfSm::LanPruneField IntfSm::kPropagationDelayField{
+   "Propagation delay", "propagation delay", &Intf::propagationDelay, &Intf::usedPropagationDelay,
+   &Intf::usedPropagationDelayIs, &ActiveNeighbors::maxPropagationDelay, kPropagationDelayDefault };
+const IntfSm::LanPruneField IntfSm::kOverrideIntervalField{
+   "Override interval", "override interval", &Intf::overrideInterval, &Intf::usedOverrideInterval,
+   &Intf::usedOverrideIntervalIs, &ActiveNeighbors::maxOverrideInterval, kOverrideIntervalDefault };
+
 void IntfSm::handlePropagationDelay() {
    ITRACE( 8, "handlePropagationDelay" << "()" );
-   if( !initialized() ) return;
-   const std::uint16_t own = intf_->propagationDelay();
-   ITRACE( 7, "Propagation delay changed to " << own << " for interface " << intfId_ );
-   if( neighborNotUsingLanPrune() != 0 ) return;
-   // Raising applies at once; lowering waits for the next full update.
-   if( intf_->usedPropagationDelay() >= own ) return;
-   intf_->usedPropagationDelayIs( own );
-   ITRACE( 7, "Updated used propagation delay for interface " << intfId_ << " to " << own );
+   handleLanPruneField( kPropagationDelayField );
 }
 
 void IntfSm::handleOverrideInterval() {
    ITRACE( 8, "handleOverrideInterval" << "()" );
+   handleLanPruneField( kOverrideIntervalField );
+}
+
+void IntfSm::handleLanPruneField( const LanPruneField & field ) {
    if( !initialized() ) return;
-   const std::uint16_t own = intf_->overrideInterval();
-   ITRACE( 7, "Override interval changed to " << own << " for interface " << intfId_ );
+   const std::uint16_t own = ( *intf_.*field.own )();
+   ITRACE( 7, field.Name << " changed to " << own << " for interface " << intfId_ );
    if( neighborNotUsingLanPrune() != 0 ) return;
-   if( intf_->usedOverrideInterval() >= own ) return;
-   intf_->usedOverrideIntervalIs( own );
-   ITRACE( 7, "Updated used override interval for interface " << intfId_ << " to " << own );
+   // Raising applies at once; lowering waits for the next full update.
+   if( ( *intf_.*field.used )() >= own ) return;
+   ( *intf_.*field.usedIs )( own );
+   ITRACE( 7, "Updated used " << field.name << " for interface " << intfId_ << " to " << own );
 }
 
 void IntfSm::updatePropagationDelay() {
    ITRACE( 8, "updatePropagationDelay" << "()" );
-   if( !intf_ ) return;
-   std::uint16_t value = kPropagationDelayDefault;
-   if( neighborNotUsingLanPrune() == 0 ) {
-      value = std::max( intf_->propagationDelay(), active_.maxPropagationDelay() );
-   }
-   intf_->usedPropagationDelayIs( value );
-   ITRACE( 7, "Updated used propagation delay for interface " << intfId_ << " to " << value );
+   updateLanPruneField( kPropagationDelayField );
 }
 
 void IntfSm::updateOverrideInterval() {
    ITRACE( 8, "updateOverrideInterval" << "()" );
+   updateLanPruneField( kOverrideIntervalField );
+}
+
+void IntfSm::updateLanPruneField( const LanPruneField & field ) {
    if( !intf_ ) return;
-   std::uint16_t value = kOverrideIntervalDefault;
+   std::uint16_t value = field.fallback;
    if( neighborNotUsingLanPrune() == 0 ) {
-      value = std::max( intf_->overrideInterval(), active_.maxOverrideInterval() );
+      value = std::max( ( *intf_.*field.own )(), ( active_.*field.neighborsMax )() );
    }
-   intf_->usedOverrideIntervalIs( value );
-   ITRACE( 7, "Updated used override interval for interface " << intfId_ << " to " << value );
+   ( *intf_.*field.usedIs )( value );
+   ITRACE( 7, "Updated used " << field.name << " for interface " << intfId_ << " to " << value );
 }
 
 void IntfSm::updateTBit() {
