@@ -431,6 +431,11 @@ void ConfigSm::deletePimIntfFromStatus( const L3::VrfName & vrf, const Lumo::Int
 
 void ConfigSm::updateAllPimIntf( const L3::VrfName & vrf ) {
    CTRACE( 8, "updateAllPimIntf( " << vrf << " )" );
+   updatePimIntfsOf( vrf );
+}
+
+// Every interface of the VRF again, while multicast routing runs there.
+void ConfigSm::updatePimIntfsOf( const L3::VrfName & vrf ) {
    if( !multicastEnabled( vrf ) ) return;
    const Kiv::Ptr< AllStatus > status = allStatus( vrf );
    if( !status ) return;
@@ -514,10 +519,7 @@ void ConfigSm::handleSourceInject( const Lumo::IntfId & intf ) {
 
 void ConfigSm::handleBfdIntfDefault( const L3::VrfName & vrf ) {
    CTRACE( 8, "handleBfdIntfDefault( " << vrf << " )" );
-   if( !multicastEnabled( vrf ) ) return;
-   const Kiv::Ptr< AllStatus > status = allStatus( vrf );
-   if( !status ) return;
-   for( auto it = status->pimIntfIter(); it; ++it ) updatePimIntf( vrf, it.key() );
+   updatePimIntfsOf( vrf );
 }
 
 void ConfigSm::handleVrfNeighborLimit( const L3::VrfName & vrf ) {

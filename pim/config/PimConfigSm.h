@@ -313,6 +313,7 @@ class ConfigSm : public Kiv::StateMachine {
       void onTime() override { owner_->handleDrDelayTimerExpiry(); }
    };
 
+   void updatePimIntfsOf( const L3::VrfName & vrf );
    // The steps of updatePimIntf.
    // Whether IP status, the VRF and multicast routing let the interface run
    // PIM; if not, traced, and the interface goes.
