@@ -13,7 +13,6 @@
 //    configured interfaces; application-requested ones come from here).
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <unordered_set>
 
 #include "agenthost/AttrLog.h"
@@ -136,7 +135,7 @@ class GlobalStatusModeFilterSm : public Kiv::StateMachine {
    KivAllStatusColl allStatusCollReactor_;
    KivStatusColl statusCollReactor_;
    Kiv::ReactorMap< L3::VrfName, KivAllStatus > allStatus_;
-   std::unordered_map< VrfIntf, std::unique_ptr< KivIntf >, VrfIntfHash > intfs_;
+   Kiv::ReactorMap< VrfIntf, KivIntf, VrfIntfHash > intfs_;
    // What this machine wrote, so that it removes only its own entries.
    std::unordered_set< VrfIntf, VrfIntfHash > published_;
 };

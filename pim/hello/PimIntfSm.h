@@ -9,6 +9,10 @@
 // GlobalIntfSm: one per VRF; owns the IntfSms, recreating them as the kernel's
 // view of interfaces changes, forwards BFD peer state into neighbour entries
 // and fans the reload / DR-delay events out to every interface.
+//
+// Sources: PimIntfSm.cpp (construction, start-up, neighbour side),
+// PimIntfSmHello.cpp, PimIntfSmDr.cpp (DR, LAN prune delay, T bit, BFD),
+// PimGlobalIntfSm.cpp; PimIntfSmImpl.h holds what they share.
 #include "hello/ActiveNeighbors.h"
 #include "hello/PimNeighborSm.h"
 #include "kiv/EntityMacros.h"

@@ -6,6 +6,7 @@
 // emplace() is for reactors whose constructor binds them (and may run their
 // handlers once): it builds the key's reactor only when there is none.
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <utility>
 
@@ -13,7 +14,7 @@
 
 namespace Kiv {
 
-template< class K, class R >
+template< class K, class R, class H = std::hash< K > >
 class ReactorMap {
  public:
    // args build the reactor when the key has none yet.
@@ -63,7 +64,7 @@ class ReactorMap {
    }
 
  private:
-   HashMap< K, std::unique_ptr< R > > reactors_;
+   HashMap< K, std::unique_ptr< R >, H > reactors_;
 };
 
 } // namespace Kiv
