@@ -10,6 +10,7 @@
 #include "model/PimConfig.h"
 #include "model/PimStatus.h"
 #include "services/mcast/Multicast.h"
+#include "tolm/OwnedTimer.h"
 #include "tolm/TimerWheel.h"
 #include "kiv/OwnedReactor.h"
 
@@ -51,11 +52,7 @@ class AsuSm : public Kiv::StateMachine {
       void onShutdown() override { owner_->doAsuShutdown(); }
       void onNotifier() override { owner_->doAsuShutdown(); }
    };
-   class KivAsuTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, AsuSm > {
-    public:
-      using OwnedReactor::OwnedReactor;
-      void onTime() override { owner_->handleAsuTimerExpiry(); }
-   };
+   using KivAsuTimer = Tolm::OwnedTimer< AsuSm, &AsuSm::handleAsuTimerExpiry >;
 
    Kiv::Ptr< const Config > pimConfig_;
    Kiv::Ptr< AllStatus > allStatus_;

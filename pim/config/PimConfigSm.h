@@ -45,6 +45,7 @@
 #include "services/mlag/Mlag.h"
 #include "status/PimVarnStatus.h"
 #include "varn/VarnMount.h"
+#include "tolm/OwnedTimer.h"
 #include "tolm/TimerWheel.h"
 #include "kiv/OwnedReactor.h"
 #include "kiv/ReactorMap.h"
@@ -297,21 +298,9 @@ class ConfigSm : public Kiv::StateMachine {
       using OwnedReactor::OwnedReactor;
       void onVrfIntf( const L3::VrfName & vrf ) override;
    };
-   class KivDrInitTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, ConfigSm > {
-    public:
-      using OwnedReactor::OwnedReactor;
-      void onTime() override { owner_->drInitTimerExpired(); }
-   };
-   class KivMountRetryTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, ConfigSm > {
-    public:
-      using OwnedReactor::OwnedReactor;
-      void onTime() override { owner_->handleMountRetryTimerExpiry(); }
-   };
-   class KivDrDelayTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, ConfigSm > {
-    public:
-      using OwnedReactor::OwnedReactor;
-      void onTime() override { owner_->handleDrDelayTimerExpiry(); }
-   };
+   using KivDrInitTimer = Tolm::OwnedTimer< ConfigSm, &ConfigSm::drInitTimerExpired >;
+   using KivMountRetryTimer = Tolm::OwnedTimer< ConfigSm, &ConfigSm::handleMountRetryTimerExpiry >;
+   using KivDrDelayTimer = Tolm::OwnedTimer< ConfigSm, &ConfigSm::handleDrDelayTimerExpiry >;
 
    void updatePimIntfsOf( const L3::VrfName & vrf );
    // The steps of updatePimIntf.

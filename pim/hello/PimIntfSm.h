@@ -21,6 +21,7 @@
 #include "services/bfd/Bfd.h"
 #include "services/intf/DeviceIntfStatus.h"
 #include "services/pimio/MessageInfo.h"
+#include "tolm/OwnedTimer.h"
 #include "tolm/TimerWheel.h"
 #include "kiv/OwnedReactor.h"
 #include "kiv/ReactorMap.h"
@@ -139,16 +140,8 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
       using OwnedReactor::OwnedReactor;
       void onRouterId() override { owner_->handleRouterId(); }
    };
-   class KivHelloTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, IntfSm > {
-    public:
-      using OwnedReactor::OwnedReactor;
-      void onTime() override { owner_->handleHelloTimerExpiry(); }
-   };
-   class KivHelloTriggeredTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, IntfSm > {
-    public:
-      using OwnedReactor::OwnedReactor;
-      void onTime() override { owner_->handleHelloTriggeredTimerExpiry(); }
-   };
+   using KivHelloTimer = Tolm::OwnedTimer< IntfSm, &IntfSm::handleHelloTimerExpiry >;
+   using KivHelloTriggeredTimer = Tolm::OwnedTimer< IntfSm, &IntfSm::handleHelloTriggeredTimerExpiry >;
 
    // What the NeighborSms report, through NeighborSmOwner only.
    void neighborGenerationIdChanged() override;

@@ -7,6 +7,7 @@
 #include "kiv/EntityMacros.h"
 #include "model/PimConfig.h"
 #include "model/PimStatus.h"
+#include "tolm/OwnedTimer.h"
 #include "tolm/TimerWheel.h"
 #include "kiv/OwnedReactor.h"
 
@@ -83,11 +84,7 @@ class NeighborSm : public Kiv::StateMachine {
       void onPortInfo() override { owner_->handlePort(); }
       void onBfdState() override { owner_->handleBfdState(); }
    };
-   class KivNeighborTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, NeighborSm > {
-    public:
-      using OwnedReactor::OwnedReactor;
-      void onTime() override { owner_->handleNeighborTimerExpiry(); }
-   };
+   using KivNeighborTimer = Tolm::OwnedTimer< NeighborSm, &NeighborSm::handleNeighborTimerExpiry >;
 
    const Lumo::IpGenAddr address_;
    Kiv::Ptr< Neighbor > neighbor_;

@@ -32,6 +32,7 @@
 #include "services/mcast/Multicast.h"
 #include "services/pimio/MessageInfo.h"
 #include "services/pimwire/HelloCodec.h"
+#include "tolm/OwnedTimer.h"
 #include "tolm/TimerWheel.h"
 #include "kiv/OwnedReactor.h"
 
@@ -110,11 +111,7 @@ class RawPimIo : public Kiv::FdReactor {
    };
    // A timer of the wheel that calls one handler (delivery, end of a pause).
    template< void ( RawPimIo::*handle )() >
-   class KivTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, RawPimIo > {
-    public:
-      using OwnedReactor::OwnedReactor;
-      void onTime() override { ( owner_->*handle )(); }
-   };
+   using KivTimer = Tolm::OwnedTimer< RawPimIo, handle >;
    class KivGroups : public Kiv::OwnedReactor< IpGen::MulticastGroupsForApplications::NotifieeConst, RawPimIo > {
     public:
       using OwnedReactor::OwnedReactor;
