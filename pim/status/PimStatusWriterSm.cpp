@@ -201,46 +201,48 @@ void StatusWriterSm::KivIntf::handleIntf() {
    for( auto it = intf->secondaryPrefixIter(); it; ++it ) handleSecondaryPrefix( it.key() );
 }
 
+// The row of one member of the interface's sets, traced as
+// "<fn>(), Adding <noun> <member> <to> interface <id>" and
+// "<fn>(), Removing <noun> <member> <from> interface <id>".
+template< class K, class Add, class Del >
+void StatusWriterSm::KivIntf::mirrorTraced( const MemberText & text, bool present, Kiv::HashMap< K, bool > & written,
+                                            const K & member, Add && add, Del && del ) {
+   mirrorMember( present, written, member, [ & ] {
+      KIV_TRACE( th(), 7, text.fn << "(), Adding " << text.noun << " " << member << " " << text.to
+                                  << " interface " << key_ );
+      add();
+   }, [ & ] {
+      KIV_TRACE( th(), 7, text.fn << "(), Removing " << text.noun << " " << member << " " << text.from
+                                  << " interface " << key_ );
+      del();
+   } );
+}
+
 void StatusWriterSm::KivIntf::handleSecondaryAddress( const Lumo::IpGenAddr & addr ) {
    const IntfSecondaryAddressKey key( key_, addr );
    Status & varn = *sm()->varnStatus();
-   mirrorMember( notifier()->secondaryAddress( addr ), secondaryAddressWritten_, addr, [ & ] {
-      KIV_TRACE( th(), 7, "handleSecondaryAddress(), Adding secondary address "
-                             << addr << " to interface " << key_ );
-      varn.intfSecondaryAddressIs( IntfSecondaryAddress( key ) );
-   }, [ & ] {
-      KIV_TRACE( th(), 7, "handleSecondaryAddress(), Removing secondary address "
-                             << addr << " from interface " << key_ );
-      varn.intfSecondaryAddressDel( key );
-   } );
+   mirrorTraced( { "handleSecondaryAddress", "secondary address", "to", "from" },
+                 notifier()->secondaryAddress( addr ), secondaryAddressWritten_, addr,
+                 [ & ] { varn.intfSecondaryAddressIs( IntfSecondaryAddress( key ) ); },
+                 [ & ] { varn.intfSecondaryAddressDel( key ); } );
 }
 
 void StatusWriterSm::KivIntf::handleSecondaryPrefix( const Lumo::IpGenPrefix & prefix ) {
    const IntfSecondaryPrefixKey key( key_, prefix );
    Status & varn = *sm()->varnStatus();
-   mirrorMember( notifier()->secondaryPrefix( prefix ), secondaryPrefixWritten_, prefix, [ & ] {
-      KIV_TRACE( th(), 7, "handleSecondaryPrefix(), Adding secondary prefix "
-                             << prefix << " to interface " << key_ );
-      varn.intfSecondaryPrefixIs( IntfSecondaryPrefix( key ) );
-   }, [ & ] {
-      KIV_TRACE( th(), 7, "handleSecondaryPrefix(), Removing secondary prefix "
-                             << prefix << " from interface " << key_ );
-      varn.intfSecondaryPrefixDel( key );
-   } );
+   mirrorTraced( { "handleSecondaryPrefix", "secondary prefix", "to", "from" },
+                 notifier()->secondaryPrefix( prefix ), secondaryPrefixWritten_, prefix,
+                 [ & ] { varn.intfSecondaryPrefixIs( IntfSecondaryPrefix( key ) ); },
+                 [ & ] { varn.intfSecondaryPrefixDel( key ); } );
 }
 
 void StatusWriterSm::KivIntf::handleInactiveBfdNeighbor( const Lumo::IpGenAddr & addr ) {
    const NeighborKey key( key_, addr );
    Status & varn = *sm()->varnStatus();
-   mirrorMember( bool( notifier()->inactiveBfdNeighbor( addr ) ), inactiveWritten_, addr, [ & ] {
-      KIV_TRACE( th(), 7, "handleInactiveBfdNeighbor(), Adding inactive neighbor "
-                             << addr << " on interface " << key_ );
-      varn.inactiveNeighborIs( NeighborRef( key ) );
-   }, [ & ] {
-      KIV_TRACE( th(), 7, "handleInactiveBfdNeighbor(), Removing inactive neighbor "
-                             << addr << " on interface " << key_ );
-      varn.inactiveNeighborDel( key );
-   } );
+   mirrorTraced( { "handleInactiveBfdNeighbor", "inactive neighbor", "on", "on" },
+                 bool( notifier()->inactiveBfdNeighbor( addr ) ), inactiveWritten_, addr,
+                 [ & ] { varn.inactiveNeighborIs( NeighborRef( key ) ); },
+                 [ & ] { varn.inactiveNeighborDel( key ); } );
 }
 
 void StatusWriterSm::KivIntf::handleRefusedSource( const Lumo::IpGenAddr & addr ) {

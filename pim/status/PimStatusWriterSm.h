@@ -77,6 +77,16 @@ class StatusWriterSm : public Kiv::StateMachine {
       void handleInactiveBfdNeighbor( const Lumo::IpGenAddr & addr );
       void handleRefusedSource( const Lumo::IpGenAddr & addr );
       void handleNeighbor( const Lumo::IpGenAddr & addr );
+      // How a set member's row is named in the trace.
+      struct MemberText {
+         const char * fn;
+         const char * noun;
+         const char * to;     // "Adding ... <to> interface"
+         const char * from;   // "Removing ... <from> interface"
+      };
+      template< class K, class Add, class Del >
+      void mirrorTraced( const MemberText & text, bool present, Kiv::HashMap< K, bool > & written,
+                         const K & member, Add && add, Del && del );
       void handleDel();
 
       void onEnabled() override { handleIntf(); }
