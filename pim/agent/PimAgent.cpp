@@ -210,7 +210,23 @@ void Agent::doMountsCompleteFor( Dovel::MountStatus mountStatus, const Kiv::Ptr<
    // 10.
    bfdPimAppConfigRootIs( fetchWritable< Kiv::Dir >( v6( af ) ? "bfd/config/app*/pim6" : "bfd/config/app*/pim" ) );
    bfdAllPeerStatusDirIs( fetch< Bfd::StatusPeer >( "bfd/status/peer" ) );
-   // 11, 12. stages
+   // 11, 12.
+   stagesHelpersInit();
+   // 13.
+   asuClientVrfStatusIs( Kiv::make< McastCommon::AsuVrfStatus >( Kiv::Name( "asuClientVrfStatus" ) ) );
+   asuClientShutdownStatusIs( Kiv::make< McastCommon::AsuShutdownStatus >( Kiv::Name( "asuClientShutdownStatus" ) ) );
+   kniMounterIs( Kiv::make< StoreKniMounter >( em->store() ) );
+   // 14, 15.
+   redundancyStatusSmIs( Kiv::make< RedundancyStatusSm >( redundancyStatus(), this ) );
+   handleStandbyMode();
+   // 16.
+   bootStagesHelper()->waitForStage( "NetworkAgent" );
+   bootStagesHelper()->waitForStage( "PimIntfUpdate" );
+   shutdownStagesHelper()->waitForStage( "NetworkAgentShutdown" );
+}
+
+// The helpers of the boot and shutdown stages.
+void Agent::stagesHelpersInit() {
    const std::string stageName = stageAgentName();
    for( const char * cls : { kBootStageClass, kShutdownStageClass } ) {
       auto helper = Kiv::make< AgentBase::StagesHelper >(
@@ -225,17 +241,6 @@ void Agent::doMountsCompleteFor( Dovel::MountStatus mountStatus, const Kiv::Ptr<
          shutdownStagesHelperIs( helper );
       }
    }
-   // 13.
-   asuClientVrfStatusIs( Kiv::make< McastCommon::AsuVrfStatus >( Kiv::Name( "asuClientVrfStatus" ) ) );
-   asuClientShutdownStatusIs( Kiv::make< McastCommon::AsuShutdownStatus >( Kiv::Name( "asuClientShutdownStatus" ) ) );
-   kniMounterIs( Kiv::make< StoreKniMounter >( em->store() ) );
-   // 14, 15.
-   redundancyStatusSmIs( Kiv::make< RedundancyStatusSm >( redundancyStatus(), this ) );
-   handleStandbyMode();
-   // 16.
-   bootStagesHelper()->waitForStage( "NetworkAgent" );
-   bootStagesHelper()->waitForStage( "PimIntfUpdate" );
-   shutdownStagesHelper()->waitForStage( "NetworkAgentShutdown" );
 }
 
 void Agent::standbyModeIs( bool standby ) {
@@ -265,77 +270,48 @@ void Agent::handleStandbyMode() {
       serviceAclFilterSmIs( Kiv::make< Acl::ServiceAclFilterSm >(
          kServiceAclName, aclConfig(), aclCpConfig(), fetchWritable< Acl::StatusService >( "routing/pim/sacl/status" ) ) );
    }
-   pimConfigSmIs( addressFamily_, pimConfigRoot(), pimClearConfigRoot(), mcastHostInjectConfig(), pimStatusColl(),
-                  pimAllStatusColl(), pimGlobalStatus(), pimCellGlobalStatus(), mcastPimStatus(), mlagProtoStatus(),
-                  pimApplicationConfigDir(), aclConfig(), ipStatus(), allIntfConfigDir(), allIntfStatusDir(),
-                  allIntfStatusLocalDir(), allVrfStatus(), pimVrfIntfs(), pimMulticastGroups(), mcastBoundaryStatus(),
-                  bfdPimAppConfigRoot(), bfdAllPeerStatusDir(), mcastEnabledStatus(), varnMount(), pimAttrLogSm(),
-                  serviceAclFilterSm(), bootStagesHelper(), asuClientShutdownStatus(), asuClientVrfStatus(),
-                  clearMrouteCollSparseMode(), bridgingConfig() );
+   doBuildConfigSm();
    const L3::VrfName defaultVrf( "default" );
    vxlanStatusSmIs( Kiv::make< VxlanStatusSm >( vxlanEnabledStatus(), pimStatusColl()->vrfStatus( defaultVrf ),
                                                mcastVxlanStatus() ) );
 }
 
-Kiv::Ptr< ConfigSm > Agent::pimConfigSmIs(
-   Lumo::AddressFamily af, const Kiv::Ptr< const ConfigColl > & pimConfigRoot,
-   const Kiv::Ptr< const ClearConfigColl > & pimClearConfigRoot,
-   const Kiv::Ptr< const HostInject::HostInjectConfig > & mcastHostInjectConfig,
-   const Kiv::Ptr< StatusColl > & pimStatusColl, const Kiv::Ptr< AllStatusColl > & pimAllStatusColl,
-   const Kiv::Ptr< GlobalStatus > & pimGlobalStatus, const Kiv::Ptr< CellGlobalStatus > & pimCellGlobalStatus,
-   const Kiv::Ptr< Multicast::Pim::Status > & mcastPimStatus, const Kiv::Ptr< const Mlag::ProtoStatus > & mlagProtoStatus,
-   const Kiv::Ptr< const Kiv::Dir > & pimApplicationConfigDir, const Kiv::Ptr< const Acl::Config > & aclTypeConfig,
-   const Kiv::Ptr< const IpGen::Status > & ipStatus,
-   const Kiv::Ptr< const Interface::AllIntfConfigDir > & allIntfConfigDir,
-   const Kiv::Ptr< const Interface::AllIntfStatusDir > & allIntfStatusDir,
-   const Kiv::Ptr< const Interface::AllIntfStatusLocalDir > &,
-   const Kiv::Ptr< const Ip::AllVrfStatusLocal > & allVrfStatus,
-   const Kiv::Ptr< const McastCommon::AppVrfIntfs > & pimVrfIntfs,
-   const Kiv::Ptr< IpGen::MulticastGroupsForApplications > & pimMulticastGroups,
-   const Kiv::Ptr< const McastBoundary::Status > & mcastBoundaryStatus, const Kiv::Ptr< Kiv::Dir > & bfdPimAppConfigRoot,
-   const Kiv::Ptr< const Bfd::StatusPeer > & bfdAllPeerStatusDir,
-   const Kiv::Ptr< const Multicast::Fib::VrfEnabledStatus > & mcastEnabledStatus,
-   const Kiv::Ptr< KivVarn::Mount > & varnMount, const Kiv::Ptr< PimAttrLogSm > & pimAttrLogSm,
-   const Kiv::Ptr< Acl::ServiceAclFilterSm > & serviceAclFilterSm,
-   const Kiv::Ptr< AgentBase::StagesHelper > & bootStagesHelper,
-   const Kiv::Ptr< McastCommon::AsuShutdownStatus > & asuClientShutdownStatus,
-   const Kiv::Ptr< McastCommon::AsuVrfStatus > & asuClientVrfStatus,
-   const Kiv::Ptr< const ClearMrouteConfigColl > & clearMrouteCollSparseMode,
-   const Kiv::Ptr< const Bridging::Config > & bridgingConfig ) {
+// ConfigSm from the agent's inputs.
+Kiv::Ptr< ConfigSm > Agent::doBuildConfigSm() {
    ConfigSmInputs in;
-   in.af = af;
-   in.pimConfigColl = pimConfigRoot;
-   in.pimClearConfigColl = pimClearConfigRoot;
-   in.hostInjectConfig = mcastHostInjectConfig;
-   in.appConfigDir = pimApplicationConfigDir;
-   in.clearMrouteConfigColl = clearMrouteCollSparseMode;
-   in.pimStatusColl = pimStatusColl;
-   in.pimAllStatusColl = pimAllStatusColl;
-   in.pimGlobalStatus = pimGlobalStatus;
-   in.pimCellGlobalStatus = pimCellGlobalStatus;
-   in.mcastPimStatus = mcastPimStatus;
-   in.mlagProtoStatus = mlagProtoStatus;
-   in.ipStatus = ipStatus;
-   in.allVrfStatusLocal = allVrfStatus;
-   in.appVrfIntfs = pimVrfIntfs;
-   in.vrfEnabledStatus = mcastEnabledStatus;
-   in.multicastGroups = pimMulticastGroups;
+   in.af = addressFamily_;
+   in.pimConfigColl = pimConfigRoot();
+   in.pimClearConfigColl = pimClearConfigRoot();
+   in.hostInjectConfig = mcastHostInjectConfig();
+   in.appConfigDir = pimApplicationConfigDir();
+   in.clearMrouteConfigColl = clearMrouteCollSparseMode();
+   in.pimStatusColl = pimStatusColl();
+   in.pimAllStatusColl = pimAllStatusColl();
+   in.pimGlobalStatus = pimGlobalStatus();
+   in.pimCellGlobalStatus = pimCellGlobalStatus();
+   in.mcastPimStatus = mcastPimStatus();
+   in.mlagProtoStatus = mlagProtoStatus();
+   in.ipStatus = ipStatus();
+   in.allVrfStatusLocal = allVrfStatus();
+   in.appVrfIntfs = pimVrfIntfs();
+   in.vrfEnabledStatus = mcastEnabledStatus();
+   in.multicastGroups = pimMulticastGroups();
    in.multicastIntfs = pimVifRequests();
-   in.bfdAppConfigDir = bfdPimAppConfigRoot;
-   in.bfdStatusPeer = bfdAllPeerStatusDir;
-   in.varnMount = varnMount;
+   in.bfdAppConfigDir = bfdPimAppConfigRoot();
+   in.bfdStatusPeer = bfdAllPeerStatusDir();
+   in.varnMount = varnMount();
    in.kniMounter = kniMounter();
-   in.asuShutdownStatus = asuClientShutdownStatus;
-   in.asuVrfStatus = asuClientVrfStatus;
-   in.bridgingConfig = bridgingConfig;
-   in.containerExtras.aclTypeConfig = aclTypeConfig;
-   in.containerExtras.allIntfConfigDir = allIntfConfigDir;
-   in.containerExtras.allIntfStatusDir = allIntfStatusDir;
-   in.containerExtras.mcastBoundaryStatus = mcastBoundaryStatus;
-   in.containerExtras.pimAttrLogSm = pimAttrLogSm;
-   in.containerExtras.serviceAclFilterSm = serviceAclFilterSm;
+   in.asuShutdownStatus = asuClientShutdownStatus();
+   in.asuVrfStatus = asuClientVrfStatus();
+   in.bridgingConfig = bridgingConfig();
+   in.containerExtras.aclTypeConfig = aclConfig();
+   in.containerExtras.allIntfConfigDir = allIntfConfigDir();
+   in.containerExtras.allIntfStatusDir = allIntfStatusDir();
+   in.containerExtras.mcastBoundaryStatus = mcastBoundaryStatus();
+   in.containerExtras.pimAttrLogSm = pimAttrLogSm();
+   in.containerExtras.serviceAclFilterSm = serviceAclFilterSm();
    in.timerWheel = timerWheel();
-   AgentBase::StagesHelper * stages = bootStagesHelper.ptr();
+   AgentBase::StagesHelper * stages = bootStagesHelper().ptr();
    AgentBase::StagesHelper * shutdown = shutdownStagesHelper().ptr();
    in.stageComplete = [ stages, shutdown ]( const std::string & stage ) {
       // ConfigSm completes the fast-upgrade shutdown stage; others are boot.

@@ -4,7 +4,7 @@
 // machines read or write, builds the process-wide collections, the ACL
 // aggregators, the stage helpers and the redundancy machine, and on the
 // active supervisor the machines of the configuration pipeline (through
-// pimConfigSmIs). The redundancy machine sets standbyMode; handleStandbyMode
+// doBuildConfigSm). The redundancy machine sets standbyMode; handleStandbyMode
 // builds or tears down the active side.
 #include <string>
 #include <vector>
@@ -20,6 +20,7 @@
 #include "services/intf/AllIntfDir.h"
 #include "services/mcast/McastAppVrfIntfDirSm.h"
 #include "services/mcast/McastBoundary.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim {
 
@@ -34,12 +35,10 @@ class RedundancyStatusSm : public Kiv::StateMachine {
    void handleRedundancyStatus();
 
  private:
-   class KivRedundancyStatus : public Redundancy::RedundancyStatus::NotifieeConst {
+   class KivRedundancyStatus : public Kiv::OwnedReactor< Redundancy::RedundancyStatus::NotifieeConst, RedundancyStatusSm > {
     public:
-      explicit KivRedundancyStatus( RedundancyStatusSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onMode() override { owner_->handleRedundancyStatus(); }
-    private:
-      RedundancyStatusSm * owner_;
    };
    Kiv::Ptr< const Redundancy::RedundancyStatus > redundancyStatus_;
    Agent * agent_;
@@ -128,39 +127,15 @@ class Agent : public AgentBase::CAgent {
 
    // The family's mount list, in order (what doInit declares).
    std::vector< Dovel::Mount > mountTable() const;
-   // Builds ConfigSm from the agent's inputs, in the order the agent passes them.
-   Kiv::Ptr< ConfigSm > pimConfigSmIs(
-      Lumo::AddressFamily af, const Kiv::Ptr< const ConfigColl > & pimConfigRoot,
-      const Kiv::Ptr< const ClearConfigColl > & pimClearConfigRoot,
-      const Kiv::Ptr< const HostInject::HostInjectConfig > & mcastHostInjectConfig,
-      const Kiv::Ptr< StatusColl > & pimStatusColl, const Kiv::Ptr< AllStatusColl > & pimAllStatusColl,
-      const Kiv::Ptr< GlobalStatus > & pimGlobalStatus, const Kiv::Ptr< CellGlobalStatus > & pimCellGlobalStatus,
-      const Kiv::Ptr< Multicast::Pim::Status > & mcastPimStatus,
-      const Kiv::Ptr< const Mlag::ProtoStatus > & mlagProtoStatus,
-      const Kiv::Ptr< const Kiv::Dir > & pimApplicationConfigDir, const Kiv::Ptr< const Acl::Config > & aclTypeConfig,
-      const Kiv::Ptr< const IpGen::Status > & ipStatus,
-      const Kiv::Ptr< const Interface::AllIntfConfigDir > & allIntfConfigDir,
-      const Kiv::Ptr< const Interface::AllIntfStatusDir > & allIntfStatusDir,
-      const Kiv::Ptr< const Interface::AllIntfStatusLocalDir > & allIntfStatusLocalDir,
-      const Kiv::Ptr< const Ip::AllVrfStatusLocal > & allVrfStatus,
-      const Kiv::Ptr< const McastCommon::AppVrfIntfs > & pimVrfIntfs,
-      const Kiv::Ptr< IpGen::MulticastGroupsForApplications > & pimMulticastGroups,
-      const Kiv::Ptr< const McastBoundary::Status > & mcastBoundaryStatus,
-      const Kiv::Ptr< Kiv::Dir > & bfdPimAppConfigRoot, const Kiv::Ptr< const Bfd::StatusPeer > & bfdAllPeerStatusDir,
-      const Kiv::Ptr< const Multicast::Fib::VrfEnabledStatus > & mcastEnabledStatus,
-      const Kiv::Ptr< KivVarn::Mount > & varnMount, const Kiv::Ptr< PimAttrLogSm > & pimAttrLogSm,
-      const Kiv::Ptr< Acl::ServiceAclFilterSm > & serviceAclFilterSm,
-      const Kiv::Ptr< AgentBase::StagesHelper > & bootStagesHelper,
-      const Kiv::Ptr< McastCommon::AsuShutdownStatus > & asuClientShutdownStatus,
-      const Kiv::Ptr< McastCommon::AsuVrfStatus > & asuClientVrfStatus,
-      const Kiv::Ptr< const ClearMrouteConfigColl > & clearMrouteCollSparseMode,
-      const Kiv::Ptr< const Bridging::Config > & bridgingConfig );
+   // Builds ConfigSm from the agent's inputs.
+   Kiv::Ptr< ConfigSm > doBuildConfigSm();
 
  protected:
    // The family's paths, for doInit and doMountsComplete.
    struct Paths;
    void doInitFor( const char * traceText );
    void doMountsCompleteFor( Dovel::MountStatus status, const Kiv::Ptr< Dovel::EntityManager > & em );
+   void stagesHelpersInit();
    // "Pim" or "Pim6": the agent's name in the stage paths.
    const char * stageAgentName() const;
 

@@ -119,13 +119,13 @@ void GlobalStatusModeFilterSm::handleIntf( const L3::VrfName & vrf, const Lumo::
    const Kiv::Ptr< AllStatus > all = allStatusColl_ ? allStatusColl_->vrfStatus( vrf ) : nullptr;
    const Kiv::Ptr< Intf > pimIntf = all ? all->pimIntf( intf ) : nullptr;
    const VrfIntf key{ vrf, intf };
-   auto it = intfs_.find( key );
+   const KivIntf * r = intfs_.find( key );
    if( !pimIntf ) {
-      if( it != intfs_.end() ) intfs_.erase( it );
-   } else if( it == intfs_.end() || it->second->notifier() != pimIntf ) {
-      auto r = std::make_unique< KivIntf >( this, vrf, intf );
-      r->notifierIs( pimIntf );
-      intfs_[ key ] = std::move( r );
+      intfs_.unbind( key );
+   } else if( !r || r->notifier() != pimIntf ) {
+      auto fresh = std::make_unique< KivIntf >( this, vrf, intf );
+      fresh->notifierIs( pimIntf );
+      intfs_.insert( key, std::move( fresh ) );
    }
    const Kiv::Ptr< Status > status = statusColl_ ? statusColl_->vrfStatus( vrf ) : nullptr;
    if( status && pimIntf && ( pimIntf->mode() & mode_ ) ) {

@@ -13,7 +13,6 @@
 //    configured interfaces; application-requested ones come from here).
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <unordered_set>
 
 #include "agenthost/AttrLog.h"
@@ -23,6 +22,7 @@
 #include "model/PimStatus.h"
 #include "status/PimVarnStatus.h"
 #include "varn/VarnMount.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim {
 
@@ -36,13 +36,11 @@ class PimAttrLogSm : public Kiv::StateMachine {
    void handleEnabled( const char * attr, const L3::VrfName & vrf, bool on );
 
  private:
-   class KivGlobalStatus : public GlobalStatus::NotifieeConst {
+   class KivGlobalStatus : public Kiv::OwnedReactor< GlobalStatus::NotifieeConst, PimAttrLogSm > {
     public:
-      explicit KivGlobalStatus( PimAttrLogSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onPimEnabledSparseModeVrf( const L3::VrfName & v ) override;
       void onPimEnabledBidirVrf( const L3::VrfName & v ) override;
-    private:
-      PimAttrLogSm * owner_;
    };
    Kiv::Ptr< Kiv::NboAttrLog::SocketOutSm > out_;
    KivGlobalStatus globalStatus_;
@@ -64,20 +62,16 @@ class GlobalStatusReaderSm : public Kiv::StateMachine {
    void handleVrf( const L3::VrfName & vrf );
 
  private:
-   class KivGlobalStatus : public GlobalStatus::NotifieeConst {
+   class KivGlobalStatus : public Kiv::OwnedReactor< GlobalStatus::NotifieeConst, GlobalStatusReaderSm > {
     public:
-      explicit KivGlobalStatus( GlobalStatusReaderSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onPimEnabledSparseModeVrf( const L3::VrfName & v ) override { owner_->handleVrf( v ); }
       void onPimEnabledBidirVrf( const L3::VrfName & v ) override { owner_->handleVrf( v ); }
-    private:
-      GlobalStatusReaderSm * owner_;
    };
-   class KivAllStatusColl : public AllStatusColl::NotifieeConst {
+   class KivAllStatusColl : public Kiv::OwnedReactor< AllStatusColl::NotifieeConst, GlobalStatusReaderSm > {
     public:
-      explicit KivAllStatusColl( GlobalStatusReaderSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onVrfStatus( const L3::VrfName & v ) override { owner_->handleVrf( v ); }
-    private:
-      GlobalStatusReaderSm * owner_;
    };
    const Lumo::AddressFamily af_;
    const bool followAllVrfs_;
@@ -102,37 +96,28 @@ class GlobalStatusModeFilterSm : public Kiv::StateMachine {
    void handleIntf( const L3::VrfName & vrf, const Lumo::IntfId & intf );
 
  private:
-   class KivAllStatusColl : public AllStatusColl::NotifieeConst {
+   class KivAllStatusColl : public Kiv::OwnedReactor< AllStatusColl::NotifieeConst, GlobalStatusModeFilterSm > {
     public:
-      explicit KivAllStatusColl( GlobalStatusModeFilterSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onVrfStatus( const L3::VrfName & v ) override { owner_->handleVrf( v ); }
-    private:
-      GlobalStatusModeFilterSm * owner_;
    };
-   class KivStatusColl : public StatusColl::NotifieeConst {
+   class KivStatusColl : public Kiv::OwnedReactor< StatusColl::NotifieeConst, GlobalStatusModeFilterSm > {
     public:
-      explicit KivStatusColl( GlobalStatusModeFilterSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onVrfStatus( const L3::VrfName & v ) override { owner_->handleVrf( v ); }
-    private:
-      GlobalStatusModeFilterSm * owner_;
    };
-   class KivAllStatus : public AllStatus::NotifieeConst {
+   class KivAllStatus : public Kiv::KeyedReactor< AllStatus::NotifieeConst, GlobalStatusModeFilterSm, L3::VrfName > {
     public:
-      KivAllStatus( GlobalStatusModeFilterSm * o, const L3::VrfName & v ) : owner_( o ), vrf_( v ) {}
-      void onPimIntf( const Lumo::IntfId & i ) override { owner_->handleIntf( vrf_, i ); }
-    private:
-      GlobalStatusModeFilterSm * owner_;
-      L3::VrfName vrf_;
+      using KeyedReactor::KeyedReactor;
+      void onPimIntf( const Lumo::IntfId & i ) override { owner_->handleIntf( key_, i ); }
    };
-   class KivIntf : public Intf::NotifieeConst {
+   class KivIntf : public Kiv::KeyedReactor< Intf::NotifieeConst, GlobalStatusModeFilterSm, Lumo::IntfId > {
     public:
       KivIntf( GlobalStatusModeFilterSm * o, const L3::VrfName & v, const Lumo::IntfId & i )
-            : owner_( o ), vrf_( v ), intf_( i ) {}
-      void onMode() override { owner_->handleIntf( vrf_, intf_ ); }
+            : KeyedReactor( o, i ), vrf_( v ) {}
+      void onMode() override { owner_->handleIntf( vrf_, key_ ); }
     private:
-      GlobalStatusModeFilterSm * owner_;
       L3::VrfName vrf_;
-      Lumo::IntfId intf_;
    };
    struct VrfIntf {
       L3::VrfName vrf;
@@ -150,7 +135,7 @@ class GlobalStatusModeFilterSm : public Kiv::StateMachine {
    KivAllStatusColl allStatusCollReactor_;
    KivStatusColl statusCollReactor_;
    Kiv::ReactorMap< L3::VrfName, KivAllStatus > allStatus_;
-   std::unordered_map< VrfIntf, std::unique_ptr< KivIntf >, VrfIntfHash > intfs_;
+   Kiv::ReactorMap< VrfIntf, KivIntf, VrfIntfHash > intfs_;
    // What this machine wrote, so that it removes only its own entries.
    std::unordered_set< VrfIntf, VrfIntfHash > published_;
 };

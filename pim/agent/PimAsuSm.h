@@ -10,7 +10,9 @@
 #include "model/PimConfig.h"
 #include "model/PimStatus.h"
 #include "services/mcast/Multicast.h"
+#include "tolm/OwnedTimer.h"
 #include "tolm/TimerWheel.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim {
 
@@ -44,22 +46,13 @@ class AsuSm : public Kiv::StateMachine {
    void handleAsuTimerExpiry();
 
  private:
-   class KivAsuClientShutdownStatus : public McastCommon::AsuShutdownStatus::NotifieeConst {
+   class KivAsuClientShutdownStatus : public Kiv::OwnedReactor< McastCommon::AsuShutdownStatus::NotifieeConst, AsuSm > {
     public:
-      explicit KivAsuClientShutdownStatus( AsuSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onShutdown() override { owner_->doAsuShutdown(); }
       void onNotifier() override { owner_->doAsuShutdown(); }
-    private:
-      AsuSm * owner_;
    };
-   class KivAsuTimer : public Tolm::TimerWheel::NotifieeConst {
-    public:
-      KivAsuTimer( AsuSm * owner, Tolm::TimerWheel * wheel )
-            : Tolm::TimerWheel::NotifieeConst( wheel ), owner_( owner ) {}
-      void onTime() override { owner_->handleAsuTimerExpiry(); }
-    private:
-      AsuSm * owner_;
-   };
+   using KivAsuTimer = Tolm::OwnedTimer< AsuSm, &AsuSm::handleAsuTimerExpiry >;
 
    Kiv::Ptr< const Config > pimConfig_;
    Kiv::Ptr< AllStatus > allStatus_;

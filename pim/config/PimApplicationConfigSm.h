@@ -17,6 +17,7 @@
 #include "lumo/IntfId.h"
 #include "lumo/VrfName.h"
 #include "model/PimConfig.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim {
 
@@ -63,13 +64,11 @@ class ApplicationConfigSm : public Kiv::StateMachine {
    void handleIntfMode( const std::string & intfName );
 
  private:
-   class KivAppConfig : public Application::Config::NotifieeConst {
+   class KivAppConfig : public Kiv::OwnedReactor< Application::Config::NotifieeConst, ApplicationConfigSm > {
     public:
-      explicit KivAppConfig( ApplicationConfigSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onIntfMode( const std::string & intfName ) override { owner_->handleIntfMode( intfName ); }
       void onNotifier() override { owner_->handleIntfMode(); }
-    private:
-      ApplicationConfigSm * owner_;
    };
 
    const std::string name_;

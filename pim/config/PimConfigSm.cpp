@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -117,15 +118,6 @@ void ConfigSm::reactorsInit() {
    appVrfIntfs_.notifierIs( inputs_.appVrfIntfs );
 }
 
-template< class R, class K, class... A >
-R * ConfigSm::reactorIs( Kiv::HashMap< K, std::unique_ptr< R > > & map, const K & key, A &&... args ) {
-   if( std::unique_ptr< R > * existing = map.find( key ) ) return existing->get();
-   auto r = std::make_unique< R >( this, key, std::forward< A >( args )... );
-   R * raw = r.get();
-   map.insertOrAssignFn( key, std::move( r ) );
-   return raw;
-}
-
 void ConfigSm::handleInitialized() {
    CTRACE( 8, "handleInitialized()" );
    doDrTimersInit();
@@ -204,6 +196,8 @@ Mode ConfigSm::applicationMode( const Lumo::IntfId & intf, Mode mode ) const {
    return pimModeNone;
 }
 
+// updatePimIntf in its steps: eligibility, effective mode, the mode sets,
+// secondary reconciliation, then the attributes.
 void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
    CTRACE( 8, "updatePimIntf( " << intf << ", " << vrf << " )" );
    const auto & ip = inputs_.ipStatus;
@@ -217,63 +211,79 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
       CTRACE( 7, "updatePimIntf( " << intf << " ) vrf for intf doesn't exist " );
       return;
    }
-   if( !ip->knowsIntf( intf ) ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), No ipStatus->intf " );
-      deletePimIntf( vrf, intf );
-      return;
-   }
-   if( !ip->hasVrfIntfStatus( vrf ) ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ) " << vrf << " vrfIpIntfStatus doesn't exist " );
-      deletePimIntf( vrf, intf );
-      return;
-   }
-   if( !ip->intfInVrf( intf, vrf ) ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), intf doesn't exist in the vrf " << vrf );
-      deletePimIntf( vrf, intf );
-      return;
-   }
-   if( !multicastEnabled( vrf ) ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Multicast and/or unicast routing not enabled" );
-      deletePimIntf( vrf, intf );
-      return;
-   }
-   const Lumo::IpGenAddrWithMask primary = ip->primaryAddrWithMask( intf );
-   if( !hasAddress( primary ) ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), No IP address configured on interface" );
-      deletePimIntf( vrf, intf );
-      return;
-   }
-
-   // Effective mode: the configuration merged with the applications' sparse
-   // mode requests.
-   const Mode app = applicationMode( intf, pimModeSparse );
+   if( !pimIntfEligible( *ip, vrf, intf ) ) return;
    const Kiv::Ptr< const IntfConfig > config = intfConfig( intf );
-   const bool borderRouter = config && config->borderRouter();
-   Mode mode = pimModeNone;
-   if( !config ) {
-      if( app != pimModeSparse ) {
-         CTRACE( 7, "updatePimIntf( " << intf << " ), No Pim or application config on interface" );
-         deletePimIntf( vrf, intf );
-         return;
-      }
-      mode = pimModeSparse;
-   } else if( config->mode() != pimModeNone ) {
-      if( app == pimModeSparse ) {
-         mode = modeIncludesBidir( config->mode() ) ? pimModeSparseBidir : app;
-      } else {
-         mode = config->mode();
-      }
-   } else if( borderRouter ) {
-      mode = app;
-   } else if( app == pimModeSparse ) {
-      mode = pimModeSparse;
-   } else {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Pim sparse, bidirectional, or mbr is not enabled" );
+   const std::optional< Mode > mode = effectivePimMode( intf, config.ptr() );
+   if( !mode ) {
       deletePimIntf( vrf, intf );
       return;
    }
+   updateModeSets( vrf, intf, *mode, config && config->borderRouter() );
 
-   // Membership of the VRF's sparse-mode and bidirectional sets.
+   const Lumo::IpGenAddrWithMask primary = ip->primaryAddrWithMask( intf );
+   const Kiv::Ptr< AllStatus > status = allStatus( vrf );
+   handleVrfNeighborLimit( vrf );
+   Kiv::Ptr< Intf > pimIntf = status->pimIntf( intf );
+   if( !pimIntf ) {
+      CTRACE( 7, "updatePimIntf( " << intf << " ), Creating interface" );
+      pimIntf = status->pimIntfIs( intf, primary );
+   }
+   if( pimIntf->modeIs( *mode ) ) {
+      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Mode: " << modeName( *mode ) );
+   }
+   if( pimIntf->addressWithMaskIs( primary ) ) {
+      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating IP address - " << primary );
+   }
+   reconcileSecondaries( *ip, intf, primary, *pimIntf );
+   handleActiveSecondary( vrf, intf );
+
+   if( config ) {
+      applyConfiguredAttributes( vrf, intf, *config, *pimIntf );
+   } else {
+      applyDefaultAttributes( intf, *pimIntf );
+   }
+}
+
+bool ConfigSm::pimIntfEligible( const IpGen::Status & ip, const L3::VrfName & vrf,
+                                const Lumo::IntfId & intf ) {
+   if( !ip.knowsIntf( intf ) ) {
+      CTRACE( 7, "updatePimIntf( " << intf << " ), No ipStatus->intf " );
+   } else if( !ip.hasVrfIntfStatus( vrf ) ) {
+      CTRACE( 7, "updatePimIntf( " << intf << " ) " << vrf << " vrfIpIntfStatus doesn't exist " );
+   } else if( !ip.intfInVrf( intf, vrf ) ) {
+      CTRACE( 7, "updatePimIntf( " << intf << " ), intf doesn't exist in the vrf " << vrf );
+   } else if( !multicastEnabled( vrf ) ) {
+      CTRACE( 7, "updatePimIntf( " << intf << " ), Multicast and/or unicast routing not enabled" );
+   } else if( !hasAddress( ip.primaryAddrWithMask( intf ) ) ) {
+      CTRACE( 7, "updatePimIntf( " << intf << " ), No IP address configured on interface" );
+   } else {
+      return true;
+   }
+   deletePimIntf( vrf, intf );
+   return false;
+}
+
+std::optional< Mode > ConfigSm::effectivePimMode( const Lumo::IntfId & intf, const IntfConfig * config ) const {
+   const Mode app = applicationMode( intf, pimModeSparse );
+   if( !config ) {
+      if( app == pimModeSparse ) return pimModeSparse;
+      CTRACE( 7, "updatePimIntf( " << intf << " ), No Pim or application config on interface" );
+      return std::nullopt;
+   }
+   if( config->mode() != pimModeNone ) {
+      if( app == pimModeSparse ) {
+         return modeIncludesBidir( config->mode() ) ? pimModeSparseBidir : app;
+      }
+      return config->mode();
+   }
+   if( config->borderRouter() ) return app;
+   if( app == pimModeSparse ) return pimModeSparse;
+   CTRACE( 7, "updatePimIntf( " << intf << " ), Pim sparse, bidirectional, or mbr is not enabled" );
+   return std::nullopt;
+}
+
+void ConfigSm::updateModeSets( const L3::VrfName & vrf, const Lumo::IntfId & intf, Mode mode,
+                               bool borderRouter ) {
    const Kiv::Ptr< VrfPimIntf > sparse = sparseModeIntfs( vrf );
    const Kiv::Ptr< VrfPimIntf > bidir = bidirIntfs( vrf );
    switch( mode ) {
@@ -299,100 +309,88 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
       bidir->intfIdDel( intf );
       break;
    }
+}
 
-   const Kiv::Ptr< AllStatus > status = allStatus( vrf );
-   handleVrfNeighborLimit( vrf );
-   Kiv::Ptr< Intf > pimIntf = status->pimIntf( intf );
-   if( !pimIntf ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Creating interface" );
-      pimIntf = status->pimIntfIs( intf, primary );
-   }
-   if( pimIntf->mode() != mode ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - Mode: " << modeName( mode ) );
-      pimIntf->modeIs( mode );
-   }
-   if( pimIntf->addressWithMask() != primary ) {
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating IP address - " << primary );
-      pimIntf->addressWithMaskIs( primary );
-   }
-
-   // Secondary addresses and prefixes that the interface no longer has.
-   for( auto it = pimIntf->secondaryAddressIter(); it; ++it ) {
-      const Lumo::IpGenAddr addr = it.key();
-      bool present = false;
-      for( IpGen::IpIntfStatusAddrIteratorConst a( *ip, intf ); a && !a->isEmpty(); ++a ) {
-         if( *a == primary ) continue;
-         if( a->address() == addr ) {
-            present = true;
-            break;
-         }
+void ConfigSm::reconcileSecondaries( const IpGen::Status & ip, const Lumo::IntfId & intf,
+                                     const Lumo::IpGenAddrWithMask & primary, Intf & pimIntf ) {
+   // Whether one of the interface's secondary addresses matches.
+   const auto hasSecondary = [ & ]( const auto & matches ) {
+      for( IpGen::IpIntfStatusAddrIteratorConst a( ip, intf ); a && !a->isEmpty(); ++a ) {
+         if( *a != primary && matches( *a ) ) return true;
       }
-      if( !present ) {
-         CTRACE( 7, "updatePimIntf( " << intf << " ), Removing secondary address " << addr );
-         pimIntf->secondaryAddressDel( addr );
-      }
-   }
-   for( auto it = pimIntf->secondaryPrefixIter(); it; ++it ) {
-      const Lumo::IpGenPrefix prefix = it.key();
-      bool present = false;
-      for( IpGen::IpIntfStatusAddrIteratorConst a( *ip, intf ); a && !a->isEmpty(); ++a ) {
-         if( *a == primary ) continue;
-         if( subnetOf( *a ) == prefix ) {
-            present = true;
-            break;
-         }
-      }
-      if( !present ) {
-         pimIntf->secondaryPrefixDel( prefix );
-         CTRACE( 7, "IntfId: " << intf << " - Removed Secondary prefix " << prefix );
-      }
-   }
-   handleActiveSecondary( vrf, intf );
-
-   if( !config ) {
-      // Application-only interface. portCapabilityFlags and sourceInject are
-      // deliberately left as they are on this path.
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Setting interface config to default values" );
-      pimIntf->borderRouterIs( false );
-      pimIntf->helloPeriodIs( 30 );
-      pimIntf->helloHoldTimeIs( 105 );
-      pimIntf->drPriorityIs( 1 );
-      pimIntf->joinPrunePeriodIs( 60 );
-      pimIntf->joinPruneHoldTimeIs( 210 );
-      pimIntf->bfdEnabledIs( false );
-      pimIntf->fastFailoverIs( false );
-      pimIntf->propagationDelayIs( kPropagationDelayDefault );
-      pimIntf->overrideIntervalIs( kOverrideIntervalDefault );
-      pimIntf->neighborLimitIs( kIntfNeighborLimitDefault );
-      return;
-   }
-
-   // A value that differs is written and traced; an equal one is left alone.
-   const auto updated = [ & ]( const char * what, const auto & current, const auto & value, const auto & write ) {
-      if( current == value ) return;
-      CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - " << what << ": " << value );
-      write( value );
+      return false;
    };
-   updated( "MBR", pimIntf->borderRouter(), config->borderRouter(), [ & ]( const auto & v ) { pimIntf->borderRouterIs( v ); } );
-   updated( "Hello Period", pimIntf->helloPeriod(), config->helloInterval(), [ & ]( const auto & v ) { pimIntf->helloPeriodIs( v ); } );
-   const std::uint16_t helloHold = holdTime( config->helloInterval(), config->helloCount() );
-   updated( "Hello HoldTime", pimIntf->helloHoldTime(), helloHold, [ & ]( const auto & v ) { pimIntf->helloHoldTimeIs( v ); } );
-   updated( "DR Priority", pimIntf->drPriority(), config->helloPriority(), [ & ]( const auto & v ) { pimIntf->drPriorityIs( v ); } );
-   updated( "Join/Prune Period", pimIntf->joinPrunePeriod(), config->joinPruneInterval(), [ & ]( const auto & v ) { pimIntf->joinPrunePeriodIs( v ); } );
-   const std::uint16_t jpHold = holdTime( config->joinPruneInterval(), config->joinPruneCount() );
-   updated( "Join/Prune HoldTime", pimIntf->joinPruneHoldTime(), jpHold, [ & ]( const auto & v ) { pimIntf->joinPruneHoldTimeIs( v ); } );
-   bool bfd = pimIntf->bfdEnabled();
-   switch( config->bfd() ) {
-    case intfBfdEnabled: bfd = true; break;
-    case intfBfdDisabled: bfd = false; break;
+   for( auto it = pimIntf.secondaryAddressIter(); it; ++it ) {
+      const Lumo::IpGenAddr addr = it.key();
+      if( hasSecondary( [ & ]( const Lumo::IpGenAddrWithMask & a ) { return a.address() == addr; } ) ) continue;
+      CTRACE( 7, "updatePimIntf( " << intf << " ), Removing secondary address " << addr );
+      pimIntf.secondaryAddressDel( addr );
+   }
+   for( auto it = pimIntf.secondaryPrefixIter(); it; ++it ) {
+      const Lumo::IpGenPrefix prefix = it.key();
+      if( hasSecondary( [ & ]( const Lumo::IpGenAddrWithMask & a ) { return subnetOf( a ) == prefix; } ) ) {
+         continue;
+      }
+      pimIntf.secondaryPrefixDel( prefix );
+      CTRACE( 7, "IntfId: " << intf << " - Removed Secondary prefix " << prefix );
+   }
+}
+
+void ConfigSm::applyDefaultAttributes( const Lumo::IntfId & intf, Intf & pimIntf ) {
+   // Application-only interface. portCapabilityFlags and sourceInject are
+   // deliberately left as they are on this path.
+   CTRACE( 7, "updatePimIntf( " << intf << " ), Setting interface config to default values" );
+   pimIntf.borderRouterIs( Intf::borderRouterInitial() );
+   pimIntf.helloPeriodIs( Intf::helloPeriodInitial() );
+   pimIntf.helloHoldTimeIs( Intf::helloHoldTimeInitial() );
+   pimIntf.drPriorityIs( Intf::drPriorityInitial() );
+   pimIntf.joinPrunePeriodIs( Intf::joinPrunePeriodInitial() );
+   pimIntf.joinPruneHoldTimeIs( Intf::joinPruneHoldTimeInitial() );
+   pimIntf.bfdEnabledIs( Intf::bfdEnabledInitial() );
+   pimIntf.fastFailoverIs( Intf::fastFailoverInitial() );
+   pimIntf.propagationDelayIs( Intf::propagationDelayInitial() );
+   pimIntf.overrideIntervalIs( Intf::overrideIntervalInitial() );
+   pimIntf.neighborLimitIs( Intf::neighborLimitInitial() );
+}
+
+void ConfigSm::applyConfiguredAttributes( const L3::VrfName & vrf, const Lumo::IntfId & intf,
+                                          const IntfConfig & config, Intf & pimIntf ) {
+   // A write that changed the interface is traced.
+   const auto traced = [ & ]( bool changed, const char * what, const auto & value ) {
+      if( changed ) CTRACE( 7, "updatePimIntf( " << intf << " ), Updating interface - " << what << ": " << value );
+   };
+   traced( pimIntf.borderRouterIs( config.borderRouter() ), "MBR", config.borderRouter() );
+   traced( pimIntf.helloPeriodIs( config.helloInterval() ), "Hello Period", config.helloInterval() );
+   const std::uint16_t helloHold = holdTime( config.helloInterval(), config.helloCount() );
+   traced( pimIntf.helloHoldTimeIs( helloHold ), "Hello HoldTime", helloHold );
+   traced( pimIntf.drPriorityIs( config.helloPriority() ), "DR Priority", config.helloPriority() );
+   traced( pimIntf.joinPrunePeriodIs( config.joinPruneInterval() ), "Join/Prune Period", config.joinPruneInterval() );
+   const std::uint16_t jpHold = holdTime( config.joinPruneInterval(), config.joinPruneCount() );
+   traced( pimIntf.joinPruneHoldTimeIs( jpHold ), "Join/Prune HoldTime", jpHold );
+   const bool bfd = bfdEnabled( vrf, config, pimIntf.bfdEnabled() );
+   traced( pimIntf.bfdEnabledIs( bfd ), "BFD Enabled", bfd );
+   pimIntf.portCapabilityFlagsIs( portCapabilityFlags( vrf, config ) );
+   traced( pimIntf.fastFailoverIs( config.fastFailover() ), "FastFailover", config.fastFailover() );
+   // The router's own LAN prune delay, advertised in its Hellos.
+   traced( pimIntf.propagationDelayIs( config.propagationDelay() ), "Propagation Delay", config.propagationDelay() );
+   traced( pimIntf.overrideIntervalIs( config.overrideInterval() ), "Override Interval", config.overrideInterval() );
+   pimIntf.sourceInjectIs( inputs_.hostInjectConfig && inputs_.hostInjectConfig->configHas( intf ) );
+   traced( pimIntf.neighborLimitIs( config.neighborLimit() ), "Neighbor limit", config.neighborLimit() );
+}
+
+bool ConfigSm::bfdEnabled( const L3::VrfName & vrf, const IntfConfig & config, bool current ) const {
+   switch( config.bfd() ) {
+    case intfBfdEnabled: return true;
+    case intfBfdDisabled: return false;
     case intfBfdDefault: {
       const Kiv::Ptr< const Config > vc = vrfConfig( vrf );
-      bfd = vc && vc->bfdIntfDefault();
-      break;
+      return vc && vc->bfdIntfDefault();
     }
-    default: break;   // an unknown setting leaves it as it is
+    default: return current;   // an unknown setting leaves it as it is
    }
-   updated( "BFD Enabled", pimIntf->bfdEnabled(), bfd, [ & ]( const auto & v ) { pimIntf->bfdEnabledIs( v ); } );
+}
+
+Reliable::CapabilityFlags ConfigSm::portCapabilityFlags( const L3::VrfName & vrf, const IntfConfig & config ) const {
    // The reliable-transport capability needs a connection address.
    Lumo::IpGenAddr connection;
    if( inputs_.pimGlobalStatus ) {
@@ -400,17 +398,11 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
          connection = port->pimsmSctpConnectionId();
       }
    }
-   Reliable::CapabilityFlags flags = config->portCapabilityFlags();
+   Reliable::CapabilityFlags flags = config.portCapabilityFlags();
    if( !( connection.isIpv4() || connection.isIpv6() ) || connection.isUnspecified() ) {
       flags &= ~Reliable::kCapabilitySctp;
    }
-   pimIntf->portCapabilityFlagsIs( flags );
-   updated( "FastFailover", pimIntf->fastFailover(), config->fastFailover(), [ & ]( const auto & v ) { pimIntf->fastFailoverIs( v ); } );
-   // The router's own LAN prune delay, advertised in its Hellos.
-   updated( "Propagation Delay", pimIntf->propagationDelay(), config->propagationDelay(), [ & ]( const auto & v ) { pimIntf->propagationDelayIs( v ); } );
-   updated( "Override Interval", pimIntf->overrideInterval(), config->overrideInterval(), [ & ]( const auto & v ) { pimIntf->overrideIntervalIs( v ); } );
-   pimIntf->sourceInjectIs( inputs_.hostInjectConfig && inputs_.hostInjectConfig->configHas( intf ) );
-   updated( "Neighbor limit", pimIntf->neighborLimit(), config->neighborLimit(), [ & ]( const auto & v ) { pimIntf->neighborLimitIs( v ); } );
+   return flags;
 }
 
 void ConfigSm::deletePimIntf( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {
@@ -439,6 +431,11 @@ void ConfigSm::deletePimIntfFromStatus( const L3::VrfName & vrf, const Lumo::Int
 
 void ConfigSm::updateAllPimIntf( const L3::VrfName & vrf ) {
    CTRACE( 8, "updateAllPimIntf( " << vrf << " )" );
+   updatePimIntfsOf( vrf );
+}
+
+// Every interface of the VRF again, while multicast routing runs there.
+void ConfigSm::updatePimIntfsOf( const L3::VrfName & vrf ) {
    if( !multicastEnabled( vrf ) ) return;
    const Kiv::Ptr< AllStatus > status = allStatus( vrf );
    if( !status ) return;
@@ -522,10 +519,7 @@ void ConfigSm::handleSourceInject( const Lumo::IntfId & intf ) {
 
 void ConfigSm::handleBfdIntfDefault( const L3::VrfName & vrf ) {
    CTRACE( 8, "handleBfdIntfDefault( " << vrf << " )" );
-   if( !multicastEnabled( vrf ) ) return;
-   const Kiv::Ptr< AllStatus > status = allStatus( vrf );
-   if( !status ) return;
-   for( auto it = status->pimIntfIter(); it; ++it ) updatePimIntf( vrf, it.key() );
+   updatePimIntfsOf( vrf );
 }
 
 void ConfigSm::handleVrfNeighborLimit( const L3::VrfName & vrf ) {
@@ -567,21 +561,19 @@ void ConfigSm::handleVrf( const L3::VrfName & vrf ) {
       if( const auto & gs = inputs_.pimGlobalStatus ) {
          Kiv::Ptr< Reliable::Status > port = gs->portStatus( vrf );
          if( !port ) port = gs->portStatusIs( vrf );
-         reactorIs( reliableStatusReactor_, vrf, Kiv::Ptr< const Reliable::Status >( port ) );
+         reliableStatusReactor_.emplace( vrf, this, vrf, Kiv::Ptr< const Reliable::Status >( port ) );
       }
       bidirIntfs( vrf );
       sparseModeIntfs( vrf );
       if( const auto & asc = inputs_.pimAllStatusColl ) {
          Kiv::Ptr< AllStatus > status = asc->vrfStatus( vrf );
          if( !status ) status = asc->vrfStatusIs( vrf );
-         reactorIs( allStatusReactor_, vrf, Kiv::Ptr< const AllStatus >( status ) );
+         allStatusReactor_.emplace( vrf, this, vrf, Kiv::Ptr< const AllStatus >( status ) );
       }
       if( const auto & sc = inputs_.pimStatusColl ) {
          if( !sc->vrfStatusHas( vrf ) ) sc->vrfStatusIs( vrf );
       }
-      if( std::unique_ptr< KivPimConfig > * r = pimConfigReactor_.find( vrf ) ) {
-         ( *r )->handleBfdIntfDefault( vrf );
-      }
+      if( KivPimConfig * r = pimConfigReactor_.find( vrf ) ) r->handleBfdIntfDefault( vrf );
       doUpdateMulticastEnabled( vrf );
       return;
    }
@@ -592,20 +584,18 @@ void ConfigSm::handleVrf( const L3::VrfName & vrf ) {
    if( const auto & sc = inputs_.pimStatusColl ) sc->vrfStatusDel( vrf );
    vrfBidirIntfDel( vrf );
    vrfSparseModeIntfDel( vrf );
-   reliableStatusReactor_.erase( vrf );
+   reliableStatusReactor_.unbind( vrf );
    if( const auto & gs = inputs_.pimGlobalStatus ) gs->portStatusDel( vrf );
 }
 
 void ConfigSm::allStatusReactorDel( const L3::VrfName & vrf ) {
-   std::unique_ptr< KivPimAllStatus > * slot = allStatusReactor_.find( vrf );
-   if( !slot ) return;
+   KivPimAllStatus * reactor = allStatusReactor_.find( vrf );
+   if( !reactor ) return;
    // Release what the interfaces still hold: their removal may not have been
    // delivered yet, and the reactor that would see it goes now.
-   std::unique_ptr< KivPimAllStatus > reactor = std::move( *slot );
-   allStatusReactor_.erase( vrf );
    std::vector< Lumo::IntfId > intfs;
    reactor->pimIntf().forEach( [ & ]( const Lumo::IntfId & i, const auto & ) { intfs.push_back( i ); } );
-   reactor.reset();
+   allStatusReactor_.unbind( vrf );
    for( const auto & intf : intfs ) {
       doUpdateVif( vrf, intf );
       doUpdateAllPimRouters( vrf, intf );
@@ -650,23 +640,14 @@ void ConfigSm::doMaybeUpdatePimEnabledSparseModeVrf( const L3::VrfName & vrf ) {
                        ( vrf.isDefault() || ( config && config->pimConfigured() ) || ( set && set->count() ) );
    const auto & gs = inputs_.pimGlobalStatus;
    const auto & mps = inputs_.mcastPimStatus;
-   if( wanted ) {
-      if( gs && gs->pimEnabledSparseModeVrf( vrf ) ) {
-         CTRACE( 7, "doMaybeUpdatePimEnabledSparseModeVrf( " << vrf << " ), PIM already enabled" );
-         return;
-      }
-      if( gs ) gs->pimEnabledSparseModeVrfIs( vrf, true );
-      if( mps ) mps->pimEnabledSparseModeVrfIs( vrf, true );
-      CTRACE( 7, "doMaybeUpdatePimEnabledSparseModeVrf( " << vrf << " ), PIM enabled for sparse mode" );
-      return;
-   }
-   if( gs && gs->pimEnabledSparseModeVrfHas( vrf ) ) {
-      gs->pimEnabledSparseModeVrfDel( vrf );
-      if( mps ) mps->pimEnabledSparseModeVrfDel( vrf );
-      CTRACE( 7, "doMaybeUpdatePimEnabledSparseModeVrf( " << vrf << " ), PIM disabled for sparse mode" );
-   } else {
-      CTRACE( 7, "doMaybeUpdatePimEnabledSparseModeVrf( " << vrf << " ), PIM not enabled" );
-   }
+   doMaybeUpdatePimEnabledVrf( vrf, wanted, gs && gs->pimEnabledSparseModeVrf( vrf ),
+                               gs && gs->pimEnabledSparseModeVrfHas( vrf ),
+                               "doMaybeUpdatePimEnabledSparseModeVrf", "sparse mode", [ & ]( bool on ) {
+                                  if( gs && on ) gs->pimEnabledSparseModeVrfIs( vrf, true );
+                                  if( gs && !on ) gs->pimEnabledSparseModeVrfDel( vrf );
+                                  if( mps && on ) mps->pimEnabledSparseModeVrfIs( vrf, true );
+                                  if( mps && !on ) mps->pimEnabledSparseModeVrfDel( vrf );
+                               } );
 }
 
 void ConfigSm::doMaybeUpdatePimEnabledBidirVrf( const L3::VrfName & vrf ) {
@@ -677,22 +658,33 @@ void ConfigSm::doMaybeUpdatePimEnabledBidirVrf( const L3::VrfName & vrf ) {
                        ( ( config && config->pimConfigured() ) || ( set && set->count() ) );
    const auto & gs = inputs_.pimGlobalStatus;
    const auto & mps = inputs_.mcastPimStatus;
+   doMaybeUpdatePimEnabledVrf( vrf, wanted, gs && gs->pimEnabledBidirVrf( vrf ),
+                               gs && gs->pimEnabledBidirVrfHas( vrf ), "doMaybeUpdatePimEnabledBidirVrf",
+                               "bidir", [ & ]( bool on ) {
+                                  if( gs && on ) gs->pimEnabledBidirVrfIs( vrf, true );
+                                  if( gs && !on ) gs->pimEnabledBidirVrfDel( vrf );
+                                  if( mps && on ) mps->pimEnabledBidirVrfIs( vrf, true );
+                                  if( mps && !on ) mps->pimEnabledBidirVrfDel( vrf );
+                               } );
+}
+
+void ConfigSm::doMaybeUpdatePimEnabledVrf( const L3::VrfName & vrf, bool wanted, bool enabled, bool present,
+                                           const char * fn, const char * mode,
+                                           const std::function< void( bool ) > & set ) {
    if( wanted ) {
-      if( gs && gs->pimEnabledBidirVrf( vrf ) ) {
-         CTRACE( 7, "doMaybeUpdatePimEnabledBidirVrf( " << vrf << " ), PIM already enabled" );
+      if( enabled ) {
+         CTRACE( 7, fn << "( " << vrf << " ), PIM already enabled" );
          return;
       }
-      if( gs ) gs->pimEnabledBidirVrfIs( vrf, true );
-      if( mps ) mps->pimEnabledBidirVrfIs( vrf, true );
-      CTRACE( 7, "doMaybeUpdatePimEnabledBidirVrf( " << vrf << " ), PIM enabled for bidir" );
+      set( true );
+      CTRACE( 7, fn << "( " << vrf << " ), PIM enabled for " << mode );
       return;
    }
-   if( gs && gs->pimEnabledBidirVrfHas( vrf ) ) {
-      gs->pimEnabledBidirVrfDel( vrf );
-      if( mps ) mps->pimEnabledBidirVrfDel( vrf );
-      CTRACE( 7, "doMaybeUpdatePimEnabledBidirVrf( " << vrf << " ), PIM disabled for bidir" );
+   if( present ) {
+      set( false );
+      CTRACE( 7, fn << "( " << vrf << " ), PIM disabled for " << mode );
    } else {
-      CTRACE( 7, "doMaybeUpdatePimEnabledBidirVrf( " << vrf << " ), PIM not enabled" );
+      CTRACE( 7, fn << "( " << vrf << " ), PIM not enabled" );
    }
 }
 
@@ -914,7 +906,7 @@ void ConfigSm::doKniDeinit( const L3::VrfName & vrf ) {
    }
    CTRACE( 7, "doKniDeinit( " << vrf << " ), de-initializing" );
    const Lumo::NamespaceName ns = namespaceName( vrf );
-   pimVrfIntfColl_.erase( vrf );
+   pimVrfIntfColl_.unbind( vrf );
    kernelVrfIntfStatusDirDel( ns );
    kniStatusDel( ns );
    if( inputs_.kniMounter ) inputs_.kniMounter->doUnmount( kniPath( ns ) );
@@ -976,14 +968,14 @@ void ConfigSm::handlePimConfigured( const L3::VrfName & vrf ) {
 
 void ConfigSm::handlePimIntf( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {
    CTRACE( 8, "handlePimIntf( " << intf << ", " << vrf << " )" );
-   if( std::unique_ptr< KivPimAllStatus > * r = allStatusReactor_.find( vrf ) ) {
-      auto & intfs = ( *r )->pimIntf();
+   if( KivPimAllStatus * r = allStatusReactor_.find( vrf ) ) {
+      auto & intfs = r->pimIntf();
       const Kiv::Ptr< AllStatus > status = allStatus( vrf );
       const Kiv::Ptr< Intf > pimIntf = status ? status->pimIntf( intf ) : nullptr;
       if( pimIntf ) {
-         intfs.insertOrAssignFn( intf, std::make_unique< KivPimIntf >( this, vrf, pimIntf ) );
+         intfs.insert( intf, std::make_unique< KivPimIntf >( this, vrf, pimIntf ) );
       } else {
-         intfs.erase( intf );
+         intfs.unbind( intf );
       }
    }
    doUpdateVif( vrf, intf );
@@ -1145,49 +1137,45 @@ void ConfigSm::handleApplication() {
 
 // ---- per-key reactor bookkeeping ----------------------------------------------------------
 
-void ConfigSm::intfConfigReactorUpdate( const Lumo::IntfId & intf ) {
-   const Kiv::Ptr< const IntfConfig > config = intfConfig( intf );
-   if( !config ) {
-      intfConfigReactor_.erase( intf );
-      return;
+// The key's reactor follows entity: it goes when the entity goes and is
+// built afresh (its constructor binds it) for a new one; keepSame keeps the
+// reactor of an unchanged entity, else it is rebuilt as well.
+template< class K, class R, class E >
+void ConfigSm::reactorFollows( Kiv::ReactorMap< K, R > & map, const K & key, const Kiv::Ptr< E > & entity,
+                               bool keepSame ) {
+   if( keepSame && entity ) {
+      if( const R * r = map.find( key ); r && r->notifier() == entity ) return;
    }
-   std::unique_ptr< KivIntfConfig > * r = intfConfigReactor_.find( intf );
-   if( r && ( *r )->notifier() == config ) return;
-   intfConfigReactor_.erase( intf );
-   reactorIs( intfConfigReactor_, intf, config );
+   map.unbind( key );
+   if( entity ) map.emplace( key, this, key, entity );
+}
+
+void ConfigSm::intfConfigReactorUpdate( const Lumo::IntfId & intf ) {
+   reactorFollows( intfConfigReactor_, intf, intfConfig( intf ), true );
 }
 
 void ConfigSm::vrfConfigReactorUpdate( const L3::VrfName & vrf ) {
-   const Kiv::Ptr< const Config > config = vrfConfig( vrf );
-   if( !config ) {
-      pimConfigReactor_.erase( vrf );
-      return;
-   }
-   std::unique_ptr< KivPimConfig > * r = pimConfigReactor_.find( vrf );
-   if( r && ( *r )->notifier() == config ) return;
-   pimConfigReactor_.erase( vrf );
-   reactorIs( pimConfigReactor_, vrf, config );
+   reactorFollows( pimConfigReactor_, vrf, vrfConfig( vrf ), true );
 }
 
 void ConfigSm::hostInjectReactorUpdate( const Lumo::IntfId & intf ) {
    const auto & hi = inputs_.hostInjectConfig;
    const Kiv::Ptr< const HostInject::HostInjectIntfConfig > config = hi ? hi->config( intf ) : nullptr;
-   hostInjectReactor_.erase( intf );
-   if( config ) reactorIs( hostInjectReactor_, intf, config );
+   reactorFollows( hostInjectReactor_, intf, config, false );
 }
 
 void ConfigSm::ipIntfStatusReactorUpdate( const Lumo::IntfId & intf ) {
    const auto & ip = inputs_.ipStatus;
    const Kiv::Ptr< const IpGen::IpIntfStatus > s = ip ? ip->intfStatus( intf ) : nullptr;
-   std::unique_ptr< KivIpIntfStatus > * r = ipIntfStatusReactor_.find( intf );
-   if( r && s && ( *r )->notifier() == s ) return;
+   KivIpIntfStatus * r = ipIntfStatusReactor_.find( intf );
+   if( r && s && r->notifier() == s ) return;
    L3::VrfName lastVrf;
    if( r ) {
-      lastVrf = ( *r )->lastVrf();
-      ipIntfStatusReactor_.erase( intf );
+      lastVrf = r->lastVrf();
+      ipIntfStatusReactor_.unbind( intf );
    }
    if( s ) {
-      KivIpIntfStatus * created = reactorIs( ipIntfStatusReactor_, intf, s );
+      KivIpIntfStatus * created = &ipIntfStatusReactor_.emplace( intf, this, intf, s );
       if( !lastVrf.isEmpty() && lastVrf != created->lastVrf() ) handleIpIntfStatus( lastVrf, intf );
       if( !created->lastVrf().isEmpty() ) handleIpIntfStatus( created->lastVrf(), intf );
    } else if( !lastVrf.isEmpty() ) {
@@ -1197,23 +1185,17 @@ void ConfigSm::ipIntfStatusReactorUpdate( const Lumo::IntfId & intf ) {
 
 void ConfigSm::clearConfigReactorUpdate( const L3::VrfName & vrf ) {
    const auto & cc = inputs_.pimClearConfigColl;
-   const Kiv::Ptr< const ClearConfig > config = cc ? cc->vrfClearConfig( vrf ) : nullptr;
-   clearConfigReactor_.erase( vrf );
-   if( config ) reactorIs( clearConfigReactor_, vrf, config );
+   reactorFollows( clearConfigReactor_, vrf, cc ? cc->vrfClearConfig( vrf ) : nullptr, false );
 }
 
 void ConfigSm::clearMrouteReactorUpdate( const L3::VrfName & vrf ) {
    const auto & cc = inputs_.clearMrouteConfigColl;
-   const Kiv::Ptr< const ClearMrouteConfig > config = cc ? cc->vrfClearMrouteConfig( vrf ) : nullptr;
-   clearMrouteSm_.erase( vrf );
-   if( config ) reactorIs( clearMrouteSm_, vrf, config );
+   reactorFollows( clearMrouteSm_, vrf, cc ? cc->vrfClearMrouteConfig( vrf ) : nullptr, false );
 }
 
 void ConfigSm::vrfIntfCollReactorUpdate( const L3::VrfName & vrf ) {
-   pimVrfIntfColl_.erase( vrf );
    const auto & avi = inputs_.appVrfIntfs;
-   const Kiv::Ptr< const McastCommon::VrfIntfColl > coll = avi ? avi->vrfIntf( vrf ) : nullptr;
-   if( coll ) reactorIs( pimVrfIntfColl_, vrf, coll );
+   reactorFollows( pimVrfIntfColl_, vrf, avi ? avi->vrfIntf( vrf ) : nullptr, false );
 }
 
 void ConfigSm::KivPimConfigColl::onIntfConfig( const Lumo::IntfId & intf ) {
@@ -1250,7 +1232,7 @@ void ConfigSm::KivAppVrfIntfs::onVrfIntf( const L3::VrfName & vrf ) {
 
 ConfigSm::KivIntfConfig::KivIntfConfig( ConfigSm * o, const Lumo::IntfId & intf,
                                         const Kiv::Ptr< const IntfConfig > & c )
-      : owner_( o ), intf_( intf ) {
+      : KeyedReactor( o, intf ) {
    kivOwnerIs( o );
    notifierIs( c );
    handleMode();
@@ -1267,8 +1249,8 @@ ConfigSm::KivIntfConfig::KivIntfConfig( ConfigSm * o, const Lumo::IntfId & intf,
 }
 
 void ConfigSm::KivIntfConfig::update( const char * what ) {
-   CTRACE( 8, what << "( " << intf_ << " )" );
-   owner_->updatePimIntf( L3::VrfName(), intf_ );
+   CTRACE( 8, what << "( " << key_ << " )" );
+   owner_->updatePimIntf( L3::VrfName(), key_ );
 }
 
 void ConfigSm::KivIntfConfig::handleMode() { update( "handleMode" ); }
@@ -1286,21 +1268,21 @@ void ConfigSm::KivIntfConfig::handleNeighborLimit() { update( "handleNeighborLim
 
 ConfigSm::KivPimConfig::KivPimConfig( ConfigSm * o, const L3::VrfName & vrf,
                                       const Kiv::Ptr< const Config > & c )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( c );
 }
 
 ConfigSm::KivHostInjectIntfConfig::KivHostInjectIntfConfig(
    ConfigSm * o, const Lumo::IntfId & intf, const Kiv::Ptr< const HostInject::HostInjectIntfConfig > & c )
-      : owner_( o ), intf_( intf ) {
+      : KeyedReactor( o, intf ) {
    kivOwnerIs( o );
    notifierIs( c );
 }
 
 ConfigSm::KivIpIntfStatus::KivIpIntfStatus( ConfigSm * o, const Lumo::IntfId & intf,
                                             const Kiv::Ptr< const IpGen::IpIntfStatus > & s )
-      : owner_( o ), intf_( intf ), lastVrf_( s->vrf() ) {
+      : KeyedReactor( o, intf ), lastVrf_( s->vrf() ) {
    kivOwnerIs( o );
    notifierIs( s );
 }
@@ -1310,42 +1292,42 @@ void ConfigSm::KivIpIntfStatus::onVrf() {
    const L3::VrfName current = s ? s->vrf() : L3::VrfName();
    const L3::VrfName previous = lastVrf_;
    lastVrf_ = current;
-   if( !previous.isEmpty() && previous != current ) owner_->handleIpIntfStatus( previous, intf_ );
-   if( !current.isEmpty() ) owner_->handleIpIntfStatus( current, intf_ );
+   if( !previous.isEmpty() && previous != current ) owner_->handleIpIntfStatus( previous, key_ );
+   if( !current.isEmpty() ) owner_->handleIpIntfStatus( current, key_ );
 }
 
 void ConfigSm::KivIpIntfStatus::onActiveAddrWithMask() {
    const auto s = notifier();
-   owner_->handleActiveAddrWithMask( s ? s->vrf() : L3::VrfName(), intf_ );
+   owner_->handleActiveAddrWithMask( s ? s->vrf() : L3::VrfName(), key_ );
 }
 
 ConfigSm::KivPimIntf::KivPimIntf( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Intf > & intf )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( intf );
 }
 
 ConfigSm::KivPimAllStatus::KivPimAllStatus( ConfigSm * o, const L3::VrfName & vrf,
                                             const Kiv::Ptr< const AllStatus > & s )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( s );
    // Interfaces already there (status kept from an earlier run).
    for( auto it = s->pimIntfIter(); it; ++it ) {
-      pimIntf_.insertOrAssignFn( it.key(), std::make_unique< KivPimIntf >( o, vrf, it.value() ) );
+      pimIntf_.insert( it.key(), std::make_unique< KivPimIntf >( o, vrf, it.value() ) );
    }
 }
 
 ConfigSm::KivReliableStatus::KivReliableStatus( ConfigSm * o, const L3::VrfName & vrf,
                                                 const Kiv::Ptr< const Reliable::Status > & s )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( s );
 }
 
 ConfigSm::KivClearConfig::KivClearConfig( ConfigSm * o, const L3::VrfName & vrf,
                                           const Kiv::Ptr< const ClearConfig > & c )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( c );
 }
@@ -1353,20 +1335,20 @@ ConfigSm::KivClearConfig::KivClearConfig( ConfigSm * o, const L3::VrfName & vrf,
 void ConfigSm::KivClearConfig::onIntfNeighborsCount( const Lumo::IntfId & intf ) {
    // Only a bump is a request; the entry going away is not.
    const auto * config = static_cast< const ClearConfig * >( kivNotifier() );
-   if( config && config->intfNeighborsCountHas( intf ) ) owner_->handleClearNeighbors( vrf_, intf );
+   if( config && config->intfNeighborsCountHas( intf ) ) owner_->handleClearNeighbors( key_, intf );
 }
 
 ConfigSm::ClearMrouteSm::ClearMrouteSm( ConfigSm * o, const L3::VrfName & vrf,
                                         const Kiv::Ptr< const ClearMrouteConfig > & c )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( c );
-   owner_->handleClearIpMroute( vrf_ );
+   owner_->handleClearIpMroute( key_ );
 }
 
 ConfigSm::KivVrfIntfColl::KivVrfIntfColl( ConfigSm * o, const L3::VrfName & vrf,
                                           const Kiv::Ptr< const McastCommon::VrfIntfColl > & c )
-      : owner_( o ), vrf_( vrf ) {
+      : KeyedReactor( o, vrf ) {
    kivOwnerIs( o );
    notifierIs( c );
 }

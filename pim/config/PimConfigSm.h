@@ -14,6 +14,9 @@
 //
 // Every input may be missing: a missing input is a traced state that leads
 // to the deletion of what was derived from it, never a crash.
+#include <functional>
+#include <optional>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -42,7 +45,10 @@
 #include "services/mlag/Mlag.h"
 #include "status/PimVarnStatus.h"
 #include "varn/VarnMount.h"
+#include "tolm/OwnedTimer.h"
 #include "tolm/TimerWheel.h"
+#include "kiv/OwnedReactor.h"
+#include "kiv/ReactorMap.h"
 
 namespace Routing::Pim {
 
@@ -225,122 +231,105 @@ class ConfigSm : public Kiv::StateMachine {
    class KivVrfIntfColl;
 
  private:
-   class KivPimConfigColl : public ConfigColl::NotifieeConst {
+   class KivPimConfigColl : public Kiv::OwnedReactor< ConfigColl::NotifieeConst, ConfigSm > {
     public:
-      explicit KivPimConfigColl( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onIntfConfig( const Lumo::IntfId & intf ) override;
       void onVrfConfig( const L3::VrfName & vrf ) override;
-    private:
-      ConfigSm * owner_;
    };
-   class KivHostInjectConfig : public HostInject::HostInjectConfig::NotifieeConst {
+   class KivHostInjectConfig : public Kiv::OwnedReactor< HostInject::HostInjectConfig::NotifieeConst, ConfigSm > {
     public:
-      explicit KivHostInjectConfig( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onConfig( const Lumo::IntfId & intf ) override;
-    private:
-      ConfigSm * owner_;
    };
-   class KivIpStatus : public IpGen::Status::NotifieeConst {
+   class KivIpStatus : public Kiv::OwnedReactor< IpGen::Status::NotifieeConst, ConfigSm > {
     public:
-      explicit KivIpStatus( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onIntfStatus( const Lumo::IntfId & intf ) override;
       void onVrf( const L3::VrfName & vrf ) override { owner_->handleVrf( vrf ); }
-    private:
-      ConfigSm * owner_;
    };
-   class KivVrfEnabledStatus : public Multicast::Fib::VrfEnabledStatus::NotifieeConst {
+   class KivVrfEnabledStatus : public Kiv::OwnedReactor< Multicast::Fib::VrfEnabledStatus::NotifieeConst, ConfigSm > {
     public:
-      explicit KivVrfEnabledStatus( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onVrf( const L3::VrfName & vrf ) override { owner_->handleVrf( vrf ); }
-    private:
-      ConfigSm * owner_;
    };
-   class KivAllVrfStatusLocal : public Ip::AllVrfStatusLocal::NotifieeConst {
+   class KivAllVrfStatusLocal : public Kiv::OwnedReactor< Ip::AllVrfStatusLocal::NotifieeConst, ConfigSm > {
     public:
-      explicit KivAllVrfStatusLocal( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onVrf( const L3::VrfName & vrf ) override { owner_->handleVrf( vrf ); }
-    private:
-      ConfigSm * owner_;
    };
-   class KivPimGlobalStatus : public GlobalStatus::NotifieeConst {
+   class KivPimGlobalStatus : public Kiv::OwnedReactor< GlobalStatus::NotifieeConst, ConfigSm > {
     public:
-      explicit KivPimGlobalStatus( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onPimEnabledSparseModeVrf( const L3::VrfName & vrf ) override {
          owner_->doCreateOrDeleteContainer( vrf );
       }
       void onPimEnabledBidirVrf( const L3::VrfName & vrf ) override {
          owner_->doCreateOrDeleteContainer( vrf );
       }
-    private:
-      ConfigSm * owner_;
    };
-   class KivMlagProtoStatus : public Mlag::ProtoStatus::NotifieeConst {
+   class KivMlagProtoStatus : public Kiv::OwnedReactor< Mlag::ProtoStatus::NotifieeConst, ConfigSm > {
     public:
-      explicit KivMlagProtoStatus( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onPortsErrdisabled() override { owner_->handleMlagProtoStatus(); }
-    private:
-      ConfigSm * owner_;
    };
-   class KivAsuVrfStatus : public McastCommon::AsuVrfStatus::NotifieeConst {
+   class KivAsuVrfStatus : public Kiv::OwnedReactor< McastCommon::AsuVrfStatus::NotifieeConst, ConfigSm > {
     public:
-      explicit KivAsuVrfStatus( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onCompletedVrf( const L3::VrfName & ) override { owner_->handleAsuCompletedVrf(); }
-    private:
-      ConfigSm * owner_;
    };
-   class KivClearConfigColl : public ClearConfigColl::NotifieeConst {
+   class KivClearConfigColl : public Kiv::OwnedReactor< ClearConfigColl::NotifieeConst, ConfigSm > {
     public:
-      explicit KivClearConfigColl( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onVrfClearConfig( const L3::VrfName & vrf ) override;
-    private:
-      ConfigSm * owner_;
    };
-   class KivClearMrouteConfigColl : public ClearMrouteConfigColl::NotifieeConst {
+   class KivClearMrouteConfigColl : public Kiv::OwnedReactor< ClearMrouteConfigColl::NotifieeConst, ConfigSm > {
     public:
-      explicit KivClearMrouteConfigColl( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onVrfClearMrouteConfig( const L3::VrfName & vrf ) override;
-    private:
-      ConfigSm * owner_;
    };
-   class KivAppConfigDir : public Kiv::Dir::NotifieeConst {
+   class KivAppConfigDir : public Kiv::OwnedReactor< Kiv::Dir::NotifieeConst, ConfigSm > {
     public:
-      explicit KivAppConfigDir( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onEntityPtr( const Kiv::Name & name ) override { owner_->handleApplication( name.str() ); }
-    private:
-      ConfigSm * owner_;
    };
-   class KivAppVrfIntfs : public McastCommon::AppVrfIntfs::NotifieeConst {
+   class KivAppVrfIntfs : public Kiv::OwnedReactor< McastCommon::AppVrfIntfs::NotifieeConst, ConfigSm > {
     public:
-      explicit KivAppVrfIntfs( ConfigSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onVrfIntf( const L3::VrfName & vrf ) override;
-    private:
-      ConfigSm * owner_;
    };
-   class KivDrInitTimer : public Tolm::TimerWheel::NotifieeConst {
-    public:
-      KivDrInitTimer( ConfigSm * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
-      void onTime() override { owner_->drInitTimerExpired(); }
-    private:
-      ConfigSm * owner_;
-   };
-   class KivMountRetryTimer : public Tolm::TimerWheel::NotifieeConst {
-    public:
-      KivMountRetryTimer( ConfigSm * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
-      void onTime() override { owner_->handleMountRetryTimerExpiry(); }
-    private:
-      ConfigSm * owner_;
-   };
-   class KivDrDelayTimer : public Tolm::TimerWheel::NotifieeConst {
-    public:
-      KivDrDelayTimer( ConfigSm * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
-      void onTime() override { owner_->handleDrDelayTimerExpiry(); }
-    private:
-      ConfigSm * owner_;
-   };
+   using KivDrInitTimer = Tolm::OwnedTimer< ConfigSm, &ConfigSm::drInitTimerExpired >;
+   using KivMountRetryTimer = Tolm::OwnedTimer< ConfigSm, &ConfigSm::handleMountRetryTimerExpiry >;
+   using KivDrDelayTimer = Tolm::OwnedTimer< ConfigSm, &ConfigSm::handleDrDelayTimerExpiry >;
+
+   void updatePimIntfsOf( const L3::VrfName & vrf );
+   // The steps of updatePimIntf.
+   // Whether IP status, the VRF and multicast routing let the interface run
+   // PIM; if not, traced, and the interface goes.
+   bool pimIntfEligible( const IpGen::Status & ip, const L3::VrfName & vrf, const Lumo::IntfId & intf );
+   // The configuration merged with the applications' sparse-mode requests;
+   // none (traced) when PIM does not run on the interface.
+   std::optional< Mode > effectivePimMode( const Lumo::IntfId & intf, const IntfConfig * config ) const;
+   // Membership of the VRF's sparse-mode and bidirectional sets.
+   void updateModeSets( const L3::VrfName & vrf, const Lumo::IntfId & intf, Mode mode, bool borderRouter );
+   // Drops the secondary addresses and prefixes the interface no longer has.
+   void reconcileSecondaries( const IpGen::Status & ip, const Lumo::IntfId & intf,
+                              const Lumo::IpGenAddrWithMask & primary, Intf & pimIntf );
+   // An interface only applications ask for: the attribute list's defaults.
+   void applyDefaultAttributes( const Lumo::IntfId & intf, Intf & pimIntf );
+   void applyConfiguredAttributes( const L3::VrfName & vrf, const Lumo::IntfId & intf,
+                                   const IntfConfig & config, Intf & pimIntf );
+   bool bfdEnabled( const L3::VrfName & vrf, const IntfConfig & config, bool current ) const;
+   Reliable::CapabilityFlags portCapabilityFlags( const L3::VrfName & vrf, const IntfConfig & config ) const;
+   // The VRF's entry in the global and multicast status sets of one mode.
+   // set writes both (false deletes); fn and mode name it in the trace.
+   void doMaybeUpdatePimEnabledVrf( const L3::VrfName & vrf, bool wanted, bool enabled, bool present,
+                                    const char * fn, const char * mode,
+                                    const std::function< void( bool ) > & set );
 
    // Per-key reactor bookkeeping.
-   template< class R, class K, class... A >
-   R * reactorIs( Kiv::HashMap< K, std::unique_ptr< R > > & map, const K & key, A &&... args );
+   template< class K, class R, class E >
+   void reactorFollows( Kiv::ReactorMap< K, R > & map, const K & key, const Kiv::Ptr< E > & entity, bool keepSame );
    void reactorsInit();
    void doDrTimersInit();
    void intfConfigReactorUpdate( const Lumo::IntfId & intf );
@@ -378,19 +367,19 @@ class ConfigSm : public Kiv::StateMachine {
    KivDrInitTimer drInitTimer_;
    KivDrDelayTimer drDelayTimer_;
    KivMountRetryTimer mountRetryTimer_;
-   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIntfConfig > > intfConfigReactor_;
-   Kiv::HashMap< L3::VrfName, std::unique_ptr< KivPimConfig > > pimConfigReactor_;
-   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivHostInjectIntfConfig > > hostInjectReactor_;
-   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIpIntfStatus > > ipIntfStatusReactor_;
-   Kiv::HashMap< L3::VrfName, std::unique_ptr< KivPimAllStatus > > allStatusReactor_;
-   Kiv::HashMap< L3::VrfName, std::unique_ptr< KivReliableStatus > > reliableStatusReactor_;
-   Kiv::HashMap< L3::VrfName, std::unique_ptr< KivClearConfig > > clearConfigReactor_;
-   Kiv::HashMap< L3::VrfName, std::unique_ptr< ClearMrouteSm > > clearMrouteSm_;
-   Kiv::HashMap< L3::VrfName, std::unique_ptr< KivVrfIntfColl > > pimVrfIntfColl_;
+   Kiv::ReactorMap< Lumo::IntfId, KivIntfConfig > intfConfigReactor_;
+   Kiv::ReactorMap< L3::VrfName, KivPimConfig > pimConfigReactor_;
+   Kiv::ReactorMap< Lumo::IntfId, KivHostInjectIntfConfig > hostInjectReactor_;
+   Kiv::ReactorMap< Lumo::IntfId, KivIpIntfStatus > ipIntfStatusReactor_;
+   Kiv::ReactorMap< L3::VrfName, KivPimAllStatus > allStatusReactor_;
+   Kiv::ReactorMap< L3::VrfName, KivReliableStatus > reliableStatusReactor_;
+   Kiv::ReactorMap< L3::VrfName, KivClearConfig > clearConfigReactor_;
+   Kiv::ReactorMap< L3::VrfName, ClearMrouteSm > clearMrouteSm_;
+   Kiv::ReactorMap< L3::VrfName, KivVrfIntfColl > pimVrfIntfColl_;
 };
 
 // ---- per-key reactors ----------------------------------------------------------------
-class ConfigSm::KivIntfConfig : public IntfConfig::NotifieeConst {
+class ConfigSm::KivIntfConfig : public Kiv::KeyedReactor< IntfConfig::NotifieeConst, ConfigSm, Lumo::IntfId > {
  public:
    // Binding runs the ten handlers of the original attributes in the order
    // of the attribute list; each recomputes the whole interface, so the LAN
@@ -423,108 +412,81 @@ class ConfigSm::KivIntfConfig : public IntfConfig::NotifieeConst {
    void handleNeighborLimit();
  private:
    void update( const char * what );
-   ConfigSm * owner_;
-   Lumo::IntfId intf_;
 };
 
-class ConfigSm::KivPimConfig : public Config::NotifieeConst {
+class ConfigSm::KivPimConfig : public Kiv::KeyedReactor< Config::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
    KivPimConfig( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Config > & c );
-   void onPimConfigured() override { owner_->handlePimConfigured( vrf_ ); }
-   void onBfdIntfDefault() override { handleBfdIntfDefault( vrf_ ); }
-   void onNeighborLimit() override { owner_->handleVrfNeighborLimit( vrf_ ); }
+   void onPimConfigured() override { owner_->handlePimConfigured( key_ ); }
+   void onBfdIntfDefault() override { handleBfdIntfDefault( key_ ); }
+   void onNeighborLimit() override { owner_->handleVrfNeighborLimit( key_ ); }
    void handleBfdIntfDefault( const L3::VrfName & vrf ) { owner_->handleBfdIntfDefault( vrf ); }
- private:
-   ConfigSm * owner_;
-   L3::VrfName vrf_;
 };
 
-class ConfigSm::KivHostInjectIntfConfig : public HostInject::HostInjectIntfConfig::NotifieeConst {
+class ConfigSm::KivHostInjectIntfConfig : public Kiv::KeyedReactor< HostInject::HostInjectIntfConfig::NotifieeConst, ConfigSm, Lumo::IntfId > {
  public:
    KivHostInjectIntfConfig( ConfigSm * o, const Lumo::IntfId & intf,
                             const Kiv::Ptr< const HostInject::HostInjectIntfConfig > & c );
-   void onPref() override { owner_->handleSourceInject( intf_ ); }
- private:
-   ConfigSm * owner_;
-   Lumo::IntfId intf_;
+   void onPref() override { owner_->handleSourceInject( key_ ); }
 };
 
 // Remembers the VRF the interface was last seen in, so that a move from one
 // VRF to another removes it from the first.
-class ConfigSm::KivIpIntfStatus : public IpGen::IpIntfStatus::NotifieeConst {
+class ConfigSm::KivIpIntfStatus : public Kiv::KeyedReactor< IpGen::IpIntfStatus::NotifieeConst, ConfigSm, Lumo::IntfId > {
  public:
    KivIpIntfStatus( ConfigSm * o, const Lumo::IntfId & intf,
                     const Kiv::Ptr< const IpGen::IpIntfStatus > & s );
    void onVrf() override;
    void onActiveAddrWithMask() override;
    void onAddr( const Lumo::IpGenAddrWithMask & a ) override {
-      owner_->handleActiveSecondaryWithMask( intf_, a );
+      owner_->handleActiveSecondaryWithMask( key_, a );
    }
    const L3::VrfName & lastVrf() const { return lastVrf_; }
  private:
-   ConfigSm * owner_;
-   Lumo::IntfId intf_;
    L3::VrfName lastVrf_;
 };
 
-class ConfigSm::KivPimIntf : public Intf::NotifieeConst {
+class ConfigSm::KivPimIntf : public Kiv::KeyedReactor< Intf::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
    KivPimIntf( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Intf > & intf );
-   void onMode() override { owner_->handlePimIntfMode( vrf_ ); }
- private:
-   ConfigSm * owner_;
-   L3::VrfName vrf_;
+   void onMode() override { owner_->handlePimIntfMode( key_ ); }
 };
 
-class ConfigSm::KivPimAllStatus : public AllStatus::NotifieeConst {
+class ConfigSm::KivPimAllStatus : public Kiv::KeyedReactor< AllStatus::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
    KivPimAllStatus( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const AllStatus > & s );
-   void onPimIntf( const Lumo::IntfId & intf ) override { owner_->handlePimIntf( vrf_, intf ); }
+   void onPimIntf( const Lumo::IntfId & intf ) override { owner_->handlePimIntf( key_, intf ); }
    // Interfaces seen and not yet seen leaving.
-   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivPimIntf > > & pimIntf() { return pimIntf_; }
+   Kiv::ReactorMap< Lumo::IntfId, KivPimIntf > & pimIntf() { return pimIntf_; }
  private:
-   ConfigSm * owner_;
-   L3::VrfName vrf_;
-   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivPimIntf > > pimIntf_;
+   Kiv::ReactorMap< Lumo::IntfId, KivPimIntf > pimIntf_;
 };
 
-class ConfigSm::KivReliableStatus : public Reliable::Status::NotifieeConst {
+class ConfigSm::KivReliableStatus : public Kiv::KeyedReactor< Reliable::Status::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
    KivReliableStatus( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Reliable::Status > & s );
-   void onPimsmSctpConnectionId() override { owner_->updateAllPimIntf( vrf_ ); }
- private:
-   ConfigSm * owner_;
-   L3::VrfName vrf_;
+   void onPimsmSctpConnectionId() override { owner_->updateAllPimIntf( key_ ); }
 };
 
-class ConfigSm::KivClearConfig : public ClearConfig::NotifieeConst {
+class ConfigSm::KivClearConfig : public Kiv::KeyedReactor< ClearConfig::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
    KivClearConfig( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const ClearConfig > & c );
-   void onCountersCount() override { owner_->handleClearCountersCount( vrf_ ); }
-   void onNeighborsCount() override { owner_->handleClearNeighbors( vrf_, Lumo::IntfId() ); }
+   void onCountersCount() override { owner_->handleClearCountersCount( key_ ); }
+   void onNeighborsCount() override { owner_->handleClearNeighbors( key_, Lumo::IntfId() ); }
    void onIntfNeighborsCount( const Lumo::IntfId & intf ) override;
- private:
-   ConfigSm * owner_;
-   L3::VrfName vrf_;
 };
 
 // Runs the clear-multicast-routes request of one VRF; binding runs it once.
-class ConfigSm::ClearMrouteSm : public ClearMrouteConfig::NotifieeConst {
+class ConfigSm::ClearMrouteSm : public Kiv::KeyedReactor< ClearMrouteConfig::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
    ClearMrouteSm( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const ClearMrouteConfig > & c );
-   void onRoutesCount() override { owner_->handleClearIpMroute( vrf_ ); }
- private:
-   ConfigSm * owner_;
-   L3::VrfName vrf_;
+   void onRoutesCount() override { owner_->handleClearIpMroute( key_ ); }
 };
 
-class ConfigSm::KivVrfIntfColl : public McastCommon::VrfIntfColl::NotifieeConst {
+class ConfigSm::KivVrfIntfColl : public Kiv::KeyedReactor< McastCommon::VrfIntfColl::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
    KivVrfIntfColl( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const McastCommon::VrfIntfColl > & c );
-   void onIntfs( const Lumo::IntfId & intf ) override { owner_->handleVrfIntfColl( vrf_, intf ); }
- private:
-   ConfigSm * owner_;
-   L3::VrfName vrf_;
+   void onIntfs( const Lumo::IntfId & intf ) override { owner_->handleVrfIntfColl( key_, intf ); }
 };
 
 // Builds a ConfigSm and runs its start-up.

@@ -63,40 +63,14 @@ void ContainerSm::handleInitialized() {
    }
 
    vrfIpIntfStatusIs( IpGen::intfStatusFactory( ipStatus, args_.vrfName ) );
-   IO::IOSmArgs io;
-   io.pamManager = pimPamManager();
-   io.messageCounters = args_.pimMessageCounters;
-   io.pimStatus = args_.pimStatus;
-   io.allStatus = allStatus;
-   io.configColl = configColl;
-   io.intfStatus = vrfIpIntfStatus();
-   io.aclTypeConfig = args_.aclTypeConfig;
-   io.kernelIntfStatusDir = args_.kernelIntfStatusDir;
-   io.allIntfStatusDir = args_.allIntfStatusDir;
-   io.pimAttrLogSm = args_.pimAttrLogSm;
-   io.serviceAclFilterSm = args_.serviceAclFilterSm;
-   io.timerWheel = timerWheel;
-   io.mcastBoundaryStatus = args_.mcastBoundaryStatus;
-   pimIOSmIs( IO::ioSmFactory( io ) );
+   pimIOSmIs( IO::ioSmFactory( ioSmArgs() ) );
 
    routerIdInfoIs( routerIdInfoFactory( args_.vrfName ) );
    routerIdSmIs( routerIdSmFactory( args_.vrfName, args_.bridgingConfig, routerIdInfo() ) );
 
-   IntfSmInputs inputs;
-   inputs.vrfName = args_.vrfName;
-   inputs.pimGlobalStatus = globalStatus;
-   inputs.pimCellGlobalStatus = cellGlobalStatus;
-   inputs.pimGlobalConfig = configColl->globalConfig();
-   inputs.pimConfig = vrfConfig;
-   inputs.pimPamManager = pimPamManager();
-   inputs.timerWheel = timerWheel;
-   inputs.bfdPimAppConfig = args_.bfdPimAppConfig;
-   inputs.bfdPimAppStatus = bfdPimAppStatus();
-   inputs.kernelIntfStatus = args_.kernelIntfStatusDir;
-   inputs.routerIdInfo = routerIdInfo();
    // The interface owner exists before the Hello processor so that a Hello
    // always finds its interface machine.
-   pimGlobalIntfSmIs( GlobalIntfSmIs( allStatus, inputs ) );
+   pimGlobalIntfSmIs( GlobalIntfSmIs( allStatus, intfSmInputs( vrfConfig ) ) );
    pimHelloSmIs( HelloSmIs( allStatus, rxHelloMessageInfo() ) );
    // The fast-upgrade client; without its inputs the VRF takes no part.
    if( vrfConfig && args_.asuShutdownStatus && args_.asuVrfStatus ) {
@@ -111,6 +85,43 @@ void ContainerSm::handleInitialized() {
    portConfigSmIs( Reliable::configSmFactory( vrfConfig, sourceIntfSm().ptr(),
                                               globalStatus->portStatus( args_.vrfName ) ) );
    initializedIs( true );
+}
+
+// The inputs of the I/O machine, from the arguments and the members built
+// before it.
+IO::IOSmArgs ContainerSm::ioSmArgs() const {
+   IO::IOSmArgs io;
+   io.pamManager = pimPamManager();
+   io.messageCounters = args_.pimMessageCounters;
+   io.pimStatus = args_.pimStatus;
+   io.allStatus = args_.pimAllStatus;
+   io.configColl = args_.pimConfigColl;
+   io.intfStatus = vrfIpIntfStatus();
+   io.aclTypeConfig = args_.aclTypeConfig;
+   io.kernelIntfStatusDir = args_.kernelIntfStatusDir;
+   io.allIntfStatusDir = args_.allIntfStatusDir;
+   io.pimAttrLogSm = args_.pimAttrLogSm;
+   io.serviceAclFilterSm = args_.serviceAclFilterSm;
+   io.timerWheel = args_.timerWheel;
+   io.mcastBoundaryStatus = args_.mcastBoundaryStatus;
+   return io;
+}
+
+// The inputs every interface machine of the VRF shares.
+IntfSmInputs ContainerSm::intfSmInputs( const Kiv::Ptr< const Config > & vrfConfig ) const {
+   IntfSmInputs inputs;
+   inputs.vrfName = args_.vrfName;
+   inputs.pimGlobalStatus = args_.pimGlobalStatus;
+   inputs.pimCellGlobalStatus = args_.pimCellGlobalStatus;
+   inputs.pimGlobalConfig = args_.pimConfigColl->globalConfig();
+   inputs.pimConfig = vrfConfig;
+   inputs.pimPamManager = pimPamManager();
+   inputs.timerWheel = args_.timerWheel;
+   inputs.bfdPimAppConfig = args_.bfdPimAppConfig;
+   inputs.bfdPimAppStatus = bfdPimAppStatus();
+   inputs.kernelIntfStatus = args_.kernelIntfStatusDir;
+   inputs.routerIdInfo = routerIdInfo();
+   return inputs;
 }
 
 void ContainerSm::handleDestruction() {

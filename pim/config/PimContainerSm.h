@@ -114,6 +114,8 @@ class ContainerSm : public Kiv::StateMachine {
 
  private:
    void handleDestruction();
+   IO::IOSmArgs ioSmArgs() const;
+   IntfSmInputs intfSmInputs( const Kiv::Ptr< const Config > & vrfConfig ) const;
    ContainerSmArgs args_;
 };
 

@@ -7,6 +7,7 @@
 #include "model/PimConfig.h"
 #include "model/PimStatus.h"
 #include "services/sourceintf/SourceIntf.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim::Reliable {
 
@@ -38,21 +39,17 @@ class ConfigSm : public Kiv::StateMachine {
    void cleanupSourceIntf();
 
  private:
-   class KivPimConfig : public Config::NotifieeConst {
+   class KivPimConfig : public Kiv::OwnedReactor< Config::NotifieeConst, ConfigSm > {
     public:
-      explicit KivPimConfig( ConfigSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onSctpSrcIntf() override { owner_->handleSctpSrcIntf(); }
       void onNotifier() override { owner_->handleSctpSrcIntf(); }
-    private:
-      ConfigSm * owner_;
    };
-   class KivSourceIntfStatus : public IpGen::SourceIntf::SourceIntf::NotifieeConst {
+   class KivSourceIntfStatus : public Kiv::OwnedReactor< IpGen::SourceIntf::SourceIntf::NotifieeConst, ConfigSm > {
     public:
-      explicit KivSourceIntfStatus( ConfigSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onIpAddr() override { owner_->handleAddrChange(); }
       void onNotifier() override { owner_->handleAddrChange(); }
-    private:
-      ConfigSm * owner_;
    };
 
    KivPimConfig pimConfig_;

@@ -4,6 +4,7 @@
 #include "kiv/EntityMacros.h"
 #include "model/PimStatus.h"
 #include "services/bridging/BridgingConfig.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim {
 
@@ -24,12 +25,10 @@ class RouterIdSm : public Kiv::StateMachine {
    void updateRouterId();
 
  private:
-   class KivBridgingConfig : public Bridging::Config::NotifieeConst {
+   class KivBridgingConfig : public Kiv::OwnedReactor< Bridging::Config::NotifieeConst, RouterIdSm > {
     public:
-      explicit KivBridgingConfig( RouterIdSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onBridgeMacAddr() override { owner_->updateRouterId(); }
-    private:
-      RouterIdSm * owner_;
    };
    const L3::VrfName vrfName_;
    Kiv::Ptr< RouterIdInfo > routerIdInfo_;

@@ -9,6 +9,7 @@
 #include "kiv/EntityMacros.h"
 #include "model/PimStatus.h"
 #include "services/mcast/Multicast.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim {
 
@@ -33,20 +34,16 @@ class VxlanStatusSm : public Kiv::StateMachine {
    void handlePimIntf();
 
  private:
-   class KivVxlanEnabledStatus : public ::Vxlan::EnabledStatus::NotifieeConst {
+   class KivVxlanEnabledStatus : public Kiv::OwnedReactor< ::Vxlan::EnabledStatus::NotifieeConst, VxlanStatusSm > {
     public:
-      explicit KivVxlanEnabledStatus( VxlanStatusSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onVlanToVniMap( const std::uint32_t & vlanId ) override { owner_->handleVlanId( vlanId ); }
-    private:
-      VxlanStatusSm * owner_;
    };
-   class KivPimStatus : public Status::NotifieeConst {
+   class KivPimStatus : public Kiv::OwnedReactor< Status::NotifieeConst, VxlanStatusSm > {
     public:
-      explicit KivPimStatus( VxlanStatusSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onPimIntf( const Lumo::IntfId & intfId ) override { owner_->handlePimIntf( intfId ); }
       void onPimIntfkivImmediate( const Lumo::IntfId & ) override {}
-    private:
-      VxlanStatusSm * owner_;
    };
 
    // The VLAN maps to a VNI (an entry that is not the none value).

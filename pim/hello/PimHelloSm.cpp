@@ -106,23 +106,7 @@ void HelloSm::handleHelloMessage() {
    }
    const Kiv::Ptr< Intf > & intf = *intfSlot;
    const Lumo::IpGenAddr & src = hello->srcAddr();
-   const Lumo::IpGenAddrWithMask & awm = intf->addressWithMask();
-   if( !sameSubnet( awm, src ) ) {
-      HTRACE( 1, "Error - Neighbor " << src << " is not in the same subnet as received interface "
-                                     << intfId << " with configured address " << awm );
-      return;
-   }
-   if( src == awm.address() ) {
-      HTRACE( 1, "Error - Neighbor " << src << " is the same as interface address for " << intfId );
-      return;
-   }
-
-   if( isSubnetNetwork( awm, src ) || isSubnetBroadcast( awm, src ) ) {
-      HTRACE( 1, "Error - Neighbor " << src << " is the network or broadcast address of interface "
-                                     << intfId << " with configured address " << awm );
-      intf->refusedSourceAddressCountInc( 1 );
-      return;
-   }
+   if( !sourceAcceptable( *intf, intfId, src ) ) return;
 
    const std::uint16_t holdTime = hello->holdTimePresent() ? hello->holdTime() : intf->helloHoldTime();
    // A goodbye skips the mode check on purpose: it must always be honoured.
@@ -132,6 +116,37 @@ void HelloSm::handleHelloMessage() {
       return;
    }
 
+   const Kiv::Ptr< Neighbor > neighbor = refreshOrCreateNeighbor( hello, intf, intfId, holdTime );
+   if( !neighbor ) return;
+   updateSecondaryAddresses( hello, intf, intfId, neighbor );
+   processPortOptions( hello, intf, neighbor );
+}
+
+bool HelloSm::sourceAcceptable( Intf & intf, const Lumo::IntfId & intfId, const Lumo::IpGenAddr & src ) {
+   const Lumo::IpGenAddrWithMask & awm = intf.addressWithMask();
+   if( !sameSubnet( awm, src ) ) {
+      HTRACE( 1, "Error - Neighbor " << src << " is not in the same subnet as received interface "
+                                     << intfId << " with configured address " << awm );
+      return false;
+   }
+   if( src == awm.address() ) {
+      HTRACE( 1, "Error - Neighbor " << src << " is the same as interface address for " << intfId );
+      return false;
+   }
+
+   if( isSubnetNetwork( awm, src ) || isSubnetBroadcast( awm, src ) ) {
+      HTRACE( 1, "Error - Neighbor " << src << " is the network or broadcast address of interface "
+                                     << intfId << " with configured address " << awm );
+      intf.refusedSourceAddressCountInc( 1 );
+      return false;
+   }
+   return true;
+}
+
+Kiv::Ptr< Neighbor > HelloSm::refreshOrCreateNeighbor( const Kiv::Ptr< const Packet::HelloMessage > & hello,
+                                                       const Kiv::Ptr< Intf > & intf,
+                                                       const Lumo::IntfId & intfId, std::uint16_t holdTime ) {
+   const Lumo::IpGenAddr & src = hello->srcAddr();
    DrPriorityOption drOption;
    if( hello->drPriorityPresent() ) {
       drOption.valid = true;
@@ -163,9 +178,9 @@ void HelloSm::handleHelloMessage() {
       neighbor->lanPruneDelayOptionIs( lpdOption );
    } else {
       if( holdTime == kHoldTimeGoodbye ) {
-         return;   // a goodbye from a stranger
+         return nullptr;   // a goodbye from a stranger
       }
-      if( !admitNeighbor( *intf, src, now ) ) return;
+      if( !admitNeighbor( *intf, src, now ) ) return nullptr;
       neighbor = intf->neighborIs( src, intf->id(), holdTime, drOption, genIdOption, lpdOption );
       neighbor->creationTimeIs( now );
       neighbor->lastRefreshTimeIs( neighbor->creationTime() );
@@ -179,7 +194,13 @@ void HelloSm::handleHelloMessage() {
          if( const Kiv::Ptr< Neighbor > earlier = intf->neighbor( owner ) ) earlier->secondaryAddressDel( src );
       }
    }
+   return neighbor;
+}
 
+void HelloSm::updateSecondaryAddresses( const Kiv::Ptr< const Packet::HelloMessage > & hello,
+                                        const Kiv::Ptr< Intf > & intf, const Lumo::IntfId & intfId,
+                                        const Kiv::Ptr< Neighbor > & neighbor ) {
+   const Lumo::IpGenAddr & src = hello->srcAddr();
    if( hello->secondaryAddrSize() == 0 ) {
       neighbor->secondaryAddressDelAll();
    } else {
@@ -223,8 +244,6 @@ void HelloSm::handleHelloMessage() {
          }
       }
    }
-
-   processPortOptions( hello, intf, neighbor );
 }
 
 bool HelloSm::admitNeighbor( Intf & intf, const Lumo::IpGenAddr & src, double now ) {

@@ -6,6 +6,7 @@
 #include "kiv/EntityMacros.h"
 #include "model/PimStatus.h"
 #include "services/pimio/MessageInfo.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim {
 
@@ -26,17 +27,29 @@ class HelloSm : public Kiv::StateMachine {
                             const Kiv::Ptr< Intf > & intf, const Kiv::Ptr< Neighbor > & neighbor );
 
  private:
+   // The steps of handleHelloMessage.
+   // Whether a Hello from src may come in on the interface (its subnet, not
+   // its own address, its network or broadcast address); traced if not.
+   bool sourceAcceptable( Intf & intf, const Lumo::IntfId & intfId, const Lumo::IpGenAddr & src );
+   // The neighbour the Hello refreshes or creates; null for a goodbye from a
+   // stranger or a new neighbour beyond a limit.
+   Kiv::Ptr< Neighbor > refreshOrCreateNeighbor( const Kiv::Ptr< const Packet::HelloMessage > & hello,
+                                                 const Kiv::Ptr< Intf > & intf, const Lumo::IntfId & intfId,
+                                                 std::uint16_t holdTime );
+   // The neighbour keeps the usable secondary addresses the Hello lists, up
+   // to the per-neighbour limit.
+   void updateSecondaryAddresses( const Kiv::Ptr< const Packet::HelloMessage > & hello,
+                                  const Kiv::Ptr< Intf > & intf, const Lumo::IntfId & intfId,
+                                  const Kiv::Ptr< Neighbor > & neighbor );
    // Whether a new neighbour fits under the interface's and the VRF's
    // limits; a refusal is counted, remembered and logged.
    bool admitNeighbor( Intf & intf, const Lumo::IpGenAddr & src, double now );
    void noteRefusedSource( Intf & intf, const Lumo::IpGenAddr & src, double now );
 
-   class KivHelloMessageInfo : public IO::MessageInfo::NotifieeConst {
+   class KivHelloMessageInfo : public Kiv::OwnedReactor< IO::MessageInfo::NotifieeConst, HelloSm > {
     public:
-      explicit KivHelloMessageInfo( HelloSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onCount() override { owner_->handleHelloMessage(); }
-    private:
-      HelloSm * owner_;
    };
 
    Kiv::Ptr< AllStatus > allStatus_;

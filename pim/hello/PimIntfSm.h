@@ -9,6 +9,10 @@
 // GlobalIntfSm: one per VRF; owns the IntfSms, recreating them as the kernel's
 // view of interfaces changes, forwards BFD peer state into neighbour entries
 // and fans the reload / DR-delay events out to every interface.
+//
+// Sources: PimIntfSm.cpp (construction, start-up, neighbour side),
+// PimIntfSmHello.cpp, PimIntfSmDr.cpp (DR, LAN prune delay, T bit, BFD),
+// PimGlobalIntfSm.cpp; PimIntfSmImpl.h holds what they share.
 #include "hello/ActiveNeighbors.h"
 #include "hello/PimNeighborSm.h"
 #include "kiv/EntityMacros.h"
@@ -17,7 +21,10 @@
 #include "services/bfd/Bfd.h"
 #include "services/intf/DeviceIntfStatus.h"
 #include "services/pimio/MessageInfo.h"
+#include "tolm/OwnedTimer.h"
 #include "tolm/TimerWheel.h"
+#include "kiv/OwnedReactor.h"
+#include "kiv/ReactorMap.h"
 
 namespace Routing::Pim {
 
@@ -100,9 +107,9 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
    void updateBfd( const Lumo::IpGenAddr & addr, bool enabled );
 
  private:
-   class KivIntf : public Intf::NotifieeConst {
+   class KivIntf : public Kiv::OwnedReactor< Intf::NotifieeConst, IntfSm > {
     public:
-      explicit KivIntf( IntfSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onEnabled() override { owner_->handleEnabled(); }
       void onMode() override { owner_->handleMode(); }
       void onAddressWithMask() override { owner_->handleAddress(); }
@@ -127,31 +134,14 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
       void onTriggeredHello() override { owner_->handleTriggeredHello(); }
       void onPropagationDelay() override { owner_->handlePropagationDelay(); }
       void onOverrideInterval() override { owner_->handleOverrideInterval(); }
-    private:
-      IntfSm * owner_;
    };
-   class KivRouterIdInfo : public RouterIdInfo::NotifieeConst {
+   class KivRouterIdInfo : public Kiv::OwnedReactor< RouterIdInfo::NotifieeConst, IntfSm > {
     public:
-      explicit KivRouterIdInfo( IntfSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onRouterId() override { owner_->handleRouterId(); }
-    private:
-      IntfSm * owner_;
    };
-   class KivHelloTimer : public Tolm::TimerWheel::NotifieeConst {
-    public:
-      KivHelloTimer( IntfSm * owner, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( owner ) {}
-      void onTime() override { owner_->handleHelloTimerExpiry(); }
-    private:
-      IntfSm * owner_;
-   };
-   class KivHelloTriggeredTimer : public Tolm::TimerWheel::NotifieeConst {
-    public:
-      KivHelloTriggeredTimer( IntfSm * owner, Tolm::TimerWheel * w )
-            : Tolm::TimerWheel::NotifieeConst( w ), owner_( owner ) {}
-      void onTime() override { owner_->handleHelloTriggeredTimerExpiry(); }
-    private:
-      IntfSm * owner_;
-   };
+   using KivHelloTimer = Tolm::OwnedTimer< IntfSm, &IntfSm::handleHelloTimerExpiry >;
+   using KivHelloTriggeredTimer = Tolm::OwnedTimer< IntfSm, &IntfSm::handleHelloTriggeredTimerExpiry >;
 
    // What the NeighborSms report, through NeighborSmOwner only.
    void neighborGenerationIdChanged() override;
@@ -161,6 +151,14 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
 
    // This router's candidacy: its used address, priority 1 during reload.
    DrCandidate ownDrCandidate() const;
+   // Start-up: neighbours whose BFD session is down become inactive.
+   void handleStartupBfdStates();
+   // The propagation delay and the override interval, used alike.
+   struct LanPruneField;
+   static const LanPruneField kPropagationDelayField;
+   static const LanPruneField kOverrideIntervalField;
+   void handleLanPruneField( const LanPruneField & field );
+   void updateLanPruneField( const LanPruneField & field );
 
    ActiveNeighbors active_;
    const Lumo::IntfId intfId_;
@@ -209,56 +207,43 @@ class GlobalIntfSm : public Kiv::StateMachine {
    void handlePeerStatus( const Bfd::Peer & peer );
 
  private:
-   class KivPimCellGlobalStatus : public CellGlobalStatus::NotifieeConst {
+   class KivPimCellGlobalStatus : public Kiv::OwnedReactor< CellGlobalStatus::NotifieeConst, GlobalIntfSm > {
     public:
-      explicit KivPimCellGlobalStatus( GlobalIntfSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onReload() override { owner_->handleReloadStatus(); }
       void onDrDelayTimerExpired() override { owner_->updateAllDr(); }
-    private:
-      GlobalIntfSm * owner_;
    };
-   class KivPimAllStatus : public AllStatus::NotifieeConst {
+   class KivPimAllStatus : public Kiv::OwnedReactor< AllStatus::NotifieeConst, GlobalIntfSm > {
     public:
-      explicit KivPimAllStatus( GlobalIntfSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onPimIntf( const Lumo::IntfId & id ) override;
-    private:
-      GlobalIntfSm * owner_;
    };
-   class KivKernelIntfStatus : public Interface::DeviceIntfStatusDir::NotifieeConst {
+   class KivKernelIntfStatus : public Kiv::OwnedReactor< Interface::DeviceIntfStatusDir::NotifieeConst, GlobalIntfSm > {
     public:
-      explicit KivKernelIntfStatus( GlobalIntfSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onDeviceIntfStatus( const Lumo::IntfId & id ) override { owner_->handleIfIndex( id ); }
-    private:
-      GlobalIntfSm * owner_;
    };
-   class KivBfdPimAppStatus : public Bfd::AppStatus::NotifieeConst {
+   class KivBfdPimAppStatus : public Kiv::OwnedReactor< Bfd::AppStatus::NotifieeConst, GlobalIntfSm > {
     public:
-      explicit KivBfdPimAppStatus( GlobalIntfSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onPeerStatus( const Bfd::Peer & peer ) override;
-    private:
-      GlobalIntfSm * owner_;
    };
  public:
    // One per interface of AllStatus.pimIntf: creation runs handleNew().
-   class KivPimIntf : public Intf::NotifieeConst {
+   class KivPimIntf : public Kiv::KeyedReactor< Intf::NotifieeConst, GlobalIntfSm, Lumo::IntfId > {
     public:
       KivPimIntf( GlobalIntfSm * o, const Kiv::Ptr< const Intf > & intf );
-      const Lumo::IntfId & id() const { return id_; }
-    private:
-      GlobalIntfSm * owner_;
-      Lumo::IntfId id_;
+      const Lumo::IntfId & id() const { return key_; }
    };
    // One per BFD peer status: a status change runs handlePeerStatus().
-   class KivPeerStatus : public Bfd::BfdPeerStatus::NotifieeConst {
+   class KivPeerStatus : public Kiv::KeyedReactor< Bfd::BfdPeerStatus::NotifieeConst, GlobalIntfSm, Bfd::Peer > {
     public:
       KivPeerStatus( GlobalIntfSm * o, const Kiv::Ptr< const Bfd::BfdPeerStatus > & s );
-      void onStatus() override { owner_->handlePeerStatus( peer_ ); }
-      const Bfd::Peer & peer() const { return peer_; }
+      void onStatus() override { owner_->handlePeerStatus( key_ ); }
+      const Bfd::Peer & peer() const { return key_; }
       Bfd::OperState lastState() const { return lastState_; }
       void lastStateIs( Bfd::OperState s ) { lastState_ = s; }
     private:
-      GlobalIntfSm * owner_;
-      Bfd::Peer peer_;
       Bfd::OperState lastState_;
    };
 
@@ -269,8 +254,8 @@ class GlobalIntfSm : public Kiv::StateMachine {
    KivPimAllStatus allStatusReactor_;
    KivKernelIntfStatus kernelIntfStatusReactor_;
    KivBfdPimAppStatus bfdAppStatusReactor_;
-   Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivPimIntf > > pimIntf_;
-   Kiv::HashMap< Bfd::Peer, std::unique_ptr< KivPeerStatus > > peerStatus_;
+   Kiv::ReactorMap< Lumo::IntfId, KivPimIntf > pimIntf_;
+   Kiv::ReactorMap< Bfd::Peer, KivPeerStatus > peerStatus_;
 };
 
 Kiv::Ptr< GlobalIntfSm > GlobalIntfSmIs( const Kiv::Ptr< AllStatus > & allStatus, const IntfSmInputs & inputs );

@@ -230,10 +230,9 @@ void NeighborSm::handleBfdState() {
    NEIGHBOR_PRESENT_OR_RETURN();
    const Bfd::OperState state = neighbor_->bfdState();
    const Bfd::OperState prev = prevBfdState();
-   NTRACE( 5, "BFD state change for neighbor " << address_ << " on interface " << intf_->id() << ". "
-                                               << prev << " => " << state );
-   RUNDLE_RECORD( 5, "BFD state change for neighbor " << address_ << " on interface " << intf_->id()
-                                                       << ". " << prev << " => " << state );
+   RUNDLE_TRACE_RECORD( NTRACE, 5, "", "BFD state change for neighbor " << address_ << " on interface "
+                                                                     << intf_->id() << ". " << prev << " => "
+                                                                     << state );
    if( bfdIsDown( state ) ) {
       if( prev == Bfd::operUp ) {
          PIM_BFD_STATE_CHANGE.log( Lumo::valueToStrep( address_ ), Bfd::operStateName( prev ),

@@ -7,7 +7,9 @@
 #include "kiv/EntityMacros.h"
 #include "model/PimConfig.h"
 #include "model/PimStatus.h"
+#include "tolm/OwnedTimer.h"
 #include "tolm/TimerWheel.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim {
 
@@ -70,9 +72,9 @@ class NeighborSm : public Kiv::StateMachine {
    void handleBfdState();
 
  private:
-   class KivNeighbor : public Neighbor::NotifieeConst {
+   class KivNeighbor : public Kiv::OwnedReactor< Neighbor::NotifieeConst, NeighborSm > {
     public:
-      explicit KivNeighbor( NeighborSm * owner ) : owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onHoldTime() override { owner_->handleHoldTime(); }
       void onLastRefreshTime() override { owner_->handleLastRefreshTime(); }
       void onDrPriorityOption() override { owner_->handleDrPriorityOption(); }
@@ -81,17 +83,8 @@ class NeighborSm : public Kiv::StateMachine {
       void onSecondaryAddress( const Lumo::IpGenAddr & a ) override { owner_->handleSecondaryAddress( a ); }
       void onPortInfo() override { owner_->handlePort(); }
       void onBfdState() override { owner_->handleBfdState(); }
-    private:
-      NeighborSm * owner_;
    };
-   class KivNeighborTimer : public Tolm::TimerWheel::NotifieeConst {
-    public:
-      KivNeighborTimer( NeighborSm * owner, Tolm::TimerWheel * wheel )
-            : Tolm::TimerWheel::NotifieeConst( wheel ), owner_( owner ) {}
-      void onTime() override { owner_->handleNeighborTimerExpiry(); }
-    private:
-      NeighborSm * owner_;
-   };
+   using KivNeighborTimer = Tolm::OwnedTimer< NeighborSm, &NeighborSm::handleNeighborTimerExpiry >;
 
    const Lumo::IpGenAddr address_;
    Kiv::Ptr< Neighbor > neighbor_;

@@ -9,11 +9,11 @@ KIV_TRACE_HANDLE( "Pim::IO" )
 
 namespace Routing::Pim::IO {
 
-IOSm::KivRxMessageInfo::KivRxMessageInfo( IOSm * o, std::uint8_t type ) : owner_( o ), type_( type ) {
+IOSm::KivRxMessageInfo::KivRxMessageInfo( IOSm * o, std::uint8_t type ) : KeyedReactor( o, type ) {
    kivImmediateIs( MessageInfo::kivAttr_count, true );
 }
 
-IOSm::KivTxMessageInfo::KivTxMessageInfo( IOSm * o ) : owner_( o ) {
+IOSm::KivTxMessageInfo::KivTxMessageInfo( IOSm * o ) : OwnedReactor( o ) {
    kivImmediateIs( MessageInfo::kivAttr_count, true );
 }
 

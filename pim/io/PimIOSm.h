@@ -27,6 +27,7 @@
 #include "services/pimio/MessageInfo.h"
 #include "status/PimVarnStatus.h"
 #include "tolm/TimerWheel.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim::IO {
 
@@ -67,42 +68,30 @@ class IOSm : public Kiv::StateMachine {
    void handleTxCount();
 
  private:
-   class KivAllStatus : public AllStatus::NotifieeConst {
+   class KivAllStatus : public Kiv::OwnedReactor< AllStatus::NotifieeConst, IOSm > {
     public:
-      explicit KivAllStatus( IOSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onPimIntf( const Lumo::IntfId & intf ) override { owner_->handlePimIntf( intf ); }
-    private:
-      IOSm * owner_;
    };
-   class KivIntf : public Intf::NotifieeConst {
+   class KivIntf : public Kiv::KeyedReactor< Intf::NotifieeConst, IOSm, Lumo::IntfId > {
     public:
-      KivIntf( IOSm * o, const Lumo::IntfId & intf ) : owner_( o ), intf_( intf ) {}
-      void onMode() override { owner_->handlePimIntf( intf_ ); }
-    private:
-      IOSm * owner_;
-      Lumo::IntfId intf_;
+      using KeyedReactor::KeyedReactor;
+      void onMode() override { owner_->handlePimIntf( key_ ); }
    };
-   class KivPamManager : public PamManager::NotifieeConst {
+   class KivPamManager : public Kiv::OwnedReactor< PamManager::NotifieeConst, IOSm > {
     public:
-      explicit KivPamManager( IOSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onRxMessageInfo( const std::uint8_t & type ) override { owner_->handleRxMessageInfo( type ); }
-    private:
-      IOSm * owner_;
    };
-   class KivRxMessageInfo : public MessageInfo::NotifieeConst {
+   class KivRxMessageInfo : public Kiv::KeyedReactor< MessageInfo::NotifieeConst, IOSm, std::uint8_t > {
     public:
       KivRxMessageInfo( IOSm * o, std::uint8_t type );
-      void onCountkivImmediate() override { owner_->handleRxCount( type_ ); }
-    private:
-      IOSm * owner_;
-      std::uint8_t type_;
+      void onCountkivImmediate() override { owner_->handleRxCount( key_ ); }
    };
-   class KivTxMessageInfo : public MessageInfo::NotifieeConst {
+   class KivTxMessageInfo : public Kiv::OwnedReactor< MessageInfo::NotifieeConst, IOSm > {
     public:
       explicit KivTxMessageInfo( IOSm * o );
       void onCountkivImmediate() override { owner_->handleTxCount(); }
-    private:
-      IOSm * owner_;
    };
 
    IOSmArgs args_;

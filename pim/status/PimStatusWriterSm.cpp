@@ -71,11 +71,64 @@ Neighbor neighborRow( const Lumo::IntfId & intf, const ::Routing::Pim::Neighbor 
    return r;
 }
 
+// ---- shared by the three levels ----------------------------------------------------------
+namespace {
+
+// A child reactor follows the entity under its key: a new or replaced entity
+// gets a fresh reactor, which writes its rows; one that went takes its rows
+// with it.
+template< class K, class R, class Parent, class E >
+void followChild( Kiv::ReactorMap< K, R > & children, Parent * parent, const K & key,
+                  const Kiv::Ptr< E > & entity ) {
+   R * existing = children.find( key );
+   if( entity ) {
+      if( existing && existing->notifier() == entity ) return;
+      if( existing ) {
+         existing->handleDel();
+         children.unbind( key );
+      }
+      children.insert( key, std::make_unique< R >( parent, entity ) ).handleNew();
+   } else if( existing ) {
+      children.take( key )->handleDel();
+   }
+}
+
+// Every child takes its rows with it, in the order they came.
+template< class K, class R >
+void dropChildren( Kiv::ReactorMap< K, R > & children ) {
+   while( const K * first = children.firstKey() ) {
+      const K key = *first;
+      children.take( key )->handleDel();
+   }
+}
+
+// The row of one member of a set: written while the member is there (add),
+// deleted once it is not (del); written remembers the rows this level owns.
+template< class K, class Add, class Del >
+void mirrorMember( bool present, Kiv::HashMap< K, bool > & written, const K & member, Add && add,
+                   Del && del ) {
+   if( present ) {
+      add();
+      written.tryInsert( member, true );
+   } else {
+      del();
+      written.erase( member );
+   }
+}
+
+// Deletes every row this level wrote for one set.
+template< class K, class Del >
+void dropWritten( Kiv::HashMap< K, bool > & written, Del && del ) {
+   for( auto it = written.iter(); it; ++it ) del( it.key() );
+   written.clear();
+}
+
+} // namespace
+
 // ---- KivNeighbor ------------------------------------------------------------------------
 StatusWriterSm::KivNeighbor::KivNeighbor(
    KivIntf * owner, const Kiv::Ptr< const ::Routing::Pim::Neighbor > & neighbor )
-      : owner_( owner ),
-        address_( neighbor ? neighbor->address() : Lumo::IpGenAddr() ) {
+      : KeyedReactor( owner, neighbor ? neighbor->address() : Lumo::IpGenAddr() ) {
    if( !neighbor ) {
       Kiv::throwNullParameter( "neighbor", "Routing::Pim::Varn::StatusWriterSm::KivIntf",
                                "neighbor" );
@@ -90,43 +143,39 @@ void StatusWriterSm::KivNeighbor::handleNew() {
 }
 
 void StatusWriterSm::KivNeighbor::handleNeighbor() {
-   KIV_TRACE( th(), 8, "handleNeighbor( " << owner_->id() << ", " << address_ << " )" );
+   KIV_TRACE( th(), 8, "handleNeighbor( " << owner_->id() << ", " << key_ << " )" );
    owner_->sm()->varnStatus()->neighborIs( neighborRow( owner_->id(), *notifier() ) );
 }
 
 void StatusWriterSm::KivNeighbor::handleSecondaryAddress( const Lumo::IpGenAddr & addr ) {
-   const NeighborSecondaryAddressKey key( owner_->id(), address_, addr );
+   const NeighborSecondaryAddressKey key( owner_->id(), key_, addr );
    Status & varn = *owner_->sm()->varnStatus();
-   if( notifier()->secondaryAddress( addr ) ) {
+   mirrorMember( notifier()->secondaryAddress( addr ), secondaryWritten_, addr, [ & ] {
       KIV_TRACE( th(), 7, "handleSecondaryAddress(), Adding secondary address "
-                             << addr << " to neighbor " << address_ << " on interface "
+                             << addr << " to neighbor " << key_ << " on interface "
                              << owner_->id() );
       varn.neighborSecondaryAddressIs( NeighborSecondaryAddress( key ) );
-      secondaryWritten_.tryInsert( addr, true );
-   } else {
+   }, [ & ] {
       KIV_TRACE( th(), 7, "handleSecondaryAddress(), Removing secondary address "
-                             << addr << " from neighbor " << address_ << " on interface "
+                             << addr << " from neighbor " << key_ << " on interface "
                              << owner_->id() );
       varn.neighborSecondaryAddressDel( key );
-      secondaryWritten_.erase( addr );
-   }
+   } );
 }
 
 void StatusWriterSm::KivNeighbor::handleDel() {
-   KIV_TRACE( th(), 8, "handleDel( " << owner_->id() << ", " << address_ << " )" );
+   KIV_TRACE( th(), 8, "handleDel( " << owner_->id() << ", " << key_ << " )" );
    Status & varn = *owner_->sm()->varnStatus();
-   for( auto it = secondaryWritten_.iter(); it; ++it ) {
-      varn.neighborSecondaryAddressDel(
-         NeighborSecondaryAddressKey( owner_->id(), address_, it.key() ) );
-   }
-   secondaryWritten_.clear();
-   varn.neighborDel( NeighborKey( owner_->id(), address_ ) );
+   dropWritten( secondaryWritten_, [ & ]( const Lumo::IpGenAddr & a ) {
+      varn.neighborSecondaryAddressDel( NeighborSecondaryAddressKey( owner_->id(), key_, a ) );
+   } );
+   varn.neighborDel( NeighborKey( owner_->id(), key_ ) );
 }
 
 // ---- KivIntf -----------------------------------------------------------------------------
 StatusWriterSm::KivIntf::KivIntf( KivAllStatus * owner,
                                   const Kiv::Ptr< const ::Routing::Pim::Intf > & intf )
-      : owner_( owner ), id_( intf ? intf->id() : Lumo::IntfId() ) {
+      : KeyedReactor( owner, intf ? intf->id() : Lumo::IntfId() ) {
    if( !intf ) {
       Kiv::throwNullParameter( "intf", "Routing::Pim::Varn::StatusWriterSm::KivAllStatus", "intf" );
    }
@@ -136,7 +185,7 @@ StatusWriterSm::KivIntf::KivIntf( KivAllStatus * owner,
 StatusWriterSm * StatusWriterSm::KivIntf::sm() const { return owner_->sm(); }
 
 void StatusWriterSm::KivIntf::handleNew() {
-   KIV_TRACE( th(), 8, "handleNew( " << id_ << " )" );
+   KIV_TRACE( th(), 8, "handleNew( " << key_ << " )" );
    handleIntf();
    const auto intf = notifier();
    for( auto it = intf->neighborIter(); it; ++it ) handleNeighbor( it.key() );
@@ -145,173 +194,120 @@ void StatusWriterSm::KivIntf::handleNew() {
 }
 
 void StatusWriterSm::KivIntf::handleIntf() {
-   KIV_TRACE( th(), 8, "handleIntf( " << id_ << " )" );
+   KIV_TRACE( th(), 8, "handleIntf( " << key_ << " )" );
    const auto intf = notifier();
    sm()->varnStatus()->pimIntfIs( intfRow( *intf ) );
    for( auto it = intf->secondaryAddressIter(); it; ++it ) handleSecondaryAddress( it.key() );
    for( auto it = intf->secondaryPrefixIter(); it; ++it ) handleSecondaryPrefix( it.key() );
 }
 
+// The row of one member of the interface's sets, traced as
+// "<fn>(), Adding <noun> <member> <to> interface <id>" and
+// "<fn>(), Removing <noun> <member> <from> interface <id>".
+template< class K, class Add, class Del >
+void StatusWriterSm::KivIntf::mirrorTraced( const MemberText & text, bool present, Kiv::HashMap< K, bool > & written,
+                                            const K & member, Add && add, Del && del ) {
+   mirrorMember( present, written, member, [ & ] {
+      KIV_TRACE( th(), 7, text.fn << "(), Adding " << text.noun << " " << member << " " << text.to
+                                  << " interface " << key_ );
+      add();
+   }, [ & ] {
+      KIV_TRACE( th(), 7, text.fn << "(), Removing " << text.noun << " " << member << " " << text.from
+                                  << " interface " << key_ );
+      del();
+   } );
+}
+
 void StatusWriterSm::KivIntf::handleSecondaryAddress( const Lumo::IpGenAddr & addr ) {
-   const IntfSecondaryAddressKey key( id_, addr );
+   const IntfSecondaryAddressKey key( key_, addr );
    Status & varn = *sm()->varnStatus();
-   if( notifier()->secondaryAddress( addr ) ) {
-      KIV_TRACE( th(), 7, "handleSecondaryAddress(), Adding secondary address "
-                             << addr << " to interface " << id_ );
-      varn.intfSecondaryAddressIs( IntfSecondaryAddress( key ) );
-      secondaryAddressWritten_.tryInsert( addr, true );
-   } else {
-      KIV_TRACE( th(), 7, "handleSecondaryAddress(), Removing secondary address "
-                             << addr << " from interface " << id_ );
-      varn.intfSecondaryAddressDel( key );
-      secondaryAddressWritten_.erase( addr );
-   }
+   mirrorTraced( { "handleSecondaryAddress", "secondary address", "to", "from" },
+                 notifier()->secondaryAddress( addr ), secondaryAddressWritten_, addr,
+                 [ & ] { varn.intfSecondaryAddressIs( IntfSecondaryAddress( key ) ); },
+                 [ & ] { varn.intfSecondaryAddressDel( key ); } );
 }
 
 void StatusWriterSm::KivIntf::handleSecondaryPrefix( const Lumo::IpGenPrefix & prefix ) {
-   const IntfSecondaryPrefixKey key( id_, prefix );
+   const IntfSecondaryPrefixKey key( key_, prefix );
    Status & varn = *sm()->varnStatus();
-   if( notifier()->secondaryPrefix( prefix ) ) {
-      KIV_TRACE( th(), 7, "handleSecondaryPrefix(), Adding secondary prefix "
-                             << prefix << " to interface " << id_ );
-      varn.intfSecondaryPrefixIs( IntfSecondaryPrefix( key ) );
-      secondaryPrefixWritten_.tryInsert( prefix, true );
-   } else {
-      KIV_TRACE( th(), 7, "handleSecondaryPrefix(), Removing secondary prefix "
-                             << prefix << " from interface " << id_ );
-      varn.intfSecondaryPrefixDel( key );
-      secondaryPrefixWritten_.erase( prefix );
-   }
+   mirrorTraced( { "handleSecondaryPrefix", "secondary prefix", "to", "from" },
+                 notifier()->secondaryPrefix( prefix ), secondaryPrefixWritten_, prefix,
+                 [ & ] { varn.intfSecondaryPrefixIs( IntfSecondaryPrefix( key ) ); },
+                 [ & ] { varn.intfSecondaryPrefixDel( key ); } );
 }
 
 void StatusWriterSm::KivIntf::handleInactiveBfdNeighbor( const Lumo::IpGenAddr & addr ) {
-   const NeighborKey key( id_, addr );
+   const NeighborKey key( key_, addr );
    Status & varn = *sm()->varnStatus();
-   if( notifier()->inactiveBfdNeighbor( addr ) ) {
-      KIV_TRACE( th(), 7, "handleInactiveBfdNeighbor(), Adding inactive neighbor "
-                             << addr << " on interface " << id_ );
-      varn.inactiveNeighborIs( NeighborRef( key ) );
-      inactiveWritten_.tryInsert( addr, true );
-   } else {
-      KIV_TRACE( th(), 7, "handleInactiveBfdNeighbor(), Removing inactive neighbor "
-                             << addr << " on interface " << id_ );
-      varn.inactiveNeighborDel( key );
-      inactiveWritten_.erase( addr );
-   }
+   mirrorTraced( { "handleInactiveBfdNeighbor", "inactive neighbor", "on", "on" },
+                 bool( notifier()->inactiveBfdNeighbor( addr ) ), inactiveWritten_, addr,
+                 [ & ] { varn.inactiveNeighborIs( NeighborRef( key ) ); },
+                 [ & ] { varn.inactiveNeighborDel( key ); } );
 }
 
 void StatusWriterSm::KivIntf::handleRefusedSource( const Lumo::IpGenAddr & addr ) {
-   const NeighborKey key( id_, addr );
+   const NeighborKey key( key_, addr );
    Status & varn = *sm()->varnStatus();
-   if( notifier()->refusedSourceHas( addr ) ) {
+   mirrorMember( notifier()->refusedSourceHas( addr ), refusedWritten_, addr, [ & ] {
       const RefusedSource src = notifier()->refusedSource( addr );
       RefusedNeighbor row( key );
       row.count = src.count;
       row.lastTime = src.lastTime;
       varn.refusedNeighborIs( row );
-      refusedWritten_.tryInsert( addr, true );
-   } else {
-      varn.refusedNeighborDel( key );
-      refusedWritten_.erase( addr );
-   }
+   }, [ & ] { varn.refusedNeighborDel( key ); } );
 }
 
 void StatusWriterSm::KivIntf::handleNeighbor( const Lumo::IpGenAddr & addr ) {
-   const auto nbr = notifier()->neighbor( addr );
-   std::unique_ptr< KivNeighbor > * existing = neighbor_.find( addr );
-   if( nbr ) {
-      // A neighbour replaced under the same address gets a fresh reactor.
-      if( existing && ( *existing )->notifier() == nbr ) return;
-      if( existing ) {
-         ( *existing )->handleDel();
-         neighbor_.erase( addr );
-      }
-      auto r = std::make_unique< KivNeighbor >( this, nbr );
-      KivNeighbor * raw = r.get();
-      neighbor_.tryInsert( addr, std::move( r ) );
-      raw->handleNew();
-   } else if( existing ) {
-      std::unique_ptr< KivNeighbor > gone = std::move( *existing );
-      neighbor_.erase( addr );
-      gone->handleDel();
-   }
+   // A neighbour replaced under the same address gets a fresh reactor.
+   followChild( neighbor_, this, addr, notifier()->neighbor( addr ) );
 }
 
 void StatusWriterSm::KivIntf::handleDel() {
-   KIV_TRACE( th(), 8, "handleDel( " << id_ << " )" );
+   KIV_TRACE( th(), 8, "handleDel( " << key_ << " )" );
    Status & varn = *sm()->varnStatus();
-   for( auto it = inactiveWritten_.iter(); it; ++it ) {
-      varn.inactiveNeighborDel( NeighborKey( id_, it.key() ) );
-   }
-   inactiveWritten_.clear();
-   for( auto it = refusedWritten_.iter(); it; ++it ) varn.refusedNeighborDel( NeighborKey( id_, it.key() ) );
-   refusedWritten_.clear();
-   while( const Lumo::IpGenAddr * a = neighbor_.firstKey() ) {
-      const Lumo::IpGenAddr addr = *a;
-      std::unique_ptr< KivNeighbor > gone = std::move( *neighbor_.find( addr ) );
-      neighbor_.erase( addr );
-      gone->handleDel();
-   }
-   for( auto it = secondaryAddressWritten_.iter(); it; ++it ) {
-      varn.intfSecondaryAddressDel( IntfSecondaryAddressKey( id_, it.key() ) );
-   }
-   secondaryAddressWritten_.clear();
-   for( auto it = secondaryPrefixWritten_.iter(); it; ++it ) {
-      varn.intfSecondaryPrefixDel( IntfSecondaryPrefixKey( id_, it.key() ) );
-   }
-   secondaryPrefixWritten_.clear();
-   varn.pimIntfDel( IntfKey( id_ ) );
+   dropWritten( inactiveWritten_, [ & ]( const Lumo::IpGenAddr & a ) {
+      varn.inactiveNeighborDel( NeighborKey( key_, a ) );
+   } );
+   dropWritten( refusedWritten_, [ & ]( const Lumo::IpGenAddr & a ) {
+      varn.refusedNeighborDel( NeighborKey( key_, a ) );
+   } );
+   dropChildren( neighbor_ );
+   dropWritten( secondaryAddressWritten_, [ & ]( const Lumo::IpGenAddr & a ) {
+      varn.intfSecondaryAddressDel( IntfSecondaryAddressKey( key_, a ) );
+   } );
+   dropWritten( secondaryPrefixWritten_, [ & ]( const Lumo::IpGenPrefix & p ) {
+      varn.intfSecondaryPrefixDel( IntfSecondaryPrefixKey( key_, p ) );
+   } );
+   varn.pimIntfDel( IntfKey( key_ ) );
 }
 
 // ---- KivAllStatus --------------------------------------------------------------------------
 StatusWriterSm::KivAllStatus::KivAllStatus(
    StatusWriterSm * owner, const Kiv::Ptr< const ::Routing::Pim::AllStatus > & s )
-      : owner_( owner ) {
+      : OwnedReactor( owner ) {
    notifierIs( s );
    for( auto it = s->pimIntfIter(); it; ++it ) handlePimIntf( it.key() );
    // Drop what is no longer there (a no-op for a fresh writer, kept for the
    // rebinding case).
-   for( auto it = intf_.iter(); it; ++it ) {
-      if( !s->pimIntfHas( it.key() ) ) handlePimIntf( it.key() );
-   }
+   intf_.forEach( [ & ]( const Lumo::IntfId & id, KivIntf & ) {
+      if( !s->pimIntfHas( id ) ) handlePimIntf( id );
+   } );
 }
 
 StatusWriterSm::KivAllStatus::~KivAllStatus() = default;
 
 void StatusWriterSm::KivAllStatus::handleDelAll() {
    KIV_TRACE( th(), 8, "handleDelAll()" );
-   while( const Lumo::IntfId * id = intf_.firstKey() ) {
-      const Lumo::IntfId key = *id;
-      std::unique_ptr< KivIntf > gone = std::move( *intf_.find( key ) );
-      intf_.erase( key );
-      gone->handleDel();
-   }
+   dropChildren( intf_ );
 }
 
 StatusWriterSm::KivIntf * StatusWriterSm::KivAllStatus::intf( const Lumo::IntfId & id ) const {
-   const std::unique_ptr< KivIntf > * p = intf_.find( id );
-   return p ? p->get() : nullptr;
+   return intf_.find( id );
 }
 
 void StatusWriterSm::KivAllStatus::handlePimIntf( const Lumo::IntfId & id ) {
    KIV_TRACE( th(), 8, "handlePimIntf( " << id << " )" );
-   const auto intf = notifier()->pimIntf( id );
-   std::unique_ptr< KivIntf > * existing = intf_.find( id );
-   if( intf ) {
-      if( existing && ( *existing )->notifier() == intf ) return;
-      if( existing ) {
-         ( *existing )->handleDel();
-         intf_.erase( id );
-      }
-      auto r = std::make_unique< KivIntf >( this, intf );
-      KivIntf * raw = r.get();
-      intf_.tryInsert( id, std::move( r ) );
-      raw->handleNew();
-   } else if( existing ) {
-      std::unique_ptr< KivIntf > gone = std::move( *existing );
-      intf_.erase( id );
-      gone->handleDel();
-   }
+   followChild( intf_, this, id, notifier()->pimIntf( id ) );
 }
 
 // ---- StatusWriterSm ---------------------------------------------------------------------------

@@ -16,6 +16,8 @@
 
 #include "kiv/EntityMacros.h"
 #include "kiv/HashMap.h"
+#include "kiv/OwnedReactor.h"
+#include "kiv/ReactorMap.h"
 #include "lumo/IntfId.h"
 #include "lumo/IpGenAddr.h"
 #include "lumo/IpGenPrefix.h"
@@ -31,11 +33,11 @@ class StatusWriterSm : public Kiv::StateMachine {
    class KivIntf;
 
    // One neighbour's row and its secondary-address rows.
-   class KivNeighbor : public ::Routing::Pim::Neighbor::NotifieeConst {
+   class KivNeighbor : public Kiv::KeyedReactor< ::Routing::Pim::Neighbor::NotifieeConst, KivIntf, Lumo::IpGenAddr > {
     public:
       // Refuses a null neighbour with the framework's null-parameter error.
       KivNeighbor( KivIntf * owner, const Kiv::Ptr< const ::Routing::Pim::Neighbor > & neighbor );
-      const Lumo::IpGenAddr & address() const { return address_; }
+      const Lumo::IpGenAddr & address() const { return key_; }
 
       void handleNew();
       void handleNeighbor();
@@ -56,18 +58,16 @@ class StatusWriterSm : public Kiv::StateMachine {
       void onTransportProtocol() override { handleNeighbor(); }
 
     private:
-      KivIntf * owner_;
-      const Lumo::IpGenAddr address_;
       // Secondary addresses whose rows this reactor wrote.
       Kiv::HashMap< Lumo::IpGenAddr, bool > secondaryWritten_;
    };
 
    // One interface's row, its secondary address and prefix rows, its
    // inactive-neighbour rows and its neighbours.
-   class KivIntf : public ::Routing::Pim::Intf::NotifieeConst {
+   class KivIntf : public Kiv::KeyedReactor< ::Routing::Pim::Intf::NotifieeConst, KivAllStatus, Lumo::IntfId > {
     public:
       KivIntf( KivAllStatus * owner, const Kiv::Ptr< const ::Routing::Pim::Intf > & intf );
-      const Lumo::IntfId & id() const { return id_; }
+      const Lumo::IntfId & id() const { return key_; }
       StatusWriterSm * sm() const;
 
       void handleNew();
@@ -77,6 +77,16 @@ class StatusWriterSm : public Kiv::StateMachine {
       void handleInactiveBfdNeighbor( const Lumo::IpGenAddr & addr );
       void handleRefusedSource( const Lumo::IpGenAddr & addr );
       void handleNeighbor( const Lumo::IpGenAddr & addr );
+      // How a set member's row is named in the trace.
+      struct MemberText {
+         const char * fn;
+         const char * noun;
+         const char * to;     // "Adding ... <to> interface"
+         const char * from;   // "Removing ... <from> interface"
+      };
+      template< class K, class Add, class Del >
+      void mirrorTraced( const MemberText & text, bool present, Kiv::HashMap< K, bool > & written,
+                         const K & member, Add && add, Del && del );
       void handleDel();
 
       void onEnabled() override { handleIntf(); }
@@ -123,9 +133,7 @@ class StatusWriterSm : public Kiv::StateMachine {
 
     private:
       friend class KivNeighbor;
-      KivAllStatus * owner_;
-      const Lumo::IntfId id_;
-      Kiv::HashMap< Lumo::IpGenAddr, std::unique_ptr< KivNeighbor > > neighbor_;
+      Kiv::ReactorMap< Lumo::IpGenAddr, KivNeighbor > neighbor_;
       // Child rows this reactor wrote.
       Kiv::HashMap< Lumo::IpGenAddr, bool > secondaryAddressWritten_;
       Kiv::HashMap< Lumo::IpGenPrefix, bool > secondaryPrefixWritten_;
@@ -134,7 +142,7 @@ class StatusWriterSm : public Kiv::StateMachine {
    };
 
    // The VRF's AllStatus: one KivIntf per interface.
-   class KivAllStatus : public ::Routing::Pim::AllStatus::NotifieeConst {
+   class KivAllStatus : public Kiv::OwnedReactor< ::Routing::Pim::AllStatus::NotifieeConst, StatusWriterSm > {
     public:
       KivAllStatus( StatusWriterSm * owner, const Kiv::Ptr< const ::Routing::Pim::AllStatus > & s );
       ~KivAllStatus() override;
@@ -147,8 +155,7 @@ class StatusWriterSm : public Kiv::StateMachine {
       // Removes every interface's rows (the writer is going).
       void handleDelAll();
     private:
-      StatusWriterSm * owner_;
-      Kiv::HashMap< Lumo::IntfId, std::unique_ptr< KivIntf > > intf_;
+      Kiv::ReactorMap< Lumo::IntfId, KivIntf > intf_;
    };
 
    // allStatus and varnStatus are required ("null ValidPtr").

@@ -206,34 +206,20 @@ struct Neighbor {
    }
 };
 
-struct NeighborSecondaryAddress {
-   using Key = NeighborSecondaryAddressKey;
+// A row that is its key alone: the row says that the keyed thing exists.
+template< class K >
+struct KeyRow {
+   using Key = K;
    Key key;
-   PIM_VARN_ZEROED( NeighborSecondaryAddress )
-   explicit NeighborSecondaryAddress( const Key & k ) : NeighborSecondaryAddress() { key = k; }
+   PIM_VARN_ZEROED( KeyRow )
+   explicit KeyRow( const Key & k ) : KeyRow() { key = k; }
 };
 
-struct IntfSecondaryAddress {
-   using Key = IntfSecondaryAddressKey;
-   Key key;
-   PIM_VARN_ZEROED( IntfSecondaryAddress )
-   explicit IntfSecondaryAddress( const Key & k ) : IntfSecondaryAddress() { key = k; }
-};
-
-struct IntfSecondaryPrefix {
-   using Key = IntfSecondaryPrefixKey;
-   Key key;
-   PIM_VARN_ZEROED( IntfSecondaryPrefix )
-   explicit IntfSecondaryPrefix( const Key & k ) : IntfSecondaryPrefix() { key = k; }
-};
-
+using NeighborSecondaryAddress = KeyRow< NeighborSecondaryAddressKey >;
+using IntfSecondaryAddress = KeyRow< IntfSecondaryAddressKey >;
+using IntfSecondaryPrefix = KeyRow< IntfSecondaryPrefixKey >;
 // A neighbour held inactive (its BFD session went down).
-struct NeighborRef {
-   using Key = NeighborKey;
-   Key key;
-   PIM_VARN_ZEROED( NeighborRef )
-   explicit NeighborRef( const Key & k ) : NeighborRef() { key = k; }
-};
+using NeighborRef = KeyRow< NeighborKey >;
 
 // A source refused by a neighbour limit, among the most recent of its
 // interface.

@@ -8,6 +8,7 @@
 #include "agenthost/Stage.h"
 #include "kiv/Notifiee.h"
 #include "kiv/Ptr.h"
+#include "kiv/OwnedReactor.h"
 
 namespace AgentBase {
 
@@ -35,19 +36,15 @@ class StagesHelper : public Kiv::StateMachine {
    void handleProgress();
 
  private:
-   class KivProgress : public Stage::ProgressDir::NotifieeConst {
+   class KivProgress : public Kiv::OwnedReactor< Stage::ProgressDir::NotifieeConst, StagesHelper > {
     public:
-      explicit KivProgress( StagesHelper * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onCurrentStage() override { owner_->handleProgress(); }
-    private:
-      StagesHelper * owner_;
    };
-   class KivAgentConfig : public Stage::AgentConfig::NotifieeConst {
+   class KivAgentConfig : public Kiv::OwnedReactor< Stage::AgentConfig::NotifieeConst, StagesHelper > {
     public:
-      explicit KivAgentConfig( StagesHelper * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onEnabled() override { owner_->handleProgress(); }
-    private:
-      StagesHelper * owner_;
    };
 
    const std::string stageClass_;

@@ -18,7 +18,8 @@
 // body and KIV_NOTIFIEE( Foo, FOO_ATTRS ) after it.
 //
 // Kinds and what they generate for attribute x:
-//   SCALAR   x(), xIs(v)                     (equal writes are silent)
+//   SCALAR   x(), xIs(v), xInitial()         (equal writes are silent;
+//                                             xInitial() is the list's value)
 //   COUNTER  x(), xIs(v), xInc(n), xDec(n)
 //   PTR      x(), xIs(p), xDel()             (counted pointer, may be null)
 //   COLL     x(k) (default value if absent), xIs(k, v), xDel(k), xDelAll(),
@@ -28,6 +29,8 @@
 //            T(k, args...), inserts or replaces and returns it; xDel, xDelAll...
 //   REFS     x(k) -> Ptr<T const>, xIs(ptr) keyed by ptr->keyFn(); a null
 //            pointer throws the framework's null-parameter range error
+// The xIs of SCALAR, COUNTER, PTR and COLL return whether the write changed
+// anything (and so notified), for callers that trace only real changes.
 // Reactors get on<X>() / on<X>(key) (deferred) and on<X>kivImmediate().
 // Types containing a top-level comma need an alias first.
 #include <cstdint>
@@ -46,10 +49,15 @@
 #define KIV_SCALAR_DECL( name, Name, T, def )                                     \
  public:                                                                         \
    const T & name() const { return name##_; }                                    \
-   void name##Is( const T & v ) {                                                \
-      if( name##_ == v ) return;                                                 \
+   bool name##Is( const T & v ) {                                                \
+      if( name##_ == v ) return false;                                           \
       name##_ = v;                                                               \
       kivNotify( kivAttr_##name );                                               \
+      return true;                                                               \
+   }                                                                             \
+   static T name##Initial() {                                                    \
+      T v = def;                                                                 \
+      return v;                                                                  \
    }                                                                             \
  private:                                                                        \
    T name##_ = def;
@@ -57,10 +65,11 @@
 #define KIV_COUNTER_DECL( name, Name, T )                                         \
  public:                                                                         \
    T name() const { return name##_; }                                            \
-   void name##Is( T v ) {                                                        \
-      if( name##_ == v ) return;                                                 \
+   bool name##Is( T v ) {                                                        \
+      if( name##_ == v ) return false;                                           \
       name##_ = v;                                                               \
       kivNotify( kivAttr_##name );                                               \
+      return true;                                                               \
    }                                                                             \
    void name##Inc( T n = 1 ) { name##Is( T( name##_ + n ) ); }                   \
    void name##Dec( T n = 1 ) { name##Is( T( name##_ - n ) ); }                   \
@@ -70,10 +79,11 @@
 #define KIV_PTR_DECL( name, Name, T )                                             \
  public:                                                                         \
    const ::Kiv::Ptr< T > & name() const { return name##_; }                      \
-   void name##Is( const ::Kiv::Ptr< T > & p ) {                                  \
-      if( name##_ == p ) return;                                                 \
+   bool name##Is( const ::Kiv::Ptr< T > & p ) {                                  \
+      if( name##_ == p ) return false;                                           \
       name##_ = p;                                                               \
       kivNotify( kivAttr_##name );                                               \
+      return true;                                                               \
    }                                                                             \
    void name##Del() { name##Is( nullptr ); }                                     \
  private:                                                                        \
@@ -109,8 +119,10 @@
       const V * p = name##_.find( k );                                           \
       return p ? *p : V{};                                                       \
    }                                                                             \
-   void name##Is( const K & k, const V & v ) {                                   \
-      if( name##_.insertOrAssign( k, v ) ) kivNotifyKey( kivAttr_##name, k );    \
+   bool name##Is( const K & k, const V & v ) {                                   \
+      if( !name##_.insertOrAssign( k, v ) ) return false;                        \
+      kivNotifyKey( kivAttr_##name, k );                                         \
+      return true;                                                               \
    }                                                                             \
    KIV_COLL_COMMON( name, K, V )
 

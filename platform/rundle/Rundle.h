@@ -133,3 +133,12 @@ class Recorder : private std::streambuf {
          rundleRecorder_.stream() << expr;                                                \
       }                                                                                   \
    } while( 0 )
+
+// One sentence to a module's trace and to the ring buffer, written once.
+// TRACE is the module's trace macro (it adds its own context); the ring
+// buffer gets the sentence behind prefix ("" for none).
+#define RUNDLE_TRACE_RECORD( TRACE, level, prefix, expr ) \
+   do {                                                   \
+      TRACE( level, expr );                               \
+      RUNDLE_RECORD( level, prefix << expr );             \
+   } while( 0 )

@@ -22,20 +22,18 @@ void write( CpConfig & out, const Kiv::String & k, const Kiv::String * v ) {
 }
 
 template< class Owner >
-class ConfigReactor : public Input::Config::NotifieeConst, public InputReactorBase {
+class ConfigReactor : public Kiv::OwnedReactor< Input::Config::NotifieeConst, Owner >, public InputReactorBase {
  public:
-   ConfigReactor( Owner * o, const Kiv::Ptr< const Input::Config > & in ) : owner_( o ) { notifierIs( in ); }
-   void onStandardAcl( const Kiv::String & k ) override { owner_->handleKey( k ); }
- private:
-   Owner * owner_;
+   ConfigReactor( Owner * o, const Kiv::Ptr< const Input::Config > & in )
+         : Kiv::OwnedReactor< Input::Config::NotifieeConst, Owner >( o ) { this->notifierIs( in ); }
+   void onStandardAcl( const Kiv::String & k ) override { this->owner_->handleKey( k ); }
 };
 template< class Owner >
-class CpConfigReactor : public Input::CpConfig::NotifieeConst, public InputReactorBase {
+class CpConfigReactor : public Kiv::OwnedReactor< Input::CpConfig::NotifieeConst, Owner >, public InputReactorBase {
  public:
-   CpConfigReactor( Owner * o, const Kiv::Ptr< const Input::CpConfig > & in ) : owner_( o ) { notifierIs( in ); }
-   void onServiceAcl( const Kiv::String & k ) override { owner_->handleKey( k ); }
- private:
-   Owner * owner_;
+   CpConfigReactor( Owner * o, const Kiv::Ptr< const Input::CpConfig > & in )
+         : Kiv::OwnedReactor< Input::CpConfig::NotifieeConst, Owner >( o ) { this->notifierIs( in ); }
+   void onServiceAcl( const Kiv::String & k ) override { this->owner_->handleKey( k ); }
 };
 
 template< class Owner >
@@ -80,12 +78,12 @@ void AggregatorSm< In, Out >::handleInput( const Kiv::Name & name ) {
    if( const Kiv::Ptr< const In > * old = inputEntity_.find( name ) ) {
       coll( **old ).forEach( [ & ]( const Kiv::String & k, const auto & ) { keys.push_back( k ); } );
    }
-   inputs_.erase( name );
+   inputs_.unbind( name );
    inputEntity_.erase( name );
    Kiv::Ptr< const In > in =
       inputDir_ ? Kiv::ptr_cast< const In >( inputDir_->entityRef( name ) ) : nullptr;
    if( in ) {
-      inputs_.insertOrAssignFn( name, reactorFor( in ) );
+      inputs_.insert( name, reactorFor( in ) );
       inputEntity_.insertOrAssignFn( name, in );
       coll( *in ).forEach( [ & ]( const Kiv::String & k, const auto & ) { keys.push_back( k ); } );
    }

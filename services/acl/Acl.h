@@ -24,6 +24,7 @@
 #include "lumo/VrfName.h"
 #include "services/acl/StandardAcl.h"
 #include "services/pimio/RxFilter.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Acl {
 
@@ -102,12 +103,10 @@ class AggregatorSm : public Kiv::StateMachine {
    void handleInput( const Kiv::Name & name );
 
  private:
-   class KivDir : public Kiv::Dir::NotifieeConst {
+   class KivDir : public Kiv::OwnedReactor< Kiv::Dir::NotifieeConst, AggregatorSm > {
     public:
-      explicit KivDir( AggregatorSm * o ) : owner_( o ) {}
-      void onEntityPtr( const Kiv::Name & n ) override { owner_->handleInput( n ); }
-    private:
-      AggregatorSm * owner_;
+      using Kiv::OwnedReactor< Kiv::Dir::NotifieeConst, AggregatorSm >::OwnedReactor;
+      void onEntityPtr( const Kiv::Name & n ) override { this->owner_->handleInput( n ); }
    };
    std::unique_ptr< InputReactorBase > reactorFor( const Kiv::Ptr< const In > & in );
    Kiv::Ptr< const Kiv::Dir > inputDir_;
@@ -115,7 +114,7 @@ class AggregatorSm : public Kiv::StateMachine {
    Kiv::Ptr< Out > out_;
    KivDir dir_;
    std::unique_ptr< InputReactorBase > cliReactor_;
-   Kiv::HashMap< Kiv::Name, std::unique_ptr< InputReactorBase > > inputs_;
+   Kiv::ReactorMap< Kiv::Name, InputReactorBase > inputs_;
    Kiv::HashMap< Kiv::Name, Kiv::Ptr< const In > > inputEntity_;
 };
 
@@ -138,12 +137,10 @@ class ServiceAclFilterSm : public Kiv::StateMachine, public Routing::Pim::IO::Rx
    void handleBinding( const Kiv::String & key );
 
  private:
-   class KivServiceMap : public CpConfig::NotifieeConst {
+   class KivServiceMap : public Kiv::OwnedReactor< CpConfig::NotifieeConst, ServiceAclFilterSm > {
     public:
-      explicit KivServiceMap( ServiceAclFilterSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onServiceAcl( const Kiv::String & k ) override { owner_->handleBinding( k ); }
-    private:
-      ServiceAclFilterSm * owner_;
    };
    const std::string service_;
    Kiv::Ptr< const Config > aclConfig_;

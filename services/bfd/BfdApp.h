@@ -8,6 +8,7 @@
 #include "kiv/EntityMacros.h"
 #include "lumo/VrfName.h"
 #include "services/bfd/Bfd.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Bfd {
 
@@ -47,21 +48,17 @@ class BfdAppSm : public Kiv::StateMachine {
    void handleAll();
 
  private:
-   class KivStatusPeer : public StatusPeer::NotifieeConst {
+   class KivStatusPeer : public Kiv::OwnedReactor< StatusPeer::NotifieeConst, BfdAppSm > {
     public:
-      explicit KivStatusPeer( BfdAppSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onPeerStatus( const Peer & p ) override { owner_->handlePeer( p ); }
       void onNotifier() override { owner_->handleAll(); }
-    private:
-      BfdAppSm * owner_;
    };
-   class KivAppConfig : public AppConfig::NotifieeConst {
+   class KivAppConfig : public Kiv::OwnedReactor< AppConfig::NotifieeConst, BfdAppSm > {
     public:
-      explicit KivAppConfig( BfdAppSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onPeerConfig( const Peer & p ) override { owner_->handlePeer( p ); }
       void onNotifier() override { owner_->handleAll(); }
-    private:
-      BfdAppSm * owner_;
    };
 
    const std::string appName_;

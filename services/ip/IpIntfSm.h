@@ -10,6 +10,7 @@
 #include "kiv/EntityMacros.h"
 #include "kiv/ReactorMap.h"
 #include "services/ip/IpStatus.h"
+#include "kiv/OwnedReactor.h"
 
 namespace IpGen {
 
@@ -27,22 +28,17 @@ class IntfSm : public Kiv::StateMachine {
    void handleAllIntf();
 
  private:
-   class KivStatus : public Status::NotifieeConst {
+   class KivStatus : public Kiv::OwnedReactor< Status::NotifieeConst, IntfSm > {
     public:
-      explicit KivStatus( IntfSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onIntfStatus( const Lumo::IntfId & intf ) override { owner_->handleIntf( intf ); }
-    private:
-      IntfSm * owner_;
    };
    // One per interface of the status, whatever its VRF: an interface may
    // move into this VRF at any time.
-   class KivIpIntfStatus : public IpIntfStatus::NotifieeConst {
+   class KivIpIntfStatus : public Kiv::KeyedReactor< IpIntfStatus::NotifieeConst, IntfSm, Lumo::IntfId > {
     public:
-      KivIpIntfStatus( IntfSm * o, const Lumo::IntfId & intf ) : owner_( o ), intf_( intf ) {}
-      void onVrf() override { owner_->handleIntf( intf_ ); }
-    private:
-      IntfSm * owner_;
-      Lumo::IntfId intf_;
+      using KeyedReactor::KeyedReactor;
+      void onVrf() override { owner_->handleIntf( key_ ); }
    };
 
    Kiv::Ptr< IntfStatus > intfStatus_;

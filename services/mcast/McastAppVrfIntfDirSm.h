@@ -12,6 +12,7 @@
 #include "kiv/ReactorMap.h"
 #include "lumo/VrfName.h"
 #include "services/mcast/Multicast.h"
+#include "kiv/OwnedReactor.h"
 
 namespace McastCommon {
 
@@ -38,27 +39,20 @@ class McastAppVrfIntfDirSm : public Kiv::StateMachine {
    void handleIntf( const L3::VrfName & vrf, const Lumo::IntfId & intf );
 
  private:
-   class KivDir : public Kiv::Dir::NotifieeConst {
+   class KivDir : public Kiv::OwnedReactor< Kiv::Dir::NotifieeConst, McastAppVrfIntfDirSm > {
     public:
-      explicit KivDir( McastAppVrfIntfDirSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onEntityPtr( const Kiv::Name & n ) override { owner_->handleVrf( L3::VrfName( n.str() ) ); }
-    private:
-      McastAppVrfIntfDirSm * owner_;
    };
-   class KivVrfConfig : public Routing::Multicast::Fib::VrfConfig::NotifieeConst {
+   class KivVrfConfig : public Kiv::OwnedReactor< Routing::Multicast::Fib::VrfConfig::NotifieeConst, McastAppVrfIntfDirSm > {
     public:
-      explicit KivVrfConfig( McastAppVrfIntfDirSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onRoutingEnabledVrf( const L3::VrfName & v ) override { owner_->handleVrf( v ); }
-    private:
-      McastAppVrfIntfDirSm * owner_;
    };
-   class KivEntry : public AppVrfIntfStatus::NotifieeConst {
+   class KivEntry : public Kiv::KeyedReactor< AppVrfIntfStatus::NotifieeConst, McastAppVrfIntfDirSm, L3::VrfName > {
     public:
-      KivEntry( McastAppVrfIntfDirSm * o, const L3::VrfName & vrf ) : owner_( o ), vrf_( vrf ) {}
-      void onIntf( const Lumo::IntfId & i ) override { owner_->handleIntf( vrf_, i ); }
-    private:
-      McastAppVrfIntfDirSm * owner_;
-      L3::VrfName vrf_;
+      using KeyedReactor::KeyedReactor;
+      void onIntf( const Lumo::IntfId & i ) override { owner_->handleIntf( key_, i ); }
    };
    Kiv::Ptr< const AppVrfIntfStatus > entry( const L3::VrfName & vrf ) const;
    bool enabled( const L3::VrfName & vrf ) const;

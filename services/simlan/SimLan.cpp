@@ -126,7 +126,7 @@ std::vector< std::string > Lan::segmentNames() const {
 // ---- Endpoint ----------------------------------------------------------------
 
 Endpoint::KivTxMessageInfo::KivTxMessageInfo( Endpoint * owner, const Kiv::Ptr< MessageInfo > & tx )
-      : owner_( owner ) {
+      : OwnedReactor( owner ) {
    kivImmediateIs( MessageInfo::kivAttr_count, true );
    notifierIs( tx );
 }

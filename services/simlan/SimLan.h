@@ -30,6 +30,7 @@
 #include "services/pimwire/HelloCodec.h"
 #include "services/pimio/MessageInfo.h"
 #include "tolm/TimerWheel.h"
+#include "kiv/OwnedReactor.h"
 
 namespace SimLan {
 
@@ -155,21 +156,16 @@ class Endpoint {
 
  private:
    friend class Segment;
-   class KivTxMessageInfo : public Routing::Pim::IO::MessageInfo::NotifieeConst {
+   class KivTxMessageInfo : public Kiv::OwnedReactor< Routing::Pim::IO::MessageInfo::NotifieeConst, Endpoint > {
     public:
       KivTxMessageInfo( Endpoint * owner, const Kiv::Ptr< Routing::Pim::IO::MessageInfo > & tx );
       // Each send overwrites the mailbox, so it is taken inside the increment.
       void onCountkivImmediate() override { owner_->handleTx(); }
-    private:
-      Endpoint * owner_;
    };
-   class KivDeliveryTimer : public Tolm::TimerWheel::NotifieeConst {
+   class KivDeliveryTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, Endpoint > {
     public:
-      KivDeliveryTimer( Endpoint * owner, Tolm::TimerWheel * w )
-            : Tolm::TimerWheel::NotifieeConst( w ), owner_( owner ) {}
+      using OwnedReactor::OwnedReactor;
       void onTime() override { owner_->handleDeliveryTimer(); }
-    private:
-      Endpoint * owner_;
    };
    struct Frame {
       Lumo::IntfId intfId;         // receiving interface

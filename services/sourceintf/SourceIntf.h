@@ -11,6 +11,7 @@
 #include "lumo/IntfId.h"
 #include "lumo/IpGenAddr.h"
 #include "services/ip/IpStatus.h"
+#include "kiv/OwnedReactor.h"
 
 namespace IpGen::SourceIntf {
 
@@ -66,22 +67,17 @@ class VrfSourceIntfSm : public Kiv::StateMachine {
 
  private:
    // Watches the status for interfaces that appear, leave or change VRF.
-   class KivIpStatus : public IpGen::Status::NotifieeConst {
+   class KivIpStatus : public Kiv::OwnedReactor< IpGen::Status::NotifieeConst, VrfSourceIntfSm > {
     public:
-      explicit KivIpStatus( VrfSourceIntfSm * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onIntfStatus( const Lumo::IntfId & intf ) override;
-    private:
-      VrfSourceIntfSm * owner_;
    };
    // Watches one registered interface's entry.
-   class KivIpIntfStatus : public IpGen::IpIntfStatus::NotifieeConst {
+   class KivIpIntfStatus : public Kiv::KeyedReactor< IpGen::IpIntfStatus::NotifieeConst, VrfSourceIntfSm, Lumo::IntfId > {
     public:
-      KivIpIntfStatus( VrfSourceIntfSm * o, const Lumo::IntfId & intf ) : owner_( o ), intf_( intf ) {}
-      void onVrf() override { owner_->handleIntf( intf_ ); }
-      void onActiveAddrWithMask() override { owner_->handleIntf( intf_ ); }
-    private:
-      VrfSourceIntfSm * owner_;
-      Lumo::IntfId intf_;
+      using KeyedReactor::KeyedReactor;
+      void onVrf() override { owner_->handleIntf( key_ ); }
+      void onActiveAddrWithMask() override { owner_->handleIntf( key_ ); }
    };
    struct Registration {
       std::uint32_t count = 0;

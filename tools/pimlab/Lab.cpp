@@ -16,6 +16,7 @@
 #include "model/PimStatus.h"
 #include "services/simlan/SimLan.h"
 #include "tolm/TimerWheel.h"
+#include "kiv/OwnedReactor.h"
 
 namespace PimLab {
 
@@ -125,12 +126,10 @@ class RouterWatch {
       std::map< Lumo::IntfId, std::unique_ptr< KivIntf > > intfs_;
    };
 
-   class KivAllStatusColl : public AllStatusColl::NotifieeConst {
+   class KivAllStatusColl : public Kiv::OwnedReactor< AllStatusColl::NotifieeConst, RouterWatch > {
     public:
-      explicit KivAllStatusColl( RouterWatch * w ) : w_( w ) {}
-      void onVrfStatus( const L3::VrfName & vrf ) override { w_->handleVrf( vrf ); }
-    private:
-      RouterWatch * w_;
+      using OwnedReactor::OwnedReactor;
+      void onVrfStatus( const L3::VrfName & vrf ) override { owner_->handleVrf( vrf ); }
    };
 
    void handleVrf( const L3::VrfName & vrf ) {

@@ -11,6 +11,7 @@
 #include "services/kni/KernelNetInfo.h"
 #include "services/pimio/MessageInfo.h"
 #include "varn/shm/ShmTable.h"
+#include "kiv/OwnedReactor.h"
 
 namespace PimLab {
 
@@ -99,22 +100,18 @@ struct Router::Pipeline {
    // Re-binds the endpoint once the cascade that may have (re)created the
    // VRF's container has settled: a timer due now fires before any Hello
    // timer of the new machines can.
-   class KivBindTimer : public Tolm::TimerWheel::NotifieeConst {
+   class KivBindTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, Router > {
     public:
-      KivBindTimer( Router * r, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), r_( r ) {}
-      void onTime() override { r_->bindEndpoint(); }
-    private:
-      Router * r_;
+      using OwnedReactor::OwnedReactor;
+      void onTime() override { owner_->bindEndpoint(); }
    };
    // The VRF's PIM enablement decides whether a container exists.
-   class KivGlobalStatus : public GlobalStatus::NotifieeConst {
+   class KivGlobalStatus : public Kiv::OwnedReactor< GlobalStatus::NotifieeConst, Router > {
     public:
-      explicit KivGlobalStatus( Router * r ) : r_( r ) {}
+      using OwnedReactor::OwnedReactor;
       void onPimEnabledSparseModeVrf( const L3::VrfName & ) override { rebind(); }
       void onPimEnabledBidirVrf( const L3::VrfName & ) override { rebind(); }
-      void rebind() { r_->pipeline_->bindTimer.timeMinIs( Kiv::System::currentTime() ); }
-    private:
-      Router * r_;
+      void rebind() { owner_->pipeline_->bindTimer.timeMinIs( Kiv::System::currentTime() ); }
    };
 
    Lumo::AddressFamily af = Lumo::AddressFamily::ipv4;

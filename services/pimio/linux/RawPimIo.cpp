@@ -32,6 +32,17 @@ constexpr std::uint32_t kDefaultRcvBuf = 4u << 20;
 void setInt( int fd, int level, int name, int value, const char * what ) {
    if( ::setsockopt( fd, level, name, &value, sizeof value ) != 0 ) fail( what );
 }
+// The message's one control message: info at (level, type).
+template< class T >
+void controlIs( msghdr & h, int level, int type, const T & info ) {
+   h.msg_controllen = CMSG_SPACE( sizeof( T ) );
+   cmsghdr * c = CMSG_FIRSTHDR( &h );
+   c->cmsg_level = level;
+   c->cmsg_type = type;
+   c->cmsg_len = CMSG_LEN( sizeof( T ) );
+   std::memcpy( CMSG_DATA( c ), &info, sizeof info );
+}
+
 } // namespace
 
 struct RawPimIo::RxSlot {
@@ -351,29 +362,19 @@ void RawPimIo::handleTx() {
       std::memcpy( d->sin6_addr.s6_addr, wire.destination.bytes.data(), 16 );
       d->sin6_scope_id = idx;
       h.msg_namelen = sizeof( sockaddr_in6 );
-      h.msg_controllen = CMSG_SPACE( sizeof( in6_pktinfo ) );
-      cmsghdr * c = CMSG_FIRSTHDR( &h );
-      c->cmsg_level = IPPROTO_IPV6;
-      c->cmsg_type = IPV6_PKTINFO;
-      c->cmsg_len = CMSG_LEN( sizeof( in6_pktinfo ) );
       in6_pktinfo pi{};
       std::memcpy( pi.ipi6_addr.s6_addr, wire.source.bytes.data(), 16 );
       pi.ipi6_ifindex = idx;
-      std::memcpy( CMSG_DATA( c ), &pi, sizeof pi );
+      controlIs( h, IPPROTO_IPV6, IPV6_PKTINFO, pi );
    } else {
       auto * d = reinterpret_cast< sockaddr_in * >( &to );
       d->sin_family = AF_INET;
       std::memcpy( &d->sin_addr, wire.destination.bytes.data(), 4 );
       h.msg_namelen = sizeof( sockaddr_in );
-      h.msg_controllen = CMSG_SPACE( sizeof( in_pktinfo ) );
-      cmsghdr * c = CMSG_FIRSTHDR( &h );
-      c->cmsg_level = IPPROTO_IP;
-      c->cmsg_type = IP_PKTINFO;
-      c->cmsg_len = CMSG_LEN( sizeof( in_pktinfo ) );
       in_pktinfo pi{};
       pi.ipi_ifindex = int( idx );
       std::memcpy( &pi.ipi_spec_dst, wire.source.bytes.data(), 4 );
-      std::memcpy( CMSG_DATA( c ), &pi, sizeof pi );
+      controlIs( h, IPPROTO_IP, IP_PKTINFO, pi );
    }
    h.msg_name = &to;
    if( ::sendmsg( fd_, &h, 0 ) != ssize_t( len ) ) {

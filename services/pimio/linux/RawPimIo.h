@@ -32,7 +32,9 @@
 #include "services/mcast/Multicast.h"
 #include "services/pimio/MessageInfo.h"
 #include "services/pimwire/HelloCodec.h"
+#include "tolm/OwnedTimer.h"
 #include "tolm/TimerWheel.h"
+#include "kiv/OwnedReactor.h"
 
 namespace Routing::Pim::IO {
 
@@ -101,36 +103,24 @@ class RawPimIo : public Kiv::FdReactor {
    int socketFd() const { return fd_; }
 
  private:
-   class KivTx : public MessageInfo::NotifieeConst {
+   class KivTx : public Kiv::OwnedReactor< MessageInfo::NotifieeConst, RawPimIo > {
     public:
       // Immediate: the mailbox holds one message, the next one overwrites it.
-      explicit KivTx( RawPimIo * o ) : owner_( o ) { kivImmediateIs( MessageInfo::kivAttr_count, true ); }
+      explicit KivTx( RawPimIo * o ) : OwnedReactor( o ) { kivImmediateIs( MessageInfo::kivAttr_count, true ); }
       void onCountkivImmediate() override { owner_->handleTx(); }
-    private:
-      RawPimIo * owner_;
    };
    // A timer of the wheel that calls one handler (delivery, end of a pause).
    template< void ( RawPimIo::*handle )() >
-   class KivTimer : public Tolm::TimerWheel::NotifieeConst {
+   using KivTimer = Tolm::OwnedTimer< RawPimIo, handle >;
+   class KivGroups : public Kiv::OwnedReactor< IpGen::MulticastGroupsForApplications::NotifieeConst, RawPimIo > {
     public:
-      KivTimer( RawPimIo * o, Tolm::TimerWheel * w ) : Tolm::TimerWheel::NotifieeConst( w ), owner_( o ) {}
-      void onTime() override { ( owner_->*handle )(); }
-    private:
-      RawPimIo * owner_;
-   };
-   class KivGroups : public IpGen::MulticastGroupsForApplications::NotifieeConst {
-    public:
-      explicit KivGroups( RawPimIo * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onIntfGroup( const IpGen::IntfGroup & g ) override { owner_->handleGroup( g.intf ); }
-    private:
-      RawPimIo * owner_;
    };
-   class KivDevices : public Interface::DeviceIntfStatusDir::NotifieeConst {
+   class KivDevices : public Kiv::OwnedReactor< Interface::DeviceIntfStatusDir::NotifieeConst, RawPimIo > {
     public:
-      explicit KivDevices( RawPimIo * o ) : owner_( o ) {}
+      using OwnedReactor::OwnedReactor;
       void onDeviceIntfStatus( const Lumo::IntfId & intf ) override { owner_->handleGroup( intf ); }
-    private:
-      RawPimIo * owner_;
    };
    struct Pending {
       Lumo::IntfId intf;
