@@ -264,4 +264,36 @@ TEST_F( RundleTest, WriterIgnoresScribbledDescriptors ) {
    EXPECT_EQ( r.damaged, 0u );
 }
 
+// ---- the record CRC -------------------------------------------------------------
+// Files written before and read after must agree: the CRC is the standard
+// CRC-32 whatever the way it is computed, at any length, alignment and split.
+std::uint32_t bitwiseCrc32( std::uint32_t crc, const std::uint8_t * p, std::size_t len ) {
+   crc = ~crc;
+   for( std::size_t i = 0; i < len; ++i ) {
+      crc ^= p[ i ];
+      for( int k = 0; k < 8; ++k ) crc = ( crc & 1 ) ? 0xEDB88320u ^ ( crc >> 1 ) : crc >> 1;
+   }
+   return ~crc;
+}
+
+TEST( RundleCrcTest, IsTheStandardCrc32AtEveryLengthAlignmentAndSplit ) {
+   const char * check = "123456789";
+   EXPECT_EQ( Rundle::Format::crc32( 0, check, 9 ), 0xCBF43926u );
+   EXPECT_EQ( Rundle::Format::crc32( 0, check, 0 ), 0u );
+
+   std::mt19937 gen( 11 );
+   std::vector< std::uint8_t > bytes( 300 );
+   for( auto & b : bytes ) b = static_cast< std::uint8_t >( gen() );
+   for( std::size_t offset = 0; offset < 8; ++offset ) {
+      for( std::size_t len = 0; len + offset <= 200; ++len ) {
+         const std::uint8_t * p = bytes.data() + offset;
+         const std::uint32_t want = bitwiseCrc32( 0, p, len );
+         ASSERT_EQ( Rundle::Format::crc32( 0, p, len ), want ) << "offset " << offset << " len " << len;
+         const std::size_t cut = len / 3;
+         ASSERT_EQ( Rundle::Format::crc32( Rundle::Format::crc32( 0, p, cut ), p + cut, len - cut ), want )
+               << "offset " << offset << " len " << len << " cut " << cut;
+      }
+   }
+}
+
 } // namespace
