@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iomanip>
 #include <iterator>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -94,6 +96,27 @@ TEST_F( RundleTest, WrapAroundKeepsTheNewestRecords ) {
       EXPECT_DOUBLE_EQ( r.records[ k ].time, 10.0 + first + static_cast< double >( k ) );
    }
    EXPECT_EQ( Rundle::stats().written, 200u );
+}
+
+// ---- each record is formatted as by a stream of its own ------------------------------
+// A record whose own formatting makes another record.
+struct Chatty {};
+std::ostream & operator<<( std::ostream & os, const Chatty & ) {
+   RUNDLE_RECORD( 0, "inner " << std::hex << 255 << std::setw( 5 ) );
+   return os << "chatty";
+}
+
+TEST_F( RundleTest, FormattingNeverLeaksFromOneRecordToTheNext ) {
+   ASSERT_TRUE( Rundle::initialize( "", { 4 }, nullptr, 0, 24, false, true, 512 ) );
+   RUNDLE_RECORD( 0, std::hex << std::showbase << std::uppercase << std::fixed << std::setprecision( 2 )
+                              << std::setfill( '*' ) << std::left << std::boolalpha << std::showpos
+                              << 255 << " " << 2.5 << " " << true << std::setw( 6 ) );
+   RUNDLE_RECORD( 0, 255 << " " << 3.14159265 << " " << true << " " << std::setw( 3 ) << 7 << "|" << 8 );
+   RUNDLE_RECORD( 0, "outer " << 16 << " " << Chatty{} << " " << 16 << " " << 1e-7 );
+   const auto r = Rundle::records();
+   ASSERT_TRUE( r.ok ) << r.error;
+   EXPECT_EQ( texts( r ), ( std::vector< std::string >{ "0XFF +2.50 true", "255 3.14159 1   7|8", "inner ff",
+                                                         "outer 16 chatty 16 1e-07" } ) );
 }
 
 // Records of varied sizes: what survives is still one unbroken run, never
