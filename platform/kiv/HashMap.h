@@ -72,34 +72,37 @@ class HashMap {
    template< class VV >
    bool insertOrAssign( const K & k, VV && v ) {
       const std::size_t h = hasher_( k );
-      if( Node * n = lookup( k, h ) ) {
+      std::size_t end;
+      if( Node * n = lookup( k, h, end ) ) {
          if( n->value == v ) {
             return false;
          }
          n->value = std::forward< VV >( v );
          return true;
       }
-      insertNew( h, k, std::forward< VV >( v ) );
+      insertNew( h, end, k, std::forward< VV >( v ) );
       return true;
    }
    // Inserts or replaces without comparing values (for values without ==).
    template< class VV >
    void insertOrAssignFn( const K & k, VV && v ) {
       const std::size_t h = hasher_( k );
-      if( Node * n = lookup( k, h ) ) {
+      std::size_t end;
+      if( Node * n = lookup( k, h, end ) ) {
          n->value = std::forward< VV >( v );
          return;
       }
-      insertNew( h, k, std::forward< VV >( v ) );
+      insertNew( h, end, k, std::forward< VV >( v ) );
    }
    // Inserts when absent; returns the value slot and whether it was inserted.
    template< class VV >
    std::pair< V *, bool > tryInsert( const K & k, VV && v ) {
       const std::size_t h = hasher_( k );
-      if( Node * n = lookup( k, h ) ) {
+      std::size_t end;
+      if( Node * n = lookup( k, h, end ) ) {
          return { &n->value, false };
       }
-      return { &insertNew( h, k, std::forward< VV >( v ) )->value, true };
+      return { &insertNew( h, end, k, std::forward< VV >( v ) )->value, true };
    }
 
    bool erase( const K & k ) {
@@ -210,42 +213,53 @@ class HashMap {
    }
 
    Node * lookup( const K & k, std::size_t h ) const {
+      std::size_t end;
+      return lookup( k, h, end );
+   }
+   // Without the key, end is the empty slot its probe stopped at: where an
+   // insertion goes unless the table grows first.
+   Node * lookup( const K & k, std::size_t h, std::size_t & end ) const {
+      end = 0;
       if( !slots_ ) return nullptr;
       for( std::size_t i = home( h );; i = ( i + 1 ) & mask_ ) {
          const Slot & s = slots_[ i ];
-         if( !s.node ) return nullptr;
+         if( !s.node ) {
+            end = i;
+            return nullptr;
+         }
          if( s.hash == h && s.node->key == k ) return s.node;
       }
    }
    template< class VV >
-   Node * insertNew( std::size_t h, const K & k, VV && v ) {
+   Node * insertNew( std::size_t h, std::size_t end, const K & k, VV && v ) {
       // At most one entry per two slots: a lookup then rarely reads past
       // the cache line it starts in, and always finds an empty slot.
       if( 2 * ( size_ + 1 ) > capacity() ) {
-         grow( slots_ ? capacity() * 2 : 8 );
+         grow( slots_ ? capacity() * 2 : 4 );
+         end = emptySlotFor( h );
       }
       Node * n = new Node( k, std::forward< VV >( v ) );
-      place( h, n );
+      slots_[ end ] = Slot{ h, n };
       n->prev = tail_;
       if( tail_ ) tail_->next = n; else head_ = n;
       tail_ = n;
       ++size_;
       return n;
    }
-   void place( std::size_t h, Node * n ) {
+   std::size_t emptySlotFor( std::size_t h ) const {
       std::size_t i = home( h );
       while( slots_[ i ].node ) i = ( i + 1 ) & mask_;
-      slots_[ i ] = Slot{ h, n };
+      return i;
    }
    void grow( std::size_t count ) {
-      std::unique_ptr< Slot[] > old = std::exchange( slots_, std::make_unique< Slot[] >( count ) );
       const std::size_t oldCount = capacity();
+      std::unique_ptr< Slot[] > old = std::exchange( slots_, std::make_unique< Slot[] >( count ) );
       mask_ = count - 1;
       shift_ = 64;
       for( std::size_t c = count; c > 1; c >>= 1 ) --shift_;
       // The slots carry the hashes: no node is visited.
-      for( std::size_t i = 0; old && i < oldCount; ++i ) {
-         if( old[ i ].node ) place( old[ i ].hash, old[ i ].node );
+      for( std::size_t i = 0; i < oldCount; ++i ) {
+         if( old[ i ].node ) slots_[ emptySlotFor( old[ i ].hash ) ] = old[ i ];
       }
    }
    // The slot of a live node.
