@@ -42,6 +42,7 @@
 // reader that damages the mapping cannot steer where the writer writes.
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -105,13 +106,18 @@ struct Stats {
 Stats stats();
 
 // Collects one record's text up to the size limit.
+//
+// Making a std::ostream costs more than most records' formatting (the locale
+// and its facets are looked up each time), so each thread keeps one, pointed
+// at the record being written and reset to a new stream's formatting first.
+// A record made while another is being formatted gets a stream of its own.
 class Recorder : private std::streambuf {
  public:
    Recorder( int level, const char * file, int line, const char * function );
    ~Recorder() override;
    Recorder( const Recorder & ) = delete;
    Recorder & operator=( const Recorder & ) = delete;
-   std::ostream & stream() { return stream_; }
+   std::ostream & stream() { return *stream_; }
 
  private:
    int_type overflow( int_type ch ) override;
@@ -120,7 +126,8 @@ class Recorder : private std::streambuf {
    int line_;
    const char * function_;
    bool truncated_ = false;
-   std::ostream stream_;
+   std::ostream * stream_;
+   std::optional< std::ostream > own_;
    char buf_[ kMaxRecordText ];
 };
 

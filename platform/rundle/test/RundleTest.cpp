@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iomanip>
 #include <iterator>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -94,6 +96,27 @@ TEST_F( RundleTest, WrapAroundKeepsTheNewestRecords ) {
       EXPECT_DOUBLE_EQ( r.records[ k ].time, 10.0 + first + static_cast< double >( k ) );
    }
    EXPECT_EQ( Rundle::stats().written, 200u );
+}
+
+// ---- each record is formatted as by a stream of its own ------------------------------
+// A record whose own formatting makes another record.
+struct Chatty {};
+std::ostream & operator<<( std::ostream & os, const Chatty & ) {
+   RUNDLE_RECORD( 0, "inner " << std::hex << 255 << std::setw( 5 ) );
+   return os << "chatty";
+}
+
+TEST_F( RundleTest, FormattingNeverLeaksFromOneRecordToTheNext ) {
+   ASSERT_TRUE( Rundle::initialize( "", { 4 }, nullptr, 0, 24, false, true, 512 ) );
+   RUNDLE_RECORD( 0, std::hex << std::showbase << std::uppercase << std::fixed << std::setprecision( 2 )
+                              << std::setfill( '*' ) << std::left << std::boolalpha << std::showpos
+                              << 255 << " " << 2.5 << " " << true << std::setw( 6 ) );
+   RUNDLE_RECORD( 0, 255 << " " << 3.14159265 << " " << true << " " << std::setw( 3 ) << 7 << "|" << 8 );
+   RUNDLE_RECORD( 0, "outer " << 16 << " " << Chatty{} << " " << 16 << " " << 1e-7 );
+   const auto r = Rundle::records();
+   ASSERT_TRUE( r.ok ) << r.error;
+   EXPECT_EQ( texts( r ), ( std::vector< std::string >{ "0XFF +2.50 true", "255 3.14159 1   7|8", "inner ff",
+                                                         "outer 16 chatty 16 1e-07" } ) );
 }
 
 // Records of varied sizes: what survives is still one unbroken run, never
@@ -262,6 +285,38 @@ TEST_F( RundleTest, WriterIgnoresScribbledDescriptors ) {
    ASSERT_FALSE( r.records.empty() );
    EXPECT_EQ( r.records.back().text, "after 49" );
    EXPECT_EQ( r.damaged, 0u );
+}
+
+// ---- the record CRC -------------------------------------------------------------
+// Files written before and read after must agree: the CRC is the standard
+// CRC-32 whatever the way it is computed, at any length, alignment and split.
+std::uint32_t bitwiseCrc32( std::uint32_t crc, const std::uint8_t * p, std::size_t len ) {
+   crc = ~crc;
+   for( std::size_t i = 0; i < len; ++i ) {
+      crc ^= p[ i ];
+      for( int k = 0; k < 8; ++k ) crc = ( crc & 1 ) ? 0xEDB88320u ^ ( crc >> 1 ) : crc >> 1;
+   }
+   return ~crc;
+}
+
+TEST( RundleCrcTest, IsTheStandardCrc32AtEveryLengthAlignmentAndSplit ) {
+   const char * check = "123456789";
+   EXPECT_EQ( Rundle::Format::crc32( 0, check, 9 ), 0xCBF43926u );
+   EXPECT_EQ( Rundle::Format::crc32( 0, check, 0 ), 0u );
+
+   std::mt19937 gen( 11 );
+   std::vector< std::uint8_t > bytes( 300 );
+   for( auto & b : bytes ) b = static_cast< std::uint8_t >( gen() );
+   for( std::size_t offset = 0; offset < 8; ++offset ) {
+      for( std::size_t len = 0; len + offset <= 200; ++len ) {
+         const std::uint8_t * p = bytes.data() + offset;
+         const std::uint32_t want = bitwiseCrc32( 0, p, len );
+         ASSERT_EQ( Rundle::Format::crc32( 0, p, len ), want ) << "offset " << offset << " len " << len;
+         const std::size_t cut = len / 3;
+         ASSERT_EQ( Rundle::Format::crc32( Rundle::Format::crc32( 0, p, cut ), p + cut, len - cut ), want )
+               << "offset " << offset << " len " << len << " cut " << cut;
+      }
+   }
 }
 
 } // namespace
