@@ -1,9 +1,7 @@
 #include "Router.h"
 
 #include "config/PimConfigSm.h"
-#include "feeds/RouterIdSm.h"
-#include "hello/PimHelloSm.h"
-#include "hello/PimIntfSm.h"
+#include "VrfPipeline.h"
 #include "kiv/ActivityManager.h"
 #include "model/PimConfig.h"
 #include "services/bridging/BridgingConfig.h"
@@ -17,8 +15,6 @@ namespace PimLab {
 using namespace Routing::Pim;
 
 namespace {
-constexpr std::uint8_t kHelloMessageType = 0;
-
 void add( SimLan::EndpointCounters & sum, const SimLan::EndpointCounters & c ) {
    sum.txFrames += c.txFrames;
    sum.txNotAttached += c.txNotAttached;
@@ -60,33 +56,6 @@ class LabKniMounter : public KernelNetInfoMounter {
 } // namespace
 
 const char * engineName( Engine e ) { return e == Engine::direct ? "direct" : "pipeline"; }
-
-// ---- direct: the engines with the entities they need ----------------------------------
-struct Router::Direct {
-   L3::VrfName vrfName{ Router::kVrf };
-   Kiv::Ptr< AllStatus > allStatus;
-   Kiv::Ptr< GlobalStatus > globalStatus;
-   Kiv::Ptr< CellGlobalStatus > cellGlobalStatus;
-   Kiv::Ptr< GlobalConfig > globalConfig;
-   Kiv::Ptr< Config > config;
-   Kiv::Ptr< IO::PamManager > pamManager;
-   Kiv::Ptr< IO::MessageInfo > rxHelloMessageInfo;
-   Kiv::Ptr< Bfd::AppConfig > bfdAppConfig;
-   Kiv::Ptr< Bfd::AppStatus > bfdAppStatus;
-   Kiv::Ptr< Interface::DeviceIntfStatusDir > kernel;
-   Kiv::Ptr< Bridging::Config > bridging;
-   Kiv::Ptr< RouterIdInfo > routerIdInfo;
-   Kiv::Ptr< RouterIdSm > routerIdSm;
-   Kiv::Ptr< GlobalIntfSm > globalIntfSm;
-   Kiv::Ptr< HelloSm > helloSm;
-
-   ~Direct() {
-      // Machines before the entities they watch.
-      helloSm = nullptr;
-      globalIntfSm = nullptr;
-      routerIdSm = nullptr;
-   }
-};
 
 // ---- pipeline: the platform inputs of the configuration pipeline ------------------------
 struct Router::Pipeline {
@@ -207,44 +176,15 @@ void Router::start() {
 }
 
 void Router::startDirect() {
-   auto v = std::make_unique< Direct >();
    const Lumo::AddressFamily af =
       desc_.interfaces.empty() ? Lumo::AddressFamily::ipv4 : desc_.interfaces.front().address.af();
-   const char * bfdApp = af == Lumo::AddressFamily::ipv6 ? "pim6" : "pim";
-   v->allStatus = allStatusColl_->vrfStatusIs( v->vrfName );
-   v->globalStatus = Kiv::make< GlobalStatus >( af );
-   v->cellGlobalStatus = Kiv::make< CellGlobalStatus >();
-   v->globalConfig = Kiv::make< GlobalConfig >();
-   v->config = Kiv::make< Config >( v->vrfName );
+   auto v = std::make_unique< VrfPipeline >( af, L3::VrfName( kVrf ), wheel_,
+                                             allStatusColl_->vrfStatusIs( L3::VrfName( kVrf ) ) );
    v->config->pimConfiguredIs( true );
-   v->pamManager = Kiv::make< IO::PamManager >( af, Lumo::NamespaceName(), true );
-   v->rxHelloMessageInfo = Kiv::make< IO::MessageInfo >();
-   v->pamManager->rxMessageInfoIs( kHelloMessageType, v->rxHelloMessageInfo );
-   v->bfdAppConfig = Kiv::make< Bfd::AppConfig >( bfdApp );
-   v->bfdAppStatus = Kiv::make< Bfd::AppStatus >( bfdApp );
-   v->kernel = Kiv::make< Interface::DeviceIntfStatusDir >();
-   v->bridging = Kiv::make< Bridging::Config >();
-   v->bridging->bridgeMacAddrIs( bridgeMac( index_ ) );
-   v->routerIdInfo = routerIdInfoFactory( v->vrfName );
-   v->routerIdSm = routerIdSmFactory( v->vrfName, v->bridging, v->routerIdInfo );
-
+   v->routerIdIs( bridgeMac( index_ ) );
    // The wire first, so that the first Hello finds it.
    endpointIs( v->pamManager );
-
-   IntfSmInputs in;
-   in.vrfName = v->vrfName;
-   in.pimGlobalStatus = v->globalStatus;
-   in.pimCellGlobalStatus = v->cellGlobalStatus;
-   in.pimGlobalConfig = v->globalConfig;
-   in.pimConfig = v->config;
-   in.pimPamManager = v->pamManager;
-   in.timerWheel = wheel_;
-   in.bfdPimAppConfig = v->bfdAppConfig;
-   in.bfdPimAppStatus = v->bfdAppStatus;
-   in.kernelIntfStatus = v->kernel;
-   in.routerIdInfo = v->routerIdInfo;
-   v->globalIntfSm = GlobalIntfSmIs( v->allStatus, in );
-   v->helloSm = HelloSmIs( v->allStatus, v->rxHelloMessageInfo );
+   v->start();
 
    std::uint32_t ifIndex = 100 * index_;
    for( const auto & i : desc_.interfaces ) {
@@ -254,7 +194,7 @@ void Router::startDirect() {
       intf->drPriorityIs( i.drPriority );
       intf->helloPeriodIs( i.helloInterval );
       intf->helloHoldTimeIs( i.holdTime() );
-      v->kernel->deviceIntfStatusIs( id, kernelDevice( ++ifIndex ) );
+      v->kernelAdd( id, ++ifIndex );
    }
    direct_ = std::move( v );
 }

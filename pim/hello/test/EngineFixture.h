@@ -22,14 +22,11 @@
 #include <string_view>
 #include <vector>
 
-#include "feeds/RouterIdSm.h"
-#include "hello/PimHelloSm.h"
-#include "hello/PimIntfSm.h"
+#include "VrfPipeline.h"
 #include "kiv/Log.h"
 #include "kiv/RangeException.h"
 #include "kiv/Trace.h"
 #include "kiv/testing/TestLoop.h"
-#include "services/bridging/BridgingConfig.h"
 
 namespace PimScenario {
 
@@ -201,47 +198,22 @@ class EngineFixture {
    static constexpr const char * kIntfTrace = "Pim::Intf";
 
    explicit EngineFixture( Lumo::AddressFamily af = Lumo::AddressFamily::ipv4,
-                           const L3::VrfName & vrf = L3::VrfName( "default" ),
+                           const L3::VrfName & vrfName = L3::VrfName( "default" ),
                            std::uint64_t seed = 7 )
-         : loop_( nextStartTime(), seed ), random_( seed * 31 + 1 ), vrfName_( vrf ) {
+         : loop_( nextStartTime(), seed ), random_( seed * 31 + 1 ),
+           vrf( af, vrfName, Tolm::TimerWheelIs( loop_.clock() ) ) {
       loop_.manager().randomIs( &random_ );
       trace.enable( "Pim::*/1-9" );
-      allStatus = Kiv::make< AllStatus >( vrf );
-      globalStatus = Kiv::make< GlobalStatus >( af );
-      cellGlobalStatus = Kiv::make< CellGlobalStatus >();
-      globalConfig = Kiv::make< GlobalConfig >();
-      config = Kiv::make< Config >( vrf );
-      pamManager = Kiv::make< IO::PamManager >( af, Lumo::NamespaceName(), true );
-      timerWheel = Tolm::TimerWheelIs( loop_.clock() );
-      bfdAppConfig = Kiv::make< Bfd::AppConfig >( af == Lumo::AddressFamily::ipv6 ? "pim6" : "pim" );
-      bfdAppStatus = Kiv::make< Bfd::AppStatus >( af == Lumo::AddressFamily::ipv6 ? "pim6" : "pim" );
-      kernel = Kiv::make< Interface::DeviceIntfStatusDir >();
-      routerIdInfo = routerIdInfoFactory( vrf );
-      rx = Kiv::make< IO::MessageInfo >();
-
-      inputs.vrfName = vrf;
-      inputs.pimGlobalStatus = globalStatus;
-      inputs.pimCellGlobalStatus = cellGlobalStatus;
-      inputs.pimGlobalConfig = globalConfig;
-      inputs.pimConfig = config;
-      inputs.pimPamManager = pamManager;
-      inputs.timerWheel = timerWheel;
-      inputs.bfdPimAppConfig = bfdAppConfig;
-      inputs.bfdPimAppStatus = bfdAppStatus;
-      inputs.kernelIntfStatus = kernel;
-      inputs.routerIdInfo = routerIdInfo;
-
-      txRecorder_.emplace( this, pamManager->txMessageInfo() );
-      global = GlobalIntfSmIs( allStatus, inputs );
-      helloSm = HelloSmIs( allStatus, rx );
+      txRecorder_.emplace( this, vrf.pamManager->txMessageInfo() );
+      vrf.start();
       runUntilIdle();
    }
 
    ~EngineFixture() {
       // Machines first, while the wheel, the inputs and the loop still exist.
-      routerIdSm = nullptr;
-      helloSm = nullptr;
-      global = nullptr;
+      vrf.routerIdSm = nullptr;
+      vrf.helloSm = nullptr;
+      vrf.global = nullptr;
       txRecorder_.reset();
       loop_.runUntilIdle();
       loop_.manager().randomIs( &loop_.random() );
@@ -270,7 +242,7 @@ class EngineFixture {
                              const IntfParams & p = {} ) {
       // The generation id draw must not consume a scripted value.
       loop_.manager().randomIs( &loop_.random() );
-      auto intf = allStatus->pimIntfIs( id, ipm( addressWithMask ) );
+      auto intf = vrf.allStatus->pimIntfIs( id, ipm( addressWithMask ) );
       loop_.manager().randomIs( &random_ );
       intf->modeIs( p.mode );
       intf->drPriorityIs( p.drPriority );
@@ -296,19 +268,16 @@ class EngineFixture {
       clearSent();
       return intf;
    }
-   void kernelAdd( const Lumo::IntfId & id, std::uint32_t ifIndex ) {
-      kernel->deviceIntfStatusIs(
-         id, Interface::DeviceIntfStatus{ "eth" + std::to_string( ifIndex ), ifIndex, true } );
-   }
-   void kernelDel( const Lumo::IntfId & id ) { kernel->deviceIntfStatusDel( id ); }
-   Kiv::Ptr< Intf > intf( const Lumo::IntfId & id ) const { return allStatus->pimIntf( id ); }
-   Kiv::Ptr< IntfSm > intfSm( const Lumo::IntfId & id ) const { return global->intfSm( id ); }
+   void kernelAdd( const Lumo::IntfId & id, std::uint32_t ifIndex ) { vrf.kernelAdd( id, ifIndex ); }
+   void kernelDel( const Lumo::IntfId & id ) { vrf.kernelDel( id ); }
+   Kiv::Ptr< Intf > intf( const Lumo::IntfId & id ) const { return vrf.allStatus->pimIntf( id ); }
+   Kiv::Ptr< IntfSm > intfSm( const Lumo::IntfId & id ) const { return vrf.global->intfSm( id ); }
 
    // ---- receive --------------------------------------------------------------
    void receive( const Lumo::IntfId & id, const HelloBuilder & h ) {
-      rx->messageIs( h.build() );
-      rx->intfIdIs( id );
-      rx->countInc( 1 );
+      vrf.rx->messageIs( h.build() );
+      vrf.rx->intfIdIs( id );
+      vrf.rx->countInc( 1 );
       runUntilIdle();
    }
    Kiv::Ptr< Neighbor > neighbor( const Lumo::IntfId & id, std::string_view addr ) const {
@@ -348,9 +317,7 @@ class EngineFixture {
 
    // ---- router id ------------------------------------------------------------------
    void startRouterId( const Bridging::MacAddr & mac ) {
-      bridging = Kiv::make< Bridging::Config >();
-      bridging->bridgeMacAddrIs( mac );
-      routerIdSm = routerIdSmFactory( vrfName_, bridging, routerIdInfo );
+      vrf.routerIdIs( mac );
       runUntilIdle();
    }
 
@@ -398,7 +365,6 @@ class EngineFixture {
 
    Kiv::Testing::TestLoop loop_;
    ScriptedRandom random_;
-   L3::VrfName vrfName_;
    double t0_ = loop_.now();
    std::vector< SentHello > sent_;
    std::optional< TxRecorder > txRecorder_;
@@ -406,23 +372,7 @@ class EngineFixture {
  public:
    Kiv::TraceCapture trace;
    Kiv::LogCapture log;
-   Kiv::Ptr< AllStatus > allStatus;
-   Kiv::Ptr< GlobalStatus > globalStatus;
-   Kiv::Ptr< CellGlobalStatus > cellGlobalStatus;
-   Kiv::Ptr< GlobalConfig > globalConfig;
-   Kiv::Ptr< Config > config;
-   Kiv::Ptr< IO::PamManager > pamManager;
-   Kiv::Ptr< Tolm::TimerWheel > timerWheel;
-   Kiv::Ptr< Bfd::AppConfig > bfdAppConfig;
-   Kiv::Ptr< Bfd::AppStatus > bfdAppStatus;
-   Kiv::Ptr< Interface::DeviceIntfStatusDir > kernel;
-   Kiv::Ptr< RouterIdInfo > routerIdInfo;
-   Kiv::Ptr< IO::MessageInfo > rx;
-   Kiv::Ptr< Bridging::Config > bridging;
-   IntfSmInputs inputs;
-   Kiv::Ptr< GlobalIntfSm > global;
-   Kiv::Ptr< HelloSm > helloSm;
-   Kiv::Ptr< RouterIdSm > routerIdSm;
+   VrfPipeline vrf;
 };
 
 // The full option set of a Hello that is not a goodbye, as the interface

@@ -26,26 +26,26 @@ TEST( ScenarioBfd, EveryNeighborGetsASessionWhileBfdIsOnAndLosesItWhenItGoes ) {
    auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
    f.receive( eth1, hello( "198.18.0.2" ) );
    f.receive( eth1, hello( "198.18.0.3" ).hold( 30 ) );
-   EXPECT_TRUE( f.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
-   EXPECT_TRUE( f.bfdAppConfig->peerConfig( peer( "198.18.0.3" ) ) );
+   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
+   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.3" ) ) );
    EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
 
    f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
-   EXPECT_FALSE( f.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
+   EXPECT_FALSE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
    f.advanceBy( 31.0 );
-   EXPECT_EQ( f.bfdAppConfig->peerConfigSize(), 0u );
+   EXPECT_EQ( f.vrf.bfdAppConfig->peerConfigSize(), 0u );
 
    // BFD switched off on the interface: no session for new neighbours.
    intf->bfdEnabledIs( false );
    f.runUntilIdle();
    f.receive( eth1, hello( "198.18.0.4" ) );
-   EXPECT_EQ( f.bfdAppConfig->peerConfigSize(), 0u );
+   EXPECT_EQ( f.vrf.bfdAppConfig->peerConfigSize(), 0u );
    EXPECT_TRUE( f.active( eth1, "198.18.0.4" ) );
 
    // And on again: every present neighbour gets one.
    intf->bfdEnabledIs( true );
    f.runUntilIdle();
-   EXPECT_TRUE( f.bfdAppConfig->peerConfig( peer( "198.18.0.4" ) ) );
+   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.4" ) ) );
 }
 
 TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery ) {
@@ -55,7 +55,7 @@ TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery 
    auto sm = f.intfSm( eth1 );
    f.receive( eth1, hello( "198.18.0.2" ).dr( 5 ).lpd( 900, 3000, true ) );
    f.receive( eth1, hello( "198.18.0.3" ).dr( 1 ).lpd( 400, 2500, true ) );
-   f.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
+   f.vrf.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
    f.runUntilIdle();
    f.advanceBy( 2.0 );
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
@@ -63,7 +63,7 @@ TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery 
    const auto countBefore = intf->triggeredHelloCount();
    f.clearSent();
 
-   auto status = f.bfdAppStatus->peerStatus( peer( "198.18.0.2" ) );
+   auto status = f.vrf.bfdAppStatus->peerStatus( peer( "198.18.0.2" ) );
    status->statusIs( Bfd::operUp );
    f.runUntilIdle();
    auto nb = f.neighbor( eth1, "198.18.0.2" );
@@ -121,7 +121,7 @@ TEST( ScenarioBfd, DownFromAnythingButUpChangesNothing ) {
    const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
    f.receive( eth1, hello( "198.18.0.2" ) );
-   auto status = f.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
+   auto status = f.vrf.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
    f.runUntilIdle();
 
    status->statusIs( Bfd::operInit );
@@ -160,8 +160,8 @@ TEST( ScenarioBfd, StatusChangesAreIgnoredWhereBfdIsOff ) {
    const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    f.receive( eth1, hello( "198.18.0.2" ) );
-   EXPECT_EQ( f.bfdAppConfig->peerConfigSize(), 0u );
-   auto status = f.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
+   EXPECT_EQ( f.vrf.bfdAppConfig->peerConfigSize(), 0u );
+   auto status = f.vrf.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
    f.runUntilIdle();
    status->statusIs( Bfd::operUp );
    f.runUntilIdle();
@@ -178,7 +178,7 @@ TEST( ScenarioBfd, SwitchingBfdOffReleasesHeldNeighbors ) {
    const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
    f.receive( eth1, hello( "198.18.0.2" ).dr( 3 ) );
-   auto status = f.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
+   auto status = f.vrf.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
    f.runUntilIdle();
    status->statusIs( Bfd::operUp );
    f.runUntilIdle();
@@ -189,7 +189,7 @@ TEST( ScenarioBfd, SwitchingBfdOffReleasesHeldNeighbors ) {
 
    intf->bfdEnabledIs( false );
    f.runUntilIdle();
-   EXPECT_FALSE( f.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
+   EXPECT_FALSE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
    EXPECT_EQ( intf->inactiveBfdNeighborSize(), 0u );
    EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );

@@ -53,9 +53,9 @@ TEST( ScenarioHelloRxValidation, EmptyMailboxAndUnknownInterfaceAreDropped ) {
    EngineFixture f;
    const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   f.rx->messageDel();
-   f.rx->intfIdIs( eth1 );
-   f.rx->countInc( 1 );
+   f.vrf.rx->messageDel();
+   f.vrf.rx->intfIdIs( eth1 );
+   f.vrf.rx->countInc( 1 );
    f.runUntilIdle();
    f.receive( ethernet( 9 ), hello( "198.18.0.2" ) );
    EXPECT_EQ( intf->neighborSize(), 0u );

@@ -364,7 +364,7 @@ TEST( ScenarioHelloTx, AdvertisedDrPriorityIsOneDuringReloadAndUntilTheDrDelayEx
    auto sm = f.intfSm( eth1 );
 
    f.at( 2.0 );
-   f.cellGlobalStatus->reloadIs( true );
+   f.vrf.cellGlobalStatus->reloadIs( true );
    f.runUntilIdle();
    EXPECT_TRUE( sm->drNotifyDelay() );
    f.at( 30.0 );
@@ -375,7 +375,7 @@ TEST( ScenarioHelloTx, AdvertisedDrPriorityIsOneDuringReloadAndUntilTheDrDelayEx
    // advertises 1 while the DR notify delay runs.
    f.at( 31.0 );
    f.random().push( { 9 } );
-   f.cellGlobalStatus->reloadIs( false );
+   f.vrf.cellGlobalStatus->reloadIs( false );
    f.runUntilIdle();
    EXPECT_EQ( sm->helloTimerTimeMin(), f.t0() + 32.0 );
    f.at( 32.0 );
@@ -384,9 +384,9 @@ TEST( ScenarioHelloTx, AdvertisedDrPriorityIsOneDuringReloadAndUntilTheDrDelayEx
    expectFullHello( f.sent()[ 1 ], *intf, 1 );
 
    f.at( 33.0 );
-   f.cellGlobalStatus->drDelayTimerExpiredIs( true );
+   f.vrf.cellGlobalStatus->drDelayTimerExpiredIs( true );
    f.runUntilIdle();
-   EXPECT_FALSE( f.cellGlobalStatus->drDelayTimerExpired() );
+   EXPECT_FALSE( f.vrf.cellGlobalStatus->drDelayTimerExpired() );
    EXPECT_FALSE( sm->drNotifyDelay() );
    f.at( 62.0 );
    ASSERT_EQ( f.sent().size(), 3u );
@@ -402,9 +402,9 @@ TEST( ScenarioHelloTx, ReloadAloneKeepsAdvertisingOneAfterTheDrDelayExpires ) {
    auto intf = f.startIntf( eth1, "198.18.0.1/24", p );
    auto sm = f.intfSm( eth1 );
 
-   f.cellGlobalStatus->reloadIs( true );
+   f.vrf.cellGlobalStatus->reloadIs( true );
    f.runUntilIdle();
-   f.cellGlobalStatus->drDelayTimerExpiredIs( true );
+   f.vrf.cellGlobalStatus->drDelayTimerExpiredIs( true );
    f.runUntilIdle();
    EXPECT_FALSE( sm->drNotifyDelay() );
    f.at( 30.0 );
@@ -413,7 +413,7 @@ TEST( ScenarioHelloTx, ReloadAloneKeepsAdvertisingOneAfterTheDrDelayExpires ) {
 
    // The re-jitter draw 0 gives no delay at all.
    f.random().push( { 0 } );
-   f.cellGlobalStatus->reloadIs( false );
+   f.vrf.cellGlobalStatus->reloadIs( false );
    f.runUntilIdle();
    f.advanceBy( 0.0 );
    ASSERT_EQ( f.sent().size(), 2u );
@@ -425,7 +425,7 @@ TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpe
    EngineFixture f;
    const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   auto port = f.globalStatus->portStatusIs( L3::VrfName( "default" ) );
+   auto port = f.vrf.globalStatus->portStatusIs( L3::VrfName( "default" ) );
    port->pimsmSctpConnectionIdIs( ip( "198.18.0.77" ) );
 
    // No capability: no connection address.
@@ -456,7 +456,7 @@ TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpe
 
    // Nor is a missing entry.
    f.clearSent();
-   f.globalStatus->portStatusDel( L3::VrfName( "default" ) );
+   f.vrf.globalStatus->portStatusDel( L3::VrfName( "default" ) );
    intf->helloHoldTimeIs( 100 );
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
@@ -464,7 +464,7 @@ TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpe
 
    // A goodbye carries the connection address too.
    f.clearSent();
-   f.globalStatus->portStatusIs( L3::VrfName( "default" ) )->pimsmSctpConnectionIdIs( ip( "198.18.0.78" ) );
+   f.vrf.globalStatus->portStatusIs( L3::VrfName( "default" ) )->pimsmSctpConnectionIdIs( ip( "198.18.0.78" ) );
    intf->enabledIs( false );
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );

@@ -62,7 +62,7 @@ TEST( ScenarioKernelAndStartup, InterfaceRemovedFromTheStatusLosesItsMachineWith
    f.receive( eth1, hello( "198.18.0.2" ) );
    f.advanceBy( 2.0 );
    f.clearSent();
-   f.allStatus->pimIntfDel( eth1 );
+   f.vrf.allStatus->pimIntfDel( eth1 );
    f.runUntilIdle();
    EXPECT_FALSE( f.intfSm( eth1 ) );
    f.advanceBy( 200.0 );
@@ -193,8 +193,8 @@ TEST( ScenarioKernelAndStartup, StartupHoldsOutANeighborWhoseBfdSessionIsDown ) 
    intf->activeNeighborIs( down );
    intf->activeNeighborIs( up );
    const L3::VrfName vrf( "default" );
-   f.bfdAppStatus->peerStatusIs( Bfd::Peer( ip( "198.18.0.2" ), vrf ), Bfd::operDown );
-   f.bfdAppStatus->peerStatusIs( Bfd::Peer( ip( "198.18.0.3" ), vrf ), Bfd::operUp );
+   f.vrf.bfdAppStatus->peerStatusIs( Bfd::Peer( ip( "198.18.0.2" ), vrf ), Bfd::operDown );
+   f.vrf.bfdAppStatus->peerStatusIs( Bfd::Peer( ip( "198.18.0.3" ), vrf ), Bfd::operUp );
    f.runUntilIdle();
 
    f.kernelAdd( eth1, 11 );
@@ -203,8 +203,8 @@ TEST( ScenarioKernelAndStartup, StartupHoldsOutANeighborWhoseBfdSessionIsDown ) 
    EXPECT_TRUE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
    EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
    EXPECT_TRUE( f.active( eth1, "198.18.0.3" ) );
-   EXPECT_TRUE( f.bfdAppConfig->peerConfig( Bfd::Peer( ip( "198.18.0.2" ), vrf ) ) );
-   EXPECT_TRUE( f.bfdAppConfig->peerConfig( Bfd::Peer( ip( "198.18.0.3" ), vrf ) ) );
+   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( Bfd::Peer( ip( "198.18.0.2" ), vrf ) ) );
+   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( Bfd::Peer( ip( "198.18.0.3" ), vrf ) ) );
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.3" ) );
 
    // Only the start-up Hello goes out; none for a neighbour event.
@@ -231,16 +231,16 @@ TEST( ScenarioKernelAndStartup, StartupDropsBfdPeersWithoutAReason ) {
       { peer( "198.18.9.9", "default" ), false },   // no interface
       { peer( "198.18.9.9", "red" ), true },        // another VRF's
    };
-   for( const auto & e : peers ) f.bfdAppConfig->peerConfigIs( e.first, true );
-   f.global = GlobalIntfSmIs( f.allStatus, f.inputs );
+   for( const auto & e : peers ) f.vrf.bfdAppConfig->peerConfigIs( e.first, true );
+   f.vrf.global = GlobalIntfSmIs( f.vrf.allStatus, f.vrf.inputs );
    f.runUntilIdle();
-   for( const auto & [ p, kept ] : peers ) EXPECT_EQ( bool( f.bfdAppConfig->peerConfig( p ) ), kept ) << p;
+   for( const auto & [ p, kept ] : peers ) EXPECT_EQ( bool( f.vrf.bfdAppConfig->peerConfig( p ) ), kept ) << p;
 }
 
 TEST( ScenarioKernelAndStartup, RouterIdFromTheBridgeMacFeedsTheInterfaceId ) {
    EngineFixture f;
    f.startRouterId( mac( 0x02, 0x00, 0x5e, 0x10, 0x20, 0x30 ) );
-   EXPECT_EQ( f.routerIdInfo->routerId(), 0x5E102030u );
+   EXPECT_EQ( f.vrf.routerIdInfo->routerId(), 0x5E102030u );
 
    const auto eth1 = ethernet( 1 );
    IntfParams p;
@@ -253,9 +253,9 @@ TEST( ScenarioKernelAndStartup, RouterIdFromTheBridgeMacFeedsTheInterfaceId ) {
    EXPECT_EQ( f.sent()[ 0 ].interfaceIdRouterId, 0x5E102030u );
    EXPECT_EQ( f.sent()[ 0 ].interfaceIdIfIndex, 42u );
 
-   f.bridging->bridgeMacAddrIs( mac( 0x02, 0x00, 0xfe, 0xaa, 0xbb, 0x0c ) );
+   f.vrf.bridging->bridgeMacAddrIs( mac( 0x02, 0x00, 0xfe, 0xaa, 0xbb, 0x0c ) );
    f.runUntilIdle();
-   EXPECT_EQ( f.routerIdInfo->routerId(), 0xFEAABB0Cu );
+   EXPECT_EQ( f.vrf.routerIdInfo->routerId(), 0xFEAABB0Cu );
    EXPECT_EQ( intf->portInterfaceId(), ( Reliable::InterfaceId{ 0xFEAABB0C, 42 } ) );
    f.at( 30.0 );
    ASSERT_EQ( f.sent().size(), 2u );
@@ -264,7 +264,7 @@ TEST( ScenarioKernelAndStartup, RouterIdFromTheBridgeMacFeedsTheInterfaceId ) {
    // A second VRF of the same switch gets the same id; without bridging
    // configuration the id stays 0.
    auto red = routerIdInfoFactory( L3::VrfName( "red" ) );
-   auto redSm = routerIdSmFactory( L3::VrfName( "red" ), f.bridging, red );
+   auto redSm = routerIdSmFactory( L3::VrfName( "red" ), f.vrf.bridging, red );
    auto blue = routerIdInfoFactory( L3::VrfName( "blue" ) );
    auto blueSm = routerIdSmFactory( L3::VrfName( "blue" ), nullptr, blue );
    f.runUntilIdle();
@@ -275,14 +275,14 @@ TEST( ScenarioKernelAndStartup, RouterIdFromTheBridgeMacFeedsTheInterfaceId ) {
 TEST( ScenarioKernelAndStartup, NullEntriesForTheOwnersCollectionsAreRangeErrors ) {
    EngineFixture f;
    try {
-      f.global->pimIntfIs( nullptr );
+      f.vrf.global->pimIntfIs( nullptr );
       ADD_FAILURE() << "no range error for a null interface";
    } catch( const Kiv::RangeException & e ) {
       EXPECT_EQ( std::string( e.what() ),
                  "null _pimIntf parameter to mutator for Routing::Pim::GlobalIntfSm::pimIntf not allowed\"" );
    }
    try {
-      f.global->peerStatusIs( nullptr );
+      f.vrf.global->peerStatusIs( nullptr );
       ADD_FAILURE() << "no range error for a null peer status";
    } catch( const Kiv::RangeException & e ) {
       EXPECT_EQ( std::string( e.what() ),

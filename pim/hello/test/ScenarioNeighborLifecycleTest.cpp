@@ -185,7 +185,7 @@ TEST( ScenarioNeighborLifecycle, NeighborChangeLogFollowsTheVrfSwitch ) {
    f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
    EXPECT_EQ( f.logged( "PIM_NBRCHG" ), 0u );
 
-   f.config->neighborChangeLogIs( true );
+   f.vrf.config->neighborChangeLogIs( true );
    f.runUntilIdle();
    f.at( 20.0 );
    f.receive( eth1, hello( "198.18.0.3" ) );
