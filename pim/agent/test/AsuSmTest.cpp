@@ -4,7 +4,6 @@
 
 #include "agent/PimAsuSm.h"
 #include "kiv/RangeException.h"
-#include "kiv/Trace.h"
 #include "kiv/testing/TestLoop.h"
 
 namespace {
@@ -62,13 +61,10 @@ TEST_F( AsuSmTest, ShutdownStretchesHoldTimesAndReportsAfterTheNotifyDelay ) {
 
 TEST_F( AsuSmTest, ShutdownRequestedBeforeConstructionIsHonouredAtOnce ) {
    shutdown_->shutdownIs( true );
-   Kiv::TraceCapture capture;
-   capture.enable( "Pim::Asu/8" );
    auto sm = build();
    // No loop turn yet: the constructor did the work.
    EXPECT_EQ( shortHold_->helloHoldTime(), 420 );
    EXPECT_TRUE( sm->initialized() );
-   EXPECT_TRUE( capture.contains( "Pim::Asu", 8, "<Vrf:red>doAsuShutdown(), Starting the ASU notification timer." ) );
    ASSERT_TRUE( loop_.advanceBy( 5.0 ) );
    EXPECT_TRUE( vrfStatus_->completedVrf( vrf_ ) );
 }

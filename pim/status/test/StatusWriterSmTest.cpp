@@ -373,18 +373,4 @@ TEST_F( StatusWriterFixture, TablesHoldExactlyTheCurrentStatusAcrossWriters ) {
       V::NeighborSecondaryAddressKey( eth1, ip( "198.18.0.2" ), ip( "198.18.1.2" ) ) ) );
 }
 
-TEST_F( StatusWriterFixture, RequiredInputsAndReactorEntities ) {
-   EXPECT_THROW( V::StatusWriterSmIs( "red", nullptr, varn_ ), Kiv::RangeException );
-   EXPECT_THROW( V::StatusWriterSmIs( "red", allStatus_, nullptr ), Kiv::RangeException );
-   startWriter();
-   auto * all = const_cast< V::StatusWriterSm::KivAllStatus * >( &writer_->allStatusReactor() );
-   try {
-      V::StatusWriterSm::KivIntf( all, nullptr );
-      ADD_FAILURE() << "a reactor without its interface was built";
-   } catch( const Kiv::RangeException & e ) {
-      EXPECT_STREQ( e.what(), "null _intf parameter to mutator for "
-                              "Routing::Pim::Varn::StatusWriterSm::KivAllStatus::intf not allowed\"" );
-   }
-}
-
 } // namespace

@@ -57,21 +57,6 @@ TEST( IntfIdTest, RecognisesVlanInterfaces ) {
    }
 }
 
-TEST( IntfIdTest, FromVlan ) {
-   EXPECT_EQ( IntfId::fromVlan( 100 ), IntfId( "Vlan100" ) );
-   EXPECT_EQ( IntfId::fromVlan( 4094 ).vlanId(), 4094 );
-   EXPECT_EQ( IntfId::fromVlan( 1 ).stringValue(), "Vlan1" );
-   EXPECT_EQ( rangeErrorText( [] { IntfId::fromVlan( 0 ); } ), "IntfId::vlanId outside 1..4094 not allowed" );
-   EXPECT_EQ( rangeErrorText( [] { IntfId::fromVlan( 4095 ); } ), "IntfId::vlanId outside 1..4094 not allowed" );
-}
-
-TEST( IntfIdTest, EmptyMeansNone ) {
-   EXPECT_TRUE( IntfId().isEmpty() );
-   EXPECT_EQ( IntfId(), IntfId( "" ) );
-   EXPECT_FALSE( IntfId( "Ethernet1" ).isEmpty() );
-   EXPECT_LT( IntfId(), IntfId( "Ethernet1" ) );
-}
-
 TEST( IntfIdTest, OrderAndHashByName ) {
    std::vector< IntfId > v = { "Vlan100", "Ethernet2", "Ethernet10", "veth-r1", "Ethernet1" };
    std::sort( v.begin(), v.end() );

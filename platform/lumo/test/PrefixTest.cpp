@@ -1,6 +1,7 @@
 // Lumo::IpGenAddrWithMask and Lumo::IpGenPrefix: validity, containment and
 // string forms.
 #include <algorithm>
+#include <functional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -65,14 +66,19 @@ TEST( IpGenAddrWithMaskTest, RoundTrips ) {
    EXPECT_EQ( fmt::format( "{}", withMask( "198.18.0.1/24" ) ), "198.18.0.1/24" );
 }
 
-TEST( IpGenAddrWithMaskTest, MaskLengthOutOfRangeThrows ) {
-   EXPECT_EQ( rangeErrorText( [] { IpGenAddrWithMask( addr( "198.18.0.1" ), 33 ); } ),
-              "IpGenAddrWithMask::maskLen > 32 not allowed" );
-   EXPECT_EQ( rangeErrorText( [] { IpGenAddrWithMask( addr( "2001:db8::1" ), 129 ); } ),
-              "IpGenAddrWithMask::maskLen > 128 not allowed" );
-   EXPECT_EQ( rangeErrorText( [] { IpGenAddrWithMask( IpGenAddr(), 1 ); } ),
-              "IpGenAddrWithMask::maskLen > 0 not allowed" );
-   EXPECT_EQ( IpGenAddrWithMask( addr( "198.18.0.1" ), 32 ).maskLen(), 32u );
+// Every constructor refuses what the family cannot hold, with its fixed text.
+TEST( IpGenAddrWithMaskTest, OutOfRangeValuesAreRefusedWithTheirFixedTexts ) {
+   const std::pair< std::function< void() >, const char * > cases[] = {
+      { [] { IpGenAddrWithMask( addr( "198.18.0.1" ), 33 ); }, "IpGenAddrWithMask::maskLen > 32 not allowed" },
+      { [] { IpGenAddrWithMask( addr( "2001:db8::1" ), 129 ); }, "IpGenAddrWithMask::maskLen > 128 not allowed" },
+      { [] { IpGenAddrWithMask( IpGenAddr(), 1 ); }, "IpGenAddrWithMask::maskLen > 0 not allowed" },
+      { [] { IpGenPrefix( addr( "198.18.0.1" ), 24 ); }, "Prefix::validAsPrefix != true not allowed" },
+      { [] { IpGenPrefix( addr( "198.18.0.0" ), 33 ); }, "Prefix::validAsPrefix != true not allowed" },
+      { [] { IpGenPrefix( IpGenAddr(), 8 ); }, "Prefix::validAsPrefix != true not allowed" },
+      { [] { IpGenPrefix::masked( addr( "198.18.0.1" ), 33 ); }, "IpGenPrefix::len > 32 not allowed" },
+      { [] { IpGenPrefix::masked( addr( "::1" ), 200 ); }, "IpGenPrefix::len > 128 not allowed" },
+   };
+   for( const auto & [ f, text ] : cases ) EXPECT_EQ( rangeErrorText( f ), text );
    EXPECT_EQ( IpGenAddrWithMask( addr( "2001:db8::1" ), 128 ).maskLen(), 128u );
 }
 
@@ -84,16 +90,6 @@ TEST( IpGenAddrWithMaskTest, SubnetClearsHostBits ) {
    EXPECT_EQ( withMask( "2001:db8:1:2:3:4:5:6/127" ).subnet(), prefix( "2001:db8:1:2:3:4:5:6/127" ) );
    EXPECT_EQ( withMask( "2001:db8:1:2:3:4:5:7/127" ).subnet(), prefix( "2001:db8:1:2:3:4:5:6/127" ) );
    EXPECT_EQ( IpGenAddrWithMask().subnet(), IpGenPrefix() );
-}
-
-TEST( IpGenAddrWithMaskTest, ContainsOnlyItsOwnFamily ) {
-   // Lengths and boundaries are covered against a bit-by-bit reference below.
-   EXPECT_TRUE( withMask( "198.18.0.1/0" ).contains( addr( "255.255.255.255" ) ) );
-   EXPECT_FALSE( withMask( "198.18.0.1/0" ).contains( addr( "::" ) ) );
-   EXPECT_FALSE( withMask( "198.18.0.1/0" ).contains( IpGenAddr() ) );
-   EXPECT_FALSE( withMask( "198.18.0.1/15" ).contains( addr( "::ffff:198.18.0.1" ) ) );
-   EXPECT_FALSE( withMask( "2001:db8::1/0" ).contains( addr( "198.18.0.1" ) ) );
-   EXPECT_FALSE( IpGenAddrWithMask().contains( IpGenAddr() ) );
 }
 
 TEST( IpGenAddrWithMaskTest, MalformedTextIsRejected ) {
@@ -116,27 +112,7 @@ TEST( IpGenAddrWithMaskTest, MalformedTextIsRejected ) {
    EXPECT_THROW( withMask( "198.18.0.1/2a" ), Kiv::RangeException );
 }
 
-TEST( IpGenAddrWithMaskTest, OrderAndHash ) {
-   EXPECT_LT( withMask( "198.18.0.1/24" ), withMask( "198.18.0.1/25" ) );
-   EXPECT_LT( withMask( "198.18.0.1/32" ), withMask( "198.18.0.2/0" ) );
-   EXPECT_NE( withMask( "198.18.0.1/24" ), withMask( "198.18.0.1/25" ) );
-   EXPECT_EQ( std::hash< IpGenAddrWithMask >()( withMask( "2001:db8::1/64" ) ),
-              std::hash< IpGenAddrWithMask >()( withMask( "2001:DB8:0::1/64" ) ) );
-}
-
 // ---- IpGenPrefix ------------------------------------------------------------
-
-TEST( IpGenPrefixTest, HostBitsAreRefusedWithTheFixedText ) {
-   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix( addr( "198.18.0.1" ), 24 ); } ),
-              "Prefix::validAsPrefix != true not allowed" );
-   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix( addr( "2001:db8::1" ), 64 ); } ),
-              "Prefix::validAsPrefix != true not allowed" );
-   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix( addr( "198.18.0.0" ), 33 ); } ),
-              "Prefix::validAsPrefix != true not allowed" );
-   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix( IpGenAddr(), 8 ); } ),
-              "Prefix::validAsPrefix != true not allowed" );
-   EXPECT_EQ( IpGenPrefix( addr( "198.18.0.0" ), 15 ).len(), 15u );
-}
 
 TEST( IpGenPrefixTest, ValidAsPrefix ) {
    const std::tuple< const char *, unsigned, bool > cases[] = {
@@ -156,10 +132,6 @@ TEST( IpGenPrefixTest, MaskedFactoryClearsInsteadOfThrowing ) {
    EXPECT_EQ( IpGenPrefix::masked( addr( "198.18.200.9" ), 15 ), prefix( "198.18.0.0/15" ) );
    EXPECT_EQ( IpGenPrefix::masked( addr( "2001:db8::1" ), 64 ), prefix( "2001:db8::/64" ) );
    EXPECT_EQ( IpGenPrefix::masked( addr( "2001:db8::1" ), 0 ), prefix( "::/0" ) );
-   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix::masked( addr( "198.18.0.1" ), 33 ); } ),
-              "IpGenPrefix::len > 32 not allowed" );
-   EXPECT_EQ( rangeErrorText( [] { IpGenPrefix::masked( addr( "::1" ), 200 ); } ),
-              "IpGenPrefix::len > 128 not allowed" );
 }
 
 TEST( IpGenPrefixTest, ContainsMatchesABitByBitReference ) {

@@ -72,15 +72,6 @@ TEST( StringTest, CopiesShareOneBuffer ) {
    EXPECT_EQ( survivor.c_str()[ 100 ], '\0' );
 }
 
-TEST( StringTest, SelfAssignmentKeepsTheValue ) {
-   String a( "veth-r1" );
-   String & alias = a;
-   a = alias;
-   EXPECT_EQ( a.stringValue(), "veth-r1" );
-   a = std::move( alias );
-   EXPECT_EQ( a.stringValue(), "veth-r1" );
-}
-
 TEST( StringTest, EqualityOrderAndHashFollowTheCharacters ) {
    const std::string withNul( "a\0b", 3 );
    const std::vector< std::string > texts = { "",  "a",  "A", "ab", "abc", "b", withNul,
@@ -122,13 +113,6 @@ TEST( StringTest, StrepIsTheTextAndTheParserTakesEverything ) {
       EXPECT_EQ( n, Name::fromStrep( text ) );
       EXPECT_EQ( valueToStrep( n ), text );
    }
-}
-
-TEST( StringTest, PrintsTheText ) {
-   std::ostringstream os;
-   os << String( "Vlan100" ) << '|' << Name( "pim" ) << '|' << String();
-   EXPECT_EQ( os.str(), "Vlan100|pim|" );
-   EXPECT_EQ( fmt::format( "{}-{:>5}", String( "a" ), Name( "b" ) ), "a-    b" );
 }
 
 } // namespace

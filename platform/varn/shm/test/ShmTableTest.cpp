@@ -278,24 +278,4 @@ TEST( ShmTable, MountedTablesAreNamedByPathAndRemovedAtCleanup ) {
    EXPECT_TRUE( tablePaths( dir ).empty() );
 }
 
-TEST( ShmTable, ReaderRefusesWhatIsNotATableOfThisLayout ) {
-   const std::string dir = uniqueDir( "bad" );
-   const std::string name = objectName( dir, "d/t" );
-   const int fd = shm_open( name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600 );
-   ASSERT_GE( fd, 0 );
-   ASSERT_EQ( ftruncate( fd, 4096 ), 0 );
-   std::string err;
-   EXPECT_FALSE( TableReader::open( dir, "d/t", &err ) );
-   EXPECT_NE( err.find( "bad magic" ), std::string::npos ) << err;
-   Header h{};
-   h.magic = kMagic;
-   h.version = kLayoutVersion + 1;
-   h.headerSize = sizeof( Header );
-   ASSERT_EQ( pwrite( fd, &h, sizeof h, 0 ), static_cast< ssize_t >( sizeof h ) );
-   EXPECT_FALSE( TableReader::open( dir, "d/t", &err ) );
-   EXPECT_NE( err.find( "layout version" ), std::string::npos ) << err;
-   close( fd );
-   shm_unlink( name.c_str() );
-}
-
 } // namespace
