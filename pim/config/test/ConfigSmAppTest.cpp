@@ -97,26 +97,5 @@ TEST_F( ConfigSmAppTest, ApplicationMachinesLiveWithTheDefaultVrf ) {
    EXPECT_EQ( sm_->appConfigSmSize(), 1u );
 }
 
-// The machine itself, fed directly (no directory needed).
-TEST( ApplicationConfigSmTest, ConstructionReevaluatesEveryRequestedInterface ) {
-   Kiv::Testing::TestLoop loop;
-   Kiv::TraceCapture capture;
-   capture.enable( "Pim::Config/8" );
-   auto config = Kiv::make< Application::Config >( "igmp" );
-   config->intfModeIs( "Ethernet1", pimModeSparse );
-   config->intfModeIs( "Ethernet2", pimModeBidir );
-   ConfigSmInputs none;
-   auto owner = configSmFactory( none );
-   auto sm = owner->appConfigSmIs( "igmp", config );
-   EXPECT_TRUE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet1 )" ) );
-   EXPECT_TRUE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet2 )" ) );
-   EXPECT_EQ( owner->appConfigSmIs( "igmp", config ), sm ) << "kept when it already exists";
-   capture.clear();
-   config->intfModeDel( "Ethernet2" );
-   ASSERT_TRUE( loop.runUntilIdle() );
-   EXPECT_TRUE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet2 )" ) );
-   EXPECT_FALSE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet1 )" ) );
-}
-
 } // namespace
 } // namespace PimConfigTest

@@ -3,7 +3,7 @@
 // virtual time: every configuration and status input that ConfigSm reads, the
 // outputs it writes, a table mount over a private table directory, a kernel
 // namespace mount that records what it was asked, the stages declared
-// complete, and a capture of the "Pim::Config" trace lines.
+// complete.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,7 +13,6 @@
 
 #include "config/PimConfigSm.h"
 #include "kiv/Entity.h"
-#include "kiv/Trace.h"
 #include "kiv/testing/TestLoop.h"
 
 namespace PimConfigTest {
@@ -46,7 +45,6 @@ class TestKniMounter : public KernelNetInfoMounter {
 class ConfigSmFixture : public ::testing::Test {
  protected:
    explicit ConfigSmFixture( Lumo::AddressFamily af = Lumo::AddressFamily::ipv4 ) : af_( af ) {
-      capture_.enable( "Pim::Config/1-9" );
       if( af == Lumo::AddressFamily::ipv6 ) {
          ipStatus_ = Kiv::make< IpGen::Ipv6Status >();
          groups_ = Kiv::make< IpGen::Ipv6MulticastGroupsForApplications >();
@@ -147,25 +145,8 @@ class ConfigSmFixture : public ::testing::Test {
       return globalStatus_->pimEnabledBidirVrf( L3::VrfName( vrf ) );
    }
    bool hasContainer( const char * vrf ) const { return sm_->pimVrfContainerSmHas( L3::VrfName( vrf ) ); }
-   // The trace lines of ConfigSm that contain one of the texts, in order,
-   // each reported by the text it matched.
-   std::vector< std::string > traceOrder( const std::vector< std::string > & texts ) const {
-      std::vector< std::string > out;
-      for( const auto & line : capture_.lines() ) {
-         if( line.handle != "Pim::Config" ) continue;
-         for( const auto & t : texts ) {
-            if( line.text.find( t ) != std::string::npos ) {
-               out.push_back( t );
-               break;
-            }
-         }
-      }
-      return out;
-   }
-
    Lumo::AddressFamily af_;
    Kiv::Testing::TestLoop loop_{ 5000.0 };
-   Kiv::TraceCapture capture_;
    Kiv::Ptr< Tolm::TimerWheel > wheel_ = Tolm::TimerWheelIs( loop_.clock() );
    KivVarn::Directory varnDir_;
    Kiv::Ptr< KivVarn::Mount > varnMount_ = Kiv::make< KivVarn::Mount >( varnDir_ );

@@ -275,20 +275,6 @@ TEST_F( ConfigSmIntfTest, AnInterfaceMovesWithItsVrf ) {
 // The interface inputs are missing one at a time.
 class ConfigSmMissingInputTest : public ConfigSmFixture {};
 
-TEST_F( ConfigSmMissingInputTest, NothingButTheConfigurationStillRuns ) {
-   ConfigSmInputs in;
-   in.pimConfigColl = configColl_;
-   vrfIs( "default" );
-   intfConfigIs( "Ethernet1", pimModeSparse );
-   start( in );
-   EXPECT_TRUE( sm_->initialized() );
-   sm_->updatePimIntf( L3::VrfName( "default" ), Lumo::IntfId( "Ethernet1" ) );
-   cellGlobalStatus_->reloadIs( true );
-   sm_->handleAsuCompletedVrf();
-   sm_->handleClearCountersCount( L3::VrfName( "default" ) );
-   sm_->doCreateOrDeleteContainer( L3::VrfName( "default" ) );
-}
-
 TEST_F( ConfigSmMissingInputTest, EachMissingStatusDeletes ) {
    vrfIs( "default" );
    ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );

@@ -21,70 +21,59 @@ struct DrDelayExpiries : CellGlobalStatus::NotifieeConst {
 class ConfigSmDrStartupTest : public ConfigSmFixture {
  protected:
    void SetUp() override { vrfIs( "default" ); }
-   void drDelayIs( std::uint16_t s ) { configColl_->globalConfig()->drDelayIs( s ); }
    DrDelayExpiries expiries_{ cellGlobalStatus_ };
 };
 
-TEST_F( ConfigSmDrStartupTest, WithoutReloadNeitherTimerEverFires ) {
-   drDelayIs( 10 );
-   start();
-   EXPECT_EQ( sm_->drInitTimerTimeMin(), Kiv::kNever );
-   EXPECT_EQ( sm_->drDelayTimerTimeMin(), Kiv::kNever );
-   ASSERT_TRUE( loop_.advanceBy( 3600.0 ) );
-   EXPECT_FALSE( cellGlobalStatus_->reload() );
-   EXPECT_EQ( expiries_.count, 0 );
-}
-
-TEST_F( ConfigSmDrStartupTest, ReloadHoldsOffFiftySecondsThenRunsTheDrDelay ) {
-   cellGlobalStatus_->reloadIs( true );
-   drDelayIs( 10 );
-   const double t0 = loop_.now();
-   start();
-   ASSERT_TRUE( loop_.advanceTo( t0 + 49.9 ) );
-   EXPECT_TRUE( cellGlobalStatus_->reload() );
-   ASSERT_TRUE( loop_.advanceTo( t0 + 50.0 ) );
-   EXPECT_FALSE( cellGlobalStatus_->reload() );
-   EXPECT_EQ( expiries_.count, 0 );
-   ASSERT_TRUE( loop_.advanceTo( t0 + 59.9 ) );
-   EXPECT_EQ( expiries_.count, 0 );
-   ASSERT_TRUE( loop_.advanceTo( t0 + 60.0 ) );
-   EXPECT_EQ( expiries_.count, 1 );
-   ASSERT_TRUE( loop_.advanceBy( 3600.0 ) );
-   EXPECT_EQ( expiries_.count, 1 ) << "one start-up sequence";
-}
-
-TEST_F( ConfigSmDrStartupTest, ZeroDrDelayExpiresOnTheNextTurnAfterTheHoldOff ) {
-   cellGlobalStatus_->reloadIs( true );
-   const double t0 = loop_.now();
-   start();
-   ASSERT_TRUE( loop_.advanceTo( t0 + 50.0 ) );
-   EXPECT_FALSE( cellGlobalStatus_->reload() );
-   EXPECT_EQ( expiries_.count, 1 );
-}
-
-TEST_F( ConfigSmDrStartupTest, MlagErrorDisabledPortsExtendTheHoldOff ) {
-   cellGlobalStatus_->reloadIs( true );
-   mlag_->portsErrdisabledIs( true );
-   drDelayIs( 5 );
-   const double t0 = loop_.now();
-   start();
-   // The init timer fires and changes nothing while the ports are down.
-   ASSERT_TRUE( loop_.advanceTo( t0 + 120.0 ) );
-   EXPECT_TRUE( cellGlobalStatus_->reload() );
-   EXPECT_EQ( expiries_.count, 0 );
-   EXPECT_EQ( sm_->drDelayTimerTimeMin(), Kiv::kNever );
-
-   mlag_->portsErrdisabledIs( false );
-   ASSERT_TRUE( settle() );
-   const double up = loop_.now();
-   ASSERT_TRUE( loop_.advanceTo( up + 49.9 ) );
-   EXPECT_TRUE( cellGlobalStatus_->reload() );
-   ASSERT_TRUE( loop_.advanceTo( up + 50.0 ) );
-   EXPECT_FALSE( cellGlobalStatus_->reload() );
-   ASSERT_TRUE( loop_.advanceTo( up + 54.9 ) );
-   EXPECT_EQ( expiries_.count, 0 );
-   ASSERT_TRUE( loop_.advanceTo( up + 55.0 ) );
-   EXPECT_EQ( expiries_.count, 1 );
+// After a reload the DR election waits a fixed hold-off (longer while MLAG
+// keeps ports error-disabled), then the configured DR delay; once.
+TEST_F( ConfigSmDrStartupTest, ReloadHoldsOffThenRunsTheDrDelayOnce ) {
+   constexpr double kNo = Kiv::kNever;
+   const struct {
+      const char * what;
+      bool reload;
+      double mlagDownFor;   // ports error-disabled for this long
+      std::uint16_t drDelay;
+      double reloadEnds, expiry;   // seconds after start
+   } cases[] = {
+      { "no reload", false, 0, 10, kNo, kNo },
+      { "reload", true, 0, 10, 50.0, 60.0 },
+      { "reload, no DR delay", true, 0, 0, 50.0, 50.0 },
+      { "reload, MLAG ports down", true, 120.0, 5, 170.0, 175.0 },
+   };
+   for( const auto & c : cases ) {
+      SCOPED_TRACE( c.what );
+      sm_ = nullptr;
+      cellGlobalStatus_->reloadIs( c.reload );
+      mlag_->portsErrdisabledIs( c.mlagDownFor > 0 );
+      configColl_->globalConfig()->drDelayIs( c.drDelay );
+      expiries_.count = 0;
+      const double t0 = loop_.now();
+      start();
+      if( c.mlagDownFor > 0 ) {
+         ASSERT_TRUE( loop_.advanceTo( t0 + c.mlagDownFor ) );
+         EXPECT_TRUE( cellGlobalStatus_->reload() );
+         EXPECT_EQ( sm_->drDelayTimerTimeMin(), Kiv::kNever );
+         mlag_->portsErrdisabledIs( false );
+         ASSERT_TRUE( settle() );
+      }
+      if( c.reloadEnds != kNo ) {
+         ASSERT_TRUE( loop_.advanceTo( t0 + c.reloadEnds - 0.1 ) );
+         EXPECT_TRUE( cellGlobalStatus_->reload() );
+         ASSERT_TRUE( loop_.advanceTo( t0 + c.reloadEnds ) );
+         EXPECT_FALSE( cellGlobalStatus_->reload() );
+         EXPECT_EQ( expiries_.count, c.expiry == c.reloadEnds ? 1 : 0 );
+         ASSERT_TRUE( loop_.advanceTo( t0 + c.expiry - 0.1 ) );
+         EXPECT_EQ( expiries_.count, c.expiry == c.reloadEnds ? 1 : 0 );
+         ASSERT_TRUE( loop_.advanceTo( t0 + c.expiry ) );
+         EXPECT_EQ( expiries_.count, 1 );
+      } else {
+         EXPECT_EQ( sm_->drInitTimerTimeMin(), Kiv::kNever );
+         EXPECT_EQ( sm_->drDelayTimerTimeMin(), Kiv::kNever );
+      }
+      ASSERT_TRUE( loop_.advanceBy( 3600.0 ) );
+      EXPECT_FALSE( cellGlobalStatus_->reload() );
+      EXPECT_EQ( expiries_.count, c.reload ? 1 : 0 ) << "one start-up sequence";
+   }
 }
 
 class ConfigSmAsuTest : public ConfigSmFixture {};
@@ -129,15 +118,6 @@ TEST_F( ConfigSmAsuTest, ShutdownFlowsThroughTheContainersToTheStage ) {
    EXPECT_TRUE( asuVrfStatus_->completedVrf( Vrf( "default" ) ) );
    EXPECT_TRUE( asuVrfStatus_->completedVrf( Vrf( "red" ) ) );
    EXPECT_EQ( stages_, std::vector< std::string >{ "NetworkAgentShutdown" } );
-}
-
-TEST_F( ConfigSmAsuTest, NothingCompletedNothingDeclared ) {
-   vrfIs( "default" );
-   start();
-   asuVrfStatus_->participatingVrfIs( Vrf( "default" ), true );
-   asuVrfStatus_->completedVrfIs( Vrf( "default" ), false );
-   ASSERT_TRUE( settle() );
-   EXPECT_TRUE( stages_.empty() );
 }
 
 class ConfigSmClearTest : public ConfigSmFixture {
@@ -198,16 +178,6 @@ TEST_F( ConfigSmClearTest, ClearMulticastRoutesRegeneratesGenerationIdsOnlyWhenI
       EXPECT_NE( e2->generationId(), before2 ) << "bit " << int( bit );
       EXPECT_NE( e1->generationId(), e2->generationId() );
    }
-}
-
-TEST_F( ConfigSmClearTest, ClearMulticastRoutesEntryPresentAtStartIsRunOnce ) {
-   auto request = clearMroute_->vrfClearMrouteConfigIs( Vrf( "default" ) );
-   request->requestFlagsIs( kClearMroutePim );
-   capture_.clear();
-   start();
-   std::size_t runs = 0;
-   for( const auto & l : capture_.lines() ) runs += l.text.rfind( "handleClearIpMroute", 0 ) == 0;
-   EXPECT_EQ( runs, 1u );
 }
 
 } // namespace

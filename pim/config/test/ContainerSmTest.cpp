@@ -4,8 +4,6 @@
 #include <vector>
 
 #include "config/PimContainerSm.h"
-#include "kiv/RangeException.h"
-#include "kiv/Trace.h"
 #include "kiv/testing/TestLoop.h"
 #include "varn/VarnMount.h"
 #include "tolm/TimerWheel.h"
@@ -117,66 +115,13 @@ TEST_F( ContainerFixture, PimInterfacesArePublishedAndMessagesCounted ) {
    EXPECT_EQ( a.pimStatus->pimIntfSize(), 0u );
 }
 
-TEST_F( ContainerFixture, MembersAreWiredForTheFamily ) {
-   auto v4 = containerSmFactory( args( Lumo::AddressFamily::ipv4, "red" ) );
-   auto v6 = containerSmFactory( args( Lumo::AddressFamily::ipv6, "blue" ) );
-   EXPECT_EQ( v4->bfdPimAppStatus()->appName(), "pim" );
-   EXPECT_EQ( v6->bfdPimAppStatus()->appName(), "pim6" );
-   EXPECT_EQ( v6->bfdPimSm()->appName(), "pim6" );
-   EXPECT_EQ( v6->bfdPimSm()->vrf(), L3::VrfName( "blue" ) );
-
-   const auto pam = v6->pimPamManager();
-   EXPECT_EQ( pam->af(), Lumo::AddressFamily::ipv6 );
-   EXPECT_TRUE( pam->ownSocket() );
-   EXPECT_EQ( pam->rcvBufSize(), 1048576u );
-   EXPECT_TRUE( pam->rcvPktInfo() );
-   EXPECT_EQ( pam->rxMessageInfoSize(), 1u );
-   EXPECT_NE( dynamic_cast< IpGen::Ipv6IntfStatus * >( v6->vrfIpIntfStatus().ptr() ), nullptr );
-   EXPECT_EQ( v6->vrfIpIntfStatus()->vrfName(), L3::VrfName( "blue" ) );
-   // The interface machines and the router-id machine share one router id.
-   EXPECT_EQ( v6->pimGlobalIntfSm()->inputs().routerIdInfo, v6->routerIdInfo() );
-   EXPECT_EQ( v6->pimGlobalIntfSm()->inputs().pimPamManager, pam );
-   EXPECT_EQ( v6->sourceIntfSm()->sourceIntfDir(), v6->sourceIntfDir() );
-   EXPECT_EQ( v6->portConfigSm()->vrfSourceIntfSm(), v6->sourceIntfSm().ptr() );
-   EXPECT_TRUE( v6->pimHelloSm() );
-   EXPECT_TRUE( v6->pimStatusWriterSm() );
-   EXPECT_EQ( v6->pimIOSm()->args().pamManager, pam );
-   EXPECT_EQ( v6->pimIOSm()->args().intfStatus, v6->vrfIpIntfStatus() );
-   EXPECT_EQ( v6->ipGenIntfSm()->intfStatus(), v6->vrfIpIntfStatus() );
-}
-
-TEST_F( ContainerFixture, MissingRequiredInputIsRefusedAMissingTableIsNot ) {
-   ContainerSmArgs a = args( Lumo::AddressFamily::ipv4, "red" );
-   a.pimAllStatus = nullptr;
-   try {
-      containerSmFactory( a );
-      ADD_FAILURE() << "built without its interfaces";
-   } catch( const Kiv::RangeException & e ) {
-      EXPECT_STREQ( e.what(), "null ValidPtr" );
-   }
-   a = args( Lumo::AddressFamily::ipv4, "red" );
-   a.pimVarnStatus = nullptr;
-   const auto c = containerSmFactory( a );
-   EXPECT_FALSE( c->pimStatusWriterSm() );
-   EXPECT_TRUE( c->pimGlobalIntfSm() );
-}
-
 TEST_F( ContainerFixture, DestructionStopsTheMirror ) {
    const ContainerSmArgs a = args( Lumo::AddressFamily::ipv4, "red" );
    auto intf = allStatus_->pimIntfIs( "Ethernet1", ipm( "198.18.0.1/24" ) );
    auto container = containerSmFactory( a );
    run();
-   Kiv::TraceCapture capture;
-   capture.enable( "Pim::*/8" );
    container = nullptr;
    run();
-   EXPECT_TRUE( capture.contains( "Pim::Container", 8, "handleDestruction()" ) );
-   // The status writer goes before the I/O machine.
-   std::vector< std::string > order;
-   for( const auto & line : capture.lines() ) {
-      if( line.text.find( '~' ) != std::string::npos ) order.push_back( line.handle );
-   }
-   EXPECT_EQ( order, ( std::vector< std::string >{ "Pim::StatusWriter", "Pim::IO" } ) );
    // The writer took its rows with it, and changes no longer reach the table.
    EXPECT_FALSE( a.pimVarnStatus->pimIntf().has( V::IntfKey( "Ethernet1" ) ) );
    intf->helloPeriodIs( 5 );

@@ -10,7 +10,6 @@
 
 namespace {
 
-KIV_TRACE_HANDLE( "Test::Default" )
 
 class TraceTest : public ::testing::Test {
  protected:
@@ -71,13 +70,6 @@ TEST_F( TraceTest, LevelsArePerHandle ) {
    Kiv::TraceHandle::disableAll();
    EXPECT_FALSE( a.enabled( 9 ) );
    EXPECT_FALSE( later.enabled( 1 ) );
-}
-
-TEST_F( TraceTest, DefaultHandleIsCreatedOnFirstUse ) {
-   EXPECT_EQ( Kiv::TraceHandle::handle( "Test::Default" ), nullptr );
-   Kiv::TraceHandle & h = th();
-   EXPECT_EQ( Kiv::TraceHandle::handle( "Test::Default" ), &h );
-   EXPECT_EQ( &th(), &h );
 }
 
 // ---- selection syntax: KIV_TRACE and configIs ---------------------------------------
