@@ -17,7 +17,6 @@
 #include <initializer_list>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,14 +37,6 @@ inline Lumo::IpGenAddrWithMask ipm( std::string_view s ) {
 }
 inline Lumo::IntfId ethernet( int n ) { return Lumo::IntfId( "Ethernet" + std::to_string( n ) ); }
 
-// The printed form of a value, as the system's own traces print it.
-template< class T >
-std::string str( const T & v ) {
-   std::ostringstream os;
-   os << v;
-   return os.str();
-}
-
 // Each test starts its clock far from every other test's, so that the
 // per-message rate limits of the static log handles (one token per second)
 // never carry a spent budget from one test into the next.
@@ -60,7 +51,6 @@ class ScriptedRandom final : public Kiv::Random {
    void push( std::initializer_list< std::uint32_t > values ) {
       script_.insert( script_.end(), values.begin(), values.end() );
    }
-   std::size_t pending() const { return script_.size(); }
    std::uint64_t drawn() const { return drawn_; }
    std::uint32_t rand() override {
       ++drawn_;
@@ -193,10 +183,6 @@ struct IntfParams {
 
 class EngineFixture {
  public:
-   static constexpr const char * kHelloTrace = "Pim::Hello";
-   static constexpr const char * kNeighborTrace = "Pim::Neighbor";
-   static constexpr const char * kIntfTrace = "Pim::Intf";
-
    explicit EngineFixture( Lumo::AddressFamily af = Lumo::AddressFamily::ipv4,
                            const L3::VrfName & vrfName = L3::VrfName( "default" ),
                            std::uint64_t seed = 7 )
@@ -226,8 +212,6 @@ class EngineFixture {
    Kiv::Testing::TestLoop & loop() { return loop_; }
    double t0() const { return t0_; }
    double now() const { return loop_.now(); }
-   // Seconds since the start of the test.
-   double elapsed() const { return loop_.now() - t0_; }
    void runUntilIdle() { EXPECT_TRUE( loop_.runUntilIdle() ) << "notification ping-pong"; }
    // Moves to t0 + rel, firing every timer due on the way.
    void at( double rel ) { EXPECT_TRUE( loop_.advanceTo( t0_ + rel ) ); }
@@ -301,11 +285,6 @@ class EngineFixture {
    void clearSent() { sent_.clear(); }
 
    // ---- traces and logs ----------------------------------------------------------
-   // Whether a line of the handle at the level contains the text (where the
-   // trace is the behaviour: what is ignored is traced at level 1).
-   bool traced( const char * handle, int level, const std::string & text ) const {
-      return trace.contains( handle, level, text );
-   }
    std::size_t logged( std::string_view name ) const { return log.count( name ); }
    std::vector< std::string > logTexts( std::string_view name ) const {
       std::vector< std::string > r;

@@ -260,34 +260,6 @@ TEST( ScenarioKernelAndStartup, RouterIdFromTheBridgeMacFeedsTheInterfaceId ) {
    f.at( 30.0 );
    ASSERT_EQ( f.sent().size(), 2u );
    EXPECT_EQ( f.sent()[ 1 ].interfaceIdRouterId, 0xFEAABB0Cu );
-
-   // A second VRF of the same switch gets the same id; without bridging
-   // configuration the id stays 0.
-   auto red = routerIdInfoFactory( L3::VrfName( "red" ) );
-   auto redSm = routerIdSmFactory( L3::VrfName( "red" ), f.vrf.bridging, red );
-   auto blue = routerIdInfoFactory( L3::VrfName( "blue" ) );
-   auto blueSm = routerIdSmFactory( L3::VrfName( "blue" ), nullptr, blue );
-   f.runUntilIdle();
-   EXPECT_EQ( red->routerId(), 0xFEAABB0Cu );
-   EXPECT_EQ( blue->routerId(), 0u );
-}
-
-TEST( ScenarioKernelAndStartup, NullEntriesForTheOwnersCollectionsAreRangeErrors ) {
-   EngineFixture f;
-   try {
-      f.vrf.global->pimIntfIs( nullptr );
-      ADD_FAILURE() << "no range error for a null interface";
-   } catch( const Kiv::RangeException & e ) {
-      EXPECT_EQ( std::string( e.what() ),
-                 "null _pimIntf parameter to mutator for Routing::Pim::GlobalIntfSm::pimIntf not allowed\"" );
-   }
-   try {
-      f.vrf.global->peerStatusIs( nullptr );
-      ADD_FAILURE() << "no range error for a null peer status";
-   } catch( const Kiv::RangeException & e ) {
-      EXPECT_EQ( std::string( e.what() ),
-                 "null _peerStatus parameter to mutator for Routing::Pim::GlobalIntfSm::peerStatus not allowed\"" );
-   }
 }
 
 } // namespace

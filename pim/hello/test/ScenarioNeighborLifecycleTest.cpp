@@ -241,24 +241,5 @@ TEST( ScenarioNeighborLifecycle, PortOptionSetsTheTransportAndIsClearedByAHelloW
    EXPECT_EQ( nb->transportProtocol(), Reliable::protocolDatagram );
 }
 
-TEST( ScenarioNeighborLifecycle, NeighborsOfTwoInterfacesLiveInTheirOwnTables ) {
-   EngineFixture f;
-   auto i1 = f.startIntf( ethernet( 1 ), "198.18.0.1/24" );
-   IntfParams p;
-   p.ifIndex = 12;
-   auto i2 = f.startIntf( ethernet( 2 ), "198.18.1.1/24", p );
-   f.receive( ethernet( 1 ), hello( "198.18.0.2" ).hold( 40 ) );
-   f.receive( ethernet( 2 ), hello( "198.18.1.2" ).hold( 90 ) );
-   EXPECT_EQ( i1->neighborSize(), 1u );
-   EXPECT_EQ( i2->neighborSize(), 1u );
-   EXPECT_TRUE( f.neighbor( ethernet( 1 ), "198.18.0.2" ) );
-   EXPECT_TRUE( f.neighbor( ethernet( 2 ), "198.18.1.2" ) );
-   EXPECT_EQ( f.neighbor( ethernet( 2 ), "198.18.1.2" )->intfId(), ethernet( 2 ) );
-
-   f.advanceBy( 41.0 );
-   EXPECT_FALSE( f.neighbor( ethernet( 1 ), "198.18.0.2" ) );
-   EXPECT_TRUE( f.neighbor( ethernet( 2 ), "198.18.1.2" ) );
-}
-
 } // namespace
 } // namespace PimScenario
