@@ -139,30 +139,20 @@ inline HelloBuilder hello( std::string_view src ) {
    return s;
 }
 
-// A copy of one Hello handed to the transmit mailbox.
+// One Hello handed to the transmit mailbox: when, on which interface, and
+// the message itself (every send makes a new one).
 struct SentHello {
    double time = 0.0;
    Lumo::IntfId intfId;
-   Lumo::IpGenAddr src;
-   bool holdTimePresent = false;
-   std::uint16_t holdTime = 0;
-   bool lanPruneDelayPresent = false;
-   std::uint16_t propagationDelay = 0;
-   std::uint16_t overrideInterval = 0;
-   bool tBit = false;
-   bool drPriorityPresent = false;
-   std::uint32_t drPriority = 0;
-   bool generationIdPresent = false;
-   std::uint32_t generationId = 0;
-   bool bidirCapable = false;
-   std::set< Lumo::IpGenAddr > secondary;
-   bool interfaceIdPresent = false;
-   std::uint32_t interfaceIdRouterId = 0;
-   std::uint32_t interfaceIdIfIndex = 0;
-   bool connectionAddrPresent = false;
-   Lumo::IpGenAddr connectionAddr;
+   Kiv::Ptr< const Packet::HelloMessage > hello;
 
-   bool isGoodbye() const { return holdTimePresent && holdTime == 0; }
+   const Packet::HelloMessage * operator->() const { return hello.ptr(); }
+   bool isGoodbye() const { return hello->holdTimePresent() && hello->holdTime() == 0; }
+   std::set< Lumo::IpGenAddr > secondary() const {
+      std::set< Lumo::IpGenAddr > r;
+      hello->secondaryAddrForEach( [ & ]( const Lumo::IpGenAddr & a, bool ) { r.insert( a ); } );
+      return r;
+   }
 };
 
 struct IntfParams {
@@ -317,29 +307,7 @@ class EngineFixture {
    void recordTx( const IO::MessageInfo & m ) {
       auto h = m.helloMessage();
       EXPECT_TRUE( h ) << "a non-Hello message was handed to the transmit mailbox";
-      if( !h ) return;
-      SentHello s;
-      s.time = loop_.now();
-      s.intfId = m.intfId();
-      s.src = h->srcAddr();
-      s.holdTimePresent = h->holdTimePresent();
-      s.holdTime = h->holdTime();
-      s.lanPruneDelayPresent = h->lanPruneDelayPresent();
-      s.propagationDelay = h->propagationDelay();
-      s.overrideInterval = h->overrideInterval();
-      s.tBit = h->tBit();
-      s.drPriorityPresent = h->drPriorityPresent();
-      s.drPriority = h->drPriority();
-      s.generationIdPresent = h->generationIdPresent();
-      s.generationId = h->generationId();
-      s.bidirCapable = h->bidirCapable();
-      h->secondaryAddrForEach( [ & ]( const Lumo::IpGenAddr & a, bool ) { s.secondary.insert( a ); } );
-      s.interfaceIdPresent = h->interfaceIdPresent();
-      s.interfaceIdRouterId = h->interfaceIdRouterId();
-      s.interfaceIdIfIndex = h->interfaceIdIfIndex();
-      s.connectionAddrPresent = h->connectionAddrPresent();
-      s.connectionAddr = h->connectionAddr();
-      sent_.push_back( s );
+      if( h ) sent_.push_back( SentHello{ loop_.now(), m.intfId(), h } );
    }
 
    Kiv::Testing::TestLoop loop_;
@@ -358,39 +326,38 @@ class EngineFixture {
 // advertises it.
 inline void expectFullHello( const SentHello & s, const Intf & intf, std::uint32_t drPriority ) {
    EXPECT_EQ( s.intfId, intf.id() );
-   EXPECT_EQ( s.src, intf.usedAddressWithMask().address() );
-   EXPECT_TRUE( s.holdTimePresent );
-   EXPECT_EQ( s.holdTime, intf.helloHoldTime() );
-   EXPECT_TRUE( s.lanPruneDelayPresent );
-   EXPECT_EQ( s.propagationDelay, intf.propagationDelay() );
-   EXPECT_EQ( s.overrideInterval, intf.overrideInterval() );
-   EXPECT_EQ( s.tBit, intf.tBit() );
-   EXPECT_TRUE( s.drPriorityPresent );
-   EXPECT_EQ( s.drPriority, drPriority );
-   EXPECT_TRUE( s.generationIdPresent );
-   EXPECT_EQ( s.generationId, intf.generationId() );
-   EXPECT_EQ( s.bidirCapable, modeIncludesBidir( intf.mode() ) );
+   EXPECT_EQ( s->srcAddr(), intf.usedAddressWithMask().address() );
+   EXPECT_TRUE( s->holdTimePresent() );
+   EXPECT_EQ( s->holdTime(), intf.helloHoldTime() );
+   EXPECT_TRUE( s->lanPruneDelayPresent() );
+   EXPECT_EQ( s->propagationDelay(), intf.propagationDelay() );
+   EXPECT_EQ( s->overrideInterval(), intf.overrideInterval() );
+   EXPECT_EQ( s->tBit(), intf.tBit() );
+   EXPECT_TRUE( s->drPriorityPresent() );
+   EXPECT_EQ( s->drPriority(), drPriority );
+   EXPECT_TRUE( s->generationIdPresent() );
+   EXPECT_EQ( s->generationId(), intf.generationId() );
+   EXPECT_EQ( s->bidirCapable(), modeIncludesBidir( intf.mode() ) );
    std::set< Lumo::IpGenAddr > own;
    intf.secondaryAddressForEach( [ & ]( const Lumo::IpGenAddr & a, bool ) { own.insert( a ); } );
-   EXPECT_EQ( s.secondary, own );
-   EXPECT_TRUE( s.interfaceIdPresent );
-   EXPECT_EQ( s.interfaceIdRouterId, intf.portInterfaceId().routerId );
-   EXPECT_EQ( s.interfaceIdIfIndex, intf.portInterfaceId().ifIndex );
+   EXPECT_EQ( s.secondary(), own );
+   EXPECT_TRUE( s->interfaceIdPresent() );
+   EXPECT_EQ( s->interfaceIdRouterId(), intf.portInterfaceId().routerId );
+   EXPECT_EQ( s->interfaceIdIfIndex(), intf.portInterfaceId().ifIndex );
 }
 
 // A goodbye carries the hold time, the bidir flag when the mode needs it and
 // the Interface ID, and nothing else of the neighbour-facing options.
 inline void expectGoodbye( const SentHello & s, const Intf & intf, const Lumo::IpGenAddr & src ) {
    EXPECT_EQ( s.intfId, intf.id() );
-   EXPECT_EQ( s.src, src );
-   EXPECT_TRUE( s.holdTimePresent );
-   EXPECT_EQ( s.holdTime, 0 );
-   EXPECT_FALSE( s.lanPruneDelayPresent );
-   EXPECT_FALSE( s.drPriorityPresent );
-   EXPECT_FALSE( s.generationIdPresent );
-   EXPECT_TRUE( s.secondary.empty() );
-   EXPECT_EQ( s.bidirCapable, modeIncludesBidir( intf.mode() ) );
-   EXPECT_TRUE( s.interfaceIdPresent );
+   EXPECT_EQ( s->srcAddr(), src );
+   EXPECT_TRUE( s.isGoodbye() );
+   EXPECT_FALSE( s->lanPruneDelayPresent() );
+   EXPECT_FALSE( s->drPriorityPresent() );
+   EXPECT_FALSE( s->generationIdPresent() );
+   EXPECT_TRUE( s.secondary().empty() );
+   EXPECT_EQ( s->bidirCapable(), modeIncludesBidir( intf.mode() ) );
+   EXPECT_TRUE( s->interfaceIdPresent() );
 }
 
 } // namespace PimScenario

@@ -114,7 +114,7 @@ TEST( ScenarioDrElection, OwnPriorityChangeTriggersAHelloOnlyWhenTheRoleChanges 
    f.advanceBy( 1.0 );
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_NEAR( f.sent()[ 0 ].time - before, 0.6, 1e-6 );
-   EXPECT_EQ( f.sent()[ 0 ].drPriority, 10u );
+   EXPECT_EQ( f.sent()[ 0 ]->drPriority(), 10u );
 
    // Still DR, stronger: no Hello.
    f.clearSent();
@@ -131,7 +131,7 @@ TEST( ScenarioDrElection, OwnPriorityChangeTriggersAHelloOnlyWhenTheRoleChanges 
    EXPECT_TRUE( intf->triggeredHello() );
    f.advanceBy( 1.0 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].drPriority, 4u );
+   EXPECT_EQ( f.sent()[ 0 ]->drPriority(), 4u );
 }
 
 // When the router was DR on its old address, the role moves with the

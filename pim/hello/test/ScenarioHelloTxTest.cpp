@@ -50,16 +50,16 @@ TEST( ScenarioHelloTx, StartupHelloAfterThePinnedDelayThenPeriodicHellosWithoutJ
    const SentHello & s = f.sent()[ 0 ];
    EXPECT_EQ( s.time, f.t0() + 0.5 );
    expectFullHello( s, *intf, 20 );
-   EXPECT_EQ( s.holdTime, 105 );
-   EXPECT_EQ( s.propagationDelay, 700 );
-   EXPECT_EQ( s.overrideInterval, 3100 );
-   EXPECT_TRUE( s.tBit );
-   EXPECT_EQ( s.generationId, p.generationId );
-   EXPECT_FALSE( s.bidirCapable );
-   EXPECT_EQ( s.secondary, ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.201" ), ip( "198.18.0.202" ) } ) );
-   EXPECT_EQ( s.interfaceIdRouterId, 0x5E102030u );
-   EXPECT_EQ( s.interfaceIdIfIndex, 11u );
-   EXPECT_FALSE( s.connectionAddrPresent );
+   EXPECT_EQ( s->holdTime(), 105 );
+   EXPECT_EQ( s->propagationDelay(), 700 );
+   EXPECT_EQ( s->overrideInterval(), 3100 );
+   EXPECT_TRUE( s->tBit() );
+   EXPECT_EQ( s->generationId(), p.generationId );
+   EXPECT_FALSE( s->bidirCapable() );
+   EXPECT_EQ( s.secondary(), ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.201" ), ip( "198.18.0.202" ) } ) );
+   EXPECT_EQ( s->interfaceIdRouterId(), 0x5E102030u );
+   EXPECT_EQ( s->interfaceIdIfIndex(), 11u );
+   EXPECT_FALSE( s->connectionAddrPresent() );
    EXPECT_EQ( intf->lastHelloTime(), f.t0() + 0.5 );
    EXPECT_FALSE( intf->triggeredHello() );
    EXPECT_EQ( sm->helloTriggeredTimerTimeMin(), kInf );
@@ -217,14 +217,14 @@ TEST( ScenarioHelloTx, HoldTimeOrPeriodChangeSendsAtOnceAndRestartsThePeriodicTi
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_EQ( f.sent()[ 0 ].time, f.t0() + 10.0 );
-   EXPECT_EQ( f.sent()[ 0 ].holdTime, 200 );
+   EXPECT_EQ( f.sent()[ 0 ]->holdTime(), 200 );
    EXPECT_EQ( sm->helloTimerTimeMin(), f.t0() + 40.0 );
 
    f.at( 39.0 );
    EXPECT_EQ( f.sent().size(), 1u );   // no Hello at the old +30
    f.at( 40.0 );
    ASSERT_EQ( f.sent().size(), 2u );
-   EXPECT_EQ( f.sent()[ 1 ].holdTime, 200 );
+   EXPECT_EQ( f.sent()[ 1 ]->holdTime(), 200 );
 
    f.at( 50.0 );
    intf->helloPeriodIs( 10 );
@@ -256,9 +256,9 @@ TEST( ScenarioHelloTx, DisablingSendsOnlyTheGoodbyeOptionsAndForgetsEveryNeighbo
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
    expectGoodbye( f.sent()[ 0 ], *sparse, ip( "198.18.0.1" ) );
-   EXPECT_FALSE( f.sent()[ 0 ].bidirCapable );
-   EXPECT_EQ( f.sent()[ 0 ].interfaceIdRouterId, 0x5E102030u );
-   EXPECT_EQ( f.sent()[ 0 ].interfaceIdIfIndex, 11u );
+   EXPECT_FALSE( f.sent()[ 0 ]->bidirCapable() );
+   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdRouterId(), 0x5E102030u );
+   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdIfIndex(), 11u );
    EXPECT_EQ( sparse->neighborSize(), 0u );
    EXPECT_EQ( sparse->activeNeighborSize(), 0u );
    EXPECT_EQ( bidir->neighborSize(), 1u );
@@ -268,8 +268,8 @@ TEST( ScenarioHelloTx, DisablingSendsOnlyTheGoodbyeOptionsAndForgetsEveryNeighbo
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
    expectGoodbye( f.sent()[ 0 ], *bidir, ip( "198.18.1.1" ) );
-   EXPECT_TRUE( f.sent()[ 0 ].bidirCapable );
-   EXPECT_EQ( f.sent()[ 0 ].interfaceIdIfIndex, 12u );
+   EXPECT_TRUE( f.sent()[ 0 ]->bidirCapable() );
+   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdIfIndex(), 12u );
    EXPECT_EQ( bidir->neighborSize(), 0u );
 }
 
@@ -289,7 +289,7 @@ TEST( ScenarioHelloTx, AddressChangeSendsAGoodbyeFromTheOldAddressThenAHelloFrom
    ASSERT_EQ( f.sent().size(), 2u );
    expectGoodbye( f.sent()[ 0 ], *intf, ip( "198.18.0.1" ) );
    expectFullHello( f.sent()[ 1 ], *intf, 1 );
-   EXPECT_EQ( f.sent()[ 1 ].src, ip( "198.18.0.3" ) );
+   EXPECT_EQ( f.sent()[ 1 ]->srcAddr(), ip( "198.18.0.3" ) );
    EXPECT_EQ( intf->usedAddressWithMask(), ipm( "198.18.0.3/24" ) );
    EXPECT_FALSE( f.neighbor( eth1, "198.18.0.3" ) );
    EXPECT_FALSE( f.active( eth1, "198.18.0.3" ) );
@@ -302,9 +302,9 @@ TEST( ScenarioHelloTx, AddressChangeSendsAGoodbyeFromTheOldAddressThenAHelloFrom
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 2u );
    EXPECT_TRUE( f.sent()[ 0 ].isGoodbye() );
-   EXPECT_EQ( f.sent()[ 0 ].src, ip( "198.18.0.3" ) );
-   EXPECT_EQ( f.sent()[ 1 ].src, ip( "198.18.0.200" ) );
-   EXPECT_EQ( f.sent()[ 1 ].holdTime, 105 );
+   EXPECT_EQ( f.sent()[ 0 ]->srcAddr(), ip( "198.18.0.3" ) );
+   EXPECT_EQ( f.sent()[ 1 ]->srcAddr(), ip( "198.18.0.200" ) );
+   EXPECT_EQ( f.sent()[ 1 ]->holdTime(), 105 );
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.200" ) );
    EXPECT_TRUE( intf->iAmDr() );
 }
@@ -321,13 +321,13 @@ TEST( ScenarioHelloTx, OwnSecondaryAddressChangeSendsTheWholeListAtOnce ) {
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_EQ( f.sent()[ 0 ].time, f.t0() + 7.0 );
-   EXPECT_EQ( f.sent()[ 0 ].secondary,
+   EXPECT_EQ( f.sent()[ 0 ].secondary(),
               ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.201" ), ip( "198.18.0.210" ) } ) );
 
    intf->secondaryAddressDel( ip( "198.18.0.201" ) );
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 2u );
-   EXPECT_EQ( f.sent()[ 1 ].secondary, ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.210" ) } ) );
+   EXPECT_EQ( f.sent()[ 1 ].secondary(), ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.210" ) } ) );
    // The periodic timer was not touched.
    EXPECT_EQ( f.intfSm( eth1 )->helloTimerTimeMin(), f.t0() + 30.0 );
 }
@@ -346,7 +346,7 @@ TEST( ScenarioHelloTx, ModeChangeSendsNothingAndModeNoneForgetsTheNeighbors ) {
    EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
    f.at( 30.0 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_TRUE( f.sent()[ 0 ].bidirCapable );
+   EXPECT_TRUE( f.sent()[ 0 ]->bidirCapable() );
 
    intf->modeIs( pimModeNone );
    f.runUntilIdle();
@@ -409,7 +409,7 @@ TEST( ScenarioHelloTx, ReloadAloneKeepsAdvertisingOneAfterTheDrDelayExpires ) {
    EXPECT_FALSE( sm->drNotifyDelay() );
    f.at( 30.0 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].drPriority, 1u );
+   EXPECT_EQ( f.sent()[ 0 ]->drPriority(), 1u );
 
    // The re-jitter draw 0 gives no delay at all.
    f.random().push( { 0 } );
@@ -418,7 +418,7 @@ TEST( ScenarioHelloTx, ReloadAloneKeepsAdvertisingOneAfterTheDrDelayExpires ) {
    f.advanceBy( 0.0 );
    ASSERT_EQ( f.sent().size(), 2u );
    EXPECT_EQ( f.sent()[ 1 ].time, f.t0() + 30.0 );
-   EXPECT_EQ( f.sent()[ 1 ].drPriority, 50u );
+   EXPECT_EQ( f.sent()[ 1 ]->drPriority(), 50u );
 }
 
 TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpecifiedAddress ) {
@@ -432,7 +432,7 @@ TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpe
    intf->helloHoldTimeIs( 100 );
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_FALSE( f.sent()[ 0 ].connectionAddrPresent );
+   EXPECT_FALSE( f.sent()[ 0 ]->connectionAddrPresent() );
 
    // The capability appears: a triggered Hello (not a neighbour event) carries it.
    f.clearSent();
@@ -442,8 +442,8 @@ TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpe
    EXPECT_TRUE( intf->triggeredHello() );
    f.advanceBy( 0.2 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_TRUE( f.sent()[ 0 ].connectionAddrPresent );
-   EXPECT_EQ( f.sent()[ 0 ].connectionAddr, ip( "198.18.0.77" ) );
+   EXPECT_TRUE( f.sent()[ 0 ]->connectionAddrPresent() );
+   EXPECT_EQ( f.sent()[ 0 ]->connectionAddr(), ip( "198.18.0.77" ) );
    EXPECT_EQ( intf->triggeredHelloCount(), 0u );
 
    // An unspecified address is no address.
@@ -452,7 +452,7 @@ TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpe
    intf->helloHoldTimeIs( 105 );
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_FALSE( f.sent()[ 0 ].connectionAddrPresent );
+   EXPECT_FALSE( f.sent()[ 0 ]->connectionAddrPresent() );
 
    // Nor is a missing entry.
    f.clearSent();
@@ -460,7 +460,7 @@ TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpe
    intf->helloHoldTimeIs( 100 );
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_FALSE( f.sent()[ 0 ].connectionAddrPresent );
+   EXPECT_FALSE( f.sent()[ 0 ]->connectionAddrPresent() );
 
    // A goodbye carries the connection address too.
    f.clearSent();
@@ -469,8 +469,8 @@ TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpe
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
    expectGoodbye( f.sent()[ 0 ], *intf, ip( "198.18.0.1" ) );
-   EXPECT_TRUE( f.sent()[ 0 ].connectionAddrPresent );
-   EXPECT_EQ( f.sent()[ 0 ].connectionAddr, ip( "198.18.0.78" ) );
+   EXPECT_TRUE( f.sent()[ 0 ]->connectionAddrPresent() );
+   EXPECT_EQ( f.sent()[ 0 ]->connectionAddr(), ip( "198.18.0.78" ) );
 }
 
 TEST( ScenarioHelloTx, PropagationDelayBeyondFifteenBitsSendsNothing ) {
@@ -494,7 +494,7 @@ TEST( ScenarioHelloTx, PropagationDelayBeyondFifteenBitsSendsNothing ) {
    intf->helloHoldTimeIs( 90 );
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].propagationDelay, 32767 );
+   EXPECT_EQ( f.sent()[ 0 ]->propagationDelay(), 32767 );
 }
 
 TEST( ScenarioHelloTx, OnlyNeighborEventHellosAreCounted ) {
@@ -538,7 +538,7 @@ TEST( ScenarioHelloTx, OnlyNeighborEventHellosAreCounted ) {
    EXPECT_TRUE( intf->triggeredHello() );
    f.advanceBy( 2.0 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].drPriority, 5u );
+   EXPECT_EQ( f.sent()[ 0 ]->drPriority(), 5u );
    EXPECT_EQ( intf->triggeredHelloCount(), 3u );
 
    // A neighbour leaving triggers nothing.

@@ -40,7 +40,7 @@ TEST( ScenarioKernelAndStartup, MachineExistsOnlyWhileTheKernelKnowsTheInterface
    ASSERT_EQ( sent.size(), 1u );
    EXPECT_NEAR( sent[ 0 ].time - known, 0.7, 1e-6 );
    expectFullHello( sent[ 0 ], *intf, 1 );
-   EXPECT_EQ( sent[ 0 ].interfaceIdIfIndex, 21u );
+   EXPECT_EQ( sent[ 0 ]->interfaceIdIfIndex(), 21u );
 
    // The kernel forgets it: the machine goes, silently.
    f.clearSent();
@@ -249,9 +249,9 @@ TEST( ScenarioKernelAndStartup, RouterIdFromTheBridgeMacFeedsTheInterfaceId ) {
    EXPECT_EQ( intf->portInterfaceId(), ( Reliable::InterfaceId{ 0x5E102030, 42 } ) );
    f.advanceBy( 1.0 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_TRUE( f.sent()[ 0 ].interfaceIdPresent );
-   EXPECT_EQ( f.sent()[ 0 ].interfaceIdRouterId, 0x5E102030u );
-   EXPECT_EQ( f.sent()[ 0 ].interfaceIdIfIndex, 42u );
+   EXPECT_TRUE( f.sent()[ 0 ]->interfaceIdPresent() );
+   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdRouterId(), 0x5E102030u );
+   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdIfIndex(), 42u );
 
    f.vrf.bridging->bridgeMacAddrIs( mac( 0x02, 0x00, 0xfe, 0xaa, 0xbb, 0x0c ) );
    f.runUntilIdle();
@@ -259,7 +259,7 @@ TEST( ScenarioKernelAndStartup, RouterIdFromTheBridgeMacFeedsTheInterfaceId ) {
    EXPECT_EQ( intf->portInterfaceId(), ( Reliable::InterfaceId{ 0xFEAABB0C, 42 } ) );
    f.at( 30.0 );
    ASSERT_EQ( f.sent().size(), 2u );
-   EXPECT_EQ( f.sent()[ 1 ].interfaceIdRouterId, 0xFEAABB0Cu );
+   EXPECT_EQ( f.sent()[ 1 ]->interfaceIdRouterId(), 0xFEAABB0Cu );
 }
 
 } // namespace
