@@ -113,21 +113,6 @@ TEST_F( AgentTest, BootStagesCompleteTheirOwnAndIgnoreOthers ) {
                    ->waitedStage( "NetworkAgentShutdown" ) );
 }
 
-TEST_F( AgentTest, ShutdownStageStretchesTheHoldTimeAndCompletesAfterTheNotifyDelay ) {
-   start( agent4Factory( "pim" ) );
-   configureRed();
-   auto intf = agent()->pimAllStatusColl()->vrfStatus( L3::VrfName( "red" ) )->pimIntf( Lumo::IntfId( "Ethernet7" ) );
-   ASSERT_TRUE( intf );
-   EXPECT_EQ( intf->helloHoldTime(), 105 );
-   const double t0 = loop_.now();
-   ASSERT_TRUE( host_.doShutdown( { "NetworkAgentShutdown" } ) );
-   EXPECT_TRUE( agent()->asuClientShutdownStatus()->shutdown() );
-   EXPECT_EQ( intf->helloHoldTime(), 420 );
-   EXPECT_EQ( intf->helloPeriod(), 120 );
-   EXPECT_GE( loop_.now() - t0, 5.0 ) << "completed once the VRF reported after the notify delay";
-   EXPECT_TRUE( agent()->asuClientVrfStatus()->completedVrf( L3::VrfName( "red" ) ) );
-}
-
 TEST_F( AgentTest, ActiveSideMachinesFollowTheRunningVrf ) {
    start( agent4Factory( "pim" ) );
    configureRed();

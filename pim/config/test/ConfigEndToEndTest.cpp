@@ -4,9 +4,7 @@
 // expires.
 #include "ConfigSmFixture.h"
 
-#include <functional>
 
-#include "feeds/VxlanStatusSm.h"
 #include "status/PimVarnStatus.h"
 
 namespace PimConfigTest {
@@ -165,56 +163,6 @@ TEST_F( ConfigEndToEndTest, BfdPeersAskedForAreInTheStoreForTheBfdService ) {
    receiveHello( "red", "Ethernet7", "198.18.7.2", 0 );
    EXPECT_EQ( entry->peerConfigSize(), 1u );
    EXPECT_TRUE( entry->peerConfig( peer( "198.18.7.3" ) ) );
-}
-
-TEST_F( ConfigEndToEndTest, PimVlansOfTheDefaultVrfReachTheVxlanSetHoweverEnabled ) {
-   Kiv::Ptr< Application::Config > app;
-   const struct {
-      const char * how;
-      std::function< void() > enable, disable;
-   } cases[] = {
-      { "configured sparse mode",
-        [ this ] { intfConfigIs( "Vlan10", pimModeSparse ); },
-        [ this ] { intfConfigIs( "Vlan10", pimModeNone ); } },
-      { "mode none with border router",
-        [ this ] { intfConfigIs( "Vlan10", pimModeNone, true ); },
-        [ this ] { intfConfigIs( "Vlan10", pimModeNone, false ); } },
-      { "application request",
-        [ this, &app ] {
-           app = applicationIs( "igmp" );
-           app->intfModeIs( "Vlan10", pimModeSparse );
-        },
-        [ &app ] { app->intfModeDel( "Vlan10" ); } },
-   };
-   for( const auto & c : cases ) {
-      SCOPED_TRACE( c.how );
-      sm_ = nullptr;
-      configColl_->intfConfigDelAll();
-      vrfIs( "default" );
-      ipIntfIs( "Vlan10", "default", "198.18.10.1/24" );
-      ipIntfIs( "Vlan20", "default", "198.18.20.1/24" );
-      start();
-      auto pimStatus = statusColl_->vrfStatus( L3::VrfName( "default" ) );
-      ASSERT_TRUE( pimStatus );
-      auto vxlan = Kiv::make< ::Vxlan::EnabledStatus >();
-      vxlan->vlanToVniMapIs( 10, ::Vxlan::VniExtOrNone( 10010 ) );
-      vxlan->vlanToVniMapIs( 20, ::Vxlan::VniExtOrNone( 10020 ) );
-      auto out = Kiv::make< Routing::Multicast::Vxlan::Status >();
-      auto sm = Kiv::make< Routing::Pim::VxlanStatusSm >( vxlan, pimStatus, out );
-      ASSERT_TRUE( settle() );
-      EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
-
-      c.enable();
-      ASSERT_TRUE( settle() );
-      ASSERT_TRUE( pimIntf( "default", "Vlan10" ) );
-      EXPECT_TRUE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
-      EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan20" ) ) ) << "not a PIM interface";
-
-      c.disable();
-      ASSERT_TRUE( settle() );
-      EXPECT_FALSE( pimIntf( "default", "Vlan10" ) );
-      EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
-   }
 }
 
 } // namespace

@@ -49,21 +49,6 @@ TEST_F( ConfigSmAppTest, SparseRequestAloneGivesTheDefaultParameters ) {
    EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 30 );
 }
 
-TEST_F( ConfigSmAppTest, DefaultPathLeavesPortFlagsAndSourceInjectAlone ) {
-   auto app = applicationIs( "igmp" );
-   app->intfModeIs( "Ethernet1", pimModeSparse );
-   ASSERT_TRUE( settle() );
-   auto intf = pimIntf( "default", "Ethernet1" );
-   ASSERT_TRUE( intf );
-   intf->portCapabilityFlagsIs( 0x4u );
-   intf->helloPeriodIs( 99 );
-   hostInject_->configIs( Lumo::IntfId( "Ethernet1" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( intf->sourceInject() ) << "not written without a configuration";
-   EXPECT_EQ( intf->portCapabilityFlags(), 0x4u );
-   EXPECT_EQ( intf->helloPeriod(), 30 ) << "the defaults are written unconditionally";
-}
-
 TEST_F( ConfigSmAppTest, InterfaceStaysUntilNoApplicationRequestsIt ) {
    auto a = applicationIs( "igmp" );
    auto b = applicationIs( "msdp" );

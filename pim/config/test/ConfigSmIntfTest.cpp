@@ -190,21 +190,6 @@ TEST_F( ConfigSmIntfTest, ReliableTransportCapabilityNeedsAConnectionAddress ) {
    EXPECT_EQ( pimIntf( "default", "Ethernet1" )->portCapabilityFlags(), 0x4u );
 }
 
-TEST_F( ConfigSmIntfTest, SourceInjectFollowsTheHostInjectConfiguration ) {
-   intfConfigIs( "Ethernet1", pimModeSparse );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" )->sourceInject() );
-   auto entry = hostInject_->configIs( Lumo::IntfId( "Ethernet1" ), 10u );
-   ASSERT_TRUE( settle() );
-   EXPECT_TRUE( pimIntf( "default", "Ethernet1" )->sourceInject() );
-   entry->prefIs( 20 );
-   ASSERT_TRUE( settle() );
-   EXPECT_TRUE( pimIntf( "default", "Ethernet1" )->sourceInject() );
-   hostInject_->configDel( Lumo::IntfId( "Ethernet1" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" )->sourceInject() );
-}
-
 TEST_F( ConfigSmIntfTest, SecondaryAddressesAndPrefixesFollowTheIpStatus ) {
    intfConfigIs( "Ethernet1", pimModeSparse );
    ipStatus_->intfSecondaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.10.5/24" ), true );
@@ -257,19 +242,6 @@ TEST_F( ConfigSmIntfTest, WaysAnInterfaceStopsBeingPim ) {
    ipStatus_->intfDel( Lumo::IntfId( "Ethernet2" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "default", "Ethernet2" ) );
-}
-
-TEST_F( ConfigSmIntfTest, AnInterfaceMovesWithItsVrf ) {
-   vrfIs( "red" );
-   intfConfigIs( "Ethernet1", pimModeSparse );
-   ASSERT_TRUE( settle() );
-   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
-   ipStatus_->intfVrfIs( Lumo::IntfId( "Ethernet1" ), L3::VrfName( "red" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
-   ASSERT_TRUE( pimIntf( "red", "Ethernet1" ) );
-   EXPECT_TRUE( inSparseSet( "red", "Ethernet1" ) );
-   EXPECT_FALSE( inSparseSet( "default", "Ethernet1" ) );
 }
 
 // The interface inputs are missing one at a time.

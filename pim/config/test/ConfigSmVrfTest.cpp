@@ -94,29 +94,6 @@ TEST_F( ConfigSmVrfTest, DefaultVrfKeepsItsNamespaceView ) {
    EXPECT_EQ( kni_->calls.size(), 1u );
 }
 
-TEST_F( ConfigSmVrfTest, VifAndAllPimRoutersFollowEachPimInterface ) {
-   vrfIs( "default" );
-   ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
-   ipIntfIs( "Ethernet2", "default", "198.18.2.1/24" );
-   intfConfigIs( "Ethernet1", pimModeSparse );
-   start();
-   EXPECT_TRUE( vifRequested( "Ethernet1" ) );
-   EXPECT_TRUE( allPimRoutersJoined( "Ethernet1", "224.0.0.13" ) );
-   EXPECT_FALSE( vifRequested( "Ethernet2" ) );
-   EXPECT_FALSE( allPimRoutersJoined( "Ethernet2", "224.0.0.13" ) );
-
-   intfConfigIs( "Ethernet2", pimModeBidir );
-   ASSERT_TRUE( settle() );
-   EXPECT_TRUE( vifRequested( "Ethernet2" ) );
-   EXPECT_TRUE( allPimRoutersJoined( "Ethernet2", "224.0.0.13" ) );
-
-   configColl_->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( vifRequested( "Ethernet1" ) );
-   EXPECT_FALSE( allPimRoutersJoined( "Ethernet1", "224.0.0.13" ) );
-   EXPECT_TRUE( vifRequested( "Ethernet2" ) );
-}
-
 TEST_F( ConfigSmVrfTest, RemovingTheVrfConfigurationTearsDownBeforeDeletingStatus ) {
    vrfIs( "red" )->pimConfiguredIs( true );
    ipIntfIs( "Ethernet1", "red", "198.18.1.1/24" );
@@ -136,24 +113,6 @@ TEST_F( ConfigSmVrfTest, RemovingTheVrfConfigurationTearsDownBeforeDeletingStatu
    EXPECT_FALSE( mcastPimStatus_->pimEnabledSparseModeVrfHas( Vrf( "red" ) ) );
    EXPECT_FALSE( vifRequested( "Ethernet1" ) ) << "requests of deleted interfaces are withdrawn";
    EXPECT_FALSE( allPimRoutersJoined( "Ethernet1", "224.0.0.13" ) );
-}
-
-TEST_F( ConfigSmVrfTest, VrfsAreIndependent ) {
-   vrfIs( "red" );
-   vrfIs( "blue" );
-   ipIntfIs( "Ethernet1", "red", "198.18.1.1/24" );
-   ipIntfIs( "Ethernet2", "blue", "198.18.2.1/24" );
-   intfConfigIs( "Ethernet1", pimModeSparse );
-   intfConfigIs( "Ethernet2", pimModeSparse );
-   start();
-   ASSERT_TRUE( hasContainer( "red" ) && hasContainer( "blue" ) );
-   allVrfStatusLocal_->vrfDel( Vrf( "blue" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( hasContainer( "blue" ) );
-   EXPECT_FALSE( pimIntf( "blue", "Ethernet2" ) );
-   EXPECT_TRUE( hasContainer( "red" ) );
-   EXPECT_TRUE( pimIntf( "red", "Ethernet1" ) );
-   EXPECT_TRUE( allStatusColl_->vrfStatusHas( Vrf( "blue" ) ) ) << "still configured: status stays";
 }
 
 TEST_F( ConfigSmVrfTest, AnInterfaceMovedBetweenVrfsKeepsItsVifAndGroup ) {

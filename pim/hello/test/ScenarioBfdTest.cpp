@@ -155,24 +155,6 @@ TEST( ScenarioBfd, DownFromAnythingButUpChangesNothing ) {
    EXPECT_EQ( f.logged( "PIM_BFD_STATE_CHANGE" ), 1u );
 }
 
-TEST( ScenarioBfd, StatusChangesAreIgnoredWhereBfdIsOff ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   f.receive( eth1, hello( "198.18.0.2" ) );
-   EXPECT_EQ( f.vrf.bfdAppConfig->peerConfigSize(), 0u );
-   auto status = f.vrf.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
-   f.runUntilIdle();
-   status->statusIs( Bfd::operUp );
-   f.runUntilIdle();
-   status->statusIs( Bfd::operDown );
-   f.runUntilIdle();
-   EXPECT_EQ( f.neighbor( eth1, "198.18.0.2" )->bfdState(), Bfd::operDown );
-   EXPECT_EQ( intf->inactiveBfdNeighborSize(), 0u );
-   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
-   EXPECT_EQ( f.logged( "PIM_BFD_STATE_CHANGE" ), 0u );
-}
-
 TEST( ScenarioBfd, SwitchingBfdOffReleasesHeldNeighbors ) {
    EngineFixture f;
    const auto eth1 = ethernet( 1 );

@@ -111,24 +111,6 @@ TEST( ScenarioHelloTx, TriggeredDelayIsATenthStepBetweenPointOneAndTheHelloDelay
    }
 }
 
-TEST( ScenarioHelloTx, HelloDelayZeroSendsTheTriggeredHelloAtOnce ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   intf->helloDelayIs( 0 );
-   f.runUntilIdle();
-   EXPECT_TRUE( f.sent().empty() );   // nothing was pending
-
-   const auto drawnBefore = f.random().drawn();
-   f.receive( eth1, hello( "198.18.0.2" ) );
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].time, f.now() );
-   expectFullHello( f.sent()[ 0 ], *intf, 1 );
-   EXPECT_EQ( intf->triggeredHelloCount(), 1u );
-   EXPECT_FALSE( intf->triggeredHello() );
-   EXPECT_EQ( f.random().drawn(), drawnBefore );
-}
-
 TEST( ScenarioHelloTx, ChangingTheHelloDelayReArmsAPendingTriggeredHelloInWholeSeconds ) {
    EngineFixture f;
    const auto eth1 = ethernet( 1 );
@@ -394,33 +376,6 @@ TEST( ScenarioHelloTx, AdvertisedDrPriorityIsOneDuringReloadAndUntilTheDrDelayEx
    expectFullHello( f.sent()[ 2 ], *intf, 50 );
 }
 
-TEST( ScenarioHelloTx, ReloadAloneKeepsAdvertisingOneAfterTheDrDelayExpires ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   IntfParams p;
-   p.drPriority = 50;
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", p );
-   auto sm = f.intfSm( eth1 );
-
-   f.vrf.cellGlobalStatus->reloadIs( true );
-   f.runUntilIdle();
-   f.vrf.cellGlobalStatus->drDelayTimerExpiredIs( true );
-   f.runUntilIdle();
-   EXPECT_FALSE( sm->drNotifyDelay() );
-   f.at( 30.0 );
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ]->drPriority(), 1u );
-
-   // The re-jitter draw 0 gives no delay at all.
-   f.random().push( { 0 } );
-   f.vrf.cellGlobalStatus->reloadIs( false );
-   f.runUntilIdle();
-   f.advanceBy( 0.0 );
-   ASSERT_EQ( f.sent().size(), 2u );
-   EXPECT_EQ( f.sent()[ 1 ].time, f.t0() + 30.0 );
-   EXPECT_EQ( f.sent()[ 1 ]->drPriority(), 50u );
-}
-
 TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpecifiedAddress ) {
    EngineFixture f;
    const auto eth1 = ethernet( 1 );
@@ -471,30 +426,6 @@ TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpe
    expectGoodbye( f.sent()[ 0 ], *intf, ip( "198.18.0.1" ) );
    EXPECT_TRUE( f.sent()[ 0 ]->connectionAddrPresent() );
    EXPECT_EQ( f.sent()[ 0 ]->connectionAddr(), ip( "198.18.0.78" ) );
-}
-
-TEST( ScenarioHelloTx, PropagationDelayBeyondFifteenBitsSendsNothing ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   const double lastHello = intf->lastHelloTime();
-   const auto exceptionsBefore = f.loop().manager().notificationExceptions();
-
-   intf->propagationDelayIs( 32768 );
-   f.runUntilIdle();
-   f.at( 31.0 );
-   EXPECT_TRUE( f.sent().empty() );
-   EXPECT_EQ( intf->lastHelloTime(), lastHello );
-   EXPECT_GT( f.loop().manager().notificationExceptions(), exceptionsBefore );
-   EXPECT_EQ( f.loop().manager().lastNotificationException(),
-              "HelloPropagationDelay::value < HelloPropagationDelay::min or > HelloPropagationDelay::max not allowed" );
-
-   // 32767 is still a valid value.
-   intf->propagationDelayIs( 32767 );
-   intf->helloHoldTimeIs( 90 );
-   f.runUntilIdle();
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ]->propagationDelay(), 32767 );
 }
 
 TEST( ScenarioHelloTx, OnlyNeighborEventHellosAreCounted ) {

@@ -147,34 +147,6 @@ TEST( ScenarioKernelAndStartup, StartupReconcilesWhatAnEarlierRunLeftBehind ) {
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.1" ) );
 }
 
-TEST( ScenarioKernelAndStartup, StartupDeadlineRuleAppliesToEveryLeftoverNeighborWhateverItsHoldTime ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   IntfParams p;
-   p.kernelKnown = false;
-   auto intf = f.addIntf( eth1, "198.18.0.1/24", p );
-   f.at( 70000.0 );
-   const double now = f.now();
-   const LanPruneDelayOption lpdT{ true, 500, 2500, true };
-   auto stale = intf->neighborIs( ip( "198.18.0.2" ), eth1, 0xFFFF, DrPriorityOption{ true, 1 },
-                                  GenerationIdOption{ true, 1 }, lpdT );
-   stale->lastRefreshTimeIs( now - 65535 );   // lastRefreshTime + holdTime == now
-   auto fresh = intf->neighborIs( ip( "198.18.0.3" ), eth1, 0xFFFF, DrPriorityOption{ true, 1 },
-                                  GenerationIdOption{ true, 1 }, lpdT );
-   fresh->lastRefreshTimeIs( now - 100 );
-   f.runUntilIdle();
-
-   f.kernelAdd( eth1, 11 );
-   f.runUntilIdle();
-   ASSERT_TRUE( f.intfSm( eth1 ) );
-   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
-   ASSERT_TRUE( f.neighbor( eth1, "198.18.0.3" ) );
-   // The survivor keeps its never-expiring timer.
-   ASSERT_TRUE( f.intfSm( eth1 )->neighborSm( ip( "198.18.0.3" ) ) );
-   EXPECT_EQ( f.intfSm( eth1 )->neighborSm( ip( "198.18.0.3" ) )->neighborTimerTimeMin(),
-              std::numeric_limits< double >::infinity() );
-}
-
 TEST( ScenarioKernelAndStartup, StartupHoldsOutANeighborWhoseBfdSessionIsDown ) {
    EngineFixture f;
    const auto eth1 = ethernet( 1 );

@@ -57,20 +57,6 @@ TEST( IntfIdTest, RecognisesVlanInterfaces ) {
    }
 }
 
-TEST( IntfIdTest, OrderAndHashByName ) {
-   std::vector< IntfId > v = { "Vlan100", "Ethernet2", "Ethernet10", "veth-r1", "Ethernet1" };
-   std::sort( v.begin(), v.end() );
-   std::vector< std::string > names;
-   for( const auto & i : v ) names.push_back( valueToStrep( i ) );
-   EXPECT_EQ( names, ( std::vector< std::string >{ "Ethernet1", "Ethernet10", "Ethernet2", "Vlan100",
-                                                   "veth-r1" } ) );
-   EXPECT_EQ( std::hash< IntfId >()( IntfId( "Vlan100" ) ), std::hash< IntfId >()( IntfId::fromVlan( 100 ) ) );
-   std::unordered_set< IntfId > set( v.begin(), v.end() );
-   set.insert( IntfId( std::string( "Ethernet1" ) ) );
-   EXPECT_EQ( set.size(), 5u );
-   EXPECT_TRUE( set.count( "veth-r1" ) );
-}
-
 // The text form round-trips whole; printing is the text itself.
 template< class T >
 void expectRoundTrips( std::initializer_list< std::string_view > samples ) {

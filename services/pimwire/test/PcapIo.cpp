@@ -20,17 +20,6 @@ std::uint32_t rd32( const std::uint8_t * p, bool swap ) {
 
 std::uint16_t be16( const std::uint8_t * p ) { return std::uint16_t( ( p[ 0 ] << 8 ) | p[ 1 ] ); }
 
-void putBe16( std::uint8_t * p, std::uint16_t v ) {
-   p[ 0 ] = std::uint8_t( v >> 8 );
-   p[ 1 ] = std::uint8_t( v );
-}
-
-void putLe32( Bytes & out, std::uint32_t v ) {
-   for ( int i = 0; i < 4; ++i ) {
-      out.push_back( std::uint8_t( v >> ( 8 * i ) ) );
-   }
-}
-
 std::optional< std::vector< Bytes > > readClassic( const Bytes & f ) {
    if ( f.size() < 24 ) {
       return std::nullopt;
@@ -108,17 +97,6 @@ std::optional< std::vector< Bytes > > readNg( const Bytes & f ) {
    return frames;
 }
 
-std::uint16_t ipv4HeaderChecksum( const std::uint8_t * h ) {
-   std::uint32_t sum = 0;
-   for ( int i = 0; i < 20; i += 2 ) {
-      sum += be16( h + i );
-   }
-   while ( sum >> 16 ) {
-      sum = ( sum & 0xffff ) + ( sum >> 16 );
-   }
-   return std::uint16_t( ~sum );
-}
-
 } // namespace
 
 std::optional< std::vector< Bytes > > readCaptureFrames( const std::string & path ) {
@@ -185,62 +163,6 @@ std::optional< PimPacket > pimFromFrame( const Bytes & frame ) {
       return p;
    }
    return std::nullopt;
-}
-
-Bytes frameForPim( const PimPacket & p ) {
-   Bytes f;
-   const bool v6 = p.family == Family::ipv6;
-   // Multicast MAC of the destination group, locally administered source.
-   if ( v6 ) {
-      f = { 0x33, 0x33, p.dst.bytes[ 12 ], p.dst.bytes[ 13 ], p.dst.bytes[ 14 ], p.dst.bytes[ 15 ] };
-   } else {
-      f = { 0x01, 0x00, 0x5e, std::uint8_t( p.dst.bytes[ 1 ] & 0x7f ), p.dst.bytes[ 2 ],
-            p.dst.bytes[ 3 ] };
-   }
-   f.insert( f.end(), { 0x02, 0x00, 0x00, 0x00, 0x00, 0x01 } );
-   f.push_back( v6 ? 0x86 : 0x08 );
-   f.push_back( v6 ? 0xdd : 0x00 );
-   if ( v6 ) {
-      std::uint8_t h[ 40 ] = { 0x60, 0, 0, 0 };
-      putBe16( h + 4, std::uint16_t( p.payload.size() ) );
-      h[ 6 ] = PimWire::kIpProtoPim;
-      h[ 7 ] = 1;
-      std::memcpy( h + 8, p.src.bytes.data(), 16 );
-      std::memcpy( h + 24, p.dst.bytes.data(), 16 );
-      f.insert( f.end(), h, h + 40 );
-   } else {
-      std::uint8_t h[ 20 ] = { 0x45, 0xc0 };
-      putBe16( h + 2, std::uint16_t( 20 + p.payload.size() ) );
-      h[ 8 ] = 1;
-      h[ 9 ] = PimWire::kIpProtoPim;
-      std::memcpy( h + 12, p.src.bytes.data(), 4 );
-      std::memcpy( h + 16, p.dst.bytes.data(), 4 );
-      putBe16( h + 10, ipv4HeaderChecksum( h ) );
-      f.insert( f.end(), h, h + 20 );
-   }
-   f.insert( f.end(), p.payload.begin(), p.payload.end() );
-   return f;
-}
-
-bool writePcap( const std::string & path, const std::vector< Bytes > & frames ) {
-   Bytes out;
-   putLe32( out, 0xa1b2c3d4 );
-   out.insert( out.end(), { 2, 0, 4, 0 } ); // version 2.4
-   putLe32( out, 0 );
-   putLe32( out, 0 );
-   putLe32( out, 65535 );
-   putLe32( out, 1 ); // Ethernet
-   std::uint32_t sec = 1;
-   for ( const Bytes & fr : frames ) {
-      putLe32( out, sec++ );
-      putLe32( out, 0 );
-      putLe32( out, std::uint32_t( fr.size() ) );
-      putLe32( out, std::uint32_t( fr.size() ) );
-      out.insert( out.end(), fr.begin(), fr.end() );
-   }
-   std::ofstream o( path, std::ios::binary );
-   o.write( reinterpret_cast< const char * >( out.data() ), std::streamsize( out.size() ) );
-   return bool( o );
 }
 
 } // namespace PimWireTest

@@ -145,50 +145,6 @@ TEST_F( SimLanTest, DeliversToEveryOtherInterfaceButNotBackToTheSender ) {
    EXPECT_EQ( a_->received.size(), 1u );
 }
 
-TEST_F( SimLanTest, SegmentsAreSeparateAndUnattachedSendsAreCounted ) {
-   lan_->segmentIs( "left" );
-   lan_->segmentIs( "right" );
-   Node & a = node( "a" );
-   Node & b = node( "b" );
-   Node & c = node( "c" );
-   a.endpoint->attach( "Ethernet1", "left" );
-   b.endpoint->attach( "Ethernet1", "left" );
-   c.endpoint->attach( "Ethernet1", "right" );
-   a.send( "Ethernet1", ip( "198.18.1.1" ), 105 );
-   a.send( "Ethernet9", ip( "198.18.9.1" ), 105 );
-   settle();
-   EXPECT_EQ( b.received.size(), 1u );
-   EXPECT_TRUE( c.received.empty() );
-   EXPECT_EQ( a.counters().txFrames, 1u );
-   EXPECT_EQ( a.counters().txNotAttached, 1u );
-   // Re-attaching moves the interface: c now hears the left segment only.
-   c.endpoint->attach( "Ethernet1", "left" );
-   EXPECT_EQ( lan_->segment( "right" )->attachedCount(), 0u );
-   a.send( "Ethernet1", ip( "198.18.1.1" ), 105 );
-   settle();
-   EXPECT_EQ( c.received.size(), 1u );
-}
-
-TEST_F( SimLanTest, DeliveryWaitsForTheSegmentDelayOnVirtualTime ) {
-   threeOnOneSegment( 0.25 );
-   const double t0 = loop_.now();
-   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
-   ASSERT_TRUE( loop_.advanceTo( t0 + 0.249 ) );
-   EXPECT_TRUE( b_->received.empty() );
-   EXPECT_EQ( b_->endpoint->pendingFrames(), 1u );
-   ASSERT_TRUE( loop_.advanceTo( t0 + 0.3 ) );
-   ASSERT_EQ( b_->received.size(), 1u );
-   EXPECT_DOUBLE_EQ( b_->received[ 0 ].time, t0 + 0.25 );
-
-   // A delay change applies to frames sent afterwards.
-   lan_->segment( "lan" )->delayIs( 2.0 );
-   const double t1 = loop_.now();
-   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
-   ASSERT_TRUE( loop_.advanceTo( t1 + 3.0 ) );
-   ASSERT_EQ( b_->received.size(), 2u );
-   EXPECT_DOUBLE_EQ( b_->received[ 1 ].time, t1 + 2.0 );
-}
-
 TEST_F( SimLanTest, SimultaneousHellosReachADeferredReaderOneByOne ) {
    threeOnOneSegment();
    // Five Hellos due at the same instant: a deferred, coalescing reader of
@@ -207,56 +163,6 @@ TEST_F( SimLanTest, SimultaneousHellosReachADeferredReaderOneByOne ) {
    }
    EXPECT_EQ( a_->received.size(), 2u );
    EXPECT_EQ( c_->received.size(), 3u );
-}
-
-TEST_F( SimLanTest, CutSegmentCarriesNothingUntilHealed ) {
-   threeOnOneSegment( 0.5 );
-   SimLan::Segment & lan = *lan_->segment( "lan" );
-   lan.cutIs( true );
-   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
-   settle();
-   EXPECT_TRUE( b_->received.empty() );
-   EXPECT_TRUE( c_->received.empty() );
-   EXPECT_EQ( b_->counters().rxCut, 1u );
-   EXPECT_EQ( c_->counters().rxCut, 1u );
-
-   lan.cutIs( false );
-   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
-   settle();
-   EXPECT_EQ( b_->received.size(), 1u );
-   EXPECT_EQ( c_->received.size(), 1u );
-
-   // A frame in flight when the cut happens is lost with the cut.
-   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
-   ASSERT_TRUE( loop_.advanceBy( 0.2 ) );
-   lan.cutIs( true );
-   ASSERT_TRUE( loop_.advanceBy( 0.5 ) );
-   lan.cutIs( false );
-   settle();
-   EXPECT_EQ( b_->received.size(), 1u );
-   EXPECT_EQ( b_->counters().rxCut, 2u );
-}
-
-TEST_F( SimLanTest, DetachedInterfaceAndDownEndpointHearNothing ) {
-   threeOnOneSegment();
-   b_->endpoint->detach( "Ethernet1" );
-   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
-   b_->send( "Ethernet1", ip( "198.18.1.2" ), 105 );
-   settle();
-   EXPECT_TRUE( b_->received.empty() );
-   EXPECT_EQ( c_->received.size(), 1u ) << "a detached interface does not send either";
-   EXPECT_EQ( b_->counters().txNotAttached, 1u );
-
-   b_->endpoint->attach( "Ethernet1", "lan" );
-   c_->endpoint->upIs( false );
-   a_->send( "Ethernet1", ip( "198.18.1.1" ), 105 );
-   c_->send( "Ethernet1", ip( "198.18.1.3" ), 105 );
-   settle();
-   EXPECT_EQ( b_->received.size(), 1u );
-   EXPECT_EQ( b_->received[ 0 ].src, ip( "198.18.1.1" ) );
-   EXPECT_EQ( c_->received.size(), 1u );
-   EXPECT_EQ( c_->counters().rxDetached, 1u );
-   EXPECT_EQ( c_->counters().txWhileDown, 1u );
 }
 
 TEST_F( SimLanTest, DamagedFramesAreRejectedByReason ) {
@@ -336,15 +242,6 @@ TEST_F( SimLanTest, HelloCrossesTheWireWithEveryOption ) {
    EXPECT_EQ( b.counters().rejected(), 0u );
    EXPECT_EQ( quiet.counters().rxNoMailbox, 2u );
    EXPECT_EQ( quiet.counters().rxFrames, 0u );
-}
-
-TEST_F( SimLanTest, InvalidSegmentSettingsAreRefused ) {
-   SimLan::Segment & s = lan_->segmentIs( "lan" );
-   EXPECT_THROW( s.lossIs( 1.5 ), std::invalid_argument );
-   EXPECT_THROW( s.lossIs( -0.1 ), std::invalid_argument );
-   EXPECT_THROW( s.delayIs( -1.0 ), std::invalid_argument );
-   EXPECT_EQ( &lan_->segmentIs( "lan", 5.0 ), &s ) << "an existing segment is returned unchanged";
-   EXPECT_DOUBLE_EQ( s.delay(), SimLan::Segment::kDefaultDelay );
 }
 
 // Loss: which copies are lost follows the activity manager's random source.

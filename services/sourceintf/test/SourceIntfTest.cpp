@@ -57,15 +57,6 @@ TEST_F( SourceIntfFixture, AddressFollowsThePrimaryWhileInTheVrf ) {
    EXPECT_EQ( src->ipAddr(), a( "198.18.0.4" ) );
 }
 
-TEST_F( SourceIntfFixture, InterfaceThatAppearsLaterIsPickedUp ) {
-   auto src = sm_->registerSourceIntf( "Loopback1" );
-   EXPECT_TRUE( src->ipAddr().isEmpty() );
-   ip_->intfVrfIs( "Loopback1", "red" );
-   ip_->intfPrimaryIs( "Loopback1", aw( "198.18.1.1/32" ) );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_EQ( src->ipAddr(), a( "198.18.1.1" ) );
-}
-
 TEST_F( SourceIntfFixture, DestroyingTheRegistryRemovesItsEntries ) {
    sm_->registerSourceIntf( "Loopback0" );
    sm_->registerSourceIntf( "Loopback1" );
