@@ -39,7 +39,7 @@ TEST_F( ConfigSmAppTest, SparseRequestAloneGivesTheDefaultParameters ) {
    intfConfigIs( "Ethernet1", pimModeSparse )->helloIntervalIs( 10 );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 10 );
-   configColl_->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+   configColl->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
    app->intfModeIs( "Ethernet1", pimModeBidir );
@@ -69,15 +69,15 @@ TEST_F( ConfigSmAppTest, ApplicationMachinesLiveWithTheDefaultVrf ) {
    applicationIs( "msdp" );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( sm_->appConfigSmSize(), 2u );
-   vrfEnabledStatus_->vrfIs( Vrf( "default" ), false );
+   vrfEnabledStatus->vrfIs( Vrf( "default" ), false );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( sm_->appConfigSmSize(), 0u );
    EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
-   vrfEnabledStatus_->vrfIs( Vrf( "default" ), true );
+   vrfEnabledStatus->vrfIs( Vrf( "default" ), true );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( sm_->appConfigSmSize(), 2u );
    EXPECT_TRUE( pimIntf( "default", "Ethernet1" ) );
-   appDir_->entryDel( Kiv::Name( "msdp" ) );
+   appDir->entryDel( Kiv::Name( "msdp" ) );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( sm_->appConfigSmSize(), 1u );
 }

@@ -21,7 +21,7 @@ struct DrDelayExpiries : CellGlobalStatus::NotifieeConst {
 class ConfigSmDrStartupTest : public ConfigSmFixture {
  protected:
    void SetUp() override { vrfIs( "default" ); }
-   DrDelayExpiries expiries_{ cellGlobalStatus_ };
+   DrDelayExpiries expiries_{ cellGlobalStatus };
 };
 
 // After a reload the DR election waits a fixed hold-off (longer while MLAG
@@ -43,24 +43,24 @@ TEST_F( ConfigSmDrStartupTest, ReloadHoldsOffThenRunsTheDrDelayOnce ) {
    for( const auto & c : cases ) {
       SCOPED_TRACE( c.what );
       sm_ = nullptr;
-      cellGlobalStatus_->reloadIs( c.reload );
-      mlag_->portsErrdisabledIs( c.mlagDownFor > 0 );
-      configColl_->globalConfig()->drDelayIs( c.drDelay );
+      cellGlobalStatus->reloadIs( c.reload );
+      mlag->portsErrdisabledIs( c.mlagDownFor > 0 );
+      configColl->globalConfig()->drDelayIs( c.drDelay );
       expiries_.count = 0;
       const double t0 = loop_.now();
       start();
       if( c.mlagDownFor > 0 ) {
          ASSERT_TRUE( loop_.advanceTo( t0 + c.mlagDownFor ) );
-         EXPECT_TRUE( cellGlobalStatus_->reload() );
+         EXPECT_TRUE( cellGlobalStatus->reload() );
          EXPECT_EQ( sm_->drDelayTimerTimeMin(), Kiv::kNever );
-         mlag_->portsErrdisabledIs( false );
+         mlag->portsErrdisabledIs( false );
          ASSERT_TRUE( settle() );
       }
       if( c.reloadEnds != kNo ) {
          ASSERT_TRUE( loop_.advanceTo( t0 + c.reloadEnds - 0.1 ) );
-         EXPECT_TRUE( cellGlobalStatus_->reload() );
+         EXPECT_TRUE( cellGlobalStatus->reload() );
          ASSERT_TRUE( loop_.advanceTo( t0 + c.reloadEnds ) );
-         EXPECT_FALSE( cellGlobalStatus_->reload() );
+         EXPECT_FALSE( cellGlobalStatus->reload() );
          EXPECT_EQ( expiries_.count, c.expiry == c.reloadEnds ? 1 : 0 );
          ASSERT_TRUE( loop_.advanceTo( t0 + c.expiry - 0.1 ) );
          EXPECT_EQ( expiries_.count, c.expiry == c.reloadEnds ? 1 : 0 );
@@ -71,7 +71,7 @@ TEST_F( ConfigSmDrStartupTest, ReloadHoldsOffThenRunsTheDrDelayOnce ) {
          EXPECT_EQ( sm_->drDelayTimerTimeMin(), Kiv::kNever );
       }
       ASSERT_TRUE( loop_.advanceBy( 3600.0 ) );
-      EXPECT_FALSE( cellGlobalStatus_->reload() );
+      EXPECT_FALSE( cellGlobalStatus->reload() );
       EXPECT_EQ( expiries_.count, c.reload ? 1 : 0 ) << "one start-up sequence";
    }
 }
@@ -82,12 +82,12 @@ TEST_F( ConfigSmAsuTest, ShutdownStageCompletesWhenTheLastParticipatingVrfComple
    vrfIs( "default" );
    vrfIs( "red" )->pimConfiguredIs( true );
    start();
-   asuVrfStatus_->participatingVrfIs( Vrf( "default" ), true );
-   asuVrfStatus_->participatingVrfIs( Vrf( "red" ), true );
-   asuVrfStatus_->completedVrfIs( Vrf( "default" ), true );
+   asuVrfStatus->participatingVrfIs( Vrf( "default" ), true );
+   asuVrfStatus->participatingVrfIs( Vrf( "red" ), true );
+   asuVrfStatus->completedVrfIs( Vrf( "default" ), true );
    ASSERT_TRUE( settle() );
    EXPECT_TRUE( stages_.empty() );
-   asuVrfStatus_->completedVrfIs( Vrf( "red" ), true );
+   asuVrfStatus->completedVrfIs( Vrf( "red" ), true );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( stages_, std::vector< std::string >{ "NetworkAgentShutdown" } );
 }
@@ -106,17 +106,17 @@ TEST_F( ConfigSmAsuTest, ShutdownFlowsThroughTheContainersToTheStage ) {
    ASSERT_TRUE( settle() );
    ASSERT_TRUE( hasContainer( "default" ) );
    ASSERT_TRUE( hasContainer( "red" ) );
-   asuVrfStatus_->participatingVrfIs( Vrf( "default" ), true );
-   asuVrfStatus_->participatingVrfIs( Vrf( "red" ), true );
+   asuVrfStatus->participatingVrfIs( Vrf( "default" ), true );
+   asuVrfStatus->participatingVrfIs( Vrf( "red" ), true );
    const double t0 = loop_.now();
-   asuShutdown_->shutdownIs( true );
+   asuShutdown->shutdownIs( true );
    ASSERT_TRUE( loop_.advanceTo( t0 + 4.9 ) );
    EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloHoldTime(), 420 );
    EXPECT_EQ( pimIntf( "red", "Ethernet2" )->helloPeriod(), 120 );
    EXPECT_TRUE( stages_.empty() );
    ASSERT_TRUE( loop_.advanceTo( t0 + 5.0 ) );
-   EXPECT_TRUE( asuVrfStatus_->completedVrf( Vrf( "default" ) ) );
-   EXPECT_TRUE( asuVrfStatus_->completedVrf( Vrf( "red" ) ) );
+   EXPECT_TRUE( asuVrfStatus->completedVrf( Vrf( "default" ) ) );
+   EXPECT_TRUE( asuVrfStatus->completedVrf( Vrf( "red" ) ) );
    EXPECT_EQ( stages_, std::vector< std::string >{ "NetworkAgentShutdown" } );
 }
 
@@ -137,7 +137,7 @@ TEST_F( ConfigSmClearTest, ClearCountersZeroesTheVrfCounterTable ) {
    ASSERT_TRUE( counters );
    counters->rxInc( 0, 7 );
    counters->txInc( 0, 3 );
-   auto clear = clearConfigColl_->vrfClearConfigIs( Vrf( "default" ) );
+   auto clear = clearConfigColl->vrfClearConfigIs( Vrf( "default" ) );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( counters->rx( 0 ), 7u ) << "a new request entry is not a request";
    clear->countersCountInc();
@@ -146,7 +146,7 @@ TEST_F( ConfigSmClearTest, ClearCountersZeroesTheVrfCounterTable ) {
    EXPECT_EQ( counters->tx( 0 ), 0u );
 
    // A VRF without PIM: dropped.
-   auto other = clearConfigColl_->vrfClearConfigIs( Vrf( "blue" ) );
+   auto other = clearConfigColl->vrfClearConfigIs( Vrf( "blue" ) );
    ASSERT_TRUE( settle() );
    other->countersCountInc();
    ASSERT_TRUE( settle() );
@@ -160,7 +160,7 @@ TEST_F( ConfigSmClearTest, ClearMulticastRoutesRegeneratesGenerationIdsOnlyWhenI
    const std::uint32_t g1 = e1->generationId();
    const std::uint32_t g2 = e2->generationId();
 
-   auto request = clearMroute_->vrfClearMrouteConfigIs( Vrf( "default" ) );
+   auto request = clearMroute->vrfClearMrouteConfigIs( Vrf( "default" ) );
    request->requestFlagsIs( 1u << 2 );   // a bit this agent does not act on
    ASSERT_TRUE( settle() );
    request->routesCountInc();
