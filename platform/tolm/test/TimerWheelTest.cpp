@@ -165,8 +165,9 @@ TEST_F( TimerWheelTest, OnTimeMayReleaseTheLastReferenceToItsWheel ) {
    EXPECT_EQ( second.fired(), 0 );
 }
 
-// A NaN deadline is a programming error: debug builds stop, release builds
-// leave the timer as it was.
+// A NaN deadline is a programming error: with assertions (every preset of
+// this project keeps them) the process stops; without them the timer is left
+// as it was.
 TEST_F( TimerWheelTest, NanDeadlineLeavesTheTimerAsItWas ) {
    Timer armed( wheel_.ptr() ), idle( wheel_.ptr() );
    armed.timeMinIs( 5.0 );

@@ -255,27 +255,4 @@ TEST( ShmTable, HundredThousandRowsWithDeletesAndReuse ) {
    ASSERT_NE( t->row( &k7 ), nullptr );
 }
 
-TEST( ShmTable, MountedTablesAreNamedByPathAndRemovedAtCleanup ) {
-   const std::string dir = uniqueDir( "mount" ) + "/odd.name";
-   ShmTableStore store( dir );
-   Directory directory( store );
-   directory.typeIs( "T", []( const std::string & path, const MountInfo &, TableStore & s ) {
-      struct E : Kiv::Entity {
-         E( const std::string & p, TableStore & s )
-               : Kiv::Entity( Kiv::Name( p ) ), t( s.tableIs( "rows", 16, 4, 4 ) ) {}
-         const char * typeName() const override { return "T"; }
-         std::unique_ptr< RowTable > t;
-      };
-      return Kiv::Ptr< Kiv::Entity >( new E( path, s ) );
-   } );
-   auto mount = Kiv::make< Mount >( directory );
-   mount->doMount( "routing/x/vrf.1", "w", MountInfo( "T", {} ) );
-   EXPECT_EQ( tablePaths( dir ), std::vector< std::string >{ "routing/x/vrf.1/rows" } );
-   EXPECT_TRUE( TableReader::open( dir, "routing/x/vrf.1/rows" ) );
-   EXPECT_TRUE( tablePaths( dir + "x" ).empty() );
-   mount->doUnmount( "routing/x/vrf.1" );
-   mount->cleanup( "routing/x/vrf.1" );
-   EXPECT_TRUE( tablePaths( dir ).empty() );
-}
-
 } // namespace
