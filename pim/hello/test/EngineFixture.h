@@ -1,19 +1,15 @@
 #pragma once
-// One VRF of the Hello engine, driven on virtual time: the status entities,
-// the receive mailbox (Hellos go in one per loop turn, as the I/O service
-// hands them over), a recorder of every Hello handed to the transmit mailbox,
-// and captures of trace lines and structured logs.
-//
-// Random delays: a ScriptedRandom is installed for the whole test. It answers
-// from its script while it has values and from a seeded source afterwards,
-// so a test pins a delay by pushing the draw right before the event that
-// makes it. Interface creation draws the generation id from the loop's own
-// seeded source, so it never eats a scripted value.
+// One VRF of the Hello engine on virtual time, with a recorder of every Hello
+// handed to the transmit mailbox and captures of traces and structured logs.
+// A test pins a random delay by pushing the draw right before the event that
+// makes it; the generation id of a new interface never eats a scripted value.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
+#include <algorithm>
 #include <deque>
+#include <iterator>
 #include <initializer_list>
 #include <optional>
 #include <set>
@@ -37,9 +33,8 @@ inline Lumo::IpGenAddrWithMask ipm( std::string_view s ) {
 }
 inline Lumo::IntfId ethernet( int n ) { return Lumo::IntfId( "Ethernet" + std::to_string( n ) ); }
 
-// Each test starts its clock far from every other test's, so that the
-// per-message rate limits of the static log handles (one token per second)
-// never carry a spent budget from one test into the next.
+// Each test starts its clock far from the others', so the static log handles'
+// rate limits never carry a spent budget from one test into the next.
 inline double nextStartTime() {
    static int n = 0;
    return 1.0e6 * ++n;
@@ -51,9 +46,7 @@ class ScriptedRandom final : public Kiv::Random {
    void push( std::initializer_list< std::uint32_t > values ) {
       script_.insert( script_.end(), values.begin(), values.end() );
    }
-   std::uint64_t drawn() const { return drawn_; }
    std::uint32_t rand() override {
-      ++drawn_;
       if( script_.empty() ) return fallback_.rand();
       const std::uint32_t v = script_.front();
       script_.pop_front();
@@ -63,11 +56,9 @@ class ScriptedRandom final : public Kiv::Random {
  private:
    std::deque< std::uint32_t > script_;
    Kiv::SeededRandom fallback_;
-   std::uint64_t drawn_ = 0;
 };
 
-// The draw that makes a triggered-Hello delay of `tenths` tenths of a second
-// (the delay is (rand mod (10 x helloDelay) + 1) / 10).
+// The draw that makes a triggered-Hello delay of `tenths` tenths of a second.
 inline std::uint32_t drawForTenths( std::uint32_t tenths ) { return tenths - 1; }
 
 // A Hello as a neighbour sends it. Options are absent unless set.
@@ -99,18 +90,9 @@ struct HelloBuilder {
    Kiv::Ptr< Packet::HelloMessage > build() const {
       auto h = Kiv::make< Packet::HelloMessage >();
       h->srcAddrIs( src );
-      if( holdTime ) {
-         h->holdTimePresentIs( true );
-         h->holdTimeIs( *holdTime );
-      }
-      if( drPriority ) {
-         h->drPriorityPresentIs( true );
-         h->drPriorityIs( *drPriority );
-      }
-      if( generationId ) {
-         h->generationIdPresentIs( true );
-         h->generationIdIs( *generationId );
-      }
+      if( holdTime ) h->holdTimePresentIs( true ), h->holdTimeIs( *holdTime );
+      if( drPriority ) h->drPriorityPresentIs( true ), h->drPriorityIs( *drPriority );
+      if( generationId ) h->generationIdPresentIs( true ), h->generationIdIs( *generationId );
       if( lanPruneDelay ) {
          h->lanPruneDelayPresentIs( true );
          h->propagationDelayIs( lanPruneDelay->propagationDelay );
@@ -123,10 +105,8 @@ struct HelloBuilder {
          h->portOptionPresentIs( true );
          h->portCapabilityFlagsIs( port->capabilityFlags );
          h->portTransportIs( static_cast< std::uint8_t >( port->transport ) );
-         if( !port->connectionAddr.isEmpty() ) {
-            h->connectionAddrPresentIs( true );
-            h->connectionAddrIs( port->connectionAddr );
-         }
+         if( !port->connectionAddr.isEmpty() )
+            h->connectionAddrPresentIs( true ), h->connectionAddrIs( port->connectionAddr );
          h->portSecondAddrIs( port->secondAddr );
       }
       return h;
@@ -134,13 +114,12 @@ struct HelloBuilder {
 };
 
 inline HelloBuilder hello( std::string_view src ) {
-   HelloBuilder s;
-   s.src = ip( src );
-   return s;
+   HelloBuilder h;
+   h.src = ip( src );
+   return h;
 }
 
-// One Hello handed to the transmit mailbox: when, on which interface, and
-// the message itself (every send makes a new one).
+// One Hello handed to the transmit mailbox (every send makes a new message).
 struct SentHello {
    double time = 0.0;
    Lumo::IntfId intfId;
@@ -198,7 +177,6 @@ class EngineFixture {
    EngineFixture( const EngineFixture & ) = delete;
    EngineFixture & operator=( const EngineFixture & ) = delete;
 
-   // ---- time --------------------------------------------------------------
    Kiv::Testing::TestLoop & loop() { return loop_; }
    double t0() const { return t0_; }
    double now() const { return loop_.now(); }
@@ -209,12 +187,9 @@ class EngineFixture {
    void advanceBy( double d ) { EXPECT_TRUE( loop_.advanceBy( d ) ); }
    ScriptedRandom & random() { return random_; }
 
-   // ---- interfaces -----------------------------------------------------------
-   // Creates the PIM interface with its attributes (and, unless told
-   // otherwise, its kernel entry) and lets the engine react.
+   // Creates the PIM interface (and, unless told otherwise, its kernel entry).
    Kiv::Ptr< Intf > addIntf( const Lumo::IntfId & id, std::string_view addressWithMask,
                              const IntfParams & p = {} ) {
-      // The generation id draw must not consume a scripted value.
       loop_.manager().randomIs( &loop_.random() );
       auto intf = vrf.allStatus->pimIntfIs( id, ipm( addressWithMask ) );
       loop_.manager().randomIs( &random_ );
@@ -233,8 +208,7 @@ class EngineFixture {
       runUntilIdle();
       return intf;
    }
-   // addIntf, then lets the start-up Hello go (it leaves within 0.1..1.0 s)
-   // and forgets it, so the test starts from a quiet interface.
+   // addIntf, then lets the start-up Hello go and forgets it.
    Kiv::Ptr< Intf > startIntf( const Lumo::IntfId & id, std::string_view addressWithMask,
                                const IntfParams & p = {} ) {
       auto intf = addIntf( id, addressWithMask, p );
@@ -247,7 +221,6 @@ class EngineFixture {
    Kiv::Ptr< Intf > intf( const Lumo::IntfId & id ) const { return vrf.allStatus->pimIntf( id ); }
    Kiv::Ptr< IntfSm > intfSm( const Lumo::IntfId & id ) const { return vrf.global->intfSm( id ); }
 
-   // ---- receive --------------------------------------------------------------
    void receive( const Lumo::IntfId & id, const HelloBuilder & h ) {
       vrf.rx->messageIs( h.build() );
       vrf.rx->intfIdIs( id );
@@ -263,28 +236,22 @@ class EngineFixture {
       return i && i->activeNeighbor( ip( addr ) );
    }
 
-   // ---- transmit --------------------------------------------------------------
    const std::vector< SentHello > & sent() const { return sent_; }
    std::vector< SentHello > sentOn( const Lumo::IntfId & id ) const {
       std::vector< SentHello > r;
-      for( const auto & s : sent_ ) {
-         if( s.intfId == id ) r.push_back( s );
-      }
+      std::copy_if( sent_.begin(), sent_.end(), std::back_inserter( r ),
+                    [ & ]( const SentHello & s ) { return s.intfId == id; } );
       return r;
    }
    void clearSent() { sent_.clear(); }
 
-   // ---- traces and logs ----------------------------------------------------------
    std::size_t logged( std::string_view name ) const { return log.count( name ); }
    std::vector< std::string > logTexts( std::string_view name ) const {
       std::vector< std::string > r;
-      for( const auto & m : log.messages() ) {
-         if( m.name == name ) r.push_back( m.text );
-      }
+      for( const auto & m : log.messages() ) if( m.name == name ) r.push_back( m.text );
       return r;
    }
 
-   // ---- router id ------------------------------------------------------------------
    void startRouterId( const Bridging::MacAddr & mac ) {
       vrf.routerIdIs( mac );
       runUntilIdle();
@@ -297,7 +264,6 @@ class EngineFixture {
          kivImmediateIs( IO::MessageInfo::kivAttr_count, true );
          notifierIs( m );
       }
-      // Every send overwrites the mailbox, so each one is copied at once.
       void onCountkivImmediate() override { f_->recordTx( *notifier() ); }
 
     private:
@@ -327,21 +293,18 @@ class EngineFixture {
 inline void expectFullHello( const SentHello & s, const Intf & intf, std::uint32_t drPriority ) {
    EXPECT_EQ( s.intfId, intf.id() );
    EXPECT_EQ( s->srcAddr(), intf.usedAddressWithMask().address() );
-   EXPECT_TRUE( s->holdTimePresent() );
+   EXPECT_TRUE( s->holdTimePresent() && s->lanPruneDelayPresent() && s->drPriorityPresent() &&
+                s->generationIdPresent() && s->interfaceIdPresent() );
    EXPECT_EQ( s->holdTime(), intf.helloHoldTime() );
-   EXPECT_TRUE( s->lanPruneDelayPresent() );
    EXPECT_EQ( s->propagationDelay(), intf.propagationDelay() );
    EXPECT_EQ( s->overrideInterval(), intf.overrideInterval() );
    EXPECT_EQ( s->tBit(), intf.tBit() );
-   EXPECT_TRUE( s->drPriorityPresent() );
    EXPECT_EQ( s->drPriority(), drPriority );
-   EXPECT_TRUE( s->generationIdPresent() );
    EXPECT_EQ( s->generationId(), intf.generationId() );
    EXPECT_EQ( s->bidirCapable(), modeIncludesBidir( intf.mode() ) );
    std::set< Lumo::IpGenAddr > own;
    intf.secondaryAddressForEach( [ & ]( const Lumo::IpGenAddr & a, bool ) { own.insert( a ); } );
    EXPECT_EQ( s.secondary(), own );
-   EXPECT_TRUE( s->interfaceIdPresent() );
    EXPECT_EQ( s->interfaceIdRouterId(), intf.portInterfaceId().routerId );
    EXPECT_EQ( s->interfaceIdIfIndex(), intf.portInterfaceId().ifIndex );
 }
@@ -351,13 +314,10 @@ inline void expectFullHello( const SentHello & s, const Intf & intf, std::uint32
 inline void expectGoodbye( const SentHello & s, const Intf & intf, const Lumo::IpGenAddr & src ) {
    EXPECT_EQ( s.intfId, intf.id() );
    EXPECT_EQ( s->srcAddr(), src );
-   EXPECT_TRUE( s.isGoodbye() );
-   EXPECT_FALSE( s->lanPruneDelayPresent() );
-   EXPECT_FALSE( s->drPriorityPresent() );
-   EXPECT_FALSE( s->generationIdPresent() );
+   EXPECT_TRUE( s.isGoodbye() && s->interfaceIdPresent() );
+   EXPECT_FALSE( s->lanPruneDelayPresent() || s->drPriorityPresent() || s->generationIdPresent() );
    EXPECT_TRUE( s.secondary().empty() );
    EXPECT_EQ( s->bidirCapable(), modeIncludesBidir( intf.mode() ) );
-   EXPECT_TRUE( s->interfaceIdPresent() );
 }
 
 } // namespace PimScenario
