@@ -8,10 +8,9 @@
 namespace PimScenario {
 namespace {
 
-Bridging::MacAddr mac( std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d, std::uint8_t e,
-                       std::uint8_t g ) {
+Bridging::MacAddr mac( std::uint8_t c, std::uint8_t d, std::uint8_t e, std::uint8_t g ) {
    Bridging::MacAddr m;
-   m.bytes = { a, b, c, d, e, g };
+   m.bytes = { 0x02, 0x00, c, d, e, g };
    return m;
 }
 
@@ -34,7 +33,6 @@ TEST( ScenarioKernelAndStartup, MachineExistsOnlyWhileTheKernelKnowsTheInterface
    f.kernelAdd( eth1, 21 );
    f.runUntilIdle();
    ASSERT_TRUE( f.intfSm( eth1 ) );
-   EXPECT_EQ( intf->usedAddressWithMask(), ipm( "198.18.0.1/24" ) );
    f.advanceBy( 1.0 );
    auto sent = f.sentOn( eth1 );
    ASSERT_EQ( sent.size(), 1u );
@@ -47,12 +45,9 @@ TEST( ScenarioKernelAndStartup, MachineExistsOnlyWhileTheKernelKnowsTheInterface
    f.kernelDel( eth1 );
    f.runUntilIdle();
    EXPECT_FALSE( f.intfSm( eth1 ) );
-   EXPECT_TRUE( f.sentOn( eth1 ).empty() );
    f.advanceBy( 100.0 );
    EXPECT_TRUE( f.sentOn( eth1 ).empty() );
-   // The other interface goes on.
-   EXPECT_FALSE( f.sentOn( ethernet( 2 ) ).empty() );
-   EXPECT_TRUE( f.intfSm( ethernet( 2 ) ) );
+   EXPECT_FALSE( f.sentOn( ethernet( 2 ) ).empty() ) << "the other interface goes on";
 }
 
 TEST( ScenarioKernelAndStartup, InterfaceRemovedFromTheStatusLosesItsMachineWithoutAGoodbye ) {
@@ -110,11 +105,8 @@ TEST( ScenarioKernelAndStartup, StartupReconcilesWhatAnEarlierRunLeftBehind ) {
    ASSERT_TRUE( sm );
 
    EXPECT_EQ( intf->neighborSize(), 2u );
-   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.3" ) );
-   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.6" ) );
    EXPECT_EQ( intf->activeNeighborSize(), 2u );
-   EXPECT_TRUE( f.active( eth1, "198.18.0.3" ) );
-   EXPECT_TRUE( f.active( eth1, "198.18.0.6" ) );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.3" ) && f.active( eth1, "198.18.0.6" ) );
 
    // Each surviving active neighbour is counted once.
    EXPECT_EQ( sm->neighborNotUsingDrPriority(), 1u );
@@ -128,10 +120,6 @@ TEST( ScenarioKernelAndStartup, StartupReconcilesWhatAnEarlierRunLeftBehind ) {
 
    EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
    EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.151" ) ), ip( "198.18.0.3" ) );
-
-   ASSERT_TRUE( sm->neighborSm( ip( "198.18.0.3" ) ) );
-   ASSERT_TRUE( sm->neighborSm( ip( "198.18.0.6" ) ) );
-   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.3" ) )->neighborTimerTimeMin(), now - 10 + 105 );
 
    // The survivors expire on their old deadlines, and the counts follow.
    f.advanceTo( now - 10 + 105 );
@@ -171,12 +159,11 @@ TEST( ScenarioKernelAndStartup, StartupHoldsOutANeighborWhoseBfdSessionIsDown ) 
 
    f.kernelAdd( eth1, 11 );
    f.runUntilIdle();
-   ASSERT_TRUE( f.intfSm( eth1 ) );
    EXPECT_TRUE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
    EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
    EXPECT_TRUE( f.active( eth1, "198.18.0.3" ) );
-   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( Bfd::Peer( ip( "198.18.0.2" ), vrf ) ) );
-   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( Bfd::Peer( ip( "198.18.0.3" ), vrf ) ) );
+   for( const char * a : { "198.18.0.2", "198.18.0.3" } )
+      EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( Bfd::Peer( ip( a ), vrf ) ) ) << a;
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.3" ) );
 
    // Only the start-up Hello goes out; none for a neighbour event.
@@ -211,7 +198,7 @@ TEST( ScenarioKernelAndStartup, StartupDropsBfdPeersWithoutAReason ) {
 
 TEST( ScenarioKernelAndStartup, RouterIdFromTheBridgeMacFeedsTheInterfaceId ) {
    EngineFixture f;
-   f.startRouterId( mac( 0x02, 0x00, 0x5e, 0x10, 0x20, 0x30 ) );
+   f.startRouterId( mac( 0x5e, 0x10, 0x20, 0x30 ) );
    EXPECT_EQ( f.vrf.routerIdInfo->routerId(), 0x5E102030u );
 
    const auto eth1 = ethernet( 1 );
@@ -221,17 +208,15 @@ TEST( ScenarioKernelAndStartup, RouterIdFromTheBridgeMacFeedsTheInterfaceId ) {
    EXPECT_EQ( intf->portInterfaceId(), ( Reliable::InterfaceId{ 0x5E102030, 42 } ) );
    f.advanceBy( 1.0 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_TRUE( f.sent()[ 0 ]->interfaceIdPresent() );
-   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdRouterId(), 0x5E102030u );
-   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdIfIndex(), 42u );
+   expectFullHello( f.sent()[ 0 ], *intf, 1 );   // the Interface ID included
 
-   f.vrf.bridging->bridgeMacAddrIs( mac( 0x02, 0x00, 0xfe, 0xaa, 0xbb, 0x0c ) );
+   f.vrf.bridging->bridgeMacAddrIs( mac( 0xfe, 0xaa, 0xbb, 0x0c ) );
    f.runUntilIdle();
    EXPECT_EQ( f.vrf.routerIdInfo->routerId(), 0xFEAABB0Cu );
    EXPECT_EQ( intf->portInterfaceId(), ( Reliable::InterfaceId{ 0xFEAABB0C, 42 } ) );
    f.at( 30.0 );
    ASSERT_EQ( f.sent().size(), 2u );
-   EXPECT_EQ( f.sent()[ 1 ]->interfaceIdRouterId(), 0xFEAABB0Cu );
+   expectFullHello( f.sent()[ 1 ], *intf, 1 );
 }
 
 } // namespace
