@@ -1,7 +1,6 @@
 #pragma once
-// Just enough capture-file handling for the codec tests: reads classic pcap
-// and pcapng files of Ethernet frames and peels Ethernet and IP headers off
-// PIM packets.
+// Just enough capture-file handling for the codec tests: reads pcapng files
+// of Ethernet frames and peels Ethernet and IP headers off PIM packets.
 #include <cstdint>
 #include <optional>
 #include <string>
