@@ -13,9 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "VrfPipeline.h"
 #include "hello/ActiveNeighbors.h"
-#include "hello/PimHelloSm.h"
-#include "hello/PimIntfSm.h"
 #include "kiv/Log.h"
 #include "kiv/testing/TestLoop.h"
 #include "status/PimStatusWriterSm.h"
@@ -78,23 +77,8 @@ Lumo::IpGenAddrWithMask intfAddress( int intf, std::uint8_t b ) {
 
 class Engine {
  public:
-   Engine() : loop_( 1000.0, 1 ) {
-      const L3::VrfName vrf( "default" );
-      allStatus = Kiv::make< AllStatus >( vrf );
-      inputs.vrfName = vrf;
-      inputs.pimGlobalStatus = Kiv::make< GlobalStatus >( Lumo::AddressFamily::ipv4 );
-      inputs.pimCellGlobalStatus = Kiv::make< CellGlobalStatus >();
-      inputs.pimGlobalConfig = Kiv::make< GlobalConfig >();
-      inputs.pimConfig = Kiv::make< Config >( vrf );
-      inputs.pimPamManager = Kiv::make< IO::PamManager >( Lumo::AddressFamily::ipv4, Lumo::NamespaceName(), true );
-      inputs.timerWheel = Tolm::TimerWheelIs( loop_.clock() );
-      inputs.bfdPimAppConfig = Kiv::make< Bfd::AppConfig >( "pim" );
-      bfdStatus = Kiv::make< Bfd::AppStatus >( "pim" );
-      inputs.bfdPimAppStatus = bfdStatus;
-      kernel = Kiv::make< Interface::DeviceIntfStatusDir >();
-      inputs.kernelIntfStatus = kernel;
-      inputs.routerIdInfo = routerIdInfoFactory( vrf );
-      rx = Kiv::make< IO::MessageInfo >();
+   Engine() : loop_( 1000.0, 1 ), vrf( Lumo::AddressFamily::ipv4, L3::VrfName( "default" ),
+                                       Tolm::TimerWheelIs( loop_.clock() ) ) {
       // Tables just large enough for what the limits let in: the default
       // sizes would make setting up dominate every run.
       const KivVarn::MountInfo sizes( Varn::Status::kTypeName,
@@ -107,17 +91,16 @@ class Engine {
                                         { Varn::kRefusedNeighborTable, 32 } } );
       varn = Kiv::make< Varn::Status >( "routing/pim/status/default", sizes,
                                         KivVarn::HeapTableStore::instance() );
-      writer = Varn::StatusWriterSmIs( "default", allStatus, varn );
-      global = GlobalIntfSmIs( allStatus, inputs );
-      helloSm = HelloSmIs( allStatus, rx );
+      writer = Varn::StatusWriterSmIs( "default", vrf.allStatus, varn );
+      vrf.start();
       // Small limits, so that floods reach them.
-      allStatus->neighborLimitIs( 10 );
+      vrf.allStatus->neighborLimitIs( 10 );
       for( int i = 0; i < 2; ++i ) addIntf( i );
       settle();
    }
    ~Engine() {
-      helloSm = nullptr;
-      global = nullptr;
+      vrf.helloSm = nullptr;
+      vrf.global = nullptr;
       writer = nullptr;
       loop_.runUntilIdle();
    }
@@ -129,32 +112,25 @@ class Engine {
       if( !loop_.advanceBy( seconds ) ) fail( "time does not advance" );
    }
    void addIntf( int i ) {
-      auto intf = allStatus->pimIntfIs( kIntf[ i ], intfAddress( i, 0 ) );
+      auto intf = vrf.allStatus->pimIntfIs( kIntf[ i ], intfAddress( i, 0 ) );
       intf->modeIs( pimModeSparse );
       intf->neighborLimitIs( 6 );
-      kernel->deviceIntfStatusIs( kIntf[ i ], Interface::DeviceIntfStatus{ "eth" + std::to_string( i ),
-                                                                            std::uint32_t( 11 + i ), true } );
+      vrf.kernelAdd( kIntf[ i ], std::uint32_t( 11 + i ) );
    }
 
    void event( Reader & in );
    void check() const;
 
    Kiv::Testing::TestLoop loop_;
-   Kiv::Ptr< AllStatus > allStatus;
-   IntfSmInputs inputs;
-   Kiv::Ptr< Bfd::AppStatus > bfdStatus;
-   Kiv::Ptr< Interface::DeviceIntfStatusDir > kernel;
-   Kiv::Ptr< IO::MessageInfo > rx;
+   VrfPipeline vrf;
    Kiv::Ptr< Varn::Status > varn;
    Kiv::Ptr< Varn::StatusWriterSm > writer;
-   Kiv::Ptr< GlobalIntfSm > global;
-   Kiv::Ptr< HelloSm > helloSm;
 };
 
 void Engine::event( Reader & in ) {
    const std::uint8_t op = in.u8();
    const int i = op >> 7;
-   const Kiv::Ptr< Intf > intf = allStatus->pimIntf( kIntf[ i ] );
+   const Kiv::Ptr< Intf > intf = vrf.allStatus->pimIntf( kIntf[ i ] );
    switch( op & 0x0F ) {
     case 0: case 1: case 2: case 3: case 4: {   // a Hello (op 0: a goodbye)
       auto h = Kiv::make< Packet::HelloMessage >();
@@ -188,9 +164,9 @@ void Engine::event( Reader & in ) {
          const int n = in.u8() % 40;
          for( int k = 0; k < n; ++k ) h->secondaryAddrIs( source( in.u8() ), true );
       }
-      rx->messageIs( h );
-      rx->intfIdIs( kIntf[ i ] );
-      rx->countInc( 1 );
+      vrf.rx->messageIs( h );
+      vrf.rx->intfIdIs( kIntf[ i ] );
+      vrf.rx->countInc( 1 );
       break;
     }
     case 5:
@@ -206,12 +182,12 @@ void Engine::event( Reader & in ) {
       if( intf ) intf->modeIs( Mode( 1 + in.u8() % 3 ) );
       break;
     case 9: {
-      const Bfd::Peer peer( source( in.u8() ), inputs.vrfName );
+      const Bfd::Peer peer( source( in.u8() ), vrf.vrfName );
       const auto state = Bfd::OperState( in.u8() % 4 );
-      if( const auto s = bfdStatus->peerStatus( peer ) ) {
+      if( const auto s = vrf.bfdAppStatus->peerStatus( peer ) ) {
          s->statusIs( state );
       } else {
-         bfdStatus->peerStatusIs( peer, state );
+         vrf.bfdAppStatus->peerStatusIs( peer, state );
       }
       break;
     }
@@ -227,7 +203,7 @@ void Engine::event( Reader & in ) {
     }
     case 12:   // a clear request, as the configuration side runs it
       if( op & 0x40 ) {
-         for( auto it = allStatus->pimIntfIter(); it; ++it ) it.value()->neighborDelAll();
+         for( auto it = vrf.allStatus->pimIntfIter(); it; ++it ) it.value()->neighborDelAll();
       } else if( intf ) {
          intf->neighborDelAll();
       }
@@ -239,7 +215,7 @@ void Engine::event( Reader & in ) {
       if( intf ) {
          intf->enabledIs( false );
          settle();
-         allStatus->pimIntfDel( kIntf[ i ] );
+         vrf.allStatus->pimIntfDel( kIntf[ i ] );
       } else {
          addIntf( i );
       }
@@ -253,7 +229,7 @@ void Engine::event( Reader & in ) {
 
 void Engine::check() const {
    std::size_t inVrf = 0;
-   for( auto it = allStatus->pimIntfIter(); it; ++it ) {
+   for( auto it = vrf.allStatus->pimIntfIter(); it; ++it ) {
       const Intf & intf = *it.value();
       const std::string where = "interface " + str( intf.id() ) + ": ";
       inVrf += intf.neighborSize();
@@ -300,7 +276,7 @@ void Engine::check() const {
       }
       if( intf.nbSecondaryAddressSize() != secondaries ) fail( where + "stale secondary mapping" );
 
-      const Kiv::Ptr< IntfSm > sm = global->intfSm( intf.id() );
+      const Kiv::Ptr< IntfSm > sm = vrf.global->intfSm( intf.id() );
       if( !sm || !sm->initialized() ) continue;
       if( sm->neighborSmSize() != intf.neighborSize() ) fail( where + "a neighbour without its machine" );
       for( auto n = intf.neighborIter(); n; ++n ) {
@@ -357,7 +333,7 @@ void Engine::check() const {
       }
       if( intf.usedTBit() != ( noTBit == 0 && intf.activeNeighborSize() != 0 ) ) fail( where + "used T bit" );
    }
-   if( inVrf > allStatus->neighborLimit() ) fail( "VRF over its neighbour limit" );
+   if( inVrf > vrf.allStatus->neighborLimit() ) fail( "VRF over its neighbour limit" );
    std::size_t rows = 0;
    varn->neighbor().forEach( [ & ]( const Varn::Neighbor & ) { ++rows; } );
    if( rows != inVrf ) fail( "neighbour rows: " + str( rows ) + ", neighbours: " + str( inVrf ) );

@@ -1,9 +1,8 @@
 #include "Router.h"
 
 #include "config/PimConfigSm.h"
-#include "feeds/RouterIdSm.h"
-#include "hello/PimHelloSm.h"
-#include "hello/PimIntfSm.h"
+#include "ConfigPipeline.h"
+#include "VrfPipeline.h"
 #include "kiv/ActivityManager.h"
 #include "model/PimConfig.h"
 #include "services/bridging/BridgingConfig.h"
@@ -18,8 +17,6 @@ namespace PimLab {
 using namespace Routing::Pim;
 
 namespace {
-constexpr std::uint8_t kHelloMessageType = 0;
-
 void add( SimLan::EndpointCounters & sum, const SimLan::EndpointCounters & c ) {
    sum.txFrames += c.txFrames;
    sum.txNotAttached += c.txNotAttached;
@@ -62,39 +59,12 @@ class LabKniMounter : public KernelNetInfoMounter {
 
 const char * engineName( Engine e ) { return e == Engine::direct ? "direct" : "pipeline"; }
 
-// ---- direct: the engines with the entities they need ----------------------------------
-struct Router::Direct {
-   L3::VrfName vrfName{ Router::kVrf };
-   Kiv::Ptr< AllStatus > allStatus;
-   Kiv::Ptr< GlobalStatus > globalStatus;
-   Kiv::Ptr< CellGlobalStatus > cellGlobalStatus;
-   Kiv::Ptr< GlobalConfig > globalConfig;
-   Kiv::Ptr< Config > config;
-   Kiv::Ptr< IO::PamManager > pamManager;
-   Kiv::Ptr< IO::MessageInfo > rxHelloMessageInfo;
-   Kiv::Ptr< Bfd::AppConfig > bfdAppConfig;
-   Kiv::Ptr< Bfd::AppStatus > bfdAppStatus;
-   Kiv::Ptr< Interface::DeviceIntfStatusDir > kernel;
-   Kiv::Ptr< Bridging::Config > bridging;
-   Kiv::Ptr< RouterIdInfo > routerIdInfo;
-   Kiv::Ptr< RouterIdSm > routerIdSm;
-   Kiv::Ptr< GlobalIntfSm > globalIntfSm;
-   Kiv::Ptr< HelloSm > helloSm;
-
-   ~Direct() {
-      // Machines before the entities they watch.
-      helloSm = nullptr;
-      globalIntfSm = nullptr;
-      routerIdSm = nullptr;
-   }
-};
-
 // ---- pipeline: the platform inputs of the configuration pipeline ------------------------
 struct Router::Pipeline {
-   explicit Pipeline( Router * r )
+   Pipeline( Router * r, Lumo::AddressFamily af )
          : shmStore( r->shmDir_.empty() ? nullptr
                                         : std::make_unique< KivVarn::Shm::ShmTableStore >( r->shmDir_ + "/" + r->name() ) ),
-           varnDir( shmStore ? static_cast< KivVarn::TableStore & >( *shmStore ) : KivVarn::HeapTableStore::instance() ),
+           config( af, shmStore ? static_cast< KivVarn::TableStore & >( *shmStore ) : KivVarn::HeapTableStore::instance() ),
            bindTimer( r, r->wheel_.ptr() ), globalStatusReactor( r ) {}
 
    // Re-binds the endpoint once the cascade that may have (re)created the
@@ -114,34 +84,11 @@ struct Router::Pipeline {
       void rebind() { owner_->pipeline_->bindTimer.timeMinIs( Kiv::System::currentTime() ); }
    };
 
-   Lumo::AddressFamily af = Lumo::AddressFamily::ipv4;
    L3::VrfName vrfName{ Router::kVrf };
    std::unique_ptr< KivVarn::Shm::ShmTableStore > shmStore;
-   KivVarn::Directory varnDir;
-   Kiv::Ptr< KivVarn::Mount > varnMount;
-   Kiv::Ptr< Interface::DeviceIntfStatusDir > kernel;
-   Kiv::Ptr< LabKniMounter > kni;
-   Kiv::Ptr< ConfigColl > configColl;
-   Kiv::Ptr< ClearConfigColl > clearConfigColl;
-   Kiv::Ptr< HostInject::HostInjectConfig > hostInject;
-   Kiv::Ptr< Kiv::Dir > appDir;
-   Kiv::Ptr< ClearMrouteConfigColl > clearMroute;
-   Kiv::Ptr< StatusColl > statusColl;
-   Kiv::Ptr< GlobalStatus > globalStatus;
-   Kiv::Ptr< CellGlobalStatus > cellGlobalStatus;
-   Kiv::Ptr< Routing::Multicast::Pim::Status > mcastPimStatus;
-   Kiv::Ptr< Mlag::ProtoStatus > mlag;
-   Kiv::Ptr< IpGen::Status > ipStatus;
-   Kiv::Ptr< Ip::AllVrfStatusLocal > allVrfStatusLocal;
-   Kiv::Ptr< McastCommon::AppVrfIntfs > appVrfIntfs;
-   Kiv::Ptr< Routing::Multicast::Fib::VrfEnabledStatus > vrfEnabledStatus;
-   Kiv::Ptr< IpGen::MulticastGroupsForApplications > groups;
-   Kiv::Ptr< McastCommon::MulticastIntfsForApplications > vifs;
-   Kiv::Ptr< Kiv::Dir > bfdDir;
-   Kiv::Ptr< Bfd::StatusPeer > bfdStatusPeer;
-   Kiv::Ptr< McastCommon::AsuShutdownStatus > asuShutdown;
-   Kiv::Ptr< McastCommon::AsuVrfStatus > asuVrfStatus;
-   Kiv::Ptr< Bridging::Config > bridging;
+   ConfigPipeline config;
+   Kiv::Ptr< Interface::DeviceIntfStatusDir > kernel = Kiv::make< Interface::DeviceIntfStatusDir >();
+   Kiv::Ptr< LabKniMounter > kni = Kiv::make< LabKniMounter >( kernel );
    Kiv::Ptr< ConfigSm > configSm;
    KivBindTimer bindTimer;
    KivGlobalStatus globalStatusReactor;
@@ -204,44 +151,15 @@ void Router::start() {
 }
 
 void Router::startDirect() {
-   auto v = std::make_unique< Direct >();
    const Lumo::AddressFamily af =
       desc_.interfaces.empty() ? Lumo::AddressFamily::ipv4 : desc_.interfaces.front().address.af();
-   const char * bfdApp = af == Lumo::AddressFamily::ipv6 ? "pim6" : "pim";
-   v->allStatus = allStatusColl_->vrfStatusIs( v->vrfName );
-   v->globalStatus = Kiv::make< GlobalStatus >( af );
-   v->cellGlobalStatus = Kiv::make< CellGlobalStatus >();
-   v->globalConfig = Kiv::make< GlobalConfig >();
-   v->config = Kiv::make< Config >( v->vrfName );
+   auto v = std::make_unique< VrfPipeline >( af, L3::VrfName( kVrf ), wheel_,
+                                             allStatusColl_->vrfStatusIs( L3::VrfName( kVrf ) ) );
    v->config->pimConfiguredIs( true );
-   v->pamManager = Kiv::make< IO::PamManager >( af, Lumo::NamespaceName(), true );
-   v->rxHelloMessageInfo = Kiv::make< IO::MessageInfo >();
-   v->pamManager->rxMessageInfoIs( kHelloMessageType, v->rxHelloMessageInfo );
-   v->bfdAppConfig = Kiv::make< Bfd::AppConfig >( bfdApp );
-   v->bfdAppStatus = Kiv::make< Bfd::AppStatus >( bfdApp );
-   v->kernel = Kiv::make< Interface::DeviceIntfStatusDir >();
-   v->bridging = Kiv::make< Bridging::Config >();
-   v->bridging->bridgeMacAddrIs( bridgeMac( index_ ) );
-   v->routerIdInfo = routerIdInfoFactory( v->vrfName );
-   v->routerIdSm = routerIdSmFactory( v->vrfName, v->bridging, v->routerIdInfo );
-
+   v->routerIdIs( bridgeMac( index_ ) );
    // The wire first, so that the first Hello finds it.
    endpointIs( v->pamManager );
-
-   IntfSmInputs in;
-   in.vrfName = v->vrfName;
-   in.pimGlobalStatus = v->globalStatus;
-   in.pimCellGlobalStatus = v->cellGlobalStatus;
-   in.pimGlobalConfig = v->globalConfig;
-   in.pimConfig = v->config;
-   in.pimPamManager = v->pamManager;
-   in.timerWheel = wheel_;
-   in.bfdPimAppConfig = v->bfdAppConfig;
-   in.bfdPimAppStatus = v->bfdAppStatus;
-   in.kernelIntfStatus = v->kernel;
-   in.routerIdInfo = v->routerIdInfo;
-   v->globalIntfSm = GlobalIntfSmIs( v->allStatus, in );
-   v->helloSm = HelloSmIs( v->allStatus, v->rxHelloMessageInfo );
+   v->start();
 
    std::uint32_t ifIndex = 100 * index_;
    for( const auto & i : desc_.interfaces ) {
@@ -251,94 +169,38 @@ void Router::startDirect() {
       intf->drPriorityIs( i.drPriority );
       intf->helloPeriodIs( i.helloInterval );
       intf->helloHoldTimeIs( i.holdTime() );
-      v->kernel->deviceIntfStatusIs( id, kernelDevice( ++ifIndex ) );
+      v->kernelAdd( id, ++ifIndex );
    }
    direct_ = std::move( v );
 }
 
 void Router::startPipeline() {
-   auto p = std::make_unique< Pipeline >( this );
    const Lumo::AddressFamily af =
       desc_.interfaces.empty() ? Lumo::AddressFamily::ipv4 : desc_.interfaces.front().address.af();
-   const bool v6 = af == Lumo::AddressFamily::ipv6;
-   p->af = af;
-   p->varnMount = Kiv::make< KivVarn::Mount >( p->varnDir );
-   p->kernel = Kiv::make< Interface::DeviceIntfStatusDir >();
-   p->kni = Kiv::make< LabKniMounter >( p->kernel );
-   p->configColl = Kiv::make< ConfigColl >();
-   p->clearConfigColl = Kiv::make< ClearConfigColl >();
-   p->hostInject = Kiv::make< HostInject::HostInjectConfig >();
-   p->appDir = Kiv::make< Kiv::Dir >( Kiv::Name( "application" ) );
-   p->clearMroute = Kiv::make< ClearMrouteConfigColl >();
-   p->statusColl = Kiv::make< StatusColl >();
-   p->globalStatus = Kiv::make< GlobalStatus >( af );
-   p->cellGlobalStatus = Kiv::make< CellGlobalStatus >();
-   p->mcastPimStatus = Kiv::make< Routing::Multicast::Pim::Status >();
-   p->mlag = Kiv::make< Mlag::ProtoStatus >();
-   p->ipStatus = v6 ? Kiv::Ptr< IpGen::Status >( Kiv::make< IpGen::Ipv6Status >() )
-                    : Kiv::Ptr< IpGen::Status >( Kiv::make< IpGen::Ipv4Status >() );
-   p->allVrfStatusLocal = Kiv::make< Ip::AllVrfStatusLocal >();
-   p->appVrfIntfs = Kiv::make< McastCommon::AppVrfIntfs >();
-   p->vrfEnabledStatus = Kiv::make< Routing::Multicast::Fib::VrfEnabledStatus >();
-   p->groups = v6 ? Kiv::Ptr< IpGen::MulticastGroupsForApplications >(
-                       Kiv::make< IpGen::Ipv6MulticastGroupsForApplications >() )
-                  : Kiv::Ptr< IpGen::MulticastGroupsForApplications >(
-                       Kiv::make< IpGen::Ipv4MulticastGroupsForApplications >() );
-   p->vifs = Kiv::make< McastCommon::MulticastIntfsForApplications >();
-   p->bfdDir = Kiv::make< Kiv::Dir >( Kiv::Name( v6 ? "pim6" : "pim" ) );
-   p->bfdStatusPeer = Kiv::make< Bfd::StatusPeer >();
-   p->asuShutdown = Kiv::make< McastCommon::AsuShutdownStatus >();
-   p->asuVrfStatus = Kiv::make< McastCommon::AsuVrfStatus >();
-   p->bridging = Kiv::make< Bridging::Config >();
-   p->bridging->bridgeMacAddrIs( bridgeMac( index_ ) );
+   auto p = std::make_unique< Pipeline >( this, af );
+   ConfigPipeline & c = p->config;
+   c.allStatusColl = allStatusColl_;
+   c.bridging->bridgeMacAddrIs( bridgeMac( index_ ) );
 
    // What the platform publishes for this router: the VRF with PIM and
    // multicast routing, its interfaces in IP and in the kernel, and the PIM
    // configuration of every interface.
-   p->configColl->vrfConfigIs( p->vrfName )->pimConfiguredIs( true );
-   p->vrfEnabledStatus->vrfIs( p->vrfName, true );
+   c.configColl->vrfConfigIs( p->vrfName )->pimConfiguredIs( true );
+   c.vrfEnabledStatus->vrfIs( p->vrfName, true );
    std::uint32_t ifIndex = 100 * index_;
    for( const auto & i : desc_.interfaces ) {
       const Lumo::IntfId id( i.name );
       p->kernel->deviceIntfStatusIs( id, kernelDevice( ++ifIndex ) );
-      p->ipStatus->intfVrfIs( id, p->vrfName );
-      p->ipStatus->intfPrimaryIs( id, i.address );
-      auto c = p->configColl->intfConfigIs( id );
-      c->modeIs( pimModeSparse );
-      c->helloIntervalIs( i.helloInterval );
-      c->helloCountIs( i.holdMultiplier );
-      c->helloPriorityIs( i.drPriority );
+      c.ipStatus->intfVrfIs( id, p->vrfName );
+      c.ipStatus->intfPrimaryIs( id, i.address );
+      auto ic = c.configColl->intfConfigIs( id );
+      ic->modeIs( pimModeSparse );
+      ic->helloIntervalIs( i.helloInterval );
+      ic->helloCountIs( i.holdMultiplier );
+      ic->helloPriorityIs( i.drPriority );
    }
-
-   ConfigSmInputs in;
-   in.af = af;
-   in.pimConfigColl = p->configColl;
-   in.pimClearConfigColl = p->clearConfigColl;
-   in.hostInjectConfig = p->hostInject;
-   in.appConfigDir = p->appDir;
-   in.clearMrouteConfigColl = p->clearMroute;
-   in.pimStatusColl = p->statusColl;
-   in.pimAllStatusColl = allStatusColl_;
-   in.pimGlobalStatus = p->globalStatus;
-   in.pimCellGlobalStatus = p->cellGlobalStatus;
-   in.mcastPimStatus = p->mcastPimStatus;
-   in.mlagProtoStatus = p->mlag;
-   in.ipStatus = p->ipStatus;
-   in.allVrfStatusLocal = p->allVrfStatusLocal;
-   in.appVrfIntfs = p->appVrfIntfs;
-   in.vrfEnabledStatus = p->vrfEnabledStatus;
-   in.multicastGroups = p->groups;
-   in.multicastIntfs = p->vifs;
-   in.bfdAppConfigDir = p->bfdDir;
-   in.bfdStatusPeer = p->bfdStatusPeer;
-   in.varnMount = p->varnMount;
-   in.kniMounter = p->kni;
-   in.asuShutdownStatus = p->asuShutdown;
-   in.asuVrfStatus = p->asuVrfStatus;
-   in.bridgingConfig = p->bridging;
-   in.timerWheel = wheel_;
-   in.stageComplete = []( const std::string & ) {};
-   p->globalStatusReactor.notifierIs( p->globalStatus );
+   p->globalStatusReactor.notifierIs( c.globalStatus );
+   const ConfigSmInputs in = c.inputs( p->kni, wheel_ );
    pipeline_ = std::move( p );
    pipeline_->configSm = configSmFactory( in );
    pipeline_->bindTimer.timeMinIs( Kiv::System::currentTime() );
@@ -352,7 +214,7 @@ void Router::goodbyeIs() {
    }
    if( pipeline_ ) {
       // PIM off in the configuration: the pipeline deletes the interfaces.
-      for( const auto & i : desc_.interfaces ) pipeline_->configColl->intfConfigDel( Lumo::IntfId( i.name ) );
+      for( const auto & i : desc_.interfaces ) pipeline_->config.configColl->intfConfigDel( Lumo::IntfId( i.name ) );
    }
 }
 
@@ -372,7 +234,7 @@ void Router::drPriorityIs( const std::string & intfName, std::uint32_t priority 
       if( !intfName.empty() && i.name != intfName ) continue;
       i.drPriority = priority;
       if( pipeline_ ) {
-         if( auto c = pipeline_->configColl->intfConfig( Lumo::IntfId( i.name ) ) ) c->helloPriorityIs( priority );
+         if( auto c = pipeline_->config.configColl->intfConfig( Lumo::IntfId( i.name ) ) ) c->helloPriorityIs( priority );
       } else if( auto x = intf( i.name ) ) {
          x->drPriorityIs( priority );
       }

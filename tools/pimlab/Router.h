@@ -25,6 +25,10 @@
 #include "services/simlan/SimLan.h"
 #include "tolm/TimerWheel.h"
 
+namespace Routing::Pim {
+class VrfPipeline;
+}
+
 namespace PimLab {
 
 enum class Engine { pipeline, direct };
@@ -90,9 +94,8 @@ class Router {
    SimLan::EndpointCounters pastCounters_;
 
    // Built by start(), dropped by stop().
-   struct Direct;
    struct Pipeline;
-   std::unique_ptr< Direct > direct_;
+   std::unique_ptr< Routing::Pim::VrfPipeline > direct_;
    std::unique_ptr< Pipeline > pipeline_;
    std::unique_ptr< SimLan::Endpoint > endpoint_;
 };

@@ -9,7 +9,6 @@
 
 #include "agent/PimAgent.h"
 #include "agenthost/AgentHost.h"
-#include "kiv/Trace.h"
 #include "kiv/testing/TestLoop.h"
 #include "services/pimio/RxFilter.h"
 #include "status/PimVarnStatus.h"
@@ -24,7 +23,6 @@ class AgentFixture : public ::testing::Test {
  protected:
    AgentFixture() {
       ::setenv( "RUNDLE_DISABLE", "1", 1 );
-      capture_.enable( "Pim::Agent/1-9" );
       host_.varnDirectoryIs( &varnDir_ );
    }
    ~AgentFixture() override { host_.agentDel(); }
@@ -90,22 +88,7 @@ class AgentFixture : public ::testing::Test {
       auto t = table( vrf );
       return t && t->neighbor().has( Routing::Pim::Varn::NeighborKey( Lumo::IntfId( intf ), ip( addr ) ) );
    }
-   // The agent's trace lines containing one of texts, each as the text it matched.
-   std::vector< std::string > traced( const std::vector< std::string > & texts ) const {
-      std::vector< std::string > out;
-      for( const auto & line : capture_.lines() ) {
-         for( const auto & t : texts ) {
-            if( line.text.find( t ) != std::string::npos ) {
-               out.push_back( t );
-               break;
-            }
-         }
-      }
-      return out;
-   }
-
    Kiv::Testing::TestLoop loop_{ 1000.0 };
-   Kiv::TraceCapture capture_;
    KivVarn::Directory varnDir_;
    Kiv::Ptr< Dovel::Store > store_ = Kiv::make< Dovel::Store >();
    AgentBase::AgentHost host_{ store_ };

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "agent/PimAsuSm.h"
-#include "kiv/RangeException.h"
-#include "kiv/Trace.h"
 #include "kiv/testing/TestLoop.h"
 
 namespace {
@@ -62,13 +60,10 @@ TEST_F( AsuSmTest, ShutdownStretchesHoldTimesAndReportsAfterTheNotifyDelay ) {
 
 TEST_F( AsuSmTest, ShutdownRequestedBeforeConstructionIsHonouredAtOnce ) {
    shutdown_->shutdownIs( true );
-   Kiv::TraceCapture capture;
-   capture.enable( "Pim::Asu/8" );
    auto sm = build();
    // No loop turn yet: the constructor did the work.
    EXPECT_EQ( shortHold_->helloHoldTime(), 420 );
    EXPECT_TRUE( sm->initialized() );
-   EXPECT_TRUE( capture.contains( "Pim::Asu", 8, "<Vrf:red>doAsuShutdown(), Starting the ASU notification timer." ) );
    ASSERT_TRUE( loop_.advanceBy( 5.0 ) );
    EXPECT_TRUE( vrfStatus_->completedVrf( vrf_ ) );
 }
@@ -82,23 +77,6 @@ TEST_F( AsuSmTest, VrfWithoutInterfacesStillCompletesWithItsOwnDelay ) {
    EXPECT_FALSE( vrfStatus_->completedVrf( vrf_ ) );
    ASSERT_TRUE( loop_.advanceBy( 0.1 ) );
    EXPECT_TRUE( vrfStatus_->completedVrf( vrf_ ) );
-}
-
-TEST_F( AsuSmTest, MissingInputs ) {
-   // Without a shutdown status nothing ever starts.
-   auto idle = AsuSmIs( config_, allStatus_, wheel_, nullptr, vrfStatus_ );
-   ASSERT_TRUE( loop_.advanceBy( 100.0 ) );
-   EXPECT_EQ( shortHold_->helloHoldTime(), 105 );
-   EXPECT_FALSE( vrfStatus_->completedVrfHas( vrf_ ) );
-   // Without a VRF status the shutdown still adjusts the Hellos.
-   auto blind = AsuSmIs( config_, allStatus_, wheel_, shutdown_, nullptr );
-   shutdown_->shutdownIs( true );
-   ASSERT_TRUE( loop_.advanceBy( 10.0 ) );
-   EXPECT_EQ( shortHold_->helloHoldTime(), 420 );
-   EXPECT_FALSE( vrfStatus_->completedVrfHas( vrf_ ) );
-   // The interface status and the wheel are required.
-   EXPECT_THROW( AsuSmIs( config_, nullptr, wheel_, shutdown_, vrfStatus_ ), Kiv::RangeException );
-   EXPECT_THROW( AsuSmIs( config_, allStatus_, nullptr, shutdown_, vrfStatus_ ), Kiv::RangeException );
 }
 
 } // namespace

@@ -4,9 +4,7 @@
 // expires.
 #include "ConfigSmFixture.h"
 
-#include <functional>
 
-#include "feeds/VxlanStatusSm.h"
 #include "status/PimVarnStatus.h"
 
 namespace PimConfigTest {
@@ -36,7 +34,7 @@ class ConfigEndToEndTest : public ConfigSmFixture {
       ASSERT_TRUE( settle() );
    }
    Kiv::Ptr< Varn::Status > table( const char * vrf ) const {
-      return Kiv::entity_cast< Varn::Status >( varnDir_.entity( std::string( "routing/pim/status/" ) + vrf ) );
+      return Kiv::entity_cast< Varn::Status >( varnDir.entity( std::string( "routing/pim/status/" ) + vrf ) );
    }
 };
 
@@ -98,7 +96,7 @@ TEST_F( ConfigEndToEndTest, ConfiguredLimitsCapTheTableAndClearRequestsDropNeigh
    ASSERT_TRUE( refused );
    EXPECT_EQ( refused->count, 1u );
 
-   auto clear = clearConfigColl_->vrfClearConfigIs( L3::VrfName( "red" ) );
+   auto clear = clearConfigColl->vrfClearConfigIs( L3::VrfName( "red" ) );
    clear->intfNeighborsCountIs( Lumo::IntfId( "Ethernet7" ), 0 );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( e7->neighborSize(), 2u ) << "a new request entry is not a request";
@@ -126,21 +124,21 @@ TEST_F( ConfigEndToEndTest, ATableHeldByAReaderShowsOnlyTheCurrentStatusAcrossDi
    intfConfigIs( "Ethernet7", pimModeSparse );
    start();
    receiveHello( "red", "Ethernet7", "198.18.7.2", 105 );
-   KivVarn::Mount reader( varnDir_ );
+   KivVarn::Mount reader( varnDir );
    const auto held = reader.doMount< Varn::Status >( "routing/pim/status/red", "r" );
    ASSERT_TRUE( held );
    EXPECT_EQ( held->pimIntf().size() + held->neighbor().size(), 2u );
 
    // Multicast routing off in the VRF: its interfaces and its container go
    // in one step.
-   vrfEnabledStatus_->vrfIs( L3::VrfName( "red" ), false );
+   vrfEnabledStatus->vrfIs( L3::VrfName( "red" ), false );
    ASSERT_TRUE( settle() );
    ASSERT_FALSE( hasContainer( "red" ) );
    EXPECT_EQ( held->pimIntf().size() + held->neighbor().size(), 0u );
 
    intfConfigIs( "Ethernet7", pimModeNone );
    intfConfigIs( "Ethernet8", pimModeSparse );
-   vrfEnabledStatus_->vrfIs( L3::VrfName( "red" ), true );
+   vrfEnabledStatus->vrfIs( L3::VrfName( "red" ), true );
    ASSERT_TRUE( settle() );
    ASSERT_EQ( table( "red" ), held );
    EXPECT_EQ( held->pimIntf().size(), 1u );
@@ -154,7 +152,7 @@ TEST_F( ConfigEndToEndTest, BfdPeersAskedForAreInTheStoreForTheBfdService ) {
    ipIntfIs( "Ethernet7", "red", "198.18.7.1/24" );
    intfConfigIs( "Ethernet7", pimModeSparse )->bfdIs( intfBfdEnabled );
    start();
-   const auto entry = Kiv::entity_cast< Bfd::AppConfig >( bfdDir_->entityAt( "red/pim" ) );
+   const auto entry = Kiv::entity_cast< Bfd::AppConfig >( bfdDir->entityAt( "red/pim" ) );
    ASSERT_TRUE( entry );
    EXPECT_EQ( sm_->pimVrfContainerSm( L3::VrfName( "red" ) )->args().bfdPimAppConfig, entry );
    const auto peer = []( const char * a ) { return Bfd::Peer( ip( a ), L3::VrfName( "red" ) ); };
@@ -165,56 +163,6 @@ TEST_F( ConfigEndToEndTest, BfdPeersAskedForAreInTheStoreForTheBfdService ) {
    receiveHello( "red", "Ethernet7", "198.18.7.2", 0 );
    EXPECT_EQ( entry->peerConfigSize(), 1u );
    EXPECT_TRUE( entry->peerConfig( peer( "198.18.7.3" ) ) );
-}
-
-TEST_F( ConfigEndToEndTest, PimVlansOfTheDefaultVrfReachTheVxlanSetHoweverEnabled ) {
-   Kiv::Ptr< Application::Config > app;
-   const struct {
-      const char * how;
-      std::function< void() > enable, disable;
-   } cases[] = {
-      { "configured sparse mode",
-        [ this ] { intfConfigIs( "Vlan10", pimModeSparse ); },
-        [ this ] { intfConfigIs( "Vlan10", pimModeNone ); } },
-      { "mode none with border router",
-        [ this ] { intfConfigIs( "Vlan10", pimModeNone, true ); },
-        [ this ] { intfConfigIs( "Vlan10", pimModeNone, false ); } },
-      { "application request",
-        [ this, &app ] {
-           app = applicationIs( "igmp" );
-           app->intfModeIs( "Vlan10", pimModeSparse );
-        },
-        [ &app ] { app->intfModeDel( "Vlan10" ); } },
-   };
-   for( const auto & c : cases ) {
-      SCOPED_TRACE( c.how );
-      sm_ = nullptr;
-      configColl_->intfConfigDelAll();
-      vrfIs( "default" );
-      ipIntfIs( "Vlan10", "default", "198.18.10.1/24" );
-      ipIntfIs( "Vlan20", "default", "198.18.20.1/24" );
-      start();
-      auto pimStatus = statusColl_->vrfStatus( L3::VrfName( "default" ) );
-      ASSERT_TRUE( pimStatus );
-      auto vxlan = Kiv::make< ::Vxlan::EnabledStatus >();
-      vxlan->vlanToVniMapIs( 10, ::Vxlan::VniExtOrNone( 10010 ) );
-      vxlan->vlanToVniMapIs( 20, ::Vxlan::VniExtOrNone( 10020 ) );
-      auto out = Kiv::make< Routing::Multicast::Vxlan::Status >();
-      auto sm = Kiv::make< Routing::Pim::VxlanStatusSm >( vxlan, pimStatus, out );
-      ASSERT_TRUE( settle() );
-      EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
-
-      c.enable();
-      ASSERT_TRUE( settle() );
-      ASSERT_TRUE( pimIntf( "default", "Vlan10" ) );
-      EXPECT_TRUE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
-      EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan20" ) ) ) << "not a PIM interface";
-
-      c.disable();
-      ASSERT_TRUE( settle() );
-      EXPECT_FALSE( pimIntf( "default", "Vlan10" ) );
-      EXPECT_FALSE( out->vxlanIntf( Lumo::IntfId( "Vlan10" ) ) );
-   }
 }
 
 } // namespace

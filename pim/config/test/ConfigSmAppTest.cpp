@@ -39,7 +39,7 @@ TEST_F( ConfigSmAppTest, SparseRequestAloneGivesTheDefaultParameters ) {
    intfConfigIs( "Ethernet1", pimModeSparse )->helloIntervalIs( 10 );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 10 );
-   configColl_->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+   configColl->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
    app->intfModeIs( "Ethernet1", pimModeBidir );
@@ -47,21 +47,6 @@ TEST_F( ConfigSmAppTest, SparseRequestAloneGivesTheDefaultParameters ) {
    ASSERT_TRUE( settle() );
    ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
    EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 30 );
-}
-
-TEST_F( ConfigSmAppTest, DefaultPathLeavesPortFlagsAndSourceInjectAlone ) {
-   auto app = applicationIs( "igmp" );
-   app->intfModeIs( "Ethernet1", pimModeSparse );
-   ASSERT_TRUE( settle() );
-   auto intf = pimIntf( "default", "Ethernet1" );
-   ASSERT_TRUE( intf );
-   intf->portCapabilityFlagsIs( 0x4u );
-   intf->helloPeriodIs( 99 );
-   hostInject_->configIs( Lumo::IntfId( "Ethernet1" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( intf->sourceInject() ) << "not written without a configuration";
-   EXPECT_EQ( intf->portCapabilityFlags(), 0x4u );
-   EXPECT_EQ( intf->helloPeriod(), 30 ) << "the defaults are written unconditionally";
 }
 
 TEST_F( ConfigSmAppTest, InterfaceStaysUntilNoApplicationRequestsIt ) {
@@ -84,38 +69,17 @@ TEST_F( ConfigSmAppTest, ApplicationMachinesLiveWithTheDefaultVrf ) {
    applicationIs( "msdp" );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( sm_->appConfigSmSize(), 2u );
-   vrfEnabledStatus_->vrfIs( Vrf( "default" ), false );
+   vrfEnabledStatus->vrfIs( Vrf( "default" ), false );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( sm_->appConfigSmSize(), 0u );
    EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
-   vrfEnabledStatus_->vrfIs( Vrf( "default" ), true );
+   vrfEnabledStatus->vrfIs( Vrf( "default" ), true );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( sm_->appConfigSmSize(), 2u );
    EXPECT_TRUE( pimIntf( "default", "Ethernet1" ) );
-   appDir_->entryDel( Kiv::Name( "msdp" ) );
+   appDir->entryDel( Kiv::Name( "msdp" ) );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( sm_->appConfigSmSize(), 1u );
-}
-
-// The machine itself, fed directly (no directory needed).
-TEST( ApplicationConfigSmTest, ConstructionReevaluatesEveryRequestedInterface ) {
-   Kiv::Testing::TestLoop loop;
-   Kiv::TraceCapture capture;
-   capture.enable( "Pim::Config/8" );
-   auto config = Kiv::make< Application::Config >( "igmp" );
-   config->intfModeIs( "Ethernet1", pimModeSparse );
-   config->intfModeIs( "Ethernet2", pimModeBidir );
-   ConfigSmInputs none;
-   auto owner = configSmFactory( none );
-   auto sm = owner->appConfigSmIs( "igmp", config );
-   EXPECT_TRUE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet1 )" ) );
-   EXPECT_TRUE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet2 )" ) );
-   EXPECT_EQ( owner->appConfigSmIs( "igmp", config ), sm ) << "kept when it already exists";
-   capture.clear();
-   config->intfModeDel( "Ethernet2" );
-   ASSERT_TRUE( loop.runUntilIdle() );
-   EXPECT_TRUE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet2 )" ) );
-   EXPECT_FALSE( capture.contains( "Pim::Config", 8, "handleIntfMode( igmp, Ethernet1 )" ) );
 }
 
 } // namespace

@@ -120,7 +120,7 @@ TEST_F( ConfigSmIntfTest, ConfigurationAndRequestsMapToModeAndMembership ) {
    auto app = applicationIs( "igmp" );
    for( const Row & r : rows ) {
       SCOPED_TRACE( r.name );
-      configColl_->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+      configColl->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
       app->intfModeDel( "Ethernet1" );
       ASSERT_TRUE( settle() );
       if( r.config ) intfConfigIs( "Ethernet1", *r.config, r.border );
@@ -148,7 +148,7 @@ TEST_F( ConfigSmIntfTest, UnknownModeWithoutBorderRouterStopsTheAgent ) {
 }
 
 TEST_F( ConfigSmIntfTest, BfdFollowsTheVrfDefaultUnlessConfigured ) {
-   auto vrfConfig = configColl_->vrfConfig( L3::VrfName( "default" ) );
+   auto vrfConfig = configColl->vrfConfig( L3::VrfName( "default" ) );
    auto c1 = intfConfigIs( "Ethernet1", pimModeSparse );
    auto c2 = intfConfigIs( "Ethernet2", pimModeSparse );
    c2->bfdIs( intfBfdDisabled );
@@ -179,7 +179,7 @@ TEST_F( ConfigSmIntfTest, ReliableTransportCapabilityNeedsAConnectionAddress ) {
    EXPECT_EQ( pimIntf( "default", "Ethernet1" )->portCapabilityFlags(), 0x4u )
       << "no connection address: the transport bit is cleared, the rest kept";
 
-   auto port = globalStatus_->portStatus( L3::VrfName( "default" ) );
+   auto port = globalStatus->portStatus( L3::VrfName( "default" ) );
    ASSERT_TRUE( port ) << "the VRF's reliable-transport status exists with its configuration";
    port->pimsmSctpConnectionIdIs( ip( "198.18.0.1" ) );
    ASSERT_TRUE( settle() );
@@ -190,25 +190,10 @@ TEST_F( ConfigSmIntfTest, ReliableTransportCapabilityNeedsAConnectionAddress ) {
    EXPECT_EQ( pimIntf( "default", "Ethernet1" )->portCapabilityFlags(), 0x4u );
 }
 
-TEST_F( ConfigSmIntfTest, SourceInjectFollowsTheHostInjectConfiguration ) {
-   intfConfigIs( "Ethernet1", pimModeSparse );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" )->sourceInject() );
-   auto entry = hostInject_->configIs( Lumo::IntfId( "Ethernet1" ), 10u );
-   ASSERT_TRUE( settle() );
-   EXPECT_TRUE( pimIntf( "default", "Ethernet1" )->sourceInject() );
-   entry->prefIs( 20 );
-   ASSERT_TRUE( settle() );
-   EXPECT_TRUE( pimIntf( "default", "Ethernet1" )->sourceInject() );
-   hostInject_->configDel( Lumo::IntfId( "Ethernet1" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" )->sourceInject() );
-}
-
 TEST_F( ConfigSmIntfTest, SecondaryAddressesAndPrefixesFollowTheIpStatus ) {
    intfConfigIs( "Ethernet1", pimModeSparse );
-   ipStatus_->intfSecondaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.10.5/24" ), true );
-   ipStatus_->intfSecondaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.11.5/32" ), true );
+   ipStatus->intfSecondaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.10.5/24" ), true );
+   ipStatus->intfSecondaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.11.5/32" ), true );
    ASSERT_TRUE( settle() );
    auto intf = pimIntf( "default", "Ethernet1" );
    ASSERT_TRUE( intf );
@@ -218,14 +203,14 @@ TEST_F( ConfigSmIntfTest, SecondaryAddressesAndPrefixesFollowTheIpStatus ) {
    EXPECT_FALSE( intf->secondaryAddress( ip( "198.18.1.1" ) ) ) << "the primary is not a secondary";
    EXPECT_EQ( intf->secondaryAddressSize(), 2u );
 
-   ipStatus_->intfSecondaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.10.5/24" ), false );
+   ipStatus->intfSecondaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.10.5/24" ), false );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( intf->secondaryAddress( ip( "198.18.10.5" ) ) );
    EXPECT_FALSE( intf->secondaryPrefix( prefix( "198.18.10.0/24" ) ) );
    EXPECT_TRUE( intf->secondaryAddress( ip( "198.18.11.5" ) ) );
 
    // A new primary address is taken over in place.
-   ipStatus_->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.3.1/25" ) );
+   ipStatus->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.3.1/25" ) );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( pimIntf( "default", "Ethernet1" ), intf );
    EXPECT_EQ( intf->addressWithMask(), ipm( "198.18.3.1/25" ) );
@@ -239,55 +224,28 @@ TEST_F( ConfigSmIntfTest, WaysAnInterfaceStopsBeingPim ) {
    ASSERT_TRUE( intf1 && pimIntf( "default", "Ethernet2" ) );
 
    // Address 0.0.0.0: deleted, after being disabled.
-   ipStatus_->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "0.0.0.0/0" ) );
+   ipStatus->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "0.0.0.0/0" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
    EXPECT_FALSE( intf1->enabled() ) << "disabled before removal";
    EXPECT_FALSE( inSparseSet( "default", "Ethernet1" ) );
-   ipStatus_->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.1.1/24" ) );
+   ipStatus->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.1.1/24" ) );
    ASSERT_TRUE( settle() );
    ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
 
    // Configuration removed.
-   configColl_->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+   configColl->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
 
    // Interface gone from the IP status.
-   ipStatus_->intfDel( Lumo::IntfId( "Ethernet2" ) );
+   ipStatus->intfDel( Lumo::IntfId( "Ethernet2" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "default", "Ethernet2" ) );
 }
 
-TEST_F( ConfigSmIntfTest, AnInterfaceMovesWithItsVrf ) {
-   vrfIs( "red" );
-   intfConfigIs( "Ethernet1", pimModeSparse );
-   ASSERT_TRUE( settle() );
-   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
-   ipStatus_->intfVrfIs( Lumo::IntfId( "Ethernet1" ), L3::VrfName( "red" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
-   ASSERT_TRUE( pimIntf( "red", "Ethernet1" ) );
-   EXPECT_TRUE( inSparseSet( "red", "Ethernet1" ) );
-   EXPECT_FALSE( inSparseSet( "default", "Ethernet1" ) );
-}
-
 // The interface inputs are missing one at a time.
 class ConfigSmMissingInputTest : public ConfigSmFixture {};
-
-TEST_F( ConfigSmMissingInputTest, NothingButTheConfigurationStillRuns ) {
-   ConfigSmInputs in;
-   in.pimConfigColl = configColl_;
-   vrfIs( "default" );
-   intfConfigIs( "Ethernet1", pimModeSparse );
-   start( in );
-   EXPECT_TRUE( sm_->initialized() );
-   sm_->updatePimIntf( L3::VrfName( "default" ), Lumo::IntfId( "Ethernet1" ) );
-   cellGlobalStatus_->reloadIs( true );
-   sm_->handleAsuCompletedVrf();
-   sm_->handleClearCountersCount( L3::VrfName( "default" ) );
-   sm_->doCreateOrDeleteContainer( L3::VrfName( "default" ) );
-}
 
 TEST_F( ConfigSmMissingInputTest, EachMissingStatusDeletes ) {
    vrfIs( "default" );
@@ -297,10 +255,10 @@ TEST_F( ConfigSmMissingInputTest, EachMissingStatusDeletes ) {
    ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
 
    // Multicast routing disabled in the VRF.
-   vrfEnabledStatus_->vrfIs( L3::VrfName( "default" ), false );
+   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), false );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
-   vrfEnabledStatus_->vrfIs( L3::VrfName( "default" ), true );
+   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), true );
    ASSERT_TRUE( settle() );
    ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
 
@@ -308,16 +266,16 @@ TEST_F( ConfigSmMissingInputTest, EachMissingStatusDeletes ) {
    ipIntfIs( "Ethernet3", "green", "198.18.3.1/24" );
    intfConfigIs( "Ethernet3", pimModeSparse );
    ASSERT_TRUE( settle() );
-   vrfEnabledStatus_->vrfIs( L3::VrfName( "green" ), true );
+   vrfEnabledStatus->vrfIs( L3::VrfName( "green" ), true );
    ASSERT_TRUE( settle() );
    sm_->updatePimIntf( L3::VrfName(), Lumo::IntfId( "Ethernet3" ) );
    EXPECT_FALSE( pimIntf( "green", "Ethernet3" ) );
 
    // A VRF that the VRF agent does not know (yet).
-   configColl_->vrfConfigIs( L3::VrfName( "green" ) );
+   configColl->vrfConfigIs( L3::VrfName( "green" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "green", "Ethernet3" ) );
-   allVrfStatusLocal_->vrfIs( L3::VrfName( "green" ), Lumo::NamespaceName( "ns-green" ) );
+   allVrfStatusLocal->vrfIs( L3::VrfName( "green" ), Lumo::NamespaceName( "ns-green" ) );
    ASSERT_TRUE( settle() );
    EXPECT_TRUE( pimIntf( "green", "Ethernet3" ) );
 

@@ -90,28 +90,4 @@ TEST_F( PortConfigSmTest, SwitchingInterfacesReleasesTheOldOne ) {
    EXPECT_EQ( dir_->sourceIntfSize(), 0u );
 }
 
-TEST_F( PortConfigSmTest, ReevaluatingTheSameInterfaceKeepsOneRegistration ) {
-   config_->sctpSrcIntfIs( Lumo::IntfId( "Loopback0" ) );
-   auto sm = build();
-   const auto entry = sm->sourceIntfStatus();
-   sm->handleSctpSrcIntf();
-   sm->handleSctpSrcIntf();
-   EXPECT_EQ( sm->sourceIntfStatus(), entry );
-   EXPECT_EQ( registry_->registrations( Lumo::IntfId( "Loopback0" ) ), 1u );
-   // One clear releases it completely.
-   config_->sctpSrcIntfIs( Lumo::IntfId() );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_FALSE( dir_->sourceIntf( Lumo::IntfId( "Loopback0" ) ) );
-}
-
-TEST_F( PortConfigSmTest, MissingInputsAreStatesNotCrashes ) {
-   config_->sctpSrcIntfIs( Lumo::IntfId( "Loopback0" ) );
-   auto noRegistry = Reliable::configSmFactory( config_, nullptr, status_ );
-   EXPECT_TRUE( published().isEmpty() );
-   auto noStatus = Reliable::configSmFactory( config_, registry_.ptr(), nullptr );
-   auto noConfig = Reliable::configSmFactory( nullptr, registry_.ptr(), status_ );
-   EXPECT_TRUE( noConfig->vrfName().isEmpty() );
-   EXPECT_TRUE( loop_.runUntilIdle() );
-}
-
 } // namespace

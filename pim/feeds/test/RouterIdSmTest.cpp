@@ -50,18 +50,5 @@ TEST( RouterIdSm, TwoVrfsOfOneSwitchShareTheIdAndNoBridgingKeepsZero ) {
    EXPECT_EQ( infoNone->routerId(), 0u );
 }
 
-TEST( RouterIdSm, TornDownMachineNoLongerWrites ) {
-   Kiv::Testing::TestLoop loop;
-   auto bridging = Kiv::make< Bridging::Config >();
-   bridging->bridgeMacAddrIs( mac( 0, 0, 0, 0, 0, 1 ) );
-   auto info = routerIdInfoFactory( "default" );
-   auto sm = routerIdSmFactory( "default", bridging, info );
-   ASSERT_EQ( info->routerId(), 1u );
-   bridging->bridgeMacAddrIs( mac( 0, 0, 0, 0, 0, 2 ) );
-   sm = nullptr;   // a queued notification must not reach the dead machine
-   loop.runUntilIdle();
-   EXPECT_EQ( info->routerId(), 1u );
-}
-
 } // namespace
 } // namespace Routing::Pim

@@ -76,16 +76,6 @@ TEST_F( VxlanStatusSmTest, ConstructionPicksUpMappedPimVlansAndDropsStaleEntries
    EXPECT_FALSE( published( "Vlan99" ) );
 }
 
-TEST_F( VxlanStatusSmTest, WithoutPimStatusEveryVlanEventWithdraws ) {
-   out_->vxlanIntfIs( Lumo::IntfId( "Vlan5" ), true );
-   auto sm = VxlanStatusSmIs( map_, nullptr, out_ );
-   EXPECT_FALSE( published( "Vlan5" ) );
-   map_->vlanToVniMapIs( 5, VniExtOrNone( 55 ) );
-   out_->vxlanIntfIs( Lumo::IntfId( "Vlan5" ), true );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_FALSE( published( "Vlan5" ) );
-}
-
 TEST_F( VxlanStatusSmTest, FullVlanPassRemovesInterfacesWhoseVlanLostItsVni ) {
    auto sm = build();
    pimStatus_->pimIntfIs( Lumo::IntfId( "Vlan7" ), pimModeSparse );

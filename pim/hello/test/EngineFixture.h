@@ -1,35 +1,27 @@
 #pragma once
-// One VRF of the Hello engine, driven on virtual time: the status entities,
-// the receive mailbox (Hellos go in one per loop turn, as the I/O service
-// hands them over), a recorder of every Hello handed to the transmit mailbox,
-// and captures of trace lines and structured logs.
-//
-// Random delays: a ScriptedRandom is installed for the whole test. It answers
-// from its script while it has values and from a seeded source afterwards,
-// so a test pins a delay by pushing the draw right before the event that
-// makes it. Interface creation draws the generation id from the loop's own
-// seeded source, so it never eats a scripted value.
+// One VRF of the Hello engine on virtual time, with a recorder of every Hello
+// handed to the transmit mailbox and captures of traces and structured logs.
+// A test pins a random delay by pushing the draw right before the event that
+// makes it; the generation id of a new interface never eats a scripted value.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
+#include <algorithm>
 #include <deque>
+#include <iterator>
 #include <initializer_list>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "feeds/RouterIdSm.h"
-#include "hello/PimHelloSm.h"
-#include "hello/PimIntfSm.h"
+#include "VrfPipeline.h"
 #include "kiv/Log.h"
 #include "kiv/RangeException.h"
 #include "kiv/Trace.h"
 #include "kiv/testing/TestLoop.h"
-#include "services/bridging/BridgingConfig.h"
 
 namespace PimScenario {
 
@@ -41,17 +33,8 @@ inline Lumo::IpGenAddrWithMask ipm( std::string_view s ) {
 }
 inline Lumo::IntfId ethernet( int n ) { return Lumo::IntfId( "Ethernet" + std::to_string( n ) ); }
 
-// The printed form of a value, as the system's own traces print it.
-template< class T >
-std::string str( const T & v ) {
-   std::ostringstream os;
-   os << v;
-   return os.str();
-}
-
-// Each test starts its clock far from every other test's, so that the
-// per-message rate limits of the static log handles (one token per second)
-// never carry a spent budget from one test into the next.
+// Each test starts its clock far from the others', so the static log handles'
+// rate limits never carry a spent budget from one test into the next.
 inline double nextStartTime() {
    static int n = 0;
    return 1.0e6 * ++n;
@@ -63,10 +46,7 @@ class ScriptedRandom final : public Kiv::Random {
    void push( std::initializer_list< std::uint32_t > values ) {
       script_.insert( script_.end(), values.begin(), values.end() );
    }
-   std::size_t pending() const { return script_.size(); }
-   std::uint64_t drawn() const { return drawn_; }
    std::uint32_t rand() override {
-      ++drawn_;
       if( script_.empty() ) return fallback_.rand();
       const std::uint32_t v = script_.front();
       script_.pop_front();
@@ -76,11 +56,9 @@ class ScriptedRandom final : public Kiv::Random {
  private:
    std::deque< std::uint32_t > script_;
    Kiv::SeededRandom fallback_;
-   std::uint64_t drawn_ = 0;
 };
 
-// The draw that makes a triggered-Hello delay of `tenths` tenths of a second
-// (the delay is (rand mod (10 x helloDelay) + 1) / 10).
+// The draw that makes a triggered-Hello delay of `tenths` tenths of a second.
 inline std::uint32_t drawForTenths( std::uint32_t tenths ) { return tenths - 1; }
 
 // A Hello as a neighbour sends it. Options are absent unless set.
@@ -112,18 +90,9 @@ struct HelloBuilder {
    Kiv::Ptr< Packet::HelloMessage > build() const {
       auto h = Kiv::make< Packet::HelloMessage >();
       h->srcAddrIs( src );
-      if( holdTime ) {
-         h->holdTimePresentIs( true );
-         h->holdTimeIs( *holdTime );
-      }
-      if( drPriority ) {
-         h->drPriorityPresentIs( true );
-         h->drPriorityIs( *drPriority );
-      }
-      if( generationId ) {
-         h->generationIdPresentIs( true );
-         h->generationIdIs( *generationId );
-      }
+      if( holdTime ) h->holdTimePresentIs( true ), h->holdTimeIs( *holdTime );
+      if( drPriority ) h->drPriorityPresentIs( true ), h->drPriorityIs( *drPriority );
+      if( generationId ) h->generationIdPresentIs( true ), h->generationIdIs( *generationId );
       if( lanPruneDelay ) {
          h->lanPruneDelayPresentIs( true );
          h->propagationDelayIs( lanPruneDelay->propagationDelay );
@@ -136,10 +105,8 @@ struct HelloBuilder {
          h->portOptionPresentIs( true );
          h->portCapabilityFlagsIs( port->capabilityFlags );
          h->portTransportIs( static_cast< std::uint8_t >( port->transport ) );
-         if( !port->connectionAddr.isEmpty() ) {
-            h->connectionAddrPresentIs( true );
-            h->connectionAddrIs( port->connectionAddr );
-         }
+         if( !port->connectionAddr.isEmpty() )
+            h->connectionAddrPresentIs( true ), h->connectionAddrIs( port->connectionAddr );
          h->portSecondAddrIs( port->secondAddr );
       }
       return h;
@@ -147,35 +114,24 @@ struct HelloBuilder {
 };
 
 inline HelloBuilder hello( std::string_view src ) {
-   HelloBuilder s;
-   s.src = ip( src );
-   return s;
+   HelloBuilder h;
+   h.src = ip( src );
+   return h;
 }
 
-// A copy of one Hello handed to the transmit mailbox.
+// One Hello handed to the transmit mailbox (every send makes a new message).
 struct SentHello {
    double time = 0.0;
    Lumo::IntfId intfId;
-   Lumo::IpGenAddr src;
-   bool holdTimePresent = false;
-   std::uint16_t holdTime = 0;
-   bool lanPruneDelayPresent = false;
-   std::uint16_t propagationDelay = 0;
-   std::uint16_t overrideInterval = 0;
-   bool tBit = false;
-   bool drPriorityPresent = false;
-   std::uint32_t drPriority = 0;
-   bool generationIdPresent = false;
-   std::uint32_t generationId = 0;
-   bool bidirCapable = false;
-   std::set< Lumo::IpGenAddr > secondary;
-   bool interfaceIdPresent = false;
-   std::uint32_t interfaceIdRouterId = 0;
-   std::uint32_t interfaceIdIfIndex = 0;
-   bool connectionAddrPresent = false;
-   Lumo::IpGenAddr connectionAddr;
+   Kiv::Ptr< const Packet::HelloMessage > hello;
 
-   bool isGoodbye() const { return holdTimePresent && holdTime == 0; }
+   const Packet::HelloMessage * operator->() const { return hello.ptr(); }
+   bool isGoodbye() const { return hello->holdTimePresent() && hello->holdTime() == 0; }
+   std::set< Lumo::IpGenAddr > secondary() const {
+      std::set< Lumo::IpGenAddr > r;
+      hello->secondaryAddrForEach( [ & ]( const Lumo::IpGenAddr & a, bool ) { r.insert( a ); } );
+      return r;
+   }
 };
 
 struct IntfParams {
@@ -196,52 +152,23 @@ struct IntfParams {
 
 class EngineFixture {
  public:
-   static constexpr const char * kHelloTrace = "Pim::Hello";
-   static constexpr const char * kNeighborTrace = "Pim::Neighbor";
-   static constexpr const char * kIntfTrace = "Pim::Intf";
-
    explicit EngineFixture( Lumo::AddressFamily af = Lumo::AddressFamily::ipv4,
-                           const L3::VrfName & vrf = L3::VrfName( "default" ),
+                           const L3::VrfName & vrfName = L3::VrfName( "default" ),
                            std::uint64_t seed = 7 )
-         : loop_( nextStartTime(), seed ), random_( seed * 31 + 1 ), vrfName_( vrf ) {
+         : loop_( nextStartTime(), seed ), random_( seed * 31 + 1 ),
+           vrf( af, vrfName, Tolm::TimerWheelIs( loop_.clock() ) ) {
       loop_.manager().randomIs( &random_ );
       trace.enable( "Pim::*/1-9" );
-      allStatus = Kiv::make< AllStatus >( vrf );
-      globalStatus = Kiv::make< GlobalStatus >( af );
-      cellGlobalStatus = Kiv::make< CellGlobalStatus >();
-      globalConfig = Kiv::make< GlobalConfig >();
-      config = Kiv::make< Config >( vrf );
-      pamManager = Kiv::make< IO::PamManager >( af, Lumo::NamespaceName(), true );
-      timerWheel = Tolm::TimerWheelIs( loop_.clock() );
-      bfdAppConfig = Kiv::make< Bfd::AppConfig >( af == Lumo::AddressFamily::ipv6 ? "pim6" : "pim" );
-      bfdAppStatus = Kiv::make< Bfd::AppStatus >( af == Lumo::AddressFamily::ipv6 ? "pim6" : "pim" );
-      kernel = Kiv::make< Interface::DeviceIntfStatusDir >();
-      routerIdInfo = routerIdInfoFactory( vrf );
-      rx = Kiv::make< IO::MessageInfo >();
-
-      inputs.vrfName = vrf;
-      inputs.pimGlobalStatus = globalStatus;
-      inputs.pimCellGlobalStatus = cellGlobalStatus;
-      inputs.pimGlobalConfig = globalConfig;
-      inputs.pimConfig = config;
-      inputs.pimPamManager = pamManager;
-      inputs.timerWheel = timerWheel;
-      inputs.bfdPimAppConfig = bfdAppConfig;
-      inputs.bfdPimAppStatus = bfdAppStatus;
-      inputs.kernelIntfStatus = kernel;
-      inputs.routerIdInfo = routerIdInfo;
-
-      txRecorder_.emplace( this, pamManager->txMessageInfo() );
-      global = GlobalIntfSmIs( allStatus, inputs );
-      helloSm = HelloSmIs( allStatus, rx );
+      txRecorder_.emplace( this, vrf.pamManager->txMessageInfo() );
+      vrf.start();
       runUntilIdle();
    }
 
    ~EngineFixture() {
       // Machines first, while the wheel, the inputs and the loop still exist.
-      routerIdSm = nullptr;
-      helloSm = nullptr;
-      global = nullptr;
+      vrf.routerIdSm = nullptr;
+      vrf.helloSm = nullptr;
+      vrf.global = nullptr;
       txRecorder_.reset();
       loop_.runUntilIdle();
       loop_.manager().randomIs( &loop_.random() );
@@ -250,12 +177,9 @@ class EngineFixture {
    EngineFixture( const EngineFixture & ) = delete;
    EngineFixture & operator=( const EngineFixture & ) = delete;
 
-   // ---- time --------------------------------------------------------------
    Kiv::Testing::TestLoop & loop() { return loop_; }
    double t0() const { return t0_; }
    double now() const { return loop_.now(); }
-   // Seconds since the start of the test.
-   double elapsed() const { return loop_.now() - t0_; }
    void runUntilIdle() { EXPECT_TRUE( loop_.runUntilIdle() ) << "notification ping-pong"; }
    // Moves to t0 + rel, firing every timer due on the way.
    void at( double rel ) { EXPECT_TRUE( loop_.advanceTo( t0_ + rel ) ); }
@@ -263,14 +187,11 @@ class EngineFixture {
    void advanceBy( double d ) { EXPECT_TRUE( loop_.advanceBy( d ) ); }
    ScriptedRandom & random() { return random_; }
 
-   // ---- interfaces -----------------------------------------------------------
-   // Creates the PIM interface with its attributes (and, unless told
-   // otherwise, its kernel entry) and lets the engine react.
+   // Creates the PIM interface (and, unless told otherwise, its kernel entry).
    Kiv::Ptr< Intf > addIntf( const Lumo::IntfId & id, std::string_view addressWithMask,
                              const IntfParams & p = {} ) {
-      // The generation id draw must not consume a scripted value.
       loop_.manager().randomIs( &loop_.random() );
-      auto intf = allStatus->pimIntfIs( id, ipm( addressWithMask ) );
+      auto intf = vrf.allStatus->pimIntfIs( id, ipm( addressWithMask ) );
       loop_.manager().randomIs( &random_ );
       intf->modeIs( p.mode );
       intf->drPriorityIs( p.drPriority );
@@ -287,8 +208,7 @@ class EngineFixture {
       runUntilIdle();
       return intf;
    }
-   // addIntf, then lets the start-up Hello go (it leaves within 0.1..1.0 s)
-   // and forgets it, so the test starts from a quiet interface.
+   // addIntf, then lets the start-up Hello go and forgets it.
    Kiv::Ptr< Intf > startIntf( const Lumo::IntfId & id, std::string_view addressWithMask,
                                const IntfParams & p = {} ) {
       auto intf = addIntf( id, addressWithMask, p );
@@ -296,19 +216,15 @@ class EngineFixture {
       clearSent();
       return intf;
    }
-   void kernelAdd( const Lumo::IntfId & id, std::uint32_t ifIndex ) {
-      kernel->deviceIntfStatusIs(
-         id, Interface::DeviceIntfStatus{ "eth" + std::to_string( ifIndex ), ifIndex, true } );
-   }
-   void kernelDel( const Lumo::IntfId & id ) { kernel->deviceIntfStatusDel( id ); }
-   Kiv::Ptr< Intf > intf( const Lumo::IntfId & id ) const { return allStatus->pimIntf( id ); }
-   Kiv::Ptr< IntfSm > intfSm( const Lumo::IntfId & id ) const { return global->intfSm( id ); }
+   void kernelAdd( const Lumo::IntfId & id, std::uint32_t ifIndex ) { vrf.kernelAdd( id, ifIndex ); }
+   void kernelDel( const Lumo::IntfId & id ) { vrf.kernelDel( id ); }
+   Kiv::Ptr< Intf > intf( const Lumo::IntfId & id ) const { return vrf.allStatus->pimIntf( id ); }
+   Kiv::Ptr< IntfSm > intfSm( const Lumo::IntfId & id ) const { return vrf.global->intfSm( id ); }
 
-   // ---- receive --------------------------------------------------------------
    void receive( const Lumo::IntfId & id, const HelloBuilder & h ) {
-      rx->messageIs( h.build() );
-      rx->intfIdIs( id );
-      rx->countInc( 1 );
+      vrf.rx->messageIs( h.build() );
+      vrf.rx->intfIdIs( id );
+      vrf.rx->countInc( 1 );
       runUntilIdle();
    }
    Kiv::Ptr< Neighbor > neighbor( const Lumo::IntfId & id, std::string_view addr ) const {
@@ -320,37 +236,24 @@ class EngineFixture {
       return i && i->activeNeighbor( ip( addr ) );
    }
 
-   // ---- transmit --------------------------------------------------------------
    const std::vector< SentHello > & sent() const { return sent_; }
    std::vector< SentHello > sentOn( const Lumo::IntfId & id ) const {
       std::vector< SentHello > r;
-      for( const auto & s : sent_ ) {
-         if( s.intfId == id ) r.push_back( s );
-      }
+      std::copy_if( sent_.begin(), sent_.end(), std::back_inserter( r ),
+                    [ & ]( const SentHello & s ) { return s.intfId == id; } );
       return r;
    }
    void clearSent() { sent_.clear(); }
 
-   // ---- traces and logs ----------------------------------------------------------
-   // Whether a line of the handle at the level contains the text (where the
-   // trace is the behaviour: what is ignored is traced at level 1).
-   bool traced( const char * handle, int level, const std::string & text ) const {
-      return trace.contains( handle, level, text );
-   }
    std::size_t logged( std::string_view name ) const { return log.count( name ); }
    std::vector< std::string > logTexts( std::string_view name ) const {
       std::vector< std::string > r;
-      for( const auto & m : log.messages() ) {
-         if( m.name == name ) r.push_back( m.text );
-      }
+      for( const auto & m : log.messages() ) if( m.name == name ) r.push_back( m.text );
       return r;
    }
 
-   // ---- router id ------------------------------------------------------------------
    void startRouterId( const Bridging::MacAddr & mac ) {
-      bridging = Kiv::make< Bridging::Config >();
-      bridging->bridgeMacAddrIs( mac );
-      routerIdSm = routerIdSmFactory( vrfName_, bridging, routerIdInfo );
+      vrf.routerIdIs( mac );
       runUntilIdle();
    }
 
@@ -361,7 +264,6 @@ class EngineFixture {
          kivImmediateIs( IO::MessageInfo::kivAttr_count, true );
          notifierIs( m );
       }
-      // Every send overwrites the mailbox, so each one is copied at once.
       void onCountkivImmediate() override { f_->recordTx( *notifier() ); }
 
     private:
@@ -371,34 +273,11 @@ class EngineFixture {
    void recordTx( const IO::MessageInfo & m ) {
       auto h = m.helloMessage();
       EXPECT_TRUE( h ) << "a non-Hello message was handed to the transmit mailbox";
-      if( !h ) return;
-      SentHello s;
-      s.time = loop_.now();
-      s.intfId = m.intfId();
-      s.src = h->srcAddr();
-      s.holdTimePresent = h->holdTimePresent();
-      s.holdTime = h->holdTime();
-      s.lanPruneDelayPresent = h->lanPruneDelayPresent();
-      s.propagationDelay = h->propagationDelay();
-      s.overrideInterval = h->overrideInterval();
-      s.tBit = h->tBit();
-      s.drPriorityPresent = h->drPriorityPresent();
-      s.drPriority = h->drPriority();
-      s.generationIdPresent = h->generationIdPresent();
-      s.generationId = h->generationId();
-      s.bidirCapable = h->bidirCapable();
-      h->secondaryAddrForEach( [ & ]( const Lumo::IpGenAddr & a, bool ) { s.secondary.insert( a ); } );
-      s.interfaceIdPresent = h->interfaceIdPresent();
-      s.interfaceIdRouterId = h->interfaceIdRouterId();
-      s.interfaceIdIfIndex = h->interfaceIdIfIndex();
-      s.connectionAddrPresent = h->connectionAddrPresent();
-      s.connectionAddr = h->connectionAddr();
-      sent_.push_back( s );
+      if( h ) sent_.push_back( SentHello{ loop_.now(), m.intfId(), h } );
    }
 
    Kiv::Testing::TestLoop loop_;
    ScriptedRandom random_;
-   L3::VrfName vrfName_;
    double t0_ = loop_.now();
    std::vector< SentHello > sent_;
    std::optional< TxRecorder > txRecorder_;
@@ -406,62 +285,39 @@ class EngineFixture {
  public:
    Kiv::TraceCapture trace;
    Kiv::LogCapture log;
-   Kiv::Ptr< AllStatus > allStatus;
-   Kiv::Ptr< GlobalStatus > globalStatus;
-   Kiv::Ptr< CellGlobalStatus > cellGlobalStatus;
-   Kiv::Ptr< GlobalConfig > globalConfig;
-   Kiv::Ptr< Config > config;
-   Kiv::Ptr< IO::PamManager > pamManager;
-   Kiv::Ptr< Tolm::TimerWheel > timerWheel;
-   Kiv::Ptr< Bfd::AppConfig > bfdAppConfig;
-   Kiv::Ptr< Bfd::AppStatus > bfdAppStatus;
-   Kiv::Ptr< Interface::DeviceIntfStatusDir > kernel;
-   Kiv::Ptr< RouterIdInfo > routerIdInfo;
-   Kiv::Ptr< IO::MessageInfo > rx;
-   Kiv::Ptr< Bridging::Config > bridging;
-   IntfSmInputs inputs;
-   Kiv::Ptr< GlobalIntfSm > global;
-   Kiv::Ptr< HelloSm > helloSm;
-   Kiv::Ptr< RouterIdSm > routerIdSm;
+   VrfPipeline vrf;
 };
 
 // The full option set of a Hello that is not a goodbye, as the interface
 // advertises it.
 inline void expectFullHello( const SentHello & s, const Intf & intf, std::uint32_t drPriority ) {
    EXPECT_EQ( s.intfId, intf.id() );
-   EXPECT_EQ( s.src, intf.usedAddressWithMask().address() );
-   EXPECT_TRUE( s.holdTimePresent );
-   EXPECT_EQ( s.holdTime, intf.helloHoldTime() );
-   EXPECT_TRUE( s.lanPruneDelayPresent );
-   EXPECT_EQ( s.propagationDelay, intf.propagationDelay() );
-   EXPECT_EQ( s.overrideInterval, intf.overrideInterval() );
-   EXPECT_EQ( s.tBit, intf.tBit() );
-   EXPECT_TRUE( s.drPriorityPresent );
-   EXPECT_EQ( s.drPriority, drPriority );
-   EXPECT_TRUE( s.generationIdPresent );
-   EXPECT_EQ( s.generationId, intf.generationId() );
-   EXPECT_EQ( s.bidirCapable, modeIncludesBidir( intf.mode() ) );
+   EXPECT_EQ( s->srcAddr(), intf.usedAddressWithMask().address() );
+   EXPECT_TRUE( s->holdTimePresent() && s->lanPruneDelayPresent() && s->drPriorityPresent() &&
+                s->generationIdPresent() && s->interfaceIdPresent() );
+   EXPECT_EQ( s->holdTime(), intf.helloHoldTime() );
+   EXPECT_EQ( s->propagationDelay(), intf.propagationDelay() );
+   EXPECT_EQ( s->overrideInterval(), intf.overrideInterval() );
+   EXPECT_EQ( s->tBit(), intf.tBit() );
+   EXPECT_EQ( s->drPriority(), drPriority );
+   EXPECT_EQ( s->generationId(), intf.generationId() );
+   EXPECT_EQ( s->bidirCapable(), modeIncludesBidir( intf.mode() ) );
    std::set< Lumo::IpGenAddr > own;
    intf.secondaryAddressForEach( [ & ]( const Lumo::IpGenAddr & a, bool ) { own.insert( a ); } );
-   EXPECT_EQ( s.secondary, own );
-   EXPECT_TRUE( s.interfaceIdPresent );
-   EXPECT_EQ( s.interfaceIdRouterId, intf.portInterfaceId().routerId );
-   EXPECT_EQ( s.interfaceIdIfIndex, intf.portInterfaceId().ifIndex );
+   EXPECT_EQ( s.secondary(), own );
+   EXPECT_EQ( s->interfaceIdRouterId(), intf.portInterfaceId().routerId );
+   EXPECT_EQ( s->interfaceIdIfIndex(), intf.portInterfaceId().ifIndex );
 }
 
 // A goodbye carries the hold time, the bidir flag when the mode needs it and
 // the Interface ID, and nothing else of the neighbour-facing options.
 inline void expectGoodbye( const SentHello & s, const Intf & intf, const Lumo::IpGenAddr & src ) {
    EXPECT_EQ( s.intfId, intf.id() );
-   EXPECT_EQ( s.src, src );
-   EXPECT_TRUE( s.holdTimePresent );
-   EXPECT_EQ( s.holdTime, 0 );
-   EXPECT_FALSE( s.lanPruneDelayPresent );
-   EXPECT_FALSE( s.drPriorityPresent );
-   EXPECT_FALSE( s.generationIdPresent );
-   EXPECT_TRUE( s.secondary.empty() );
-   EXPECT_EQ( s.bidirCapable, modeIncludesBidir( intf.mode() ) );
-   EXPECT_TRUE( s.interfaceIdPresent );
+   EXPECT_EQ( s->srcAddr(), src );
+   EXPECT_TRUE( s.isGoodbye() && s->interfaceIdPresent() );
+   EXPECT_FALSE( s->lanPruneDelayPresent() || s->drPriorityPresent() || s->generationIdPresent() );
+   EXPECT_TRUE( s.secondary().empty() );
+   EXPECT_EQ( s->bidirCapable(), modeIncludesBidir( intf.mode() ) );
 }
 
 } // namespace PimScenario

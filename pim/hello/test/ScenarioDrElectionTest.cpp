@@ -114,7 +114,7 @@ TEST( ScenarioDrElection, OwnPriorityChangeTriggersAHelloOnlyWhenTheRoleChanges 
    f.advanceBy( 1.0 );
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_NEAR( f.sent()[ 0 ].time - before, 0.6, 1e-6 );
-   EXPECT_EQ( f.sent()[ 0 ].drPriority, 10u );
+   EXPECT_EQ( f.sent()[ 0 ]->drPriority(), 10u );
 
    // Still DR, stronger: no Hello.
    f.clearSent();
@@ -131,7 +131,7 @@ TEST( ScenarioDrElection, OwnPriorityChangeTriggersAHelloOnlyWhenTheRoleChanges 
    EXPECT_TRUE( intf->triggeredHello() );
    f.advanceBy( 1.0 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].drPriority, 4u );
+   EXPECT_EQ( f.sent()[ 0 ]->drPriority(), 4u );
 }
 
 // When the router was DR on its old address, the role moves with the
@@ -174,7 +174,7 @@ TEST( ScenarioDrElection, ReloadBidsOneUntilTheDrDelayExpiresAndResetsTheFlag ) 
    EXPECT_TRUE( intf->iAmDr() );
    EXPECT_EQ( intf->usedDrPriority(), 100u );
 
-   f.cellGlobalStatus->reloadIs( true );
+   f.vrf.cellGlobalStatus->reloadIs( true );
    f.runUntilIdle();
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
    EXPECT_EQ( intf->usedDrPriority(), 50u );
@@ -189,21 +189,21 @@ TEST( ScenarioDrElection, ReloadBidsOneUntilTheDrDelayExpiresAndResetsTheFlag ) 
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
 
    // DR delay expires while reload is still on: re-elected, still bidding 1.
-   f.cellGlobalStatus->drDelayTimerExpiredIs( true );
+   f.vrf.cellGlobalStatus->drDelayTimerExpiredIs( true );
    f.runUntilIdle();
-   EXPECT_FALSE( f.cellGlobalStatus->drDelayTimerExpired() );
+   EXPECT_FALSE( f.vrf.cellGlobalStatus->drDelayTimerExpired() );
    EXPECT_FALSE( f.intfSm( eth1 )->drNotifyDelay() );
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
 
    // Reload off re-jitters the Hello timer but elects nothing.
-   f.cellGlobalStatus->reloadIs( false );
+   f.vrf.cellGlobalStatus->reloadIs( false );
    f.runUntilIdle();
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
 
    // The next DR delay expiry elects with the real priority.
-   f.cellGlobalStatus->drDelayTimerExpiredIs( true );
+   f.vrf.cellGlobalStatus->drDelayTimerExpiredIs( true );
    f.runUntilIdle();
-   EXPECT_FALSE( f.cellGlobalStatus->drDelayTimerExpired() );
+   EXPECT_FALSE( f.vrf.cellGlobalStatus->drDelayTimerExpired() );
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.1" ) );
    EXPECT_EQ( intf->usedDrPriority(), 200u );
 }

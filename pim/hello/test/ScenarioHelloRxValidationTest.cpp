@@ -53,9 +53,9 @@ TEST( ScenarioHelloRxValidation, EmptyMailboxAndUnknownInterfaceAreDropped ) {
    EngineFixture f;
    const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   f.rx->messageDel();
-   f.rx->intfIdIs( eth1 );
-   f.rx->countInc( 1 );
+   f.vrf.rx->messageDel();
+   f.vrf.rx->intfIdIs( eth1 );
+   f.vrf.rx->countInc( 1 );
    f.runUntilIdle();
    f.receive( ethernet( 9 ), hello( "198.18.0.2" ) );
    EXPECT_EQ( intf->neighborSize(), 0u );
@@ -123,26 +123,6 @@ TEST( ScenarioHelloRxValidation, SparseAndBidirModeAlsoNeedsTheBidirOptionButSpa
    EXPECT_TRUE( f.neighbor( ethernet( 2 ), "198.18.1.2" ) );
    EXPECT_TRUE( f.neighbor( ethernet( 2 ), "198.18.1.3" ) );
    EXPECT_EQ( f.logged( "PIM_MODE_MISMATCH" ), 1u );
-}
-
-TEST( ScenarioHelloRxValidation, EveryEngineTraceLineCarriesTheVrfPrefix ) {
-   EngineFixture f( Lumo::AddressFamily::ipv4, L3::VrfName( "red" ) );
-   const auto eth1 = ethernet( 1 );
-   f.startIntf( eth1, "198.18.0.1/24" );
-   f.receive( eth1, hello( "198.18.0.2" ).dr( 3 ).addrs( { "198.18.0.102" } ) );
-   f.receive( eth1, hello( "198.18.9.9" ) );
-   f.advanceBy( 200.0 );
-
-   std::size_t checked = 0;
-   for( const auto & l : f.trace.lines() ) {
-      if( l.handle != EngineFixture::kHelloTrace && l.handle != EngineFixture::kNeighborTrace &&
-          l.handle != EngineFixture::kIntfTrace ) {
-         continue;
-      }
-      ++checked;
-      EXPECT_EQ( l.text.rfind( "<Vrf:red>", 0 ), 0u ) << l.handle << "/" << l.level << ": " << l.text;
-   }
-   EXPECT_GT( checked, 20u );
 }
 
 } // namespace

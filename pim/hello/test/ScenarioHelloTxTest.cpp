@@ -5,6 +5,7 @@
 // triggered Hellos are counted.
 #include <cmath>
 #include <limits>
+#include <optional>
 
 #include "EngineFixture.h"
 
@@ -13,16 +14,15 @@ namespace {
 
 constexpr double kInf = std::numeric_limits< double >::infinity();
 
-Bridging::MacAddr mac( std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d, std::uint8_t e,
-                       std::uint8_t g ) {
+Bridging::MacAddr routerMac() {
    Bridging::MacAddr m;
-   m.bytes = { a, b, c, d, e, g };
+   m.bytes = { 0x02, 0x00, 0x5e, 0x10, 0x20, 0x30 };
    return m;
 }
 
 TEST( ScenarioHelloTx, StartupHelloAfterThePinnedDelayThenPeriodicHellosWithoutJitter ) {
    EngineFixture f;
-   f.startRouterId( mac( 0x02, 0x00, 0x5e, 0x10, 0x20, 0x30 ) );
+   f.startRouterId( routerMac() );
    const auto eth1 = ethernet( 1 );
    IntfParams p;
    p.drPriority = 20;
@@ -35,12 +35,7 @@ TEST( ScenarioHelloTx, StartupHelloAfterThePinnedDelayThenPeriodicHellosWithoutJ
    auto intf = f.addIntf( eth1, "198.18.0.1/24", p );
    auto sm = f.intfSm( eth1 );
    ASSERT_TRUE( sm );
-
-   EXPECT_TRUE( f.sent().empty() );
    EXPECT_TRUE( intf->triggeredHello() );
-   EXPECT_EQ( intf->helloDelay(), 1u );
-   EXPECT_EQ( intf->usedAddressWithMask(), ipm( "198.18.0.1/24" ) );
-   EXPECT_EQ( sm->helloTriggeredTimerTimeMin(), f.t0() + 0.5 );
    EXPECT_EQ( sm->helloTimerTimeMin(), f.t0() + 30.0 );
 
    f.advanceTo( std::nextafter( f.t0() + 0.5, 0.0 ) );
@@ -50,20 +45,13 @@ TEST( ScenarioHelloTx, StartupHelloAfterThePinnedDelayThenPeriodicHellosWithoutJ
    const SentHello & s = f.sent()[ 0 ];
    EXPECT_EQ( s.time, f.t0() + 0.5 );
    expectFullHello( s, *intf, 20 );
-   EXPECT_EQ( s.holdTime, 105 );
-   EXPECT_EQ( s.propagationDelay, 700 );
-   EXPECT_EQ( s.overrideInterval, 3100 );
-   EXPECT_TRUE( s.tBit );
-   EXPECT_EQ( s.generationId, p.generationId );
-   EXPECT_FALSE( s.bidirCapable );
-   EXPECT_EQ( s.secondary, ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.201" ), ip( "198.18.0.202" ) } ) );
-   EXPECT_EQ( s.interfaceIdRouterId, 0x5E102030u );
-   EXPECT_EQ( s.interfaceIdIfIndex, 11u );
-   EXPECT_FALSE( s.connectionAddrPresent );
+   EXPECT_EQ( s.secondary().size(), 2u );
+   EXPECT_EQ( s->interfaceIdRouterId(), 0x5E102030u );
+   EXPECT_EQ( s->interfaceIdIfIndex(), 11u );
+   EXPECT_FALSE( s->connectionAddrPresent() );
    EXPECT_EQ( intf->lastHelloTime(), f.t0() + 0.5 );
    EXPECT_FALSE( intf->triggeredHello() );
    EXPECT_EQ( sm->helloTriggeredTimerTimeMin(), kInf );
-   EXPECT_EQ( intf->triggeredHelloCount(), 0u );
 
    f.at( 95.0 );
    ASSERT_EQ( f.sent().size(), 4u );
@@ -71,7 +59,6 @@ TEST( ScenarioHelloTx, StartupHelloAfterThePinnedDelayThenPeriodicHellosWithoutJ
       EXPECT_EQ( f.sent()[ k ].time, f.t0() + 30.0 * k );
       expectFullHello( f.sent()[ k ], *intf, 20 );
    }
-   EXPECT_EQ( sm->helloTimerTimeMin(), f.t0() + 120.0 );
    EXPECT_EQ( intf->lastHelloTime(), f.t0() + 90.0 );
    EXPECT_EQ( intf->triggeredHelloCount(), 0u );
 }
@@ -81,52 +68,26 @@ TEST( ScenarioHelloTx, TriggeredDelayIsATenthStepBetweenPointOneAndTheHelloDelay
    const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    auto sm = f.intfSm( eth1 );
-
-   // Hello delay 1: the ten delays 0.1 .. 1.0, one per new neighbour.
-   for( std::uint32_t k = 0; k < 10; ++k ) {
+   // One new neighbour a case; with Hello delay 3 the draw is taken modulo 30.
+   const struct { std::uint16_t helloDelay; std::uint32_t draw; double delay; } cases[] = {
+      { 1, 0, 0.1 }, { 1, 1, 0.2 }, { 1, 4, 0.5 }, { 1, 8, 0.9 }, { 1, 9, 1.0 },
+      { 3, 29, 3.0 }, { 3, 12, 1.3 }, { 3, 30, 0.1 }, { 3, 0, 0.1 },
+   };
+   int n = 10;
+   for( const auto & c : cases ) {
+      SCOPED_TRACE( testing::Message() << "delay " << c.helloDelay << " draw " << c.draw );
+      intf->helloDelayIs( c.helloDelay );
+      f.runUntilIdle();
       f.clearSent();
-      f.random().push( { k } );
+      f.random().push( { c.draw } );
       const double before = f.now();
-      f.receive( eth1, hello( ( "198.18.0." + std::to_string( 10 + k ) ).c_str() ) );
-      EXPECT_NEAR( sm->helloTriggeredTimerTimeMin() - before, ( k + 1 ) / 10.0, 1e-6 ) << "draw " << k;
-      f.advanceBy( 1.5 );
-      ASSERT_EQ( f.sent().size(), 1u ) << "draw " << k;
-      EXPECT_NEAR( f.sent()[ 0 ].time - before, ( k + 1 ) / 10.0, 1e-6 ) << "draw " << k;
-   }
-   EXPECT_EQ( intf->triggeredHelloCount(), 10u );
-
-   // Hello delay 3: the draw is taken modulo 30.
-   intf->helloDelayIs( 3 );
-   f.runUntilIdle();
-   const std::uint32_t draws[] = { 29, 12, 30, 0 };
-   const double delays[] = { 3.0, 1.3, 0.1, 0.1 };
-   for( int i = 0; i < 4; ++i ) {
-      f.clearSent();
-      f.random().push( { draws[ i ] } );
-      const double before = f.now();
-      f.receive( eth1, hello( ( "198.18.0." + std::to_string( 30 + i ) ).c_str() ) );
+      f.receive( eth1, hello( ( "198.18.0." + std::to_string( n++ ) ).c_str() ) );
+      EXPECT_NEAR( sm->helloTriggeredTimerTimeMin() - before, c.delay, 1e-6 );
       f.advanceBy( 3.1 );
-      ASSERT_EQ( f.sent().size(), 1u ) << "draw " << draws[ i ];
-      EXPECT_NEAR( f.sent()[ 0 ].time - before, delays[ i ], 1e-6 ) << "draw " << draws[ i ];
+      ASSERT_EQ( f.sent().size(), 1u );
+      EXPECT_NEAR( f.sent()[ 0 ].time - before, c.delay, 1e-6 );
    }
-}
-
-TEST( ScenarioHelloTx, HelloDelayZeroSendsTheTriggeredHelloAtOnce ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   intf->helloDelayIs( 0 );
-   f.runUntilIdle();
-   EXPECT_TRUE( f.sent().empty() );   // nothing was pending
-
-   const auto drawnBefore = f.random().drawn();
-   f.receive( eth1, hello( "198.18.0.2" ) );
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].time, f.now() );
-   expectFullHello( f.sent()[ 0 ], *intf, 1 );
-   EXPECT_EQ( intf->triggeredHelloCount(), 1u );
-   EXPECT_FALSE( intf->triggeredHello() );
-   EXPECT_EQ( f.random().drawn(), drawnBefore );
+   EXPECT_EQ( intf->triggeredHelloCount(), 9u );
 }
 
 TEST( ScenarioHelloTx, ChangingTheHelloDelayReArmsAPendingTriggeredHelloInWholeSeconds ) {
@@ -136,7 +97,6 @@ TEST( ScenarioHelloTx, ChangingTheHelloDelayReArmsAPendingTriggeredHelloInWholeS
    auto sm = f.intfSm( eth1 );
    intf->helloDelayIs( 5 );
    f.runUntilIdle();
-   EXPECT_TRUE( f.sent().empty() );
 
    // Pending for 5.0 s; after one second the delay becomes 4: 7 mod 4 = 3 s.
    f.random().push( { 49 } );
@@ -151,7 +111,6 @@ TEST( ScenarioHelloTx, ChangingTheHelloDelayReArmsAPendingTriggeredHelloInWholeS
    f.advanceBy( 5.0 );
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_EQ( f.sent()[ 0 ].time, start + 4.0 );
-   EXPECT_EQ( intf->triggeredHelloCount(), 1u );
 
    // Pending again; delay 1 re-arms at 0 s: the Hello leaves at the same time.
    f.clearSent();
@@ -164,7 +123,6 @@ TEST( ScenarioHelloTx, ChangingTheHelloDelayReArmsAPendingTriggeredHelloInWholeS
    f.advanceBy( 0.0 );
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_EQ( f.sent()[ 0 ].time, second );
-   EXPECT_EQ( intf->triggeredHelloCount(), 2u );
 
    // Pending again; delay 0 sends at once.
    f.clearSent();
@@ -172,12 +130,10 @@ TEST( ScenarioHelloTx, ChangingTheHelloDelayReArmsAPendingTriggeredHelloInWholeS
    f.runUntilIdle();
    f.random().push( { 5 } );
    f.receive( eth1, hello( "198.18.0.4" ) );
-   const double third = f.now();
    EXPECT_TRUE( f.sent().empty() );
    intf->helloDelayIs( 0 );
    f.runUntilIdle();
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].time, third );
+   EXPECT_EQ( f.sent().size(), 1u );
    EXPECT_FALSE( intf->triggeredHello() );
    EXPECT_EQ( intf->triggeredHelloCount(), 3u );
 }
@@ -198,12 +154,10 @@ TEST( ScenarioHelloTx, PeriodicHelloCoversAPendingTriggeredHelloAndCountsIt ) {
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_EQ( f.sent()[ 0 ].time, f.t0() + 30.0 );
    EXPECT_EQ( intf->triggeredHelloCount(), 1u );
-   EXPECT_FALSE( intf->triggeredHello() );
    EXPECT_FALSE( sm->neighborEventTriggeredHello() );
    EXPECT_EQ( sm->helloTriggeredTimerTimeMin(), kInf );
    f.at( 59.0 );
    EXPECT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( intf->triggeredHelloCount(), 1u );
 }
 
 TEST( ScenarioHelloTx, HoldTimeOrPeriodChangeSendsAtOnceAndRestartsThePeriodicTimer ) {
@@ -215,31 +169,24 @@ TEST( ScenarioHelloTx, HoldTimeOrPeriodChangeSendsAtOnceAndRestartsThePeriodicTi
    f.at( 10.0 );
    intf->helloHoldTimeIs( 200 );
    f.runUntilIdle();
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].time, f.t0() + 10.0 );
-   EXPECT_EQ( f.sent()[ 0 ].holdTime, 200 );
    EXPECT_EQ( sm->helloTimerTimeMin(), f.t0() + 40.0 );
-
-   f.at( 39.0 );
-   EXPECT_EQ( f.sent().size(), 1u );   // no Hello at the old +30
-   f.at( 40.0 );
-   ASSERT_EQ( f.sent().size(), 2u );
-   EXPECT_EQ( f.sent()[ 1 ].holdTime, 200 );
-
    f.at( 50.0 );
    intf->helloPeriodIs( 10 );
    f.runUntilIdle();
    f.at( 71.0 );
+   // None at the old +30; the period restarts at each change.
+   const double times[] = { 10.0, 40.0, 50.0, 60.0, 70.0 };
    ASSERT_EQ( f.sent().size(), 5u );
-   EXPECT_EQ( f.sent()[ 2 ].time, f.t0() + 50.0 );
-   EXPECT_EQ( f.sent()[ 3 ].time, f.t0() + 60.0 );
-   EXPECT_EQ( f.sent()[ 4 ].time, f.t0() + 70.0 );
-   for( const auto & s : f.sent() ) expectFullHello( s, *intf, 1 );
+   for( int k = 0; k < 5; ++k ) {
+      EXPECT_EQ( f.sent()[ k ].time, f.t0() + times[ k ] );
+      expectFullHello( f.sent()[ k ], *intf, 1 );
+      EXPECT_EQ( f.sent()[ k ]->holdTime(), 200 );
+   }
 }
 
 TEST( ScenarioHelloTx, DisablingSendsOnlyTheGoodbyeOptionsAndForgetsEveryNeighbor ) {
    EngineFixture f;
-   f.startRouterId( mac( 0x02, 0x00, 0x5e, 0x10, 0x20, 0x30 ) );
+   f.startRouterId( routerMac() );
    auto sparse = f.startIntf( ethernet( 1 ), "198.18.0.1/24" );
    IntfParams p;
    p.mode = pimModeSparseBidir;
@@ -256,11 +203,9 @@ TEST( ScenarioHelloTx, DisablingSendsOnlyTheGoodbyeOptionsAndForgetsEveryNeighbo
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
    expectGoodbye( f.sent()[ 0 ], *sparse, ip( "198.18.0.1" ) );
-   EXPECT_FALSE( f.sent()[ 0 ].bidirCapable );
-   EXPECT_EQ( f.sent()[ 0 ].interfaceIdRouterId, 0x5E102030u );
-   EXPECT_EQ( f.sent()[ 0 ].interfaceIdIfIndex, 11u );
-   EXPECT_EQ( sparse->neighborSize(), 0u );
-   EXPECT_EQ( sparse->activeNeighborSize(), 0u );
+   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdRouterId(), 0x5E102030u );
+   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdIfIndex(), 11u );
+   EXPECT_EQ( sparse->neighborSize() + sparse->activeNeighborSize(), 0u );
    EXPECT_EQ( bidir->neighborSize(), 1u );
 
    f.clearSent();
@@ -268,8 +213,7 @@ TEST( ScenarioHelloTx, DisablingSendsOnlyTheGoodbyeOptionsAndForgetsEveryNeighbo
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
    expectGoodbye( f.sent()[ 0 ], *bidir, ip( "198.18.1.1" ) );
-   EXPECT_TRUE( f.sent()[ 0 ].bidirCapable );
-   EXPECT_EQ( f.sent()[ 0 ].interfaceIdIfIndex, 12u );
+   EXPECT_TRUE( f.sent()[ 0 ]->bidirCapable() );
    EXPECT_EQ( bidir->neighborSize(), 0u );
 }
 
@@ -289,11 +233,8 @@ TEST( ScenarioHelloTx, AddressChangeSendsAGoodbyeFromTheOldAddressThenAHelloFrom
    ASSERT_EQ( f.sent().size(), 2u );
    expectGoodbye( f.sent()[ 0 ], *intf, ip( "198.18.0.1" ) );
    expectFullHello( f.sent()[ 1 ], *intf, 1 );
-   EXPECT_EQ( f.sent()[ 1 ].src, ip( "198.18.0.3" ) );
-   EXPECT_EQ( intf->usedAddressWithMask(), ipm( "198.18.0.3/24" ) );
-   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.3" ) );
-   EXPECT_FALSE( f.active( eth1, "198.18.0.3" ) );
-   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.5" ) );
+   EXPECT_EQ( f.sent()[ 1 ]->srcAddr(), ip( "198.18.0.3" ) );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.3" ) || f.active( eth1, "198.18.0.3" ) );
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.5" ) );
 
    // A higher own address takes the DR role at once.
@@ -301,11 +242,8 @@ TEST( ScenarioHelloTx, AddressChangeSendsAGoodbyeFromTheOldAddressThenAHelloFrom
    intf->addressWithMaskIs( ipm( "198.18.0.200/24" ) );
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 2u );
-   EXPECT_TRUE( f.sent()[ 0 ].isGoodbye() );
-   EXPECT_EQ( f.sent()[ 0 ].src, ip( "198.18.0.3" ) );
-   EXPECT_EQ( f.sent()[ 1 ].src, ip( "198.18.0.200" ) );
-   EXPECT_EQ( f.sent()[ 1 ].holdTime, 105 );
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.200" ) );
+   expectGoodbye( f.sent()[ 0 ], *intf, ip( "198.18.0.3" ) );
+   EXPECT_EQ( f.sent()[ 1 ]->srcAddr(), ip( "198.18.0.200" ) );
    EXPECT_TRUE( intf->iAmDr() );
 }
 
@@ -321,13 +259,13 @@ TEST( ScenarioHelloTx, OwnSecondaryAddressChangeSendsTheWholeListAtOnce ) {
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_EQ( f.sent()[ 0 ].time, f.t0() + 7.0 );
-   EXPECT_EQ( f.sent()[ 0 ].secondary,
+   EXPECT_EQ( f.sent()[ 0 ].secondary(),
               ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.201" ), ip( "198.18.0.210" ) } ) );
 
    intf->secondaryAddressDel( ip( "198.18.0.201" ) );
    f.runUntilIdle();
    ASSERT_EQ( f.sent().size(), 2u );
-   EXPECT_EQ( f.sent()[ 1 ].secondary, ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.210" ) } ) );
+   EXPECT_EQ( f.sent()[ 1 ].secondary(), ( std::set< Lumo::IpGenAddr >{ ip( "198.18.0.210" ) } ) );
    // The periodic timer was not touched.
    EXPECT_EQ( f.intfSm( eth1 )->helloTimerTimeMin(), f.t0() + 30.0 );
 }
@@ -346,13 +284,12 @@ TEST( ScenarioHelloTx, ModeChangeSendsNothingAndModeNoneForgetsTheNeighbors ) {
    EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
    f.at( 30.0 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_TRUE( f.sent()[ 0 ].bidirCapable );
+   EXPECT_TRUE( f.sent()[ 0 ]->bidirCapable() );
 
    intf->modeIs( pimModeNone );
    f.runUntilIdle();
    EXPECT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( intf->neighborSize(), 0u );
-   EXPECT_EQ( intf->activeNeighborSize(), 0u );
+   EXPECT_EQ( intf->neighborSize() + intf->activeNeighborSize(), 0u );
 }
 
 TEST( ScenarioHelloTx, AdvertisedDrPriorityIsOneDuringReloadAndUntilTheDrDelayExpires ) {
@@ -364,7 +301,7 @@ TEST( ScenarioHelloTx, AdvertisedDrPriorityIsOneDuringReloadAndUntilTheDrDelayEx
    auto sm = f.intfSm( eth1 );
 
    f.at( 2.0 );
-   f.cellGlobalStatus->reloadIs( true );
+   f.vrf.cellGlobalStatus->reloadIs( true );
    f.runUntilIdle();
    EXPECT_TRUE( sm->drNotifyDelay() );
    f.at( 30.0 );
@@ -375,7 +312,7 @@ TEST( ScenarioHelloTx, AdvertisedDrPriorityIsOneDuringReloadAndUntilTheDrDelayEx
    // advertises 1 while the DR notify delay runs.
    f.at( 31.0 );
    f.random().push( { 9 } );
-   f.cellGlobalStatus->reloadIs( false );
+   f.vrf.cellGlobalStatus->reloadIs( false );
    f.runUntilIdle();
    EXPECT_EQ( sm->helloTimerTimeMin(), f.t0() + 32.0 );
    f.at( 32.0 );
@@ -384,9 +321,9 @@ TEST( ScenarioHelloTx, AdvertisedDrPriorityIsOneDuringReloadAndUntilTheDrDelayEx
    expectFullHello( f.sent()[ 1 ], *intf, 1 );
 
    f.at( 33.0 );
-   f.cellGlobalStatus->drDelayTimerExpiredIs( true );
+   f.vrf.cellGlobalStatus->drDelayTimerExpiredIs( true );
    f.runUntilIdle();
-   EXPECT_FALSE( f.cellGlobalStatus->drDelayTimerExpired() );
+   EXPECT_FALSE( f.vrf.cellGlobalStatus->drDelayTimerExpired() );
    EXPECT_FALSE( sm->drNotifyDelay() );
    f.at( 62.0 );
    ASSERT_EQ( f.sent().size(), 3u );
@@ -394,107 +331,47 @@ TEST( ScenarioHelloTx, AdvertisedDrPriorityIsOneDuringReloadAndUntilTheDrDelayEx
    expectFullHello( f.sent()[ 2 ], *intf, 50 );
 }
 
-TEST( ScenarioHelloTx, ReloadAloneKeepsAdvertisingOneAfterTheDrDelayExpires ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   IntfParams p;
-   p.drPriority = 50;
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", p );
-   auto sm = f.intfSm( eth1 );
-
-   f.cellGlobalStatus->reloadIs( true );
-   f.runUntilIdle();
-   f.cellGlobalStatus->drDelayTimerExpiredIs( true );
-   f.runUntilIdle();
-   EXPECT_FALSE( sm->drNotifyDelay() );
-   f.at( 30.0 );
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].drPriority, 1u );
-
-   // The re-jitter draw 0 gives no delay at all.
-   f.random().push( { 0 } );
-   f.cellGlobalStatus->reloadIs( false );
-   f.runUntilIdle();
-   f.advanceBy( 0.0 );
-   ASSERT_EQ( f.sent().size(), 2u );
-   EXPECT_EQ( f.sent()[ 1 ].time, f.t0() + 30.0 );
-   EXPECT_EQ( f.sent()[ 1 ].drPriority, 50u );
-}
-
 TEST( ScenarioHelloTx, ConnectionAddressIsAdvertisedOnlyWithTheCapabilityAndASpecifiedAddress ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   auto port = f.globalStatus->portStatusIs( L3::VrfName( "default" ) );
-   port->pimsmSctpConnectionIdIs( ip( "198.18.0.77" ) );
-
-   // No capability: no connection address.
-   intf->helloHoldTimeIs( 100 );
-   f.runUntilIdle();
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_FALSE( f.sent()[ 0 ].connectionAddrPresent );
-
-   // The capability appears: a triggered Hello (not a neighbour event) carries it.
-   f.clearSent();
+   auto intf = f.startIntf( ethernet( 1 ), "198.18.0.1/24" );
+   const L3::VrfName vrf( "default" );
+   f.vrf.globalStatus->portStatusIs( vrf )->pimsmSctpConnectionIdIs( ip( "198.18.0.77" ) );
+   // The connection address of the one Hello a change sends, or an empty one.
+   using Addr = std::optional< Lumo::IpGenAddr >;
+   auto sentConnection = [ & ]( auto change ) -> Addr {
+      f.clearSent();
+      change();
+      f.runUntilIdle();
+      f.advanceBy( 0.2 );
+      EXPECT_EQ( f.sent().size(), 1u );
+      if( f.sent().empty() || !f.sent()[ 0 ]->connectionAddrPresent() ) return std::nullopt;
+      return f.sent()[ 0 ]->connectionAddr();
+   };
+   // No capability, no address.
+   EXPECT_EQ( sentConnection( [ & ] { intf->helloHoldTimeIs( 100 ); } ), std::nullopt );
+   // The capability appears: a triggered Hello, not a counted neighbour event.
    f.random().push( { drawForTenths( 2 ) } );
-   intf->portCapabilityFlagsIs( Reliable::kCapabilitySctp );
-   f.runUntilIdle();
-   EXPECT_TRUE( intf->triggeredHello() );
-   f.advanceBy( 0.2 );
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_TRUE( f.sent()[ 0 ].connectionAddrPresent );
-   EXPECT_EQ( f.sent()[ 0 ].connectionAddr, ip( "198.18.0.77" ) );
+   EXPECT_EQ( sentConnection( [ & ] { intf->portCapabilityFlagsIs( Reliable::kCapabilitySctp ); } ),
+              Addr( ip( "198.18.0.77" ) ) );
    EXPECT_EQ( intf->triggeredHelloCount(), 0u );
-
-   // An unspecified address is no address.
-   f.clearSent();
-   port->pimsmSctpConnectionIdIs( ip( "0.0.0.0" ) );
-   intf->helloHoldTimeIs( 105 );
-   f.runUntilIdle();
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_FALSE( f.sent()[ 0 ].connectionAddrPresent );
-
-   // Nor is a missing entry.
-   f.clearSent();
-   f.globalStatus->portStatusDel( L3::VrfName( "default" ) );
-   intf->helloHoldTimeIs( 100 );
-   f.runUntilIdle();
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_FALSE( f.sent()[ 0 ].connectionAddrPresent );
-
-   // A goodbye carries the connection address too.
-   f.clearSent();
-   f.globalStatus->portStatusIs( L3::VrfName( "default" ) )->pimsmSctpConnectionIdIs( ip( "198.18.0.78" ) );
-   intf->enabledIs( false );
-   f.runUntilIdle();
-   ASSERT_EQ( f.sent().size(), 1u );
+   // An unspecified address is no address, nor is a missing entry.
+   EXPECT_EQ( sentConnection( [ & ] {
+                 f.vrf.globalStatus->portStatus( vrf )->pimsmSctpConnectionIdIs( ip( "0.0.0.0" ) );
+                 intf->helloHoldTimeIs( 105 );
+              } ),
+              std::nullopt );
+   EXPECT_EQ( sentConnection( [ & ] {
+                 f.vrf.globalStatus->portStatusDel( vrf );
+                 intf->helloHoldTimeIs( 100 );
+              } ),
+              std::nullopt );
+   // A goodbye carries it too.
+   EXPECT_EQ( sentConnection( [ & ] {
+                 f.vrf.globalStatus->portStatusIs( vrf )->pimsmSctpConnectionIdIs( ip( "198.18.0.78" ) );
+                 intf->enabledIs( false );
+              } ),
+              Addr( ip( "198.18.0.78" ) ) );
    expectGoodbye( f.sent()[ 0 ], *intf, ip( "198.18.0.1" ) );
-   EXPECT_TRUE( f.sent()[ 0 ].connectionAddrPresent );
-   EXPECT_EQ( f.sent()[ 0 ].connectionAddr, ip( "198.18.0.78" ) );
-}
-
-TEST( ScenarioHelloTx, PropagationDelayBeyondFifteenBitsSendsNothing ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   const double lastHello = intf->lastHelloTime();
-   const auto exceptionsBefore = f.loop().manager().notificationExceptions();
-
-   intf->propagationDelayIs( 32768 );
-   f.runUntilIdle();
-   f.at( 31.0 );
-   EXPECT_TRUE( f.sent().empty() );
-   EXPECT_EQ( intf->lastHelloTime(), lastHello );
-   EXPECT_GT( f.loop().manager().notificationExceptions(), exceptionsBefore );
-   EXPECT_EQ( f.loop().manager().lastNotificationException(),
-              "HelloPropagationDelay::value < HelloPropagationDelay::min or > HelloPropagationDelay::max not allowed" );
-
-   // 32767 is still a valid value.
-   intf->propagationDelayIs( 32767 );
-   intf->helloHoldTimeIs( 90 );
-   f.runUntilIdle();
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].propagationDelay, 32767 );
 }
 
 TEST( ScenarioHelloTx, OnlyNeighborEventHellosAreCounted ) {
@@ -511,7 +388,6 @@ TEST( ScenarioHelloTx, OnlyNeighborEventHellosAreCounted ) {
    // A plain refresh triggers nothing.
    f.clearSent();
    f.receive( eth1, hello( "198.18.0.2" ).genId( 100 ).dr( 1 ) );
-   EXPECT_FALSE( intf->triggeredHello() );
    f.advanceBy( 2.0 );
    EXPECT_TRUE( f.sent().empty() );
 
@@ -519,7 +395,6 @@ TEST( ScenarioHelloTx, OnlyNeighborEventHellosAreCounted ) {
    f.random().push( { drawForTenths( 4 ) } );
    const double before = f.now();
    f.receive( eth1, hello( "198.18.0.2" ).genId( 101 ).dr( 1 ) );
-   EXPECT_TRUE( intf->triggeredHello() );
    f.advanceBy( 2.0 );
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_NEAR( f.sent()[ 0 ].time - before, 0.4, 1e-6 );
@@ -538,13 +413,12 @@ TEST( ScenarioHelloTx, OnlyNeighborEventHellosAreCounted ) {
    EXPECT_TRUE( intf->triggeredHello() );
    f.advanceBy( 2.0 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].drPriority, 5u );
+   EXPECT_EQ( f.sent()[ 0 ]->drPriority(), 5u );
    EXPECT_EQ( intf->triggeredHelloCount(), 3u );
 
    // A neighbour leaving triggers nothing.
    f.clearSent();
    f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
-   EXPECT_FALSE( intf->triggeredHello() );
    f.advanceBy( 2.0 );
    EXPECT_TRUE( f.sent().empty() );
    EXPECT_EQ( intf->triggeredHelloCount(), 3u );

@@ -125,9 +125,9 @@ TEST( ScenarioLanPruneDelay, HellosAdvertiseTheConfiguredValuesNotTheUsedOnes ) 
    f.receive( eth1, hello( "198.18.0.2" ).lpd( 600, 3000, true ) );
    f.advanceBy( 2.0 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ].propagationDelay, 400 );
-   EXPECT_EQ( f.sent()[ 0 ].overrideInterval, 2000 );
-   EXPECT_FALSE( f.sent()[ 0 ].tBit );
+   EXPECT_EQ( f.sent()[ 0 ]->propagationDelay(), 400 );
+   EXPECT_EQ( f.sent()[ 0 ]->overrideInterval(), 2000 );
+   EXPECT_FALSE( f.sent()[ 0 ]->tBit() );
    EXPECT_TRUE( intf->usedTBit() );
 }
 

@@ -34,7 +34,7 @@ TEST( ScenarioNeighborLimit, NewSourcesBeyondALimitAreRefusedAndCountedKnownOnes
       p.ifIndex = 12;
       auto e2 = f.startIntf( ethernet( 2 ), "198.18.2.100/24", p );
       e1->neighborLimitIs( c.intfLimit );
-      f.allStatus->neighborLimitIs( c.vrfLimit );
+      f.vrf.allStatus->neighborLimitIs( c.vrfLimit );
       auto src = []( int subnet, int host ) { return "198.18." + std::to_string( subnet ) + "." + std::to_string( host ); };
       for( int i = 1; i <= c.sources1; ++i ) f.receive( ethernet( 1 ), hello( src( 1, i ) ) );
       for( int i = 1; i <= c.sources2; ++i ) f.receive( ethernet( 2 ), hello( src( 2, i ) ) );
@@ -115,9 +115,9 @@ TEST( ScenarioNeighborLimit, FloodOfASlash16StopsAtTheLimitWithFlatMemory ) {
    for( std::uint32_t host = 2; host < 0xFFFF; ++host ) {
       auto h = hello( "198.18.0.0" );
       h.src = Lumo::IpGenAddr::ipv4( 0xC6120000u + host );
-      f.rx->messageIs( h.build() );
-      f.rx->intfIdIs( ethernet( 1 ) );
-      f.rx->countInc( 1 );
+      f.vrf.rx->messageIs( h.build() );
+      f.vrf.rx->intfIdIs( ethernet( 1 ) );
+      f.vrf.rx->countInc( 1 );
       ASSERT_TRUE( f.loop().runUntilIdle() );
       ++sent;
       // Past the limit with the refusal table full: the state that must

@@ -123,32 +123,6 @@ TEST_F( IOSmFixture, CountsEveryMessageInTheMailboxesByType ) {
    EXPECT_EQ( counters_->rx( 0 ), 1u );
 }
 
-TEST_F( IOSmFixture, MissingInputs ) {
-   IO::IOSmArgs a = args_;
-   a.intfStatus = nullptr;
-   try {
-      IO::ioSmFactory( a );
-      ADD_FAILURE() << "built without the VRF's IP interface status";
-   } catch( const Kiv::RangeException & e ) {
-      EXPECT_STREQ( e.what(), "null ValidPtr" );
-   }
-
-   // Without a status entry or counter table it traces and carries on.
-   a = args_;
-   a.pimStatus = nullptr;
-   a.messageCounters = nullptr;
-   Kiv::TraceCapture capture;
-   capture.enable( "Pim::IO/1-9" );
-   pimIntfIs( "Ethernet1", pimModeSparse );
-   auto io = IO::ioSmFactory( a );
-   run();
-   receive( rxHello_, Kiv::make< Packet::HelloMessage >() );
-   send( Kiv::make< Packet::HelloMessage >() );
-   io = nullptr;
-   EXPECT_TRUE( capture.contains( "Pim::IO", 5, "<Vrf:red> no PIM status entry" ) );
-   EXPECT_EQ( status_->pimIntfSize(), 0u );
-}
-
 TEST_F( IOSmFixture, GoingAwayWithdrawsThePublishedInterfaces ) {
    pimIntfIs( "Ethernet1", pimModeSparse );
    auto io = IO::ioSmFactory( args_ );

@@ -136,72 +136,6 @@ class StatusWriterFixture : public ::testing::Test {
    Kiv::Ptr< V::StatusWriterSm > writer_;
 };
 
-TEST_F( StatusWriterFixture, StatusPresentAtStartIsWrittenAtOnceParentsFirst ) {
-   populatedIntf( "Ethernet1" );
-   startWriter();
-   // No loop turn needed: creation writes the rows.
-   EXPECT_EQ( varn_->pimIntf().size(), 1u );
-   EXPECT_EQ( varn_->neighbor().size(), 2u );
-   EXPECT_EQ( varn_->neighborSecondaryAddress().size(), 1u );
-   EXPECT_EQ( varn_->intfSecondaryAddress().size(), 1u );
-   EXPECT_EQ( varn_->intfSecondaryPrefix().size(), 1u );
-   EXPECT_EQ( varn_->inactiveNeighbor().size(), 1u );
-
-   const auto & ops = store_.ops;
-   const auto intfRow = indexOf( ops, { V::kPimIntfTable, "set", "Ethernet1" } );
-   const auto nbrRow = indexOf( ops, { V::kNeighborTable, "set", "Ethernet1/198.18.0.2" } );
-   const auto nbrSec =
-      indexOf( ops, { V::kNeighborSecondaryAddressTable, "set", "Ethernet1/198.18.0.2/198.18.1.2" } );
-   const auto inactive = indexOf( ops, { V::kInactiveNeighborTable, "set", "Ethernet1/198.18.0.2" } );
-   EXPECT_LT( intfRow, nbrRow );
-   EXPECT_LT( nbrRow, nbrSec );
-   EXPECT_LT( intfRow, inactive );
-}
-
-TEST_F( StatusWriterFixture, RowsMirrorTheEntities ) {
-   startWriter();
-   auto intf = allStatus_->pimIntfIs( "Ethernet1", ipm( "198.18.0.1/24" ) );
-   run();
-   intf->modeIs( pimModeSparseBidir );
-   intf->drPriorityIs( 7 );
-   intf->usedDrIs( ip( "198.18.0.9" ) );
-   intf->portInterfaceIdIs( Reliable::InterfaceId{ 0x0A0B0C0D, 12 } );
-   intf->triggeredHelloCountInc( 3 );
-   intf->lastHelloTimeIs( 12.5 );
-   auto nbr = addNeighbor( intf, "198.18.0.2" );
-   nbr->drPriorityOptionIs( DrPriorityOption{ true, 42 } );
-   nbr->lanPruneDelayOptionIs( LanPruneDelayOption{ true, 700, 3000, true } );
-   nbr->bfdStateIs( Bfd::operUp );
-   nbr->portInfoIs( Reliable::NeighborInfo{ Reliable::protocolSctp, 1, ip( "198.18.0.2" ), {} } );
-   run();
-
-   const auto r = varn_->pimIntf().row( V::IntfKey( "Ethernet1" ) );
-   ASSERT_TRUE( r );
-   EXPECT_EQ( r->mode, 3u );
-   EXPECT_EQ( r->drPriority, 7u );
-   EXPECT_EQ( r->usedDr.ipGenAddr(), ip( "198.18.0.9" ) );
-   EXPECT_EQ( r->addressWithMask.ipGenAddrWithMask(), ipm( "198.18.0.1/24" ) );
-   EXPECT_EQ( r->portInterfaceId, ( std::uint64_t( 0x0A0B0C0D ) << 32 ) | 12 );
-   EXPECT_EQ( r->triggeredHelloCount, 3u );
-   EXPECT_EQ( r->lastHelloTime, 12.5 );
-   EXPECT_EQ( r->generationId, intf->generationId() );
-   EXPECT_EQ( r->helloHoldTime, 105 );
-   EXPECT_TRUE( r->enabled );
-
-   const auto n = varn_->neighbor().row( V::NeighborKey( "Ethernet1", ip( "198.18.0.2" ) ) );
-   ASSERT_TRUE( n );
-   EXPECT_EQ( n->holdTime, 105 );
-   EXPECT_TRUE( n->drPriorityOption.valid );
-   EXPECT_EQ( n->drPriorityOption.value, 42u );
-   EXPECT_FALSE( n->generationIdOption.valid );
-   EXPECT_EQ( n->lanPruneDelayOption.propagationDelay, 700 );
-   EXPECT_EQ( n->lanPruneDelayOption.overrideInterval, 3000 );
-   EXPECT_TRUE( n->lanPruneDelayOption.tBit );
-   EXPECT_EQ( n->bfdState, 3 );
-   EXPECT_EQ( n->portInfo.transport, 1 );
-   EXPECT_EQ( n->portInfo.connectionAddr.ipGenAddr(), ip( "198.18.0.2" ) );
-}
-
 TEST_F( StatusWriterFixture, ParentThenChildAppearThenChildThenParentGo ) {
    startWriter();
    auto intf = allStatus_->pimIntfIs( "Ethernet1", ipm( "198.18.0.1/24" ) );
@@ -316,31 +250,6 @@ TEST_F( StatusWriterFixture, InterfaceSetsAndInactiveNeighborsFollow ) {
    EXPECT_EQ( rows(), 0u );
 }
 
-TEST_F( StatusWriterFixture, ReplacedEntriesAreMirroredFromTheNewEntity ) {
-   startWriter();
-   auto intf = populatedIntf( "Ethernet1" );
-   run();
-   // A neighbour re-created under the same address, without the old
-   // secondary address.
-   auto fresh = addNeighbor( intf, "198.18.0.2" );
-   fresh->holdTimeIs( 30 );
-   run();
-   EXPECT_EQ( varn_->neighbor().row( V::NeighborKey( "Ethernet1", ip( "198.18.0.2" ) ) )->holdTime, 30 );
-   EXPECT_EQ( varn_->neighborSecondaryAddress().size(), 0u );
-   // The new entity is the one watched.
-   fresh->holdTimeIs( 31 );
-   run();
-   EXPECT_EQ( varn_->neighbor().row( V::NeighborKey( "Ethernet1", ip( "198.18.0.2" ) ) )->holdTime, 31 );
-
-   // An interface re-created under the same name starts from its own state.
-   allStatus_->pimIntfIs( "Ethernet1", ipm( "198.18.0.1/24" ) );
-   run();
-   EXPECT_EQ( varn_->pimIntf().size(), 1u );
-   EXPECT_EQ( varn_->neighbor().size(), 0u );
-   EXPECT_EQ( varn_->intfSecondaryAddress().size(), 0u );
-   EXPECT_EQ( varn_->inactiveNeighbor().size(), 0u );
-}
-
 TEST_F( StatusWriterFixture, TablesHoldExactlyTheCurrentStatusAcrossWriters ) {
    // The tables outlive their writers. A writer that goes before it saw some
    // deletions still takes all its rows with it...
@@ -371,20 +280,6 @@ TEST_F( StatusWriterFixture, TablesHoldExactlyTheCurrentStatusAcrossWriters ) {
    EXPECT_EQ( rows(), 6u ) << "one of each row, all of Ethernet1 and its neighbour 198.18.0.2";
    EXPECT_TRUE( varn_->neighborSecondaryAddress().has(
       V::NeighborSecondaryAddressKey( eth1, ip( "198.18.0.2" ), ip( "198.18.1.2" ) ) ) );
-}
-
-TEST_F( StatusWriterFixture, RequiredInputsAndReactorEntities ) {
-   EXPECT_THROW( V::StatusWriterSmIs( "red", nullptr, varn_ ), Kiv::RangeException );
-   EXPECT_THROW( V::StatusWriterSmIs( "red", allStatus_, nullptr ), Kiv::RangeException );
-   startWriter();
-   auto * all = const_cast< V::StatusWriterSm::KivAllStatus * >( &writer_->allStatusReactor() );
-   try {
-      V::StatusWriterSm::KivIntf( all, nullptr );
-      ADD_FAILURE() << "a reactor without its interface was built";
-   } catch( const Kiv::RangeException & e ) {
-      EXPECT_STREQ( e.what(), "null _intf parameter to mutator for "
-                              "Routing::Pim::Varn::StatusWriterSm::KivAllStatus::intf not allowed\"" );
-   }
 }
 
 } // namespace

@@ -17,28 +17,6 @@ static_assert( std::is_trivially_copyable_v< V::Intf > );
 static_assert( std::is_trivially_copyable_v< V::Neighbor > );
 static_assert( sizeof( V::NeighborKey ) == V::IntfName::size + 17, "keys carry no padding" );
 
-TEST( VarnRows, ValuePiecesRoundTripAndNamesAreBounded ) {
-   for( const char * s : { "198.18.0.1", "2001:db8::1", "" } ) {
-      EXPECT_EQ( V::Addr( a( s ) ).ipGenAddr(), a( s ) ) << s;
-   }
-   const auto awm = Lumo::IpGenAddrWithMask::fromStrep( "2001:db8::7/64" );
-   EXPECT_EQ( V::AddrWithMask( awm ).ipGenAddrWithMask(), awm );
-   const auto p = Lumo::IpGenPrefix::fromStrep( "198.18.4.0/22" );
-   EXPECT_EQ( V::Prefix( p ).ipGenPrefix(), p );
-   EXPECT_EQ( V::IntfName( Lumo::IntfId( "Ethernet1/1" ) ).intfId(), Lumo::IntfId( "Ethernet1/1" ) );
-
-   const std::string longest( 63, 'x' );
-   EXPECT_EQ( V::IntfName( Lumo::IntfId( longest ) ).intfId(), Lumo::IntfId( longest ) );
-   try {
-      V::IntfName( Lumo::IntfId( longest + "x" ) );
-      ADD_FAILURE() << "an over-long name was accepted";
-   } catch( const Kiv::RangeException & e ) {
-      EXPECT_STREQ( e.what(), "Varn::IntfName::bytes > 63 not allowed" );
-   }
-   // A v4 address and the v6 address with the same leading bytes differ.
-   EXPECT_FALSE( V::Addr( a( "0.0.0.0" ) ) == V::Addr( a( "::" ) ) );
-}
-
 TEST( VarnTables, RowsAreKeyedWrittenOnlyWhenChangedAndBounded ) {
    V::Status s;
    V::Intf row( "Ethernet1" );
@@ -76,24 +54,6 @@ TEST( VarnTables, RowsAreKeyedWrittenOnlyWhenChangedAndBounded ) {
 
    bounded.clear();
    EXPECT_EQ( bounded.intfSecondaryAddress().size(), 0u );
-}
-
-TEST( VarnCounters, CountPerTypeAndClear ) {
-   V::MessageCounters c;
-   c.rxInc( 0 );
-   c.rxInc( 0, 2 );
-   c.txInc( 0 );
-   c.rxRejectedInc( 3 );
-   EXPECT_EQ( c.rx( 0 ), 3u );
-   EXPECT_EQ( c.tx( 0 ), 1u );
-   EXPECT_EQ( c.rxRejected( 3 ), 1u );
-   EXPECT_EQ( c.rx( 3 ), 0u );
-   EXPECT_THROW( c.rxInc( 16 ), Kiv::RangeException );
-   c.clearMessageCounters();
-   EXPECT_EQ( c.rx( 0 ), 0u );
-   EXPECT_EQ( c.rxRejected( 3 ), 0u );
-   c.txInc( 0 );
-   EXPECT_EQ( c.tx( 0 ), 1u );
 }
 
 TEST( VarnMount, WritersCreateReadersAttachCleanupWaitsForTheLastMount ) {
@@ -156,19 +116,6 @@ TEST( VarnMount, WritersCreateReadersAttachCleanupWaitsForTheLastMount ) {
    writer = nullptr;
    EXPECT_EQ( dir.mounts( path ), 0u );
    EXPECT_EQ( dir.mounts( cpath ), 0u );
-}
-
-TEST( VarnMount, MountInfoSizesTheTables ) {
-   KivVarn::Directory dir;
-   dir.typeIs< V::Status >();
-   KivVarn::Mount m( dir );
-   KivVarn::MountInfo info = V::Status::mountInfo();
-   info.collectionIs( V::kNeighborTable, 3 );
-   auto s = Kiv::entity_cast< V::Status >( m.doMount( "t", "w", info ) );
-   ASSERT_TRUE( s );
-   EXPECT_EQ( s->neighbor().rowTable().capacity(), 3u );
-   EXPECT_EQ( s->pimIntf().rowTable().capacity(),
-              V::Status::mountInfo().size( V::kPimIntfTable, 0 ) );
 }
 
 } // namespace

@@ -115,11 +115,4 @@ TEST_F( DovelTest, LiveDirectorySeesLaterEntriesFrozenOneDoesNot ) {
    EXPECT_FALSE( live->entityRef( Kiv::Name( "x" ) ) ) << "entries disappear too";
 }
 
-TEST( CellTest, PerCellPathsCarryTheCellId ) {
-   EXPECT_EQ( Cell::path( "stage/boot/progress" ), "cell/1/stage/boot/progress" );
-   Cell::cellIdIs( 2 );
-   EXPECT_EQ( Cell::path( "x" ), "cell/2/x" );
-   Cell::cellIdIs( 1 );
-}
-
 } // namespace

@@ -10,7 +10,6 @@
 
 namespace {
 
-KIV_TRACE_HANDLE( "Test::Default" )
 
 class TraceTest : public ::testing::Test {
  protected:
@@ -42,42 +41,6 @@ TEST_F( TraceTest, DisabledLevelEvaluatesNothing ) {
    }
    const std::string err = testing::internal::GetCapturedStderr();
    EXPECT_NE( err.find( "Test::Off/3: via helper 7" ), std::string::npos ) << err;
-}
-
-// ---- levels are per handle ----------------------------------------------------------
-TEST_F( TraceTest, LevelsArePerHandle ) {
-   Kiv::TraceHandle a( "Test::A" );
-   Kiv::TraceHandle b( "Test::B" );
-   a.levelsEnabledIs( 2, 5, true );
-   for( int l = 1; l <= 9; ++l ) {
-      EXPECT_EQ( a.enabled( l ), l >= 2 && l <= 5 ) << l;
-      EXPECT_FALSE( b.enabled( l ) ) << l;
-   }
-   a.levelEnabledIs( 3, false );
-   EXPECT_FALSE( a.enabled( 3 ) );
-   EXPECT_TRUE( a.enabled( 4 ) );
-   // Levels outside 1..9 never turn on, whatever is asked.
-   a.levelsEnabledIs( -5, 20, true );
-   EXPECT_FALSE( a.enabled( 0 ) );
-   EXPECT_FALSE( a.enabled( 10 ) );
-   EXPECT_FALSE( a.enabled( 16 ) );
-   EXPECT_TRUE( a.enabled( 9 ) );
-
-   Kiv::TraceHandle::enableAll( 1, 2 );
-   EXPECT_TRUE( b.enabled( 2 ) );
-   EXPECT_FALSE( b.enabled( 3 ) );
-   Kiv::TraceHandle later( "Test::Later" );  // enableAll reaches new handles too
-   EXPECT_TRUE( later.enabled( 1 ) );
-   Kiv::TraceHandle::disableAll();
-   EXPECT_FALSE( a.enabled( 9 ) );
-   EXPECT_FALSE( later.enabled( 1 ) );
-}
-
-TEST_F( TraceTest, DefaultHandleIsCreatedOnFirstUse ) {
-   EXPECT_EQ( Kiv::TraceHandle::handle( "Test::Default" ), nullptr );
-   Kiv::TraceHandle & h = th();
-   EXPECT_EQ( Kiv::TraceHandle::handle( "Test::Default" ), &h );
-   EXPECT_EQ( &th(), &h );
 }
 
 // ---- selection syntax: KIV_TRACE and configIs ---------------------------------------
@@ -135,27 +98,6 @@ TEST_F( TraceTest, EnvironmentSelectsLevelsOfExistingAndLaterHandles ) {
    EXPECT_FALSE( hello.enabled( 9 ) );
    EXPECT_FALSE( hello.enabled( 2 ) );
    EXPECT_TRUE( intf.enabled( 4 ) );
-}
-
-// ---- capture ------------------------------------------------------------------------
-TEST_F( TraceTest, CaptureCollectsLinesWithTheirOrigin ) {
-   Kiv::TraceHandle hello( "Pim::Hello" );
-   hello.levelEnabledIs( 1, true );
-   Kiv::TraceCapture capture;
-   testing::internal::CaptureStderr();
-   KIV_TRACE( hello, 1, "Error - " << "No Message" );
-   const int line = __LINE__ - 1;
-   const std::string err = testing::internal::GetCapturedStderr();
-   ASSERT_EQ( capture.lines().size(), 1u );
-   const auto & l = capture.lines()[ 0 ];
-   EXPECT_TRUE( capture.contains( "Pim::Hello", 1, "Error - No Message" ) );
-   EXPECT_FALSE( capture.contains( "Pim::Hello", 2, "Error - No Message" ) );
-   EXPECT_EQ( l.line, line );
-   EXPECT_NE( std::string( l.file ).find( "TraceLogTest.cpp" ), std::string::npos );
-   EXPECT_STREQ( l.function, "TestBody" );
-   EXPECT_DOUBLE_EQ( l.time, 1.5 );
-   EXPECT_EQ( l.format(), "1.500000 Pim::Hello/1: Error - No Message" );
-   EXPECT_EQ( err, l.format() + "\n" );
 }
 
 TEST_F( TraceTest, CaptureCanEnableLevelsForItselfOnly ) {

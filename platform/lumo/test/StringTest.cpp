@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "AllocationCounter.h"
+#include "TextForms.h"
 #include "kiv/String.h"
 
 namespace {
@@ -72,15 +73,6 @@ TEST( StringTest, CopiesShareOneBuffer ) {
    EXPECT_EQ( survivor.c_str()[ 100 ], '\0' );
 }
 
-TEST( StringTest, SelfAssignmentKeepsTheValue ) {
-   String a( "veth-r1" );
-   String & alias = a;
-   a = alias;
-   EXPECT_EQ( a.stringValue(), "veth-r1" );
-   a = std::move( alias );
-   EXPECT_EQ( a.stringValue(), "veth-r1" );
-}
-
 TEST( StringTest, EqualityOrderAndHashFollowTheCharacters ) {
    const std::string withNul( "a\0b", 3 );
    const std::vector< std::string > texts = { "",  "a",  "A", "ab", "abc", "b", withNul,
@@ -105,30 +97,11 @@ TEST( StringTest, EqualityOrderAndHashFollowTheCharacters ) {
 }
 
 TEST( StringTest, StrepIsTheTextAndTheParserTakesEverything ) {
-   for( std::string_view text : { "", "Ethernet1", "with space", "tab\there", "x/y:z" } ) {
-      const String s( text );
-      const std::string strep = valueToStrep( s );
-      EXPECT_EQ( strep, text );
-      String::IteratorConst begin = strep.data();
-      String parsed( "junk" );
-      ASSERT_TRUE( strepToValue( begin, strep.data() + strep.size(), parsed ) );
-      EXPECT_EQ( begin, strep.data() + strep.size() );
-      EXPECT_EQ( parsed, s );
-      EXPECT_EQ( String::fromStrep( text ), s );
-
-      Name n;
-      begin = strep.data();
-      ASSERT_TRUE( strepToValue( begin, strep.data() + strep.size(), n ) );
-      EXPECT_EQ( n, Name::fromStrep( text ) );
-      EXPECT_EQ( valueToStrep( n ), text );
-   }
-}
-
-TEST( StringTest, PrintsTheText ) {
-   std::ostringstream os;
-   os << String( "Vlan100" ) << '|' << Name( "pim" ) << '|' << String();
-   EXPECT_EQ( os.str(), "Vlan100|pim|" );
-   EXPECT_EQ( fmt::format( "{}-{:>5}", String( "a" ), Name( "b" ) ), "a-    b" );
+   const std::initializer_list< LumoTest::TextCase > texts = {
+      { "", "" }, { "Ethernet1", "Ethernet1" }, { "with space", "with space" }, { "tab\there", "tab\there" },
+      { "x/y:z", "x/y:z" } };
+   LumoTest::expectTextForms< String >( String( "junk" ), texts );
+   LumoTest::expectTextForms< Name >( Name( "junk" ), texts );
 }
 
 } // namespace

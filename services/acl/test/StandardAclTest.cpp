@@ -47,22 +47,4 @@ TEST( StandardAclTest, TextFormRoundTripsAndRejectsJunk ) {
    EXPECT_THROW( acl.entryAdd( AclAction::permit, Lumo::IpGenPrefix() ), Kiv::RangeException );
 }
 
-TEST( StandardAclTest, ConfigNotifiesOnRealChangesOnly ) {
-   Kiv::Testing::TestLoop loop;
-   auto config = Kiv::make< Acl::StandardAclConfig >( "acl" );
-   struct Reactor : Acl::StandardAclConfig::NotifieeConst {
-      int calls = 0;
-      void onStandardAcl( const Kiv::String & ) override { ++calls; }
-   } reactor;
-   reactor.notifierIs( config );
-   config->standardAclIs( "RP", StandardAcl::fromStrep( "permit 239.0.0.0/8" ) );
-   ASSERT_TRUE( loop.runUntilIdle() );
-   config->standardAclIs( "RP", StandardAcl::fromStrep( "permit 239.0.0.0/8" ) );
-   ASSERT_TRUE( loop.runUntilIdle() );
-   EXPECT_EQ( reactor.calls, 1 );
-   EXPECT_EQ( config->standardAcl( "RP" ).size(), 1u );
-   EXPECT_TRUE( config->standardAcl( "absent" ).empty() );
-   EXPECT_STREQ( config->typeName(), "Acl::StandardAclConfig" );
-}
-
 } // namespace

@@ -58,19 +58,4 @@ TEST_F( BfdAppFixture, StatusMirrorsConfiguredPeersOfTheVrf ) {
    EXPECT_EQ( appStatus_->peerStatusSize(), 1u );
 }
 
-TEST_F( BfdAppFixture, OptionalInputs ) {
-   appConfig_->peerConfigIs( p1_ );
-   // No peer status known at all: configured peers are Down.
-   Bfd::BfdAppSm sm( "pim", nullptr, appStatus_, "red", appConfig_ );
-   ASSERT_TRUE( appStatus_->peerStatus( p1_ ) );
-   EXPECT_EQ( appStatus_->peerStatus( p1_ )->status(), Bfd::operDown );
-   EXPECT_THROW( Bfd::BfdAppSm( "pim", statusPeer_, nullptr, "red", appConfig_ ),
-                 Kiv::RangeException );
-
-   // Without configuration, nothing.
-   auto emptyStatus = Kiv::make< Bfd::AppStatus >( "pim6" );
-   Bfd::BfdAppSm none( "pim6", statusPeer_, emptyStatus, "red", nullptr );
-   EXPECT_EQ( emptyStatus->peerStatusSize(), 0u );
-}
-
 } // namespace

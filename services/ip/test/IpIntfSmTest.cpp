@@ -62,17 +62,6 @@ TEST_F( IntfSmFixture, FollowsInterfacesThatJoinMoveAndLeave ) {
    EXPECT_TRUE( w.seen.empty() );
 }
 
-TEST_F( IntfSmFixture, ABriefVisitCoalescesIntoNothing ) {
-   auto sm = IpGen::intfSmFactory( red );
-   MemberWatcher w;
-   w.notifierIs( red );
-   status->intfVrfIs( "Ethernet1", "red" );
-   status->intfVrfIs( "Ethernet1", "blue" );
-   ASSERT_TRUE( loop.runUntilIdle() );
-   EXPECT_TRUE( members( *red ).empty() );
-   EXPECT_TRUE( w.seen.empty() );
-}
-
 TEST_F( IntfSmFixture, FollowsAnEntryReplacedUnderTheSameName ) {
    auto sm = IpGen::intfSmFactory( red );
    status->intfVrfIs( "Ethernet1", "red" );
@@ -85,25 +74,6 @@ TEST_F( IntfSmFixture, FollowsAnEntryReplacedUnderTheSameName ) {
    status->intfVrfIs( "Ethernet1", "blue" );
    ASSERT_TRUE( loop.runUntilIdle() );
    EXPECT_TRUE( members( *red ).empty() );
-}
-
-TEST_F( IntfSmFixture, GoingAwayEmptiesTheSetAndANullStatusIsRefused ) {
-   status->intfVrfIs( "Ethernet1", "red" );
-   auto sm = IpGen::intfSmFactory( red );
-   EXPECT_TRUE( red->intf( "Ethernet1" ) );
-   sm = nullptr;
-   EXPECT_EQ( red->intfSize(), 0u );
-   // Nothing is left watching: later changes touch nobody.
-   status->intfVrfIs( "Ethernet2", "red" );
-   ASSERT_TRUE( loop.runUntilIdle() );
-   EXPECT_EQ( red->intfSize(), 0u );
-
-   try {
-      IpGen::intfSmFactory( nullptr );
-      FAIL() << "a null status must be refused";
-   } catch( const Kiv::RangeException & e ) {
-      EXPECT_STREQ( e.what(), "null ValidPtr" );
-   }
 }
 
 } // namespace

@@ -121,27 +121,4 @@ TEST( IpStatus, PerVrfViewSeesOnlyItsVrfAndChecksTheFamily ) {
    EXPECT_THROW( IpGen::intfStatusFactory( nullptr, "red" ), Kiv::RangeException );
 }
 
-TEST( IpStatus, StoreTypesAreCreatedByName ) {
-   auto dir = Kiv::make< Kiv::Dir >( "root" );
-   auto v4 = Kiv::entity_cast< IpGen::Status >( dir->entryIs( "ip", "Ip::Status" ) );
-   auto v6 = Kiv::entity_cast< IpGen::Status >( dir->entryIs( "ip6", "Ip6::Status" ) );
-   ASSERT_TRUE( v4 && v6 );
-   EXPECT_EQ( v4->af(), Lumo::AddressFamily::ipv4 );
-   EXPECT_EQ( v6->af(), Lumo::AddressFamily::ipv6 );
-
-   auto vrfs = Kiv::entity_cast< Ip::AllVrfStatusLocal >(
-      dir->entryIs( "vrfs", "Ip::AllVrfStatusLocal" ) );
-   ASSERT_TRUE( vrfs );
-   vrfs->vrfIs( "red", Lumo::NamespaceName( "ns-red" ) );
-   EXPECT_EQ( vrfs->vrf( "red" )->namespaceName(), Lumo::NamespaceName( "ns-red" ) );
-
-   auto kni = Kiv::entity_cast< KernelNetInfo::Status >(
-      dir->entryIs( "kni", "KernelNetInfo::Status" ) );
-   ASSERT_TRUE( kni );
-   ASSERT_TRUE( kni->devices() );
-   EXPECT_EQ( KernelNetInfo::Status::mountPath( Lumo::NamespaceName( "ns-red" ) ),
-              "kni/ns/ns-red/status" );
-   EXPECT_EQ( KernelNetInfo::Status::mountPath( Lumo::NamespaceName() ), "kni/ns/default/status" );
-}
-
 } // namespace

@@ -79,12 +79,6 @@ TEST( FrrCapture, PimHelloPcapDecodes ) {
    checkFrrHello( packets[ 3 ], r2 );
 }
 
-TEST( FrrCapture, HelloOraclePcapDecodes ) {
-   auto packets = pimPackets( "hello_oracle.pcap" );
-   ASSERT_EQ( packets.size(), 1u );
-   checkFrrHello( packets[ 0 ], { "192.0.2.1", 10, "fe80::94d1:26ff:fe9a:d21b" } );
-}
-
 TEST( FrrCapture, DamagedCopiesAreRejected ) {
    auto packets = pimPackets( "pim-hello.pcap" );
    ASSERT_FALSE( packets.empty() );

@@ -45,12 +45,8 @@ class Raw {
    }
    Raw & optionWithLength( std::uint16_t type, std::uint16_t len,
                            const std::vector< std::uint8_t > & value ) {
-      bytes_.push_back( std::uint8_t( type >> 8 ) );
-      bytes_.push_back( std::uint8_t( type ) );
-      bytes_.push_back( std::uint8_t( len >> 8 ) );
-      bytes_.push_back( std::uint8_t( len ) );
-      bytes_.insert( bytes_.end(), value.begin(), value.end() );
-      return *this;
+      append( { std::uint8_t( type >> 8 ), std::uint8_t( type ), std::uint8_t( len >> 8 ), std::uint8_t( len ) } );
+      return append( value );
    }
    Raw & append( std::vector< std::uint8_t > b ) {
       bytes_.insert( bytes_.end(), b.begin(), b.end() );
@@ -58,9 +54,7 @@ class Raw {
    }
    std::vector< std::uint8_t > sealed( const Endpoints & e ) const {
       std::vector< std::uint8_t > b = bytes_;
-      if ( b.size() >= kPimHeaderLen ) {
-         setChecksum( b.data(), b.size(), e.family, e.src, e.dst );
-      }
+      if ( b.size() >= kPimHeaderLen ) setChecksum( b.data(), b.size(), e.family, e.src, e.dst );
       return b;
    }
  private:
@@ -71,9 +65,7 @@ std::vector< std::uint8_t > holdtime105() { return { 0x00, 0x69 }; }
 
 std::vector< std::uint8_t > encodedAddr( const Addr & a ) {
    std::vector< std::uint8_t > v{ std::uint8_t( a.family ), 0 };
-   for ( std::size_t i = 0; i < a.size(); ++i ) {
-      v.push_back( a.bytes[ i ] );
-   }
+   for ( std::size_t i = 0; i < a.size(); ++i ) v.push_back( a.bytes[ i ] );
    return v;
 }
 
@@ -90,30 +82,20 @@ std::vector< NamedOption > everyOption() {
    return {
       { "holdtime", []( Hello & h, const Endpoints & ) { h.holdtimePresent = true; h.holdtime = 0xffff; } },
       { "holdtimeZero", []( Hello & h, const Endpoints & ) { h.holdtimePresent = true; h.holdtime = 0; } },
-      { "lanPruneDelay", []( Hello & h, const Endpoints & ) {
-           h.lanPruneDelay = { true, true, 0x7fff, 0xffff };
-        } },
-      { "lanPruneDelayNoT", []( Hello & h, const Endpoints & ) {
-           h.lanPruneDelay = { true, false, 500, 2500 };
-        } },
+      { "lanPruneDelay", []( Hello & h, const Endpoints & ) { h.lanPruneDelay = { true, true, 0x7fff, 0xffff }; } },
+      { "lanPruneDelayNoT", []( Hello & h, const Endpoints & ) { h.lanPruneDelay = { true, false, 500, 2500 }; } },
       { "drPriority", []( Hello & h, const Endpoints & ) { h.drPriorityPresent = true; h.drPriority = 0xfedcba98; } },
       { "generationId", []( Hello & h, const Endpoints & ) { h.generationIdPresent = true; h.generationId = 0x80000001; } },
       { "addressList", []( Hello & h, const Endpoints & e ) {
-           Addr a = e.src;
-           a.bytes[ 3 ] = 9;
-           Addr b = e.src;
-           b.bytes[ 3 ] = 10;
-           h.addressList = { a, b };
+           h.addressList = { e.src, e.src };
+           h.addressList[ 0 ].bytes[ 3 ] = 9;
+           h.addressList[ 1 ].bytes[ 3 ] = 10;
         } },
       { "bidirCapable", []( Hello & h, const Endpoints & ) { h.bidirCapable = true; } },
       { "interfaceId", []( Hello & h, const Endpoints & ) { h.interfaceId = { true, 0xc6120001, 0x7 }; } },
       { "tcpCapableNoAddr", []( Hello & h, const Endpoints & ) { h.tcpCapable = { true, 0x5, Addr{} }; } },
-      { "sctpCapableV4", []( Hello & h, const Endpoints & ) {
-           h.sctpCapable = { true, 0xffffff, ip( "198.18.7.7" ) };
-        } },
-      { "sctpCapableV6", []( Hello & h, const Endpoints & ) {
-           h.sctpCapable = { true, 0x1, ip( "2001:db8::77" ) };
-        } },
+      { "sctpCapableV4", []( Hello & h, const Endpoints & ) { h.sctpCapable = { true, 0xffffff, ip( "198.18.7.7" ) }; } },
+      { "sctpCapableV6", []( Hello & h, const Endpoints & ) { h.sctpCapable = { true, 0x1, ip( "2001:db8::77" ) }; } },
    };
 }
 
@@ -123,61 +105,38 @@ std::vector< NamedOption > everyOption() {
 
 class RoundTrip : public ::testing::TestWithParam< Family > {};
 
-TEST_P( RoundTrip, EachOptionAloneDecodesToTheSameHello ) {
+// Each option alone, then all of them together (the two sctp cases share one
+// option: 11 options in all).
+TEST_P( RoundTrip, EachOptionAloneAndAllTogetherDecodeToTheSameHello ) {
    const Endpoints e = endpoints( GetParam() );
-   for ( const NamedOption & o : everyOption() ) {
-      SCOPED_TRACE( o.name );
+   const auto options = everyOption();
+   Hello all;
+   for ( std::size_t k = 0; k <= options.size(); ++k ) {
+      SCOPED_TRACE( k < options.size() ? options[ k ].name : "all" );
       Hello h;
+      if ( k < options.size() ) {
+         options[ k ].set( h, e );
+         options[ k ].set( all, e );
+      } else {
+         h = all;
+      }
       h.source = e.src;
       h.destination = e.dst;
-      o.set( h, e );
       auto bytes = encodeHello( h, e.family, e.src, e.dst );
       ASSERT_FALSE( bytes.empty() );
       EXPECT_EQ( bytes.size(), encodedHelloSize( h ) );
       DecodeResult r = decode( bytes, e );
       ASSERT_TRUE( r.ok() ) << r.reason;
       EXPECT_EQ( r.hello, h ) << r.hello << " vs " << h;
-      EXPECT_EQ( r.stats.options, 1u );
+      EXPECT_EQ( r.stats.options, k < options.size() ? 1u : 9u );
       EXPECT_TRUE( r.stats.clean() ) << r.stats;
    }
-}
-
-TEST_P( RoundTrip, AllOptionsTogether ) {
-   const Endpoints e = endpoints( GetParam() );
-   Hello h;
-   h.source = e.src;
-   h.destination = e.dst;
-   for ( const NamedOption & o : everyOption() ) {
-      o.set( h, e );
-   }
-   auto bytes = encodeHello( h, e.family, e.src, e.dst );
-   ASSERT_FALSE( bytes.empty() );
-   DecodeResult r = decode( bytes, e );
-   ASSERT_TRUE( r.ok() ) << r.reason;
-   EXPECT_EQ( r.hello, h ) << r.hello << " vs " << h;
-   EXPECT_EQ( r.stats.options, 9u );
-   EXPECT_TRUE( r.stats.clean() ) << r.stats;
-}
-
-TEST_P( RoundTrip, EmptyHelloIsJustTheHeader ) {
-   const Endpoints e = endpoints( GetParam() );
-   Hello h;
-   h.source = e.src;
-   h.destination = e.dst;
-   auto bytes = encodeHello( h, e.family, e.src, e.dst );
-   ASSERT_EQ( bytes.size(), kPimHeaderLen );
-   EXPECT_EQ( bytes[ 0 ], 0x20 );
-   DecodeResult r = decode( bytes, e );
-   ASSERT_TRUE( r.ok() );
-   EXPECT_EQ( r.hello, h );
 }
 
 TEST_P( RoundTrip, ReusedHelloIsClearedBetweenDecodes ) {
    const Endpoints e = endpoints( GetParam() );
    Hello full;
-   for ( const NamedOption & o : everyOption() ) {
-      o.set( full, e );
-   }
+   for ( const NamedOption & o : everyOption() ) o.set( full, e );
    Hello bare;
    bare.holdtimePresent = true;
    bare.holdtime = 30;
@@ -201,10 +160,9 @@ INSTANTIATE_TEST_SUITE_P( Families, RoundTrip, ::testing::Values( Family::ipv4, 
 TEST( Encode, OptionsGoOutInTypeOrderWithExactBytes ) {
    const Endpoints e = endpoints( Family::ipv4 );
    Hello h;
-   h.holdtimePresent = true;
+   h.holdtimePresent = h.drPriorityPresent = true;
    h.holdtime = 105;
    h.lanPruneDelay = { true, true, 500, 2500 };
-   h.drPriorityPresent = true;
    h.drPriority = 1;
    h.interfaceId = { true, 0x01020304, 0x05060708 };
    h.bidirCapable = true;
@@ -262,15 +220,6 @@ TEST( Encode, LongAddressListIsSplitAcrossOptions ) {
 }
 
 // ----------------------------------------------------------------- rejects
-
-TEST( Reject, EveryReasonHasItsOwnName ) {
-   std::set< std::string > names;
-   for ( int i = 0; i < kRejectReasonCount; ++i ) {
-      names.insert( rejectReasonName( RejectReason( i ) ) );
-   }
-   EXPECT_EQ( names.size(), std::size_t( kRejectReasonCount ) );
-   EXPECT_STREQ( rejectReasonName( RejectReason::badChecksum ), "badChecksum" );
-}
 
 TEST( Reject, EachMalformationHasItsReason ) {
    const Endpoints e = endpoints( Family::ipv4 );
@@ -330,6 +279,12 @@ class Lenient : public ::testing::TestWithParam< Family > {};
 
 TEST_P( Lenient, KnownOptionWithWrongLengthIsSkippedAndCounted ) {
    const Endpoints e = endpoints( GetParam() );
+   Hello want;
+   want.source = e.src;
+   want.destination = e.dst;
+   want.holdtimePresent = want.generationIdPresent = true;
+   want.holdtime = 105;
+   want.generationId = 0x12345678;
    struct Case {
       std::uint16_t type;
       std::vector< std::uint8_t > value;
@@ -348,97 +303,69 @@ TEST_P( Lenient, KnownOptionWithWrongLengthIsSkippedAndCounted ) {
    };
    for ( const Case & c : cases ) {
       SCOPED_TRACE( c.type );
-      auto b = Raw()
-                  .option( c.type, c.value )
-                  .option( 1, holdtime105() )
-                  .option( 20, { 0x12, 0x34, 0x56, 0x78 } )
-                  .sealed( e );
+      auto b = Raw().option( c.type, c.value ).option( 1, holdtime105() ).option( 20, { 0x12, 0x34, 0x56, 0x78 } ).sealed( e );
       DecodeResult r = decode( b, e );
       ASSERT_TRUE( r.ok() ) << r.reason;
       EXPECT_EQ( r.stats.badLengthOptions, 1u );
       EXPECT_EQ( r.stats.options, 3u );
-      Hello want;
-      want.source = e.src;
-      want.destination = e.dst;
-      want.holdtimePresent = true;
-      want.holdtime = 105;
-      want.generationIdPresent = true;
-      want.generationId = 0x12345678;
       EXPECT_EQ( r.hello, want ) << r.hello;
    }
 }
 
-TEST_P( Lenient, BadAddressListLosesOnlyThatOption ) {
+// Damage or strangeness inside one option costs that option (or entry)
+// only; what is skipped is counted by kind.
+TEST_P( Lenient, SkippedPartsAreCountedAndTheRestKept ) {
    const Endpoints e = endpoints( GetParam() );
-   auto good = encodedAddr( e.src );
+   const auto cat = []( std::initializer_list< std::vector< std::uint8_t > > parts ) {
+      std::vector< std::uint8_t > v;
+      for ( const auto & p : parts ) v.insert( v.end(), p.begin(), p.end() );
+      return v;
+   };
+   const auto good = encodedAddr( e.src );
    auto truncated = good;
    truncated.pop_back();
    auto badEncoding = good;
    badEncoding[ 1 ] = 1;
-   // A well-formed entry ahead of the bad one goes with its option.
-   auto list = [ & ]( std::vector< std::uint8_t > tail ) {
-      auto v = encodedAddr( e.dst );
-      v.insert( v.end(), tail.begin(), tail.end() );
-      return v;
-   };
-   auto b = Raw()
-               .option( 24, list( truncated ) )
-               .option( 24, list( badEncoding ) )
-               .option( 24, list( { 7, 0, 1, 2, 3, 4 } ) ) // unknown family
-               .option( 24, good )
-               .sealed( e );
-   DecodeResult r = decode( b, e );
-   ASSERT_TRUE( r.ok() ) << r.reason;
-   EXPECT_EQ( r.stats.badLengthOptions, 1u );
-   EXPECT_EQ( r.stats.badAddressEntries, 2u );
-   EXPECT_EQ( r.hello.addressList, std::vector< Addr >{ e.src } );
-}
-
-TEST_P( Lenient, UnknownOptionsAreSkippedAndCounted ) {
-   const Endpoints e = endpoints( GetParam() );
-   auto b = Raw()
-               .option( 0, {} )
-               .option( 21, { 1, 2, 3, 4 } )               // state refresh: not ours
-               .option( 65001, { 1, 2, 3 } )               // odd length
-               .option( 19, { 0, 0, 0, 7 } )
-               .option( 0xffff, std::vector< std::uint8_t >( 300, 0xab ) )
-               .sealed( e );
-   DecodeResult r = decode( b, e );
-   ASSERT_TRUE( r.ok() ) << r.reason;
-   EXPECT_EQ( r.stats.unknownOptions, 4u );
-   EXPECT_TRUE( r.hello.drPriorityPresent );
-   EXPECT_EQ( r.hello.drPriority, 7u );
-}
-
-TEST_P( Lenient, OtherFamilyAddressesAreSkippedAndCounted ) {
-   const Endpoints e = endpoints( GetParam() );
    Addr mine = e.src;
    mine.bytes[ 3 ] = 0x42;
-   auto value = encodedAddr( e.other );
-   auto m = encodedAddr( mine );
-   value.insert( value.end(), m.begin(), m.end() );
-   auto o = encodedAddr( e.other );
-   value.insert( value.end(), o.begin(), o.end() );
-   auto b = Raw().option( 24, value ).sealed( e );
-   DecodeResult r = decode( b, e );
-   ASSERT_TRUE( r.ok() ) << r.reason;
-   EXPECT_EQ( r.stats.otherFamilyAddrs, 2u );
-   EXPECT_EQ( r.hello.addressList, std::vector< Addr >{ mine } );
-}
-
-TEST_P( Lenient, RepeatedOptionLastOneWins ) {
-   const Endpoints e = endpoints( GetParam() );
-   auto b = Raw()
-               .option( 1, { 0, 10 } )
-               .option( 22, {} )
-               .option( 1, { 0, 20 } )
-               .option( 22, {} )
-               .sealed( e );
-   DecodeResult r = decode( b, e );
-   ASSERT_TRUE( r.ok() );
-   EXPECT_EQ( r.hello.holdtime, 20u );
-   EXPECT_TRUE( r.hello.bidirCapable );
-   EXPECT_EQ( r.stats.duplicateOptions, 2u );
+   struct Case {
+      const char * what;
+      std::vector< std::uint8_t > bytes;
+      DecodeStats stats;   // options, unknown, bad length, repeated, other family, bad entries, dropped, repeated addresses
+      std::function< void( const Hello & ) > check;
+   };
+   const Case cases[] = {
+      { "bad address lists lose only themselves",
+        Raw()
+           .option( 24, cat( { good, truncated } ) )
+           .option( 24, cat( { good, badEncoding } ) )
+           .option( 24, cat( { good, { 7, 0, 1, 2, 3, 4 } } ) )   // unknown family
+           .option( 24, good )
+           .sealed( e ),
+        { 4, 0, 1, 0, 0, 2, 0, 0 }, [ & ]( const Hello & h ) { EXPECT_EQ( h.addressList, std::vector< Addr >{ e.src } ); } },
+      { "unknown options",
+        Raw()
+           .option( 0, {} )
+           .option( 21, { 1, 2, 3, 4 } )   // state refresh: not ours
+           .option( 65001, { 1, 2, 3 } )
+           .option( 19, { 0, 0, 0, 7 } )
+           .option( 0xffff, std::vector< std::uint8_t >( 300, 0xab ) )
+           .sealed( e ),
+        { 5, 4, 0, 0, 0, 0, 0, 0 }, []( const Hello & h ) { EXPECT_TRUE( h.drPriorityPresent && h.drPriority == 7 ); } },
+      { "other family addresses",
+        Raw().option( 24, cat( { encodedAddr( e.other ), encodedAddr( mine ), encodedAddr( e.other ) } ) ).sealed( e ),
+        { 1, 0, 0, 0, 2, 0, 0, 0 }, [ & ]( const Hello & h ) { EXPECT_EQ( h.addressList, std::vector< Addr >{ mine } ); } },
+      { "a repeated option: the last one wins",
+        Raw().option( 1, { 0, 10 } ).option( 22, {} ).option( 1, { 0, 20 } ).option( 22, {} ).sealed( e ),
+        { 4, 0, 0, 2, 0, 0, 0, 0 }, []( const Hello & h ) { EXPECT_TRUE( h.holdtime == 20 && h.bidirCapable ); } },
+   };
+   for ( const Case & c : cases ) {
+      SCOPED_TRACE( c.what );
+      DecodeResult r = decode( c.bytes, e );
+      ASSERT_TRUE( r.ok() ) << r.reason;
+      EXPECT_EQ( r.stats, c.stats ) << r.stats;
+      c.check( r.hello );
+   }
 }
 
 // Repeats are dropped before the cap applies, so they cannot crowd out
@@ -461,43 +388,10 @@ TEST_P( Lenient, AddressListIsDeduplicatedThenCappedAndTheExcessCounted ) {
    EXPECT_EQ( r.stats.droppedAddrs, 6u );
 }
 
-TEST_P( Lenient, ReservedByteAndOddLengthAreAccepted ) {
-   const Endpoints e = endpoints( GetParam() );
-   auto raw = Raw( 0x20 ).option( 65000, { 9 } ); // 9-byte message
-   auto b = raw.sealed( e );
-   b[ 1 ] = 0x80; // reserved bits get other meanings in later documents
-   setChecksum( b.data(), b.size(), e.family, e.src, e.dst );
-   DecodeResult r = decode( b, e );
-   ASSERT_TRUE( r.ok() ) << r.reason;
-   EXPECT_EQ( r.stats.unknownOptions, 1u );
-}
-
 INSTANTIATE_TEST_SUITE_P( Families, Lenient, ::testing::Values( Family::ipv4, Family::ipv6 ),
                           []( const auto & info ) { return familyName( info.param ); } );
 
 // --------------------------------------------------------- printable forms
-
-TEST( Print, HelloIsShortAndReadable ) {
-   Hello h;
-   h.holdtimePresent = true;
-   h.holdtime = 105;
-   h.drPriorityPresent = true;
-   h.drPriority = 1;
-   h.generationIdPresent = true;
-   h.generationId = 0x1234;
-   h.lanPruneDelay = { true, false, 500, 2500 };
-   h.addressList = { ip( "2001:db8::2" ) };
-   EXPECT_EQ( toString( h ), "hold=105 lpd=(T=0,pd=500,oi=2500) prio=1 genid=0x1234 addrs=[2001:db8::2]" );
-   h = Hello{};
-   h.source = ip( "198.18.0.1" );
-   h.bidirCapable = true;
-   h.interfaceId = { true, 0xc6120001, 3 };
-   h.sctpCapable = { true, 0, ip( "198.18.0.1" ) };
-   std::ostringstream os;
-   os << h;
-   EXPECT_EQ( os.str(), "src=198.18.0.1 bidir ifid=(rid=198.18.0.1,idx=3) sctp=(flags=0x0,addr=198.18.0.1)" );
-   EXPECT_EQ( toString( Hello{} ), "(no options)" );
-}
 
 TEST( Print, AddressesUseTheCanonicalTextForms ) {
    const std::vector< std::pair< const char *, const char * > > cases = {
@@ -518,7 +412,6 @@ TEST( Print, AddressesUseTheCanonicalTextForms ) {
       EXPECT_EQ( Addr::parse( out ), a ) << out;
    }
    for ( const char * bad : { "", "1.2.3", "1.2.3.256", "1.2.3.4.5", "1..2.3", "2001:db8::1::2",
-                              "12345::", "1:2:3:4:5:6:7", "1:2:3:4:5:6:7:8:9", "g::1", ":1" } ) {
+                              "12345::", "1:2:3:4:5:6:7", "1:2:3:4:5:6:7:8:9", "g::1", ":1" } )
       EXPECT_FALSE( Addr::parse( bad ) ) << bad;
-   }
 }

@@ -1,8 +1,6 @@
 #pragma once
-// Just enough capture-file handling for the codec tests: reads classic pcap
-// and pcapng files of Ethernet frames, peels Ethernet and IP headers off PIM
-// packets, and writes classic pcap files with synthetic headers around our
-// own encodings.
+// Just enough capture-file handling for the codec tests: reads pcapng files
+// of Ethernet frames and peels Ethernet and IP headers off PIM packets.
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,9 +24,5 @@ struct PimPacket {
 // The PIM message inside an Ethernet frame, nullopt if the frame is not
 // IPv4/IPv6 protocol 103.
 std::optional< PimPacket > pimFromFrame( const Bytes & frame );
-
-// An Ethernet frame carrying payload as IP protocol 103 from src to dst.
-Bytes frameForPim( const PimPacket & p );
-bool writePcap( const std::string & path, const std::vector< Bytes > & frames );
 
 } // namespace PimWireTest

@@ -2,6 +2,8 @@
 // both directions, and through the encoder and decoder.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "services/pimwire/HelloCodec.h"
 #include "services/pimio/HelloAdapter.h"
 
@@ -34,43 +36,20 @@ PimWire::Hello fullWireHello( bool v6 ) {
    return h;
 }
 
-TEST( HelloAdapterTest, AddressesConvertBothWays ) {
-   for( const char * s : { "198.18.0.1", "0.0.0.0", "255.255.255.255", "2001:db8::1", "ff02::d", "::" } ) {
-      const Lumo::IpGenAddr a = ip( s );
-      const PimWire::Addr w = wireAddr( a );
-      EXPECT_EQ( w.toString(), valueToStrep( a ) ) << s;
-      EXPECT_EQ( ipGenAddr( w ), a ) << s;
-   }
-   EXPECT_FALSE( wireAddr( Lumo::IpGenAddr() ).isSet() );
-   EXPECT_TRUE( ipGenAddr( PimWire::Addr() ).isEmpty() );
-   EXPECT_EQ( allPimRouters( Lumo::AddressFamily::ipv4 ), ip( "224.0.0.13" ) );
-   EXPECT_EQ( allPimRouters( Lumo::AddressFamily::ipv6 ), ip( "ff02::d" ) );
-   EXPECT_TRUE( allPimRouters( Lumo::AddressFamily::none ).isEmpty() );
-   EXPECT_EQ( addressFamily( wireFamily( Lumo::AddressFamily::ipv6 ) ), Lumo::AddressFamily::ipv6 );
-}
-
 TEST( HelloAdapterTest, WireHelloSurvivesTheRoundTripThroughTheMessage ) {
    for( bool v6 : { false, true } ) {
       const PimWire::Hello wire = fullWireHello( v6 );
       const auto msg = helloMessageFromWire( wire );
+      SCOPED_TRACE( v6 ? "IPv6" : "IPv4" );
       EXPECT_EQ( msg->srcAddr(), ipGenAddr( wire.source ) );
-      EXPECT_TRUE( msg->holdTimePresent() );
-      EXPECT_EQ( msg->holdTime(), 105 );
-      EXPECT_TRUE( msg->lanPruneDelayPresent() );
-      EXPECT_TRUE( msg->tBit() );
-      EXPECT_EQ( msg->propagationDelay(), 0x7fff );
-      EXPECT_EQ( msg->overrideInterval(), 2500 );
-      EXPECT_EQ( msg->drPriority(), 0xfffffffeu );
-      EXPECT_EQ( msg->generationId(), 0x12345678u );
-      EXPECT_TRUE( msg->bidirCapable() );
-      EXPECT_EQ( msg->secondaryAddrSize(), 2u );
-      EXPECT_EQ( msg->interfaceIdRouterId(), 0xc6120001u );
-      EXPECT_EQ( msg->interfaceIdIfIndex(), 101u );
-      EXPECT_TRUE( msg->portOptionPresent() );
-      EXPECT_EQ( msg->portTransport(), kPortTransportSctp );
-      EXPECT_EQ( msg->portCapabilityFlags(), 0x00a50000u | kPortCapabilitySctp );
-      EXPECT_TRUE( msg->connectionAddrPresent() );
-      EXPECT_EQ( wireHelloFrom( *msg ), wire ) << ( v6 ? "IPv6" : "IPv4" );
+      EXPECT_TRUE( msg->holdTimePresent() && msg->lanPruneDelayPresent() && msg->tBit() && msg->bidirCapable() &&
+                   msg->portOptionPresent() && msg->connectionAddrPresent() );
+      EXPECT_EQ( std::tuple( msg->holdTime(), msg->propagationDelay(), msg->overrideInterval(), msg->drPriority(),
+                             msg->generationId(), msg->secondaryAddrSize(), msg->interfaceIdRouterId(),
+                             msg->interfaceIdIfIndex(), msg->portTransport(), msg->portCapabilityFlags() ),
+                 std::tuple( 105, 0x7fff, 2500, 0xfffffffeu, 0x12345678u, 2u, 0xc6120001u, 101u, kPortTransportSctp,
+                             0x00a50000u | kPortCapabilitySctp ) );
+      EXPECT_EQ( wireHelloFrom( *msg ), wire );
    }
 }
 
@@ -79,15 +58,9 @@ TEST( HelloAdapterTest, AbsentOptionsStayAbsentBothWays ) {
    bare.source = wa( "198.18.1.1" );
    bare.destination = wa( "224.0.0.13" );
    const auto msg = helloMessageFromWire( bare );
-   EXPECT_FALSE( msg->holdTimePresent() );
-   EXPECT_FALSE( msg->lanPruneDelayPresent() );
-   EXPECT_FALSE( msg->drPriorityPresent() );
-   EXPECT_FALSE( msg->generationIdPresent() );
-   EXPECT_FALSE( msg->bidirCapable() );
-   EXPECT_EQ( msg->secondaryAddrSize(), 0u );
-   EXPECT_FALSE( msg->interfaceIdPresent() );
-   EXPECT_FALSE( msg->portOptionPresent() );
-   EXPECT_FALSE( msg->connectionAddrPresent() );
+   EXPECT_FALSE( msg->holdTimePresent() || msg->lanPruneDelayPresent() || msg->drPriorityPresent() ||
+                 msg->generationIdPresent() || msg->bidirCapable() || msg->secondaryAddrSize() ||
+                 msg->interfaceIdPresent() || msg->portOptionPresent() || msg->connectionAddrPresent() );
    EXPECT_EQ( wireHelloFrom( *msg ), bare );
 
    // A goodbye as the agent builds it: hold time 0 and the interface id only.
@@ -96,51 +69,11 @@ TEST( HelloAdapterTest, AbsentOptionsStayAbsentBothWays ) {
    goodbye.holdTimePresentIs( true );
    goodbye.holdTimeIs( 0 );
    goodbye.interfaceIdPresentIs( true );
-   const PimWire::Hello w = wireHelloFrom( goodbye );
-   EXPECT_TRUE( w.holdtimePresent );
-   EXPECT_EQ( w.holdtime, 0 );
-   EXPECT_FALSE( w.lanPruneDelay.present );
-   EXPECT_FALSE( w.drPriorityPresent );
-   EXPECT_FALSE( w.generationIdPresent );
-   EXPECT_TRUE( w.addressList.empty() );
-   EXPECT_TRUE( w.interfaceId.present );
-   EXPECT_FALSE( w.sctpCapable.present );
-   EXPECT_EQ( w.destination, wa( "224.0.0.13" ) );
-}
-
-TEST( HelloAdapterTest, MessageSurvivesEncodingAndDecoding ) {
-   HelloMessage m;
-   m.srcAddrIs( ip( "198.18.1.5" ) );
-   m.holdTimePresentIs( true );
-   m.holdTimeIs( 0xffff );
-   m.lanPruneDelayPresentIs( true );
-   m.propagationDelayIs( 1 );
-   m.overrideIntervalIs( 0xffff );
-   m.drPriorityPresentIs( true );
-   m.drPriorityIs( 0 );
-   m.generationIdPresentIs( true );
-   m.generationIdIs( 0xffffffff );
-   // The set's hash order is not the wire's: the adapter sorts.
-   for( const char * a : { "198.18.1.200", "198.18.1.3", "198.18.1.77" } ) m.secondaryAddrIs( ip( a ), true );
-   const PimWire::Hello w = wireHelloFrom( m );
-   ASSERT_EQ( w.addressList.size(), 3u );
-   EXPECT_EQ( w.addressList[ 0 ], wa( "198.18.1.3" ) );
-   EXPECT_EQ( w.addressList[ 2 ], wa( "198.18.1.200" ) );
-
-   const auto bytes = PimWire::encodeHello( w, PimWire::Family::ipv4, w.source, w.destination );
-   ASSERT_FALSE( bytes.empty() );
-   const auto r = PimWire::decodeHello( bytes.data(), bytes.size(), PimWire::Family::ipv4, w.source, w.destination );
-   ASSERT_TRUE( r.ok() ) << r.reason;
-   const auto back = helloMessageFromWire( r.hello );
-   EXPECT_EQ( back->srcAddr(), m.srcAddr() );
-   EXPECT_EQ( back->holdTime(), 0xffff );
-   EXPECT_EQ( back->propagationDelay(), 1 );
-   EXPECT_FALSE( back->tBit() );
-   EXPECT_EQ( back->overrideInterval(), 0xffff );
-   EXPECT_TRUE( back->drPriorityPresent() );
-   EXPECT_EQ( back->drPriority(), 0u );
-   EXPECT_EQ( back->generationId(), 0xffffffffu );
-   EXPECT_EQ( back->secondaryAddrColl(), m.secondaryAddrColl() );
+   PimWire::Hello want;
+   want.source = wa( "198.18.1.2" );
+   want.destination = wa( "224.0.0.13" );
+   want.holdtimePresent = want.interfaceId.present = true;
+   EXPECT_EQ( wireHelloFrom( goodbye ), want );
 }
 
 TEST( HelloAdapterTest, PortOptionMapsCapabilityToTheSctpOption ) {

@@ -57,41 +57,6 @@ TEST_F( SourceIntfFixture, AddressFollowsThePrimaryWhileInTheVrf ) {
    EXPECT_EQ( src->ipAddr(), a( "198.18.0.4" ) );
 }
 
-TEST_F( SourceIntfFixture, InterfaceThatAppearsLaterIsPickedUp ) {
-   auto src = sm_->registerSourceIntf( "Loopback1" );
-   EXPECT_TRUE( src->ipAddr().isEmpty() );
-   ip_->intfVrfIs( "Loopback1", "red" );
-   ip_->intfPrimaryIs( "Loopback1", aw( "198.18.1.1/32" ) );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_EQ( src->ipAddr(), a( "198.18.1.1" ) );
-}
-
-TEST_F( SourceIntfFixture, RegistrationsAreCounted ) {
-   auto first = sm_->registerSourceIntf( "Loopback0" );
-   auto second = sm_->registerSourceIntf( "Loopback0" );
-   EXPECT_EQ( first, second );
-   EXPECT_EQ( sm_->registrations( "Loopback0" ), 2u );
-
-   // A foreign entry of the same interface is not this registry's.
-   auto foreign = Kiv::make< IpGen::SourceIntf::SourceIntf >( Lumo::IntfId( "Loopback0" ) );
-   sm_->unregisterSourceIntf( foreign );
-   sm_->unregisterSourceIntf( nullptr );
-   EXPECT_EQ( sm_->registrations( "Loopback0" ), 2u );
-
-   sm_->unregisterSourceIntf( first );
-   EXPECT_TRUE( dir_->sourceIntf( "Loopback0" ) );
-   sm_->unregisterSourceIntf( second );
-   EXPECT_FALSE( dir_->sourceIntf( "Loopback0" ) );
-   EXPECT_EQ( sm_->registrations( "Loopback0" ), 0u );
-   // One more give-back of a stale pointer changes nothing.
-   sm_->unregisterSourceIntf( first );
-   EXPECT_EQ( sm_->registrations( "Loopback0" ), 0u );
-
-   EXPECT_THROW( sm_->registerSourceIntf( Lumo::IntfId() ), Kiv::RangeException );
-   EXPECT_THROW( IpGen::SourceIntf::VrfSourceIntfSm( nullptr, IpGen::intfStatusFactory( ip_, "red" ) ),
-                 Kiv::RangeException );
-}
-
 TEST_F( SourceIntfFixture, DestroyingTheRegistryRemovesItsEntries ) {
    sm_->registerSourceIntf( "Loopback0" );
    sm_->registerSourceIntf( "Loopback1" );

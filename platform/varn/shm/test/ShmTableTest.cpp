@@ -255,47 +255,4 @@ TEST( ShmTable, HundredThousandRowsWithDeletesAndReuse ) {
    ASSERT_NE( t->row( &k7 ), nullptr );
 }
 
-TEST( ShmTable, MountedTablesAreNamedByPathAndRemovedAtCleanup ) {
-   const std::string dir = uniqueDir( "mount" ) + "/odd.name";
-   ShmTableStore store( dir );
-   Directory directory( store );
-   directory.typeIs( "T", []( const std::string & path, const MountInfo &, TableStore & s ) {
-      struct E : Kiv::Entity {
-         E( const std::string & p, TableStore & s )
-               : Kiv::Entity( Kiv::Name( p ) ), t( s.tableIs( "rows", 16, 4, 4 ) ) {}
-         const char * typeName() const override { return "T"; }
-         std::unique_ptr< RowTable > t;
-      };
-      return Kiv::Ptr< Kiv::Entity >( new E( path, s ) );
-   } );
-   auto mount = Kiv::make< Mount >( directory );
-   mount->doMount( "routing/x/vrf.1", "w", MountInfo( "T", {} ) );
-   EXPECT_EQ( tablePaths( dir ), std::vector< std::string >{ "routing/x/vrf.1/rows" } );
-   EXPECT_TRUE( TableReader::open( dir, "routing/x/vrf.1/rows" ) );
-   EXPECT_TRUE( tablePaths( dir + "x" ).empty() );
-   mount->doUnmount( "routing/x/vrf.1" );
-   mount->cleanup( "routing/x/vrf.1" );
-   EXPECT_TRUE( tablePaths( dir ).empty() );
-}
-
-TEST( ShmTable, ReaderRefusesWhatIsNotATableOfThisLayout ) {
-   const std::string dir = uniqueDir( "bad" );
-   const std::string name = objectName( dir, "d/t" );
-   const int fd = shm_open( name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600 );
-   ASSERT_GE( fd, 0 );
-   ASSERT_EQ( ftruncate( fd, 4096 ), 0 );
-   std::string err;
-   EXPECT_FALSE( TableReader::open( dir, "d/t", &err ) );
-   EXPECT_NE( err.find( "bad magic" ), std::string::npos ) << err;
-   Header h{};
-   h.magic = kMagic;
-   h.version = kLayoutVersion + 1;
-   h.headerSize = sizeof( Header );
-   ASSERT_EQ( pwrite( fd, &h, sizeof h, 0 ), static_cast< ssize_t >( sizeof h ) );
-   EXPECT_FALSE( TableReader::open( dir, "d/t", &err ) );
-   EXPECT_NE( err.find( "layout version" ), std::string::npos ) << err;
-   close( fd );
-   shm_unlink( name.c_str() );
-}
-
 } // namespace
