@@ -1232,9 +1232,7 @@ void ConfigSm::KivAppVrfIntfs::onVrfIntf( const L3::VrfName & vrf ) {
 
 ConfigSm::KivIntfConfig::KivIntfConfig( ConfigSm * o, const Lumo::IntfId & intf,
                                         const Kiv::Ptr< const IntfConfig > & c )
-      : KeyedReactor( o, intf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
+      : KeyedReactor( o, intf, c ) {
    handleMode();
    handleHelloPriority();
    handleHelloInterval();
@@ -1266,26 +1264,9 @@ void ConfigSm::KivIntfConfig::handleFastFailover() { update( "handleFastFailover
 void ConfigSm::KivIntfConfig::handleLanPruneDelay() { update( "handleLanPruneDelay" ); }
 void ConfigSm::KivIntfConfig::handleNeighborLimit() { update( "handleNeighborLimit" ); }
 
-ConfigSm::KivPimConfig::KivPimConfig( ConfigSm * o, const L3::VrfName & vrf,
-                                      const Kiv::Ptr< const Config > & c )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
-}
-
-ConfigSm::KivHostInjectIntfConfig::KivHostInjectIntfConfig(
-   ConfigSm * o, const Lumo::IntfId & intf, const Kiv::Ptr< const HostInject::HostInjectIntfConfig > & c )
-      : KeyedReactor( o, intf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
-}
-
 ConfigSm::KivIpIntfStatus::KivIpIntfStatus( ConfigSm * o, const Lumo::IntfId & intf,
                                             const Kiv::Ptr< const IpGen::IpIntfStatus > & s )
-      : KeyedReactor( o, intf ), lastVrf_( s->vrf() ) {
-   kivOwnerIs( o );
-   notifierIs( s );
-}
+      : KeyedReactor( o, intf, s ), lastVrf_( s->vrf() ) {}
 
 void ConfigSm::KivIpIntfStatus::onVrf() {
    const auto s = notifier();
@@ -1301,35 +1282,13 @@ void ConfigSm::KivIpIntfStatus::onActiveAddrWithMask() {
    owner_->handleActiveAddrWithMask( s ? s->vrf() : L3::VrfName(), key_ );
 }
 
-ConfigSm::KivPimIntf::KivPimIntf( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Intf > & intf )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( intf );
-}
-
 ConfigSm::KivPimAllStatus::KivPimAllStatus( ConfigSm * o, const L3::VrfName & vrf,
                                             const Kiv::Ptr< const AllStatus > & s )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( s );
+      : KeyedReactor( o, vrf, s ) {
    // Interfaces already there (status kept from an earlier run).
    for( auto it = s->pimIntfIter(); it; ++it ) {
       pimIntf_.insert( it.key(), std::make_unique< KivPimIntf >( o, vrf, it.value() ) );
    }
-}
-
-ConfigSm::KivReliableStatus::KivReliableStatus( ConfigSm * o, const L3::VrfName & vrf,
-                                                const Kiv::Ptr< const Reliable::Status > & s )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( s );
-}
-
-ConfigSm::KivClearConfig::KivClearConfig( ConfigSm * o, const L3::VrfName & vrf,
-                                          const Kiv::Ptr< const ClearConfig > & c )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
 }
 
 void ConfigSm::KivClearConfig::onIntfNeighborsCount( const Lumo::IntfId & intf ) {
@@ -1340,17 +1299,8 @@ void ConfigSm::KivClearConfig::onIntfNeighborsCount( const Lumo::IntfId & intf )
 
 ConfigSm::ClearMrouteSm::ClearMrouteSm( ConfigSm * o, const L3::VrfName & vrf,
                                         const Kiv::Ptr< const ClearMrouteConfig > & c )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
+      : KeyedReactor( o, vrf, c ) {
    owner_->handleClearIpMroute( key_ );
-}
-
-ConfigSm::KivVrfIntfColl::KivVrfIntfColl( ConfigSm * o, const L3::VrfName & vrf,
-                                          const Kiv::Ptr< const McastCommon::VrfIntfColl > & c )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
 }
 
 Kiv::Ptr< ConfigSm > configSmFactory( const ConfigSmInputs & inputs ) {
