@@ -925,38 +925,49 @@ Lumo::IpGenAddr ConfigSm::allPimRoutersGroup() const {
 // it, and only that VRF releases it.
 void ConfigSm::doUpdateVif( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {
    const auto & vifs = inputs_.multicastIntfs;
-   const Kiv::Ptr< AllStatus > status = allStatus( vrf );
-   if( multicastEnabled( vrf ) && status && status->pimIntfHas( intf ) ) {
-      CTRACE( 7, "doUpdateVif( " << intf << " ), Allocate VIF" );
-      vifHolderIs( intf, vrf );
-      if( vifs ) vifs->multicastIntfIs( intf, true );
-      return;
-   }
-   if( const L3::VrfName * holder = vifHolderColl().find( intf ); holder && *holder != vrf ) {
-      CTRACE( 7, "doUpdateVif( " << intf << " ), VIF held for VRF " << *holder );
-      return;
-   }
-   CTRACE( 7, "doUpdateVif( " << intf << " ), Deallocate VIF" );
-   vifHolderDel( intf );
-   if( vifs ) vifs->multicastIntfDel( intf );
+   doUpdateHeld( vrf, intf, { "doUpdateVif", "Allocate VIF", "VIF", "Deallocate VIF" }, vifHolderColl(),
+                 [ & ]( bool take ) {
+                    if( take ) {
+                       vifHolderIs( intf, vrf );
+                       if( vifs ) vifs->multicastIntfIs( intf, true );
+                    } else {
+                       vifHolderDel( intf );
+                       if( vifs ) vifs->multicastIntfDel( intf );
+                    }
+                 } );
 }
 
 void ConfigSm::doUpdateAllPimRouters( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {
    const auto & groups = inputs_.multicastGroups;
+   doUpdateHeld( vrf, intf,
+                 { "doUpdateAllPimRouters", "Subscribe to ALL-PIM-ROUTERS group", "ALL-PIM-ROUTERS",
+                   "Unsubscribe to ALL-PIM-ROUTERS group" },
+                 allPimRoutersHolderColl(), [ & ]( bool take ) {
+                    if( take ) {
+                       allPimRoutersHolderIs( intf, vrf );
+                       if( groups ) groups->joinGroup( intf, allPimRoutersGroup() );
+                    } else {
+                       allPimRoutersHolderDel( intf );
+                       if( groups ) groups->leaveGroup( intf, allPimRoutersGroup() );
+                    }
+                 } );
+}
+
+void ConfigSm::doUpdateHeld( const L3::VrfName & vrf, const Lumo::IntfId & intf, const HeldText & text,
+                             const Kiv::HashMap< Lumo::IntfId, L3::VrfName > & holders,
+                             const std::function< void( bool ) > & take ) {
    const Kiv::Ptr< AllStatus > status = allStatus( vrf );
    if( multicastEnabled( vrf ) && status && status->pimIntfHas( intf ) ) {
-      CTRACE( 7, "doUpdateAllPimRouters( " << intf << " ), Subscribe to ALL-PIM-ROUTERS group" );
-      allPimRoutersHolderIs( intf, vrf );
-      if( groups ) groups->joinGroup( intf, allPimRoutersGroup() );
+      CTRACE( 7, text.fn << "( " << intf << " ), " << text.take );
+      take( true );
       return;
    }
-   if( const L3::VrfName * holder = allPimRoutersHolderColl().find( intf ); holder && *holder != vrf ) {
-      CTRACE( 7, "doUpdateAllPimRouters( " << intf << " ), ALL-PIM-ROUTERS held for VRF " << *holder );
+   if( const L3::VrfName * holder = holders.find( intf ); holder && *holder != vrf ) {
+      CTRACE( 7, text.fn << "( " << intf << " ), " << text.what << " held for VRF " << *holder );
       return;
    }
-   CTRACE( 7, "doUpdateAllPimRouters( " << intf << " ), Unsubscribe to ALL-PIM-ROUTERS group" );
-   allPimRoutersHolderDel( intf );
-   if( groups ) groups->leaveGroup( intf, allPimRoutersGroup() );
+   CTRACE( 7, text.fn << "( " << intf << " ), " << text.release );
+   take( false );
 }
 
 void ConfigSm::handlePimConfigured( const L3::VrfName & vrf ) {

@@ -303,6 +303,18 @@ class ConfigSm : public Kiv::StateMachine {
    using KivDrDelayTimer = Tolm::OwnedTimer< ConfigSm, &ConfigSm::handleDrDelayTimerExpiry >;
 
    void updatePimIntfsOf( const L3::VrfName & vrf );
+   // A resource of an interface (its VIF, its ALL-PIM-ROUTERS membership)
+   // that the VRF running PIM there holds: taken while PIM runs on it,
+   // released only by the VRF holding it. take( false ) releases.
+   struct HeldText {
+      const char * fn;
+      const char * take;
+      const char * what;
+      const char * release;
+   };
+   void doUpdateHeld( const L3::VrfName & vrf, const Lumo::IntfId & intf, const HeldText & text,
+                      const Kiv::HashMap< Lumo::IntfId, L3::VrfName > & holders,
+                      const std::function< void( bool ) > & take );
    // The steps of updatePimIntf.
    // Whether IP status, the VRF and multicast routing let the interface run
    // PIM; if not, traced, and the interface goes.
