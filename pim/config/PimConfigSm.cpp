@@ -925,38 +925,49 @@ Lumo::IpGenAddr ConfigSm::allPimRoutersGroup() const {
 // it, and only that VRF releases it.
 void ConfigSm::doUpdateVif( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {
    const auto & vifs = inputs_.multicastIntfs;
-   const Kiv::Ptr< AllStatus > status = allStatus( vrf );
-   if( multicastEnabled( vrf ) && status && status->pimIntfHas( intf ) ) {
-      CTRACE( 7, "doUpdateVif( " << intf << " ), Allocate VIF" );
-      vifHolderIs( intf, vrf );
-      if( vifs ) vifs->multicastIntfIs( intf, true );
-      return;
-   }
-   if( const L3::VrfName * holder = vifHolderColl().find( intf ); holder && *holder != vrf ) {
-      CTRACE( 7, "doUpdateVif( " << intf << " ), VIF held for VRF " << *holder );
-      return;
-   }
-   CTRACE( 7, "doUpdateVif( " << intf << " ), Deallocate VIF" );
-   vifHolderDel( intf );
-   if( vifs ) vifs->multicastIntfDel( intf );
+   doUpdateHeld( vrf, intf, { "doUpdateVif", "Allocate VIF", "VIF", "Deallocate VIF" }, vifHolderColl(),
+                 [ & ]( bool take ) {
+                    if( take ) {
+                       vifHolderIs( intf, vrf );
+                       if( vifs ) vifs->multicastIntfIs( intf, true );
+                    } else {
+                       vifHolderDel( intf );
+                       if( vifs ) vifs->multicastIntfDel( intf );
+                    }
+                 } );
 }
 
 void ConfigSm::doUpdateAllPimRouters( const L3::VrfName & vrf, const Lumo::IntfId & intf ) {
    const auto & groups = inputs_.multicastGroups;
+   doUpdateHeld( vrf, intf,
+                 { "doUpdateAllPimRouters", "Subscribe to ALL-PIM-ROUTERS group", "ALL-PIM-ROUTERS",
+                   "Unsubscribe to ALL-PIM-ROUTERS group" },
+                 allPimRoutersHolderColl(), [ & ]( bool take ) {
+                    if( take ) {
+                       allPimRoutersHolderIs( intf, vrf );
+                       if( groups ) groups->joinGroup( intf, allPimRoutersGroup() );
+                    } else {
+                       allPimRoutersHolderDel( intf );
+                       if( groups ) groups->leaveGroup( intf, allPimRoutersGroup() );
+                    }
+                 } );
+}
+
+void ConfigSm::doUpdateHeld( const L3::VrfName & vrf, const Lumo::IntfId & intf, const HeldText & text,
+                             const Kiv::HashMap< Lumo::IntfId, L3::VrfName > & holders,
+                             const std::function< void( bool ) > & take ) {
    const Kiv::Ptr< AllStatus > status = allStatus( vrf );
    if( multicastEnabled( vrf ) && status && status->pimIntfHas( intf ) ) {
-      CTRACE( 7, "doUpdateAllPimRouters( " << intf << " ), Subscribe to ALL-PIM-ROUTERS group" );
-      allPimRoutersHolderIs( intf, vrf );
-      if( groups ) groups->joinGroup( intf, allPimRoutersGroup() );
+      CTRACE( 7, text.fn << "( " << intf << " ), " << text.take );
+      take( true );
       return;
    }
-   if( const L3::VrfName * holder = allPimRoutersHolderColl().find( intf ); holder && *holder != vrf ) {
-      CTRACE( 7, "doUpdateAllPimRouters( " << intf << " ), ALL-PIM-ROUTERS held for VRF " << *holder );
+   if( const L3::VrfName * holder = holders.find( intf ); holder && *holder != vrf ) {
+      CTRACE( 7, text.fn << "( " << intf << " ), " << text.what << " held for VRF " << *holder );
       return;
    }
-   CTRACE( 7, "doUpdateAllPimRouters( " << intf << " ), Unsubscribe to ALL-PIM-ROUTERS group" );
-   allPimRoutersHolderDel( intf );
-   if( groups ) groups->leaveGroup( intf, allPimRoutersGroup() );
+   CTRACE( 7, text.fn << "( " << intf << " ), " << text.release );
+   take( false );
 }
 
 void ConfigSm::handlePimConfigured( const L3::VrfName & vrf ) {
@@ -1232,9 +1243,7 @@ void ConfigSm::KivAppVrfIntfs::onVrfIntf( const L3::VrfName & vrf ) {
 
 ConfigSm::KivIntfConfig::KivIntfConfig( ConfigSm * o, const Lumo::IntfId & intf,
                                         const Kiv::Ptr< const IntfConfig > & c )
-      : KeyedReactor( o, intf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
+      : KeyedReactor( o, intf, c ) {
    handleMode();
    handleHelloPriority();
    handleHelloInterval();
@@ -1266,26 +1275,9 @@ void ConfigSm::KivIntfConfig::handleFastFailover() { update( "handleFastFailover
 void ConfigSm::KivIntfConfig::handleLanPruneDelay() { update( "handleLanPruneDelay" ); }
 void ConfigSm::KivIntfConfig::handleNeighborLimit() { update( "handleNeighborLimit" ); }
 
-ConfigSm::KivPimConfig::KivPimConfig( ConfigSm * o, const L3::VrfName & vrf,
-                                      const Kiv::Ptr< const Config > & c )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
-}
-
-ConfigSm::KivHostInjectIntfConfig::KivHostInjectIntfConfig(
-   ConfigSm * o, const Lumo::IntfId & intf, const Kiv::Ptr< const HostInject::HostInjectIntfConfig > & c )
-      : KeyedReactor( o, intf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
-}
-
 ConfigSm::KivIpIntfStatus::KivIpIntfStatus( ConfigSm * o, const Lumo::IntfId & intf,
                                             const Kiv::Ptr< const IpGen::IpIntfStatus > & s )
-      : KeyedReactor( o, intf ), lastVrf_( s->vrf() ) {
-   kivOwnerIs( o );
-   notifierIs( s );
-}
+      : KeyedReactor( o, intf, s ), lastVrf_( s->vrf() ) {}
 
 void ConfigSm::KivIpIntfStatus::onVrf() {
    const auto s = notifier();
@@ -1301,35 +1293,13 @@ void ConfigSm::KivIpIntfStatus::onActiveAddrWithMask() {
    owner_->handleActiveAddrWithMask( s ? s->vrf() : L3::VrfName(), key_ );
 }
 
-ConfigSm::KivPimIntf::KivPimIntf( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Intf > & intf )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( intf );
-}
-
 ConfigSm::KivPimAllStatus::KivPimAllStatus( ConfigSm * o, const L3::VrfName & vrf,
                                             const Kiv::Ptr< const AllStatus > & s )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( s );
+      : KeyedReactor( o, vrf, s ) {
    // Interfaces already there (status kept from an earlier run).
    for( auto it = s->pimIntfIter(); it; ++it ) {
       pimIntf_.insert( it.key(), std::make_unique< KivPimIntf >( o, vrf, it.value() ) );
    }
-}
-
-ConfigSm::KivReliableStatus::KivReliableStatus( ConfigSm * o, const L3::VrfName & vrf,
-                                                const Kiv::Ptr< const Reliable::Status > & s )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( s );
-}
-
-ConfigSm::KivClearConfig::KivClearConfig( ConfigSm * o, const L3::VrfName & vrf,
-                                          const Kiv::Ptr< const ClearConfig > & c )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
 }
 
 void ConfigSm::KivClearConfig::onIntfNeighborsCount( const Lumo::IntfId & intf ) {
@@ -1340,17 +1310,8 @@ void ConfigSm::KivClearConfig::onIntfNeighborsCount( const Lumo::IntfId & intf )
 
 ConfigSm::ClearMrouteSm::ClearMrouteSm( ConfigSm * o, const L3::VrfName & vrf,
                                         const Kiv::Ptr< const ClearMrouteConfig > & c )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
+      : KeyedReactor( o, vrf, c ) {
    owner_->handleClearIpMroute( key_ );
-}
-
-ConfigSm::KivVrfIntfColl::KivVrfIntfColl( ConfigSm * o, const L3::VrfName & vrf,
-                                          const Kiv::Ptr< const McastCommon::VrfIntfColl > & c )
-      : KeyedReactor( o, vrf ) {
-   kivOwnerIs( o );
-   notifierIs( c );
 }
 
 Kiv::Ptr< ConfigSm > configSmFactory( const ConfigSmInputs & inputs ) {

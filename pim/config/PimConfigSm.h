@@ -303,6 +303,18 @@ class ConfigSm : public Kiv::StateMachine {
    using KivDrDelayTimer = Tolm::OwnedTimer< ConfigSm, &ConfigSm::handleDrDelayTimerExpiry >;
 
    void updatePimIntfsOf( const L3::VrfName & vrf );
+   // A resource of an interface (its VIF, its ALL-PIM-ROUTERS membership)
+   // that the VRF running PIM there holds: taken while PIM runs on it,
+   // released only by the VRF holding it. take( false ) releases.
+   struct HeldText {
+      const char * fn;
+      const char * take;
+      const char * what;
+      const char * release;
+   };
+   void doUpdateHeld( const L3::VrfName & vrf, const Lumo::IntfId & intf, const HeldText & text,
+                      const Kiv::HashMap< Lumo::IntfId, L3::VrfName > & holders,
+                      const std::function< void( bool ) > & take );
    // The steps of updatePimIntf.
    // Whether IP status, the VRF and multicast routing let the interface run
    // PIM; if not, traced, and the interface goes.
@@ -416,7 +428,7 @@ class ConfigSm::KivIntfConfig : public Kiv::KeyedReactor< IntfConfig::NotifieeCo
 
 class ConfigSm::KivPimConfig : public Kiv::KeyedReactor< Config::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
-   KivPimConfig( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Config > & c );
+   using KeyedReactor::KeyedReactor;
    void onPimConfigured() override { owner_->handlePimConfigured( key_ ); }
    void onBfdIntfDefault() override { handleBfdIntfDefault( key_ ); }
    void onNeighborLimit() override { owner_->handleVrfNeighborLimit( key_ ); }
@@ -425,8 +437,7 @@ class ConfigSm::KivPimConfig : public Kiv::KeyedReactor< Config::NotifieeConst, 
 
 class ConfigSm::KivHostInjectIntfConfig : public Kiv::KeyedReactor< HostInject::HostInjectIntfConfig::NotifieeConst, ConfigSm, Lumo::IntfId > {
  public:
-   KivHostInjectIntfConfig( ConfigSm * o, const Lumo::IntfId & intf,
-                            const Kiv::Ptr< const HostInject::HostInjectIntfConfig > & c );
+   using KeyedReactor::KeyedReactor;
    void onPref() override { owner_->handleSourceInject( key_ ); }
 };
 
@@ -448,7 +459,7 @@ class ConfigSm::KivIpIntfStatus : public Kiv::KeyedReactor< IpGen::IpIntfStatus:
 
 class ConfigSm::KivPimIntf : public Kiv::KeyedReactor< Intf::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
-   KivPimIntf( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Intf > & intf );
+   using KeyedReactor::KeyedReactor;
    void onMode() override { owner_->handlePimIntfMode( key_ ); }
 };
 
@@ -464,13 +475,13 @@ class ConfigSm::KivPimAllStatus : public Kiv::KeyedReactor< AllStatus::NotifieeC
 
 class ConfigSm::KivReliableStatus : public Kiv::KeyedReactor< Reliable::Status::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
-   KivReliableStatus( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const Reliable::Status > & s );
+   using KeyedReactor::KeyedReactor;
    void onPimsmSctpConnectionId() override { owner_->updateAllPimIntf( key_ ); }
 };
 
 class ConfigSm::KivClearConfig : public Kiv::KeyedReactor< ClearConfig::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
-   KivClearConfig( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const ClearConfig > & c );
+   using KeyedReactor::KeyedReactor;
    void onCountersCount() override { owner_->handleClearCountersCount( key_ ); }
    void onNeighborsCount() override { owner_->handleClearNeighbors( key_, Lumo::IntfId() ); }
    void onIntfNeighborsCount( const Lumo::IntfId & intf ) override;
@@ -485,7 +496,7 @@ class ConfigSm::ClearMrouteSm : public Kiv::KeyedReactor< ClearMrouteConfig::Not
 
 class ConfigSm::KivVrfIntfColl : public Kiv::KeyedReactor< McastCommon::VrfIntfColl::NotifieeConst, ConfigSm, L3::VrfName > {
  public:
-   KivVrfIntfColl( ConfigSm * o, const L3::VrfName & vrf, const Kiv::Ptr< const McastCommon::VrfIntfColl > & c );
+   using KeyedReactor::KeyedReactor;
    void onIntfs( const Lumo::IntfId & intf ) override { owner_->handleVrfIntfColl( key_, intf ); }
 };
 

@@ -57,10 +57,7 @@ GlobalIntfSm::KivPimIntf::KivPimIntf( GlobalIntfSm * o, const Kiv::Ptr< const In
 
 GlobalIntfSm::KivPeerStatus::KivPeerStatus( GlobalIntfSm * o,
                                             const Kiv::Ptr< const Bfd::BfdPeerStatus > & s )
-      : KeyedReactor( o, s->peer() ), lastState_( s->status() ) {
-   kivOwnerIs( o );
-   notifierIs( s );
-}
+      : KeyedReactor( o, s->peer(), s ), lastState_( s->status() ) {}
 
 GlobalIntfSm::GlobalIntfSm( const Kiv::Ptr< AllStatus > & allStatus, const IntfSmInputs & inputs )
       : allStatus_( Kiv::ValidPtr< AllStatus >( allStatus ) ), inputs_( inputs ),

@@ -13,6 +13,8 @@
 // also carries the key it stands for in a per-key collection of reactors.
 #include <utility>
 
+#include "kiv/Ptr.h"
+
 namespace Kiv {
 
 template< class Base, class Owner >
@@ -32,6 +34,13 @@ template< class Base, class Owner, class K >
 class KeyedReactor : public OwnedReactor< Base, Owner > {
  public:
    KeyedReactor( Owner * owner, const K & key ) : OwnedReactor< Base, Owner >( owner ), key_( key ) {}
+   // Also binds: the owner (a machine) learns of the reactor for
+   // kivDoZombieReactors, then the reactor watches notifier.
+   template< class N >
+   KeyedReactor( Owner * owner, const K & key, const Ptr< N > & notifier ) : KeyedReactor( owner, key ) {
+      this->kivOwnerIs( owner );
+      this->notifierIs( notifier );
+   }
    const K & key() const { return key_; }
 
  protected:
