@@ -34,7 +34,7 @@ namespace AgentBase {
 // The one data symbol a plug-in exports next to its factories, named
 // kPluginDescriptorSymbol. The host refuses a plug-in whose abiVersion
 // differs from kPluginAbiVersion (the layout of CAgent and of the runtime).
-inline constexpr std::uint32_t kPluginAbiVersion = 1;
+inline constexpr std::uint32_t kPluginAbiVersion = 2;
 inline constexpr const char * kPluginDescriptorSymbol = "agentPluginDescriptor";
 struct PluginDescriptor {
    std::uint32_t abiVersion;

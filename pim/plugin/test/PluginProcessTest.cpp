@@ -2,6 +2,7 @@
 // an IPv4 agent run end to end through dlopen on virtual time.
 #include <cstdio>
 #include <set>
+#include <string>
 
 #include "../../agent/test/AgentFixture.h"
 
@@ -40,11 +41,14 @@ TEST( PluginTest, ExportsExactlyTheFactoriesAndTheDescriptor ) {
 }
 
 TEST( PluginTest, RefusesAnotherAbiVersionAndWhatIsNoPlugin ) {
+   // The bad plug-in declares the version after this host's.
+   const std::string badAbi = "plug-in ABI version " + std::to_string( AgentBase::kPluginAbiVersion + 1 ) +
+                              ", this host needs " + std::to_string( AgentBase::kPluginAbiVersion );
    struct Row {
       std::string path;
-      const char * message;
+      std::string message;
    } rows[] = {
-      { PIMAGENT_BADABI_PLUGIN, "plug-in ABI version 2, this host needs 1" },
+      { PIMAGENT_BADABI_PLUGIN, badAbi },
       { "/nonexistent/libnothing.so", "cannot load" },
    };
    for( const auto & r : rows ) {
