@@ -179,14 +179,14 @@ class RedundancyTest : public AgentFixture {
       host_.redundancyStatus()->modeIs( m );
       ASSERT_TRUE( loop_.runUntilIdle() );
    }
-   bool activeSide() const {
-      return agent()->pimAttrLogSm() && agent()->mcastPimVrfIntfDirSm() && agent()->pimGlobalStatusModeFilterSm() &&
-             agent()->serviceAclFilterSm() && agent()->pimConfigSm() && agent()->vxlanStatusSm();
+   // How many of the six active-side machines exist.
+   int activeMachines() const {
+      return bool( agent()->pimAttrLogSm() ) + bool( agent()->mcastPimVrfIntfDirSm() ) +
+             bool( agent()->pimGlobalStatusModeFilterSm() ) + bool( agent()->serviceAclFilterSm() ) +
+             bool( agent()->pimConfigSm() ) + bool( agent()->vxlanStatusSm() );
    }
-   bool noActiveSide() const {
-      return !agent()->pimAttrLogSm() && !agent()->mcastPimVrfIntfDirSm() && !agent()->pimGlobalStatusModeFilterSm() &&
-             !agent()->serviceAclFilterSm() && !agent()->pimConfigSm() && !agent()->vxlanStatusSm();
-   }
+   bool activeSide() const { return activeMachines() == 6; }
+   bool noActiveSide() const { return activeMachines() == 0; }
 };
 
 TEST_F( RedundancyTest, StandbyTearsDownActiveRebuildsEqualOutcomesRebuildNothing ) {
@@ -231,8 +231,6 @@ TEST_F( RedundancyTest, StandbyAtBootBuildsNothingUntilActive ) {
 
 TEST_F( RedundancyTest, Ipv6HasNoServiceAclFilter ) {
    start( agent6Factory( "pim6" ) );
-   EXPECT_FALSE( host_.entityManager()->mountOf( "routing/pim/sacl/status" ) );
-   EXPECT_FALSE( store_->entity( "routing/pim/sacl/status" ) );
    ASSERT_TRUE( agent()->pimConfigSm() );
    EXPECT_FALSE( agent()->serviceAclFilterSm() );
    EXPECT_FALSE( agent()->pimConfigSm()->inputs().containerExtras.serviceAclFilterSm );

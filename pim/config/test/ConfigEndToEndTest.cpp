@@ -38,12 +38,16 @@ class ConfigEndToEndTest : public ConfigSmFixture {
    }
 };
 
+// With BFD on, the peers asked for are in the store for the BFD service.
 TEST_F( ConfigEndToEndTest, ConfiguredInterfaceLearnsANeighbourIntoTheStatusTableAndForgetsIt ) {
    vrfIs( "red" );
    kernelIntfIs( "ns-red", "Ethernet7", 12 );
    ipIntfIs( "Ethernet7", "red", "198.18.7.1/24" );
-   intfConfigIs( "Ethernet7", pimModeSparse );
+   intfConfigIs( "Ethernet7", pimModeSparse )->bfdIs( intfBfdEnabled );
    start();
+   const auto bfd = Kiv::entity_cast< Bfd::AppConfig >( bfdDir->entityAt( "red/pim" ) );
+   ASSERT_TRUE( bfd );
+   EXPECT_EQ( sm_->pimVrfContainerSm( L3::VrfName( "red" ) )->args().bfdPimAppConfig, bfd );
    ASSERT_TRUE( settle() );
    ASSERT_TRUE( hasContainer( "red" ) );
    auto status = table( "red" );
@@ -59,12 +63,14 @@ TEST_F( ConfigEndToEndTest, ConfiguredInterfaceLearnsANeighbourIntoTheStatusTabl
    EXPECT_TRUE( pimIntf( "red", "Ethernet7" )->activeNeighbor( ip( "198.18.7.2" ) ) );
    // A neighbour with the higher priority is the DR, and the table says so.
    EXPECT_EQ( pimIntf( "red", "Ethernet7" )->usedDr(), ip( "198.18.7.2" ) );
+   EXPECT_TRUE( bfd->peerConfig( Bfd::Peer( ip( "198.18.7.2" ), L3::VrfName( "red" ) ) ) );
 
    ASSERT_TRUE( loop_.advanceTo( t0 + 29.9 ) );
    EXPECT_TRUE( status->neighbor().has( key ) );
    ASSERT_TRUE( loop_.advanceTo( t0 + 30.0 ) );
    EXPECT_FALSE( status->neighbor().has( key ) );
    EXPECT_EQ( pimIntf( "red", "Ethernet7" )->usedDr(), ip( "198.18.7.1" ) );
+   EXPECT_EQ( bfd->peerConfigSize(), 0u );
 }
 
 // Limits come from configuration; a clear request drops the neighbours of
@@ -144,25 +150,6 @@ TEST_F( ConfigEndToEndTest, ATableHeldByAReaderShowsOnlyTheCurrentStatusAcrossDi
    EXPECT_EQ( held->pimIntf().size(), 1u );
    EXPECT_TRUE( held->pimIntf().has( Varn::IntfKey( Lumo::IntfId( "Ethernet8" ) ) ) );
    EXPECT_EQ( held->neighbor().size(), 0u );
-}
-
-TEST_F( ConfigEndToEndTest, BfdPeersAskedForAreInTheStoreForTheBfdService ) {
-   vrfIs( "red" );
-   kernelIntfIs( "ns-red", "Ethernet7", 12 );
-   ipIntfIs( "Ethernet7", "red", "198.18.7.1/24" );
-   intfConfigIs( "Ethernet7", pimModeSparse )->bfdIs( intfBfdEnabled );
-   start();
-   const auto entry = Kiv::entity_cast< Bfd::AppConfig >( bfdDir->entityAt( "red/pim" ) );
-   ASSERT_TRUE( entry );
-   EXPECT_EQ( sm_->pimVrfContainerSm( L3::VrfName( "red" ) )->args().bfdPimAppConfig, entry );
-   const auto peer = []( const char * a ) { return Bfd::Peer( ip( a ), L3::VrfName( "red" ) ); };
-   receiveHello( "red", "Ethernet7", "198.18.7.2", 30 );
-   receiveHello( "red", "Ethernet7", "198.18.7.3", 30 );
-   EXPECT_EQ( entry->peerConfigSize(), 2u );
-   EXPECT_TRUE( entry->peerConfig( peer( "198.18.7.2" ) ) );
-   receiveHello( "red", "Ethernet7", "198.18.7.2", 0 );
-   EXPECT_EQ( entry->peerConfigSize(), 1u );
-   EXPECT_TRUE( entry->peerConfig( peer( "198.18.7.3" ) ) );
 }
 
 } // namespace

@@ -2,6 +2,9 @@
 // configuration, and the application machines' life with the default VRF.
 #include "ConfigSmFixture.h"
 
+#include <tuple>
+#include <utility>
+
 namespace PimConfigTest {
 namespace {
 
@@ -24,13 +27,9 @@ TEST_F( ConfigSmAppTest, SparseRequestAloneGivesTheDefaultParameters ) {
    ASSERT_TRUE( settle() );
    auto intf = pimIntf( "default", "Ethernet1" );
    ASSERT_TRUE( intf );
-   EXPECT_EQ( intf->mode(), pimModeSparse );
-   EXPECT_EQ( intf->helloPeriod(), 30 );
-   EXPECT_EQ( intf->helloHoldTime(), 105 );
-   EXPECT_EQ( intf->joinPrunePeriod(), 60 );
-   EXPECT_EQ( intf->joinPruneHoldTime(), 210 );
-   EXPECT_EQ( intf->drPriority(), 1u );
-   EXPECT_FALSE( intf->bfdEnabled() );
+   EXPECT_EQ( std::tuple( intf->mode(), intf->helloPeriod(), intf->helloHoldTime(), intf->joinPrunePeriod(),
+                          intf->joinPruneHoldTime(), intf->drPriority(), intf->bfdEnabled() ),
+              std::tuple( pimModeSparse, 30, 105, 60, 210, 1u, false ) );
    EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
    EXPECT_TRUE( vifRequested( "Ethernet1" ) );
 
@@ -49,21 +48,6 @@ TEST_F( ConfigSmAppTest, SparseRequestAloneGivesTheDefaultParameters ) {
    EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 30 );
 }
 
-TEST_F( ConfigSmAppTest, InterfaceStaysUntilNoApplicationRequestsIt ) {
-   auto a = applicationIs( "igmp" );
-   auto b = applicationIs( "msdp" );
-   a->intfModeIs( "Ethernet1", pimModeSparse );
-   b->intfModeIs( "Ethernet1", pimModeSparse );
-   ASSERT_TRUE( settle() );
-   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
-   a->intfModeDel( "Ethernet1" );
-   ASSERT_TRUE( settle() );
-   EXPECT_TRUE( pimIntf( "default", "Ethernet1" ) );
-   b->intfModeDel( "Ethernet1" );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
-}
-
 TEST_F( ConfigSmAppTest, ApplicationMachinesLiveWithTheDefaultVrf ) {
    applicationIs( "igmp" )->intfModeIs( "Ethernet1", pimModeSparse );
    applicationIs( "msdp" );
@@ -80,6 +64,19 @@ TEST_F( ConfigSmAppTest, ApplicationMachinesLiveWithTheDefaultVrf ) {
    appDir->entryDel( Kiv::Name( "msdp" ) );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( sm_->appConfigSmSize(), 1u );
+}
+
+TEST_F( ConfigSmAppTest, InterfaceStaysUntilNoApplicationRequestsIt ) {
+   auto a = applicationIs( "igmp" );
+   auto b = applicationIs( "msdp" );
+   for( auto & app : { a, b } ) app->intfModeIs( "Ethernet1", pimModeSparse );
+   for( auto & [ app, stays ] : { std::pair( a, true ), std::pair( b, false ) } ) {
+      ASSERT_TRUE( settle() );
+      ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+      app->intfModeDel( "Ethernet1" );
+      ASSERT_TRUE( settle() );
+      EXPECT_EQ( bool( pimIntf( "default", "Ethernet1" ) ), stays );
+   }
 }
 
 } // namespace

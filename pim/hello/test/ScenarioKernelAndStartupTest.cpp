@@ -48,18 +48,14 @@ TEST( ScenarioKernelAndStartup, MachineExistsOnlyWhileTheKernelKnowsTheInterface
    f.advanceBy( 100.0 );
    EXPECT_TRUE( f.sentOn( eth1 ).empty() );
    EXPECT_FALSE( f.sentOn( ethernet( 2 ) ).empty() ) << "the other interface goes on";
-}
 
-TEST( ScenarioKernelAndStartup, InterfaceRemovedFromTheStatusLosesItsMachineWithoutAGoodbye ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   f.startIntf( eth1, "198.18.0.1/24" );
-   f.receive( eth1, hello( "198.18.0.2" ) );
+   // Removed from the status, it loses its machine without a goodbye.
+   f.receive( ethernet( 2 ), hello( "198.18.1.2" ) );
    f.advanceBy( 2.0 );
    f.clearSent();
-   f.vrf.allStatus->pimIntfDel( eth1 );
+   f.vrf.allStatus->pimIntfDel( ethernet( 2 ) );
    f.runUntilIdle();
-   EXPECT_FALSE( f.intfSm( eth1 ) );
+   EXPECT_FALSE( f.intfSm( ethernet( 2 ) ) );
    f.advanceBy( 200.0 );
    EXPECT_TRUE( f.sent().empty() );
 }

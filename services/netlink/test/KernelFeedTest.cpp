@@ -24,11 +24,8 @@ class KernelFeedTest : public ::testing::Test {
       ASSERT_FALSE( ns.empty() );
       // Deleting a primary promotes a secondary instead of taking them all.
       ASSERT_TRUE( NetnsLab::sh( "ip netns exec " + ns + " sysctl -qw net.ipv4.conf.default.promote_secondaries=1" ) );
-      ASSERT_TRUE( ip( "link add va0 type veth peer name va1" ) );
-      ASSERT_TRUE( ip( "addr add 198.18.1.1/24 dev va0" ) );
-      ASSERT_TRUE( ip( "addr add 2001:db8:1::1/64 dev va0" ) );
-      ASSERT_TRUE( ip( "link set va0 up" ) );
-      ASSERT_TRUE( ip( "link set va1 up" ) );
+      ASSERT_TRUE( ip( "link add va0 type veth peer name va1" ) && ip( "addr add 198.18.1.1/24 dev va0" ) &&
+                   ip( "addr add 2001:db8:1::1/64 dev va0" ) && ip( "link set va0 up" ) && ip( "link set va1 up" ) );
       t.vrf = L3::VrfName( "red" );
       t.devices = Kiv::make< Interface::DeviceIntfStatusDir >();
       t.ip4 = Kiv::make< IpGen::Ipv4Status >();

@@ -22,7 +22,7 @@ class SourceIntfFixture : public ::testing::Test {
       dir_, IpGen::intfStatusFactory( ip_, "red" ) );
 };
 
-TEST_F( SourceIntfFixture, AddressFollowsThePrimaryWhileInTheVrf ) {
+TEST_F( SourceIntfFixture, AddressFollowsThePrimaryWhileInTheVrfAndEntriesGoWithTheRegistry ) {
    ip_->intfVrfIs( "Loopback0", "red" );
    ip_->intfPrimaryIs( "Loopback0", aw( "198.18.0.1/32" ) );
    auto src = sm_->registerSourceIntf( "Loopback0" );
@@ -55,10 +55,8 @@ TEST_F( SourceIntfFixture, AddressFollowsThePrimaryWhileInTheVrf ) {
    ip_->intfPrimaryIs( "Loopback0", aw( "198.18.0.4/32" ) );
    ASSERT_TRUE( loop_.runUntilIdle() );
    EXPECT_EQ( src->ipAddr(), a( "198.18.0.4" ) );
-}
 
-TEST_F( SourceIntfFixture, DestroyingTheRegistryRemovesItsEntries ) {
-   sm_->registerSourceIntf( "Loopback0" );
+   // Destroying the registry removes its entries.
    sm_->registerSourceIntf( "Loopback1" );
    EXPECT_EQ( dir_->sourceIntfSize(), 2u );
    sm_ = nullptr;

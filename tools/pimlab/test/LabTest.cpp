@@ -53,7 +53,7 @@ class LabTest : public ::testing::Test {
    void SetUp() override { Kiv::LogHandle::outputIs( Kiv::LogOutput::None ); }
 };
 
-TEST_F( LabTest, DefaultScenarioIsReproducibleForASeed ) {
+TEST_F( LabTest, DefaultScenarioIsReproducibleForASeedAndReportsAsJson ) {
    const Scenario s = defaultScenario();
    const Report a = runScenario( s );
    const Report b = runScenario( s );
@@ -64,6 +64,25 @@ TEST_F( LabTest, DefaultScenarioIsReproducibleForASeed ) {
    const Report c = runScenario( s, other );
    EXPECT_NE( renderText( a ), renderText( c ) ) << "generation ids and Hello jitter follow the seed";
    EXPECT_EQ( c.seed, s.seed + 1 );
+
+   // The JSON report carries the events and the tables.
+   const auto j = nlohmann::json::parse( renderJson( a ) );
+   EXPECT_EQ( j.at( "scenario" ), "dr-failover" );
+   EXPECT_EQ( j.at( "engine" ), "pipeline" );
+   std::size_t ups = 0, drs = 0;
+   for( const auto & e : j.at( "events" ) ) {
+      ups += e.at( "kind" ) == "up";
+      if( e.at( "kind" ) == "dr" ) {
+         ++drs;
+         EXPECT_TRUE( e.contains( "dr" ) && e.contains( "previous" ) ) << e.dump();
+      }
+   }
+   EXPECT_EQ( ups, 10u ) << "6 among r1..r3, then r4 and its 2 neighbours both ways";
+   EXPECT_GT( drs, 0u );
+   const auto & end = j.at( "snapshots" ).back();
+   EXPECT_EQ( end.at( "name" ), "end" );
+   EXPECT_EQ( end.at( "neighbors" ).size(), 6u );
+   EXPECT_EQ( end.at( "interfaces" ).at( 0 ).at( "dr" ), "198.18.1.4" );
 }
 
 // The same story whichever way the machines are built.
@@ -198,26 +217,6 @@ TEST_P( LabStoryTest, StoppedRouterReturnsWithANewGenerationIdAndUnpluggedOneIsF
    EXPECT_EQ( drOf( *r.snapshot( "unplugged" ), "c" ), "198.18.2.3" );
    EXPECT_EQ( neighborsOf( *r.snapshot( "replugged" ), "c" ), 2u );
    EXPECT_EQ( drOf( *r.snapshot( "replugged" ), "c" ), "198.18.2.2" );
-}
-
-TEST_F( LabTest, JsonReportCarriesEventsAndTables ) {
-   const auto j = nlohmann::json::parse( renderJson( runScenario( defaultScenario() ) ) );
-   EXPECT_EQ( j.at( "scenario" ), "dr-failover" );
-   EXPECT_EQ( j.at( "engine" ), "pipeline" );
-   std::size_t ups = 0, drs = 0;
-   for( const auto & e : j.at( "events" ) ) {
-      ups += e.at( "kind" ) == "up";
-      if( e.at( "kind" ) == "dr" ) {
-         ++drs;
-         EXPECT_TRUE( e.contains( "dr" ) && e.contains( "previous" ) ) << e.dump();
-      }
-   }
-   EXPECT_EQ( ups, 10u ) << "6 among r1..r3, then r4 and its 2 neighbours both ways";
-   EXPECT_GT( drs, 0u );
-   const auto & end = j.at( "snapshots" ).back();
-   EXPECT_EQ( end.at( "name" ), "end" );
-   EXPECT_EQ( end.at( "neighbors" ).size(), 6u );
-   EXPECT_EQ( end.at( "interfaces" ).at( 0 ).at( "dr" ), "198.18.1.4" );
 }
 
 std::string fileText( const std::filesystem::path & p ) {

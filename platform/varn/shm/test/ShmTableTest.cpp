@@ -1,5 +1,6 @@
 // Shared-memory tables seen from another process: consistent rows under a
 // busy writer, a reader that comes first, a writer that dies, big tables.
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -90,6 +91,12 @@ WideRow wideRow( std::uint8_t id, std::uint64_t v ) {
    return r;
 }
 
+std::size_t rowsOf( TableReader & r ) {
+   std::size_t n = 0;
+   r.forEach( [ & ]( const void * ) { ++n; } );
+   return n;
+}
+
 TEST( ShmTornRows, ReaderNeverSeesAHalfWrittenRow ) {
    const std::string dir = uniqueDir( "torn" );
    constexpr int kRows = 4;
@@ -112,12 +119,7 @@ TEST( ShmTornRows, ReaderNeverSeesAHalfWrittenRow ) {
          WideRow r;
          std::memcpy( &r, p, sizeof r );
          ++reads;
-         for( auto f : r.field ) {
-            if( f != r.field[ 0 ] ) {
-               ++torn;
-               break;
-            }
-         }
+         torn += !std::all_of( std::begin( r.field ), std::end( r.field ), [ & ]( auto f ) { return f == r.field[ 0 ]; } );
          if( r.field[ 0 ] != last ) ++changes;
          last = r.field[ 0 ];
       } );
@@ -146,10 +148,7 @@ TEST( ShmTable, ReaderStartedBeforeWriterFindsTheRows ) {
    auto reader = openWhenThere( dir, "a/t" );
    ASSERT_TRUE( reader );
    std::size_t rows = 0;
-   for( int i = 0; i < 2000 && rows < 3; ++i ) {
-      rows = 0;
-      reader->forEach( [ & ]( const void * ) { ++rows; } );
-   }
+   for( int i = 0; i < 2000 && rows < 3; ++i ) rows = rowsOf( *reader );
    EXPECT_EQ( rows, 3u );
    EXPECT_FALSE( reader->stale() );
    EXPECT_EQ( reader->writerPid(), writer.pid );
@@ -180,9 +179,7 @@ TEST( ShmTable, KilledWriterLeavesAStaleTableTheNextWriterReplaces ) {
       ASSERT_TRUE( reader->reopen() );
       EXPECT_EQ( reader->generation(), 2u );
       EXPECT_FALSE( reader->stale() );
-      std::size_t rows = 0;
-      reader->forEach( [ & ]( const void * ) { ++rows; } );
-      EXPECT_EQ( rows, 0u );
+      EXPECT_EQ( rowsOf( *reader ), 0u );
    }
    EXPECT_FALSE( TableReader::open( dir, "b/t" ) );
 }
@@ -215,9 +212,7 @@ TEST( ShmTable, HundredThousandRowsWithDeletesAndReuse ) {
       const Row r = rowFor( i, i );
       ASSERT_TRUE( t->rowIs( &r ) );
    }
-   std::size_t seen = 0;
-   early->forEach( [ & ]( const void * ) { ++seen; } );
-   EXPECT_EQ( seen, kRows );
+   EXPECT_EQ( rowsOf( *early ), kRows );
    EXPECT_GT( early->generation(), firstGeneration );
    const Row extra = rowFor( kRows, 0 );
    EXPECT_FALSE( t->rowIs( &extra ) );

@@ -16,6 +16,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <tuple>
 
 #include "kiv/testing/TestLoop.h"
 #include "services/netlink/KernelFeed.h"
@@ -34,6 +35,7 @@ struct Received {
    Lumo::IpGenAddr src;
    std::uint16_t holdTime;
    std::uint32_t drPriority;
+   bool operator==( const Received & ) const = default;
 };
 
 class KivRecorder : public MessageInfo::NotifieeConst {
@@ -140,18 +142,15 @@ bool writePcap( const std::string & path, const std::vector< std::vector< std::u
    return bool( f );
 }
 
-std::vector< std::string > tsharkLines( const std::string & pcap, const std::string & fields ) {
-   std::vector< std::string > lines;
-   FILE * p = ::popen( ( "tshark -n -r '" + pcap + "' -T fields -E separator='|' " + fields + " 2>/dev/null" ).c_str(), "r" );
-   if( !p ) return lines;
+// What a shell command writes to its standard output.
+std::string shellOutput( const std::string & cmd ) {
+   std::string out;
+   FILE * p = ::popen( ( cmd + " 2>/dev/null" ).c_str(), "r" );
+   if( !p ) return out;
    char buf[ 512 ];
-   while( std::fgets( buf, sizeof buf, p ) ) {
-      std::string l( buf );
-      while( !l.empty() && l.back() == '\n' ) l.pop_back();
-      lines.push_back( l );
-   }
+   while( std::fgets( buf, sizeof buf, p ) ) out += buf;
    ::pclose( p );
-   return lines;
+   return out;
 }
 
 class RawPimIoTest : public ::testing::TestWithParam< Lumo::AddressFamily > {
@@ -162,12 +161,11 @@ class RawPimIoTest : public ::testing::TestWithParam< Lumo::AddressFamily > {
       b = lab.add( "pb" );
       ASSERT_FALSE( a.empty() || b.empty() );
       ASSERT_TRUE( NetnsLab::sh( "ip -n " + a + " link add a0 type veth peer name b0 netns " + b ) );
-      ASSERT_TRUE( NetnsLab::sh( "ip -n " + a + " addr add 198.18.0.1/24 dev a0" ) );
-      ASSERT_TRUE( NetnsLab::sh( "ip -n " + b + " addr add 198.18.0.2/24 dev b0" ) );
-      ASSERT_TRUE( NetnsLab::sh( "ip -n " + a + " addr add 2001:db8::1/64 dev a0" ) );
-      ASSERT_TRUE( NetnsLab::sh( "ip -n " + b + " addr add 2001:db8::2/64 dev b0" ) );
-      ASSERT_TRUE( NetnsLab::sh( "ip -n " + a + " link set a0 up" ) );
-      ASSERT_TRUE( NetnsLab::sh( "ip -n " + b + " link set b0 up" ) );
+      for( const auto & [ ns, intf, n ] : { std::tuple( a, "a0", "1" ), std::tuple( b, "b0", "2" ) } ) {
+         ASSERT_TRUE( NetnsLab::sh( "ip -n " + ns + " addr add 198.18.0." + n + "/24 dev " + intf + " && ip -n " + ns +
+                                    " addr add 2001:db8::" + n + "/64 dev " + intf + " && ip -n " + ns + " link set " +
+                                    intf + " up" ) );
+      }
       wheel = Tolm::TimerWheelIs( loop.clock() );
       af = GetParam();
       sa = std::make_unique< Side >( a, af, wheel );
@@ -213,16 +211,9 @@ TEST_P( RawPimIoTest, HelloCrossesTheLinkAndReadsWellInTshark ) {
    const Lumo::IpGenAddr src = sa->addr( "a0", af );
    EXPECT_EQ( af == Lumo::AddressFamily::ipv6, src.isLinkLocal() );
    send( *sa, "a0", src, 105, 7 );
-   ASSERT_TRUE( receive( 1 ) ) << "tx " << sa->io->counters().txSent << " failed " << sa->io->counters().txFailed
-                               << " noif " << sa->io->counters().txNoInterface << " enc " << sa->io->counters().txEncodeFailed
-                               << " nothello " << sa->io->counters().txNotHello << " rx " << sb->io->counters().rxDatagrams
-                               << " notpim " << sb->io->counters().rxNotPimIntf << " malformed " << sb->io->counters().rxMalformed << " queued " << sb->io->queued();
+   ASSERT_TRUE( receive( 1 ) ) << "tx failed " << sa->io->counters().txFailed << ", rx " << sb->io->counters().rxDatagrams;
    EXPECT_EQ( sa->io->counters().txSent, 1u );
-   ASSERT_EQ( sb->recorder.got.size(), 1u );
-   EXPECT_EQ( sb->recorder.got[ 0 ].intf, "b0" );
-   EXPECT_EQ( sb->recorder.got[ 0 ].src, src );
-   EXPECT_EQ( sb->recorder.got[ 0 ].holdTime, 105 );
-   EXPECT_EQ( sb->recorder.got[ 0 ].drPriority, 7u );
+   EXPECT_EQ( sb->recorder.got, ( std::vector< Received >{ { "b0", src, 105, 7 } } ) );
 
    if( std::system( "tshark -v >/dev/null 2>&1" ) != 0 ) {
       GTEST_SKIP() << "tshark is not installed; wire check skipped";
@@ -232,12 +223,12 @@ TEST_P( RawPimIoTest, HelloCrossesTheLinkAndReadsWellInTshark ) {
    const std::string pcap = "/tmp/" + b + ".pcap";
    ASSERT_TRUE( writePcap( pcap, frames ) );
    const bool v6 = af == Lumo::AddressFamily::ipv6;
-   const auto lines = tsharkLines( pcap, std::string( v6 ? "-e ipv6.hlim -e ipv6.dst" : "-e ip.ttl -e ip.dst" ) +
-                                            " -e pim.cksum.status -e pim.holdtime -e pim.dr_priority" );
+   const std::string lines = shellOutput( "tshark -n -r '" + pcap + "' -T fields -E separator='|' " +
+                                          ( v6 ? "-e ipv6.hlim -e ipv6.dst" : "-e ip.ttl -e ip.dst" ) +
+                                          " -e pim.cksum.status -e pim.holdtime -e pim.dr_priority" );
    std::remove( pcap.c_str() );
-   ASSERT_EQ( lines.size(), 1u );
    // 1 is tshark's "Good" checksum.
-   EXPECT_EQ( lines[ 0 ], std::string( "1|" ) + ( v6 ? "ff02::d" : "224.0.0.13" ) + "|1|105|7" );
+   EXPECT_EQ( lines, std::string( "1|" ) + ( v6 ? "ff02::d" : "224.0.0.13" ) + "|1|105|7\n" );
 }
 
 TEST_P( RawPimIoTest, BurstArrivesWholeInOrderOnePerTurn ) {
@@ -296,13 +287,7 @@ TEST_P( RawPimIoTest, WhatIsNotForPimIsDroppedAndCounted ) {
 }
 
 std::string groupsOf( const std::string & ns, const char * intf ) {
-   std::string out;
-   FILE * p = ::popen( ( "ip -n " + ns + " maddr show dev " + intf + " 2>/dev/null" ).c_str(), "r" );
-   if( !p ) return out;
-   char buf[ 256 ];
-   while( std::fgets( buf, sizeof buf, p ) ) out += buf;
-   ::pclose( p );
-   return out;
+   return shellOutput( "ip -n " + ns + " maddr show dev " + intf );
 }
 
 // Memberships follow the requests, and come back with a re-created link.
