@@ -66,8 +66,9 @@ std::vector< M > agent6Mounts() {
       for( const auto & [ from, to ] : renames ) {
          for( std::string * s : { &m.path, &m.typeName } ) {
             const auto at = s->find( from );
-            const bool whole = from.back() != '/' || at == 0 || ( *s )[ at - 1 ] == '/';
-            if( at != std::string::npos && whole && s->find( to ) == std::string::npos ) s->replace( at, from.size(), to );
+            if( at == std::string::npos || s->find( to ) != std::string::npos ) continue;
+            // A path prefix renames only a whole first component.
+            if( from.back() != '/' || at == 0 || ( *s )[ at - 1 ] == '/' ) s->replace( at, from.size(), to );
          }
       }
       v6.push_back( m );
