@@ -3,7 +3,8 @@
 // as neighbours and all agree on the DR, whatever the priority order; a
 // stopped router (SIGTERM) says goodbye and the others forget it at once and
 // elect again. FRR runs from its run directory /var/run/frr/<ns>, which
-// holds its configuration too; nothing else of FRR's is touched.
+// holds its configuration too; nothing else of FRR's is touched. And
+// tshark's PIM dissector on what the daemon sends.
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
