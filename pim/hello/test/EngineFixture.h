@@ -177,7 +177,6 @@ class EngineFixture {
    EngineFixture( const EngineFixture & ) = delete;
    EngineFixture & operator=( const EngineFixture & ) = delete;
 
-   Kiv::Testing::TestLoop & loop() { return loop_; }
    double t0() const { return t0_; }
    double now() const { return loop_.now(); }
    void runUntilIdle() { EXPECT_TRUE( loop_.runUntilIdle() ) << "notification ping-pong"; }

@@ -107,28 +107,21 @@ TEST( ScenarioLanPruneDelay, UsedValuesFollowNeighborsAndTheOwnConfiguration ) {
    }
 }
 
-TEST( ScenarioLanPruneDelay, ExpiryOfTheLastNeighborClearsTheTBitAndRestoresTheOwnValues ) {
+// Hellos advertise the configured values, not the used ones; expiry of the
+// last neighbour clears the T bit and restores the own values.
+TEST( ScenarioLanPruneDelay, HellosAdvertiseTheConfiguredValuesAndExpiryOfTheLastNeighborRestoresThem ) {
    EngineFixture f;
    const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24", ownDelays() );
    f.receive( eth1, hello( "198.18.0.2" ).hold( 20 ).lpd( 600, 3000, true ) );
    EXPECT_EQ( used( *intf ), ( Used{ 600, 3000, true } ) );
-   f.advanceBy( 21.0 );
-   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
-   EXPECT_EQ( used( *intf ), ( Used{ 400, 2000, false } ) );
-}
-
-TEST( ScenarioLanPruneDelay, HellosAdvertiseTheConfiguredValuesNotTheUsedOnes ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", ownDelays() );
-   f.receive( eth1, hello( "198.18.0.2" ).lpd( 600, 3000, true ) );
    f.advanceBy( 2.0 );
    ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ]->propagationDelay(), 400 );
-   EXPECT_EQ( f.sent()[ 0 ]->overrideInterval(), 2000 );
-   EXPECT_FALSE( f.sent()[ 0 ]->tBit() );
-   EXPECT_TRUE( intf->usedTBit() );
+   const SentHello & s = f.sent()[ 0 ];
+   EXPECT_EQ( ( Used{ s->propagationDelay(), s->overrideInterval(), s->tBit() } ), ( Used{ 400, 2000, false } ) );
+   f.advanceBy( 19.0 );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
+   EXPECT_EQ( used( *intf ), ( Used{ 400, 2000, false } ) );
 }
 
 } // namespace

@@ -115,10 +115,7 @@ TEST( ScenarioNeighborLimit, FloodOfASlash16StopsAtTheLimitWithFlatMemory ) {
    for( std::uint32_t host = 2; host < 0xFFFF; ++host ) {
       auto h = hello( "198.18.0.0" );
       h.src = Lumo::IpGenAddr::ipv4( 0xC6120000u + host );
-      f.vrf.rx->messageIs( h.build() );
-      f.vrf.rx->intfIdIs( ethernet( 1 ) );
-      f.vrf.rx->countInc( 1 );
-      ASSERT_TRUE( f.loop().runUntilIdle() );
+      f.receive( ethernet( 1 ), h );
       ++sent;
       // Past the limit with the refusal table full: the state that must
       // stay flat from here on.

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include "ConfigApply.h"
 #include "ConfigFile.h"
@@ -27,33 +28,20 @@ TEST( ConfigCorpus, FullFileReadsIntoTheRightFields ) {
    const ParseResult r = parseConfigFile( std::string( PIMNBRD_CONFIGS ) + "/good-full.yaml" );
    ASSERT_TRUE( r.config ) << ( r.errors.empty() ? "" : r.errors[ 0 ].text() );
    const DaemonConfig & c = *r.config;
-   EXPECT_TRUE( c.ipv4 && c.ipv6 );
-   EXPECT_EQ( c.drDelay, 10 );
-   EXPECT_EQ( c.role, Role::standby );
-   EXPECT_TRUE( c.mlagPortsErrdisabled );
-   ASSERT_EQ( c.serviceAcl4.size(), 2u );
-   EXPECT_EQ( c.serviceAcl4[ 0 ], ( AclRule{ false, "198.18.99.0/24" } ) );
-   EXPECT_EQ( c.serviceAcl6[ 0 ], ( AclRule{ true, "2001:db8::/32" } ) );
+   EXPECT_TRUE( c.ipv4 && c.ipv6 && c.mlagPortsErrdisabled && c.drDelay == 10 && c.role == Role::standby );
+   EXPECT_EQ( c.serviceAcl4, ( std::vector< AclRule >{ { false, "198.18.99.0/24" }, { true, "198.18.0.0/15" } } ) );
+   EXPECT_EQ( c.serviceAcl6, ( std::vector< AclRule >{ { true, "2001:db8::/32" } } ) );
    const auto & d = c.vrfs.at( "default" );
    EXPECT_TRUE( d.bfdDefault && d.neighborChangeLog && d.multicastRouting && d.netns.empty() );
    const auto & a = d.interfaces.at( "veth-a" );
-   EXPECT_EQ( a.mode, 1 );
-   EXPECT_EQ( a.helloInterval, 1 );
-   EXPECT_EQ( a.holdTime(), 3 );
-   EXPECT_EQ( a.drPriority, 4294967295u );
-   EXPECT_EQ( a.bfd, Bfd::disabled );
-   EXPECT_EQ( a.propagationDelay, 32767 );
-   EXPECT_EQ( a.overrideInterval, 65535 );
-   EXPECT_EQ( a.joinPruneInterval, 30 );
-   EXPECT_TRUE( a.fastFailover );
+   EXPECT_EQ( std::tuple( a.mode, a.helloInterval, a.holdTime(), a.drPriority, a.neighborLimit, a.propagationDelay,
+                          a.overrideInterval, a.joinPruneInterval, a.fastFailover, a.bfd == Bfd::disabled ),
+              std::tuple( 1, 1, 3, 4294967295u, 100u, 32767, 65535, 30, true, true ) );
    const auto & b = d.interfaces.at( "veth-b" );
-   EXPECT_EQ( b.mode, 3 );
-   EXPECT_EQ( b.holdTime(), 25 );
-   EXPECT_EQ( b.drPriority, 0u );
+   EXPECT_EQ( std::tuple( b.mode, b.holdTime(), b.drPriority ), std::tuple( 3, 25, 0u ) );
    const auto & red = c.vrfs.at( "red" );
-   EXPECT_EQ( red.netns, "pimnbr-red" );
-   EXPECT_FALSE( red.multicastRouting );
-   EXPECT_EQ( red.interfaces.at( "red0" ).mode, 2 );
+   EXPECT_EQ( std::tuple( red.netns, red.multicastRouting, red.interfaces.at( "red0" ).mode ),
+              std::tuple( "pimnbr-red", false, 2 ) );
 }
 
 // A hold time given in seconds comes back exactly, whatever the interval
@@ -190,12 +178,6 @@ TEST( ConfigApplyTest, ReloadTouchesOnlyTheDifference ) {
    EXPECT_EQ( p->propagationDelay(), 750 );
    EXPECT_EQ( p->overrideInterval(), 3000 );
 }
-
-} // namespace
-} // namespace Pimnbrd
-
-namespace Pimnbrd {
-namespace {
 
 struct ProcessResult {
    int exitCode = -1;

@@ -3,7 +3,8 @@
 // as neighbours and all agree on the DR, whatever the priority order; a
 // stopped router (SIGTERM) says goodbye and the others forget it at once and
 // elect again. FRR runs from its run directory /var/run/frr/<ns>, which
-// holds its configuration too; nothing else of FRR's is touched.
+// holds its configuration too; nothing else of FRR's is touched. And
+// tshark's PIM dissector on what the daemon sends.
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
@@ -299,6 +300,81 @@ void FrrInteropTest::runCase( std::size_t c ) {
    }
    EXPECT_TRUE( pollFor( [ & ] { return agreed( k.drAfter, k.stopped ); }, milliseconds( 1000 ) ) )
       << "DR " << net << k.drAfter << " once " << addrs[ k.stopped ] << " left\n" << report();
+}
+
+// tshark's dissector live on the daemon's veth: every Hello the daemon
+// counted as sent is on the wire with a good checksum, the configured
+// options and one generation id, and the goodbye (hold time alone) comes
+// last, in both families.
+using TsharkCaptureTest = DaemonNetnsTest;
+TEST_F( TsharkCaptureTest, EveryHelloSentDecodesWithTheConfiguredOptions ) {
+   if( std::system( "command -v tshark >/dev/null 2>&1" ) != 0 ) GTEST_SKIP() << "tshark is not installed";
+   Daemon * d = router( "c", "198.18.20.1/24", "2001:db8:20::1/64" );
+   ASSERT_TRUE( d );
+   d->configIs( "address-families: [ipv4, ipv6]\nvrfs:\n  default:\n    interfaces:\n      " + d->intf() +
+                ":\n        hello-interval: 1\n        hello-holdtime: 7\n        dr-priority: 42\n"
+                "        propagation-delay: 750\n        override-interval: 3000\n" );
+   // The shell's pid becomes tshark's; its stderr ("Capturing on") joins the rows.
+   FILE * p = ::popen( ( "echo $$; exec ip netns exec " + d->netns() + " tshark -l -n -i " + d->intf() +
+                         " -f 'ip proto 103 or ip6 proto 103' -T fields -E separator='|' -e ip.src -e ip.dst"
+                         " -e ipv6.src -e ipv6.dst -e pim.type -e pim.cksum.status -e pim.holdtime"
+                         " -e pim.dr_priority -e pim.propagation_delay -e pim.override_interval"
+                         " -e pim.generation_id 2>&1" )
+                          .c_str(),
+                       "r" );
+   ASSERT_TRUE( p );
+   std::string out, said;   // said: tshark's pid and stderr
+   std::vector< std::string > rows[ 2 ];   // IPv4, IPv6
+   auto read = [ & ] {
+      char buf[ 4096 ];
+      const ssize_t n = ::read( fileno( p ), buf, sizeof buf );
+      out.append( buf, std::size_t( std::max( n, ssize_t( 0 ) ) ) );
+      for( std::size_t nl; ( nl = out.find( '\n' ) ) != std::string::npos; out.erase( 0, nl + 1 ) ) {
+         const std::string line = out.substr( 0, nl );
+         if( line.find( '|' ) == std::string::npos ) said += line + "\n";
+         else rows[ line[ 0 ] == '|' ].push_back( line );
+      }
+   };
+   const bool capturing = NetnsLab::waitFor(
+      fileno( p ), read, [ & ] { return said.find( "Capturing on" ) != std::string::npos; }, milliseconds( 20000 ) );
+   const pid_t tshark = pid_t( std::atoi( said.c_str() ) );
+   ASSERT_TRUE( capturing && tshark > 0 ) << said;
+   ASSERT_TRUE( d->start() );
+   auto helloTx = [ & ]( const char * family ) {
+      const Json j = d->show( family, "interface traffic" );
+      return j.is_object() && j.contains( "*" ) ? j[ "*" ].value( "helloTx", 0u ) : 0u;
+   };
+   unsigned sent[ 2 ] = {};
+   ASSERT_TRUE( pollFor(
+      [ & ] {
+         sent[ 0 ] = helloTx( "ip" );
+         sent[ 1 ] = helloTx( "ipv6" );
+         return sent[ 0 ] >= 3 && sent[ 1 ] >= 3;
+      },
+      milliseconds( 10000 ) ) );
+   d->signal( SIGTERM );
+   ASSERT_EQ( d->exited( milliseconds( 1000 ) ), 0 );
+   auto bye = []( const std::vector< std::string > & r ) {
+      return !r.empty() && r.back().find( "|0|1|0|" ) != std::string::npos;
+   };
+   NetnsLab::waitFor(
+      fileno( p ), read, [ & ] { return bye( rows[ 0 ] ) && bye( rows[ 1 ] ); }, milliseconds( 5000 ) );
+   ::kill( tshark, SIGINT );
+   ::pclose( p );
+   for( int f = 0; f < 2; ++f ) {
+      SCOPED_TRACE( f ? "IPv6" : "IPv4" );
+      // The counter was read after those Hellos went out; the goodbye is one more.
+      ASSERT_GE( rows[ f ].size(), sent[ f ] + 1 );
+      const std::string & first = rows[ f ][ 0 ];
+      const std::string addrs = first.substr( 0, first.find( "|0|" ) ), gid = first.substr( first.rfind( '|' ) + 1 );
+      EXPECT_EQ( addrs.rfind( f ? "||fe80::" : "198.18.20.1|224.0.0.13||", 0 ), 0u ) << addrs;
+      EXPECT_EQ( addrs.substr( addrs.rfind( '|' ) + 1 ), f ? "ff02::d" : "" );
+      EXPECT_FALSE( gid.empty() );
+      for( std::size_t n = 0; n < rows[ f ].size(); ++n ) {
+         // Type 0 (Hello), checksum status 1 (good); the goodbye carries the hold time alone.
+         EXPECT_EQ( rows[ f ][ n ], addrs + "|0|1|" + ( n + 1 == rows[ f ].size() ? "0||||" : "7|42|750|3000|" + gid ) );
+      }
+   }
 }
 
 } // namespace

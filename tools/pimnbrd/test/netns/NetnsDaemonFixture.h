@@ -89,8 +89,7 @@ class NotifyListener {
    }
    const std::string & path() const { return path_; }
    bool valid() const { return fd_ >= 0; }
-   // Reads until a datagram holds line (whole), or limit passes; what came
-   // before it is kept in heard().
+   // Reads until a datagram holds line (whole), or limit passes.
    bool waitFor( const std::string & line, std::chrono::milliseconds limit ) {
       const auto end = Clock::now() + limit * kSlowdown;
       for( ;; ) {
@@ -101,16 +100,12 @@ class NotifyListener {
          const ssize_t n = ::recv( fd_, buf, sizeof buf, 0 );
          if( n <= 0 ) continue;
          const std::string msg( buf, std::size_t( n ) );
-         heard_.push_back( msg );
          if( ( "\n" + msg + "\n" ).find( "\n" + line + "\n" ) != std::string::npos ) return true;
       }
    }
-   const std::vector< std::string > & heard() const { return heard_; }
-
  private:
    std::string path_;
    int fd_ = -1;
-   std::vector< std::string > heard_;
 };
 
 // One daemon: its namespace, configuration file, state directory, process.
@@ -198,13 +193,14 @@ class DaemonNetnsTest : public ::testing::Test {
       daemons_.clear();
       if( !dir_.empty() ) NetnsLab::sh( "rm -rf '" + dir_ + "'" );
    }
-   // A router namespace with one leg on the LAN and the given addresses.
-   Daemon * router( const std::string & tag, const std::string & addr4, const std::string & addr6 ) {
+   // A router namespace with one leg on the switch's bridge and the given addresses.
+   Daemon * router( const std::string & tag, const std::string & addr4, const std::string & addr6,
+                    const std::string & bridge = "br0" ) {
       const std::string ns = lab_.add( tag );
       const std::string intf = "e" + tag, leg = "s" + tag;
       if( ns.empty() ||
           !NetnsLab::sh( "ip link add " + intf + " netns " + ns + " type veth peer name " + leg + " netns " + sw_ ) ||
-          !NetnsLab::sh( "ip -n " + sw_ + " link set " + leg + " master br0 up" ) ||
+          !NetnsLab::sh( "ip -n " + sw_ + " link set " + leg + " master " + bridge + " up" ) ||
           !NetnsLab::sh( "ip -n " + ns + " addr add " + addr4 + " dev " + intf ) ||
           !NetnsLab::sh( "ip -n " + ns + " addr add " + addr6 + " dev " + intf + " nodad" ) ||
           !NetnsLab::sh( "ip -n " + ns + " link set " + intf + " up" ) ) {
