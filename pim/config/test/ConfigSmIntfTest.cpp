@@ -274,6 +274,8 @@ TEST_F( ConfigSmMissingInputTest, EachMissingStatusDeletes ) {
    ASSERT_TRUE( settle() );
    sm_->updatePimIntf( L3::VrfName( "default" ), Lumo::IntfId( "Ethernet9" ) );
    sm_->updatePimIntf( L3::VrfName(), Lumo::IntfId( "Ethernet9" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet9" ) );
 }
 
 } // namespace

@@ -145,11 +145,14 @@ TEST_F( ConfigSmClearTest, ClearCountersZeroesTheVrfCounterTable ) {
    EXPECT_EQ( counters->rx( 0 ), 0u );
    EXPECT_EQ( counters->tx( 0 ), 0u );
 
-   // A VRF without PIM: dropped.
+   // A VRF without PIM: dropped, and no other VRF's counters go with it.
+   counters->rxInc( 0, 5 );
    auto other = clearConfigColl->vrfClearConfigIs( Vrf( "blue" ) );
    ASSERT_TRUE( settle() );
    other->countersCountInc();
    ASSERT_TRUE( settle() );
+   EXPECT_FALSE( sm_->pimVrfCounters( Vrf( "blue" ) ) );
+   EXPECT_EQ( counters->rx( 0 ), 5u );
 }
 
 TEST_F( ConfigSmClearTest, ClearMulticastRoutesRegeneratesGenerationIdsOnlyWhenItApplies ) {
