@@ -207,8 +207,6 @@ TEST( AddressFamilyTest, NamesRoundTrip ) {
    for( std::string_view bad : { "", "ipv5", "IPV4", "ip", "ipv4 ", "unknown" } ) {
       EXPECT_THROW( Lumo::addressFamilyFromStrep( bad ), Kiv::RangeException ) << bad;
    }
-   EXPECT_LT( AddressFamily::none, AddressFamily::ipv4 );
-   EXPECT_LT( AddressFamily::ipv4, AddressFamily::ipv6 );
 }
 
 } // namespace
