@@ -424,7 +424,7 @@ struct Tick : Tolm::TimerWheel::NotifieeConst {
    void onTime() override { fired->emplace_back( name, Kiv::System::currentTime() ); }
 };
 
-TEST_F( FrameworkTest, ATimerDueExactlyAtTheTargetFiresInThatAdvance ) {
+TEST_F( FrameworkTest, ATimerDueAtTheTargetFiresInThatAdvanceAPastOneOnTheNextTurn ) {
    auto wheel = Tolm::TimerWheelIs( loop_.clock() );
    std::vector< std::pair< std::string, double > > fired;
    Tick t( wheel.ptr(), &fired, "t" );
@@ -437,18 +437,13 @@ TEST_F( FrameworkTest, ATimerDueExactlyAtTheTargetFiresInThatAdvance ) {
       ASSERT_EQ( fired.size(), 1u );
       EXPECT_EQ( fired[ 0 ].second, at );
    }
-}
-
-TEST_F( FrameworkTest, APastDeadlineFiresOnTheNextTurnNotInsideTheArmingCall ) {
-   auto wheel = Tolm::TimerWheelIs( loop_.clock() );
-   std::vector< std::pair< std::string, double > > fired;
-   ASSERT_TRUE( loop_.advanceTo( 5.0 ) );
-   Tick t( wheel.ptr(), &fired, "late" );
+   // A past deadline fires on the next turn, not inside the arming call.
+   fired.clear();
    t.timeMinIs( 1.0 );
    EXPECT_TRUE( fired.empty() );
    ASSERT_TRUE( loop_.advanceBy( 0.0 ) );
    ASSERT_EQ( fired.size(), 1u );
-   EXPECT_EQ( fired[ 0 ].second, 5.0 );
+   EXPECT_EQ( fired[ 0 ].second, 1e6 + 0.1 );
    EXPECT_EQ( t.timeMin(), Kiv::kNever );
 }
 

@@ -89,12 +89,11 @@ TEST_F( TimerWheelTest, ReArmingToThePastInOnTimeFiresOnTheNextCallNotRecursivel
       --depth;
    };
    t.timeMinIs( 1.0 );
-   EXPECT_TRUE( wheel_->fireNext( 1.0 ) );
-   EXPECT_EQ( t.fired(), 1 );
-   EXPECT_TRUE( wheel_->fireNext( 1.0 ) );
-   EXPECT_TRUE( wheel_->fireNext( 1.0 ) );
+   for( int i = 1; i <= 3; ++i ) {
+      EXPECT_TRUE( wheel_->fireNext( 1.0 ) );
+      EXPECT_EQ( t.fired(), i );
+   }
    EXPECT_FALSE( wheel_->fireNext( 1.0 ) );
-   EXPECT_EQ( t.fired(), 3 );
    EXPECT_EQ( maxDepth, 1 );
 }
 
