@@ -11,6 +11,7 @@
 #include <ostream>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kiv/testing/TestLoop.h"
@@ -102,11 +103,9 @@ TEST_F( RundleTest, EachLevelHasItsOwnRing ) {
    RUNDLE_RECORD( 7, "beyond the last ring" );  // goes to the last ring
    const auto r = Rundle::records();
    ASSERT_FALSE( r.records.empty() );
-   EXPECT_EQ( r.records.front().text, "rare event" );
-   EXPECT_EQ( r.records.front().ring, 0 );
-   EXPECT_EQ( r.records.back().text, "beyond the last ring" );
-   EXPECT_EQ( r.records.back().ring, 1 );
-   EXPECT_EQ( r.records.back().level, 7 );
+   const auto & first = r.records.front(), & last = r.records.back();
+   EXPECT_EQ( std::tuple( first.text, first.ring ), std::tuple( "rare event", 0 ) );
+   EXPECT_EQ( std::tuple( last.text, last.ring, last.level ), std::tuple( "beyond the last ring", 1, 7 ) );
 }
 
 // ---- size limits ------------------------------------------------------------------------
@@ -116,10 +115,8 @@ TEST_F( RundleTest, LongRecordsAreTruncatedOrDropped ) {
    RUNDLE_RECORD( 0, std::string( 100, 'b' ) << " and more " << 42 );
    auto r = Rundle::records();
    ASSERT_EQ( r.records.size(), 2u );
-   EXPECT_EQ( r.records[ 0 ].text, std::string( 32, 'a' ) );
-   EXPECT_FALSE( r.records[ 0 ].truncated );
-   EXPECT_EQ( r.records[ 1 ].text, std::string( 32, 'b' ) );
-   EXPECT_TRUE( r.records[ 1 ].truncated );
+   EXPECT_EQ( std::tuple( r.records[ 0 ].text, r.records[ 0 ].truncated ), std::tuple( std::string( 32, 'a' ), false ) );
+   EXPECT_EQ( std::tuple( r.records[ 1 ].text, r.records[ 1 ].truncated ), std::tuple( std::string( 32, 'b' ), true ) );
    EXPECT_EQ( Rundle::stats().truncated, 1u );
    // Source locations are cut to 24 bytes: the tail of the file name.
    EXPECT_LE( r.records[ 0 ].file.size(), 24u );
