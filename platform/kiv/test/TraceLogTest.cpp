@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kiv/Log.h"
@@ -10,7 +11,6 @@
 #include "kiv/testing/TestLoop.h"
 
 namespace {
-
 
 class TraceTest : public ::testing::Test {
  protected:
@@ -136,9 +136,9 @@ TEST( LogFormat, SubstitutesPrintfConversions ) {
    const std::string addr = "198.18.0.2";
    PIM_NBRCHG.log( addr, "UP", "et1" );
    ASSERT_EQ( capture.messages().size(), 1u );
-   EXPECT_EQ( capture.messages()[ 0 ].name, "PIM_NBRCHG" );
-   EXPECT_EQ( capture.messages()[ 0 ].severity, Kiv::LogNotice );
-   EXPECT_EQ( capture.messages()[ 0 ].text, "neighbor 198.18.0.2 UP on interface et1" );
+   const auto & m = capture.messages()[ 0 ];
+   EXPECT_EQ( std::tuple( m.name, m.severity, m.text ),
+              std::tuple( "PIM_NBRCHG", Kiv::LogNotice, "neighbor 198.18.0.2 UP on interface et1" ) );
    EXPECT_STREQ( PIM_NBRCHG.recommendedAction(), Kiv::NoActionRequired );
 
    const Kiv::LogArg nums[] = { a( -42 ), a( 255u ), a( 3.14159 ), a( 'x' ), a( std::uint64_t{ 1 } << 40 ) };
