@@ -85,7 +85,6 @@ class FrameworkTest : public ::testing::Test {
    Log log_;
 };
 
-// ---- coalescing and equal-write silence --------------------------------------
 TEST_F( FrameworkTest, SeveralWritesCoalesceIntoOneCallbackThatSeesTheLastValue ) {
    auto n = Kiv::make< Nbr >( 1 );
    NbrRecorder r( n, log_ );
@@ -136,7 +135,6 @@ TEST_F( FrameworkTest, EqualWritesNotifyNobody ) {
    }
 }
 
-// ---- per-key collection callbacks --------------------------------------------
 TEST_F( FrameworkTest, CollectionCallbacksArePerKeyIncludingDeletionAndDelAll ) {
    auto i = Kiv::make< Intf >();
    IntfRecorder r( i, log_ );
@@ -168,7 +166,6 @@ TEST_F( FrameworkTest, KeysInsertedAfterTheIteratorAreVisitedBeforeItEnds ) {
    EXPECT_EQ( m.size(), 5u );
 }
 
-// ---- lifetime inside callbacks ------------------------------------------------
 // A machine owning its reactor; the reactor's callback deletes the machine.
 struct Owner {
    struct Reactor : Intf::NotifieeConst {
@@ -226,7 +223,6 @@ TEST_F( FrameworkTest, AReactorMayDeleteItselfAndItsLastNotifierReference ) {
    EXPECT_EQ( calls, 1 );
 }
 
-// ---- zombies, registration and exceptions --------------------------------------
 TEST_F( FrameworkTest, ZombieInactiveAndDestroyedReactorsDropQueuedNotifications ) {
    struct Sm : Kiv::StateMachine {};
    Kiv::Ptr< Sm > sm( new Sm );
@@ -294,7 +290,6 @@ TEST_F( FrameworkTest, DefaultExceptionRoutingIsCountedAndLoggedRateLimited ) {
    EXPECT_TRUE( logs.contains( "KIV_REACTOR_EXCEPTION", "2 similar messages suppressed" ) );
 }
 
-// ---- notifier replacement and immediate callbacks -------------------------------
 TEST_F( FrameworkTest, ReplacingTheNotifierResynchronisesOnceAndDropsOldPending ) {
    auto a = Kiv::make< Nbr >( 1 ), b = Kiv::make< Nbr >( 2 );
    NbrRecorder r( a, log_ );
@@ -385,7 +380,6 @@ TEST_F( FrameworkTest, DetachingDuringAnImmediateWalkSkipsOnlyTheDetachedReactor
    }
 }
 
-// ---- order, rounds and budget ---------------------------------------------------
 TEST_F( FrameworkTest, DeliveryIsFifoAcrossReactorsAndDeclarationOrderWithinOne ) {
    auto a = Kiv::make< Nbr >( 1 ), b = Kiv::make< Nbr >( 2 );
    NbrRecorder ra( a, log_, "a:" ), rb( b, log_, "b:" );
@@ -415,7 +409,6 @@ TEST_F( FrameworkTest, PingPongBetweenReactorsHitsTheBudgetInsteadOfHanging ) {
    pa.notifierIs( nullptr );
 }
 
-// ---- timers on virtual time ----------------------------------------------------
 struct Tick : Tolm::TimerWheel::NotifieeConst {
    std::vector< std::pair< std::string, double > > * fired;
    std::string name;

@@ -22,7 +22,6 @@ class TraceTest : public ::testing::Test {
 int sideEffects = 0;
 int bump() { return ++sideEffects; }
 
-// ---- a disabled level costs no formatting -------------------------------------------
 TEST_F( TraceTest, DisabledLevelEvaluatesNothing ) {
    Kiv::TraceHandle h( "Test::Off" );
    sideEffects = 0;
@@ -44,7 +43,6 @@ TEST_F( TraceTest, DisabledLevelEvaluatesNothing ) {
    EXPECT_NE( err.find( "Test::Off/3: via helper 7" ), std::string::npos ) << err;
 }
 
-// ---- selection syntax: KIV_TRACE and configIs ---------------------------------------
 TEST_F( TraceTest, SpecPicksTheMostSpecificItem ) {
    const auto selection = Kiv::TraceSelection::parse( "Pim::Hello/1-9,Pim::Intf/1-4,Pim::*/1" );
    EXPECT_TRUE( selection.errors.empty() );
@@ -124,7 +122,6 @@ TEST_F( TraceTest, CaptureCanEnableLevelsForItselfOnly ) {
    EXPECT_TRUE( config.enabled( 5 ) );
 }
 
-// ---- structured logs: formatting ----------------------------------------------------
 Kiv::LogArg a( const auto & v ) { return Kiv::logArg( v ); }
 
 TEST( LogFormat, SubstitutesPrintfConversions ) {
@@ -153,7 +150,6 @@ TEST( LogFormat, SubstitutesPrintfConversions ) {
    EXPECT_EQ( Kiv::logFormat( "%s %.1f [%5.2s]", odd, 3 ), "(null) 2.0 [   ab]" );
 }
 
-// ---- structured logs: rate limiting on the loop clock --------------------------------
 TEST( LogRate, MinIntervalSuppressesRepeatsAndCountsThem ) {
    // Starting before the first interval has passed: the first message still goes.
    Kiv::Testing::TestLoop loop( 5.0 );
@@ -205,7 +201,6 @@ TEST( LogRate, RateIsATokenBucket ) {
    EXPECT_EQ( capture.count( "TEST_EXEMPT" ), 50u );
 }
 
-// ---- structured logs: sinks ---------------------------------------------------------
 TEST( LogSink, CaptureTakesMessagesAwayFromStderr ) {
    Kiv::Testing::TestLoop loop( 2.0 );
    Kiv::LogHandle h( "TEST_SINK", Kiv::LogError, "bad packet from %s", "", "Check the sender.", 0.0, 0.0, 0 );

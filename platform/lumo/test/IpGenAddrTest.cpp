@@ -35,8 +35,6 @@ IpGenAddr::Bytes16 randomV6( std::mt19937_64 & rng ) {
    return b;
 }
 
-// ---- text forms --------------------------------------------------------------
-
 TEST( IpGenAddrStrepTest, TextForms ) {
    LumoTest::expectTextForms< IpGenAddr >( IpGenAddr::ipv4( 0x01020304 ), {
       { "198.18.0.1", "198.18.0.1" }, { "0.0.0.0", "0.0.0.0" }, { "255.255.255.255", "255.255.255.255" },
@@ -96,8 +94,6 @@ TEST( IpGenAddrStrepTest, AgreesWithTheSystemConversionsOnRandomAddresses ) {
    }
 }
 
-// ---- order and hash ----------------------------------------------------------
-
 TEST( IpGenAddrOrderTest, MatchesFamilyThenBigEndianBytes ) {
    // Reference order: family, then the bytes as unsigned numbers, first byte
    // most significant. Random addresses with shared prefixes exercise both
@@ -155,8 +151,6 @@ TEST( IpGenAddrHashTest, LowBitsSpreadForAContiguousBlock ) {
    }
 }
 
-// ---- accessors ---------------------------------------------------------------
-
 TEST( IpGenAddrAccessTest, AddressClasses ) {
    struct Case {
       const char * text;
@@ -179,8 +173,6 @@ TEST( IpGenAddrAccessTest, AddressClasses ) {
       EXPECT_EQ( addr( c.text ).isLinkLocal(), c.linkLocal );
    }
 }
-
-// ---- address family ----------------------------------------------------------
 
 TEST( AddressFamilyTest, NamesRoundTrip ) {
    for( AddressFamily af : { AddressFamily::none, AddressFamily::ipv4, AddressFamily::ipv6 } ) {

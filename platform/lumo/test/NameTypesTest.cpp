@@ -37,8 +37,6 @@ bool parsesWhole( std::string_view text, T & out ) {
    return strepToValue( begin, end, out ) && begin == end;
 }
 
-// ---- IntfId ------------------------------------------------------------------
-
 TEST( IntfIdTest, RecognisesVlanInterfaces ) {
    const std::vector< std::pair< std::string_view, std::uint16_t > > cases = {
       { "Vlan100", 100 },  { "Vlan1", 1 },       { "Vlan4094", 4094 },

@@ -39,8 +39,6 @@ std::string rangeErrorText( const auto & f ) {
 // Bit i of the address, most significant first.
 bool bit( const IpGenAddr & a, unsigned i ) { return ( a.bytes()[ i / 8 ] >> ( 7 - i % 8 ) ) & 1; }
 
-// ---- IpGenAddrWithMask -------------------------------------------------------
-
 TEST( IpGenAddrWithMaskTest, TextForms ) {
    LumoTest::expectTextForms< IpGenAddrWithMask >( withMask( "198.18.9.9/9" ), {
       { "198.18.0.1/24", "198.18.0.1/24" }, { "0.0.0.0/0", "0.0.0.0/0" }, { "198.18.0.1/32", "198.18.0.1/32" },
@@ -84,8 +82,6 @@ TEST( IpGenAddrWithMaskTest, SubnetClearsHostBits ) {
    EXPECT_EQ( IpGenPrefix::masked( addr( "198.18.200.9" ), 15 ), prefix( "198.18.0.0/15" ) );
    EXPECT_EQ( IpGenPrefix::masked( addr( "2001:db8::1" ), 64 ), prefix( "2001:db8::/64" ) );
 }
-
-// ---- IpGenPrefix ------------------------------------------------------------
 
 TEST( IpGenPrefixTest, ValidAsPrefix ) {
    const std::tuple< const char *, unsigned, bool > cases[] = {

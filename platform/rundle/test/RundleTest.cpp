@@ -108,7 +108,6 @@ TEST_F( RundleTest, EachLevelHasItsOwnRing ) {
    EXPECT_EQ( std::tuple( last.text, last.ring, last.level ), std::tuple( "beyond the last ring", 1, 7 ) );
 }
 
-// ---- size limits ------------------------------------------------------------------------
 TEST_F( RundleTest, LongRecordsAreTruncatedOrDropped ) {
    ASSERT_TRUE( Rundle::initialize( "", { 4 }, nullptr, 0, 24, false, true, 32 ) );
    RUNDLE_RECORD( 0, std::string( 32, 'a' ) );
@@ -133,7 +132,6 @@ TEST_F( RundleTest, LongRecordsAreTruncatedOrDropped ) {
    EXPECT_EQ( Rundle::stats().dropped, 1u );
 }
 
-// ---- RUNDLE_DISABLE -----------------------------------------------------------------
 TEST_F( RundleTest, DisableLeavesNoFileAndEvaluatesNothing ) {
    ::setenv( "RUNDLE_DISABLE", "1", 1 );
    EXPECT_FALSE( Rundle::initialize( "off.rdl", { 1 }, dir_.c_str(), 0, 24, false, true, 512 ) );
@@ -145,7 +143,6 @@ TEST_F( RundleTest, DisableLeavesNoFileAndEvaluatesNothing ) {
    EXPECT_FALSE( Rundle::records().ok );
 }
 
-// ---- the file: written, read back in time order -----------------------------------------
 TEST_F( RundleTest, FileReadsBackInTimeOrderAcrossRings ) {
    ::setenv( "RUNDLEDIR", dir_.c_str(), 1 );
    ASSERT_TRUE( initializeLikeTheAgent() );
@@ -174,7 +171,6 @@ TEST_F( RundleTest, FileReadsBackInTimeOrderAcrossRings ) {
    EXPECT_EQ( texts( Rundle::readFile( path + ".1" ) ).size(), 4u );
 }
 
-// ---- damaged records and damaged images ----------------------------------------------
 TEST_F( RundleTest, DamagedRecordsAreSkippedAndDamagedHeadersRejected ) {
    ASSERT_TRUE( Rundle::initialize( "", { 1, 1 }, nullptr, 0, 24, false, true, 512 ) );
    RUNDLE_RECORD( 0, "zero" );
@@ -238,7 +234,6 @@ TEST_F( RundleTest, WriterIgnoresScribbledDescriptors ) {
    EXPECT_EQ( r.damaged, 0u );
 }
 
-// ---- the record CRC -------------------------------------------------------------
 // Files written before and read after must agree: the CRC is the standard
 // CRC-32 whatever the way it is computed, at any length, alignment and split.
 std::uint32_t bitwiseCrc32( std::uint32_t crc, const std::uint8_t * p, std::size_t len ) {

@@ -78,8 +78,6 @@ TEST_F( TimerWheelTest, LoopFiresTiesAcrossWheelsInArmingOrder ) {
    EXPECT_EQ( log, ( std::vector< int >{ 1, 2, 3, 4 } ) );
 }
 
-// ---- callbacks that change the wheel ------------------------------------------------------
-
 TEST_F( TimerWheelTest, ReArmingToThePastInOnTimeFiresOnTheNextCallNotRecursively ) {
    Timer t( wheel_.ptr() );
    int depth = 0, maxDepth = 0;
@@ -108,8 +106,6 @@ TEST_F( TimerWheelTest, ExceptionFromOnTimePropagatesAndLeavesTheWheelUsable ) {
    EXPECT_TRUE( wheel_->fireNext( 5.0 ) );
    EXPECT_EQ( good.fired(), 1 );
 }
-
-// ---- lifetimes ---------------------------------------------------------------------------
 
 TEST_F( TimerWheelTest, TimerDestroyedWhileArmedLeavesTheWheel ) {
    std::vector< int > log;
@@ -169,8 +165,6 @@ TEST_F( TimerWheelTest, NanDeadlineStopsTheProcess ) {
    Timer armed( wheel_.ptr() );
    EXPECT_DEATH( armed.timeMinIs( std::nan( "" ) ), "NaN" );
 }
-
-// ---- against a reference ----------------------------------------------------------------
 
 // Thousands of random arm / re-arm / disarm / destroy / rebind / peek / advance
 // operations, including re-arming and disarming from inside onTime(), checked

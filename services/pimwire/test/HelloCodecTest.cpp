@@ -102,8 +102,6 @@ std::vector< NamedOption > everyOption() {
 
 } // namespace
 
-// ---------------------------------------------------------------- round trip
-
 class RoundTrip : public ::testing::TestWithParam< Family > {};
 
 // All options together, then each alone (the two sctp cases share one
@@ -197,8 +195,6 @@ TEST( Encode, LongAddressListIsSplitAcrossOptions ) {
    EXPECT_EQ( r.hello.addressList.back(), h.addressList[ kMaxAddressesKept - 1 ] );
 }
 
-// ----------------------------------------------------------------- rejects
-
 TEST( Reject, EachMalformationHasItsReason ) {
    const Endpoints e = endpoints( Family::ipv4 );
    const Endpoints e6 = endpoints( Family::ipv6 );
@@ -250,8 +246,6 @@ TEST( Reject, EachMalformationHasItsReason ) {
       EXPECT_EQ( r.hello, Hello{} ) << c.what << ": nothing of a rejected Hello leaks out";
    }
 }
-
-// ------------------------------------------------- lenient option handling
 
 class Lenient : public ::testing::TestWithParam< Family > {};
 
@@ -368,8 +362,6 @@ TEST_P( Lenient, AddressListIsDeduplicatedThenCappedAndTheExcessCounted ) {
 
 INSTANTIATE_TEST_SUITE_P( Families, Lenient, ::testing::Values( Family::ipv4, Family::ipv6 ),
                           []( const auto & info ) { return familyName( info.param ); } );
-
-// --------------------------------------------------------- printable forms
 
 TEST( Print, AddressesUseTheCanonicalTextForms ) {
    const std::vector< std::pair< const char *, const char * > > cases = {
