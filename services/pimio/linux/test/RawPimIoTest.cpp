@@ -48,11 +48,9 @@ class KivRecorder : public MessageInfo::NotifieeConst {
 
 // One router: its namespace's kernel status and its PIM socket.
 struct Side {
-   Side( const std::string & ns, Lumo::AddressFamily af, const Kiv::Ptr< Tolm::TimerWheel > & wheel ) {
-      targets.vrf = L3::VrfName( "default" );
-      targets.devices = Kiv::make< Interface::DeviceIntfStatusDir >();
-      targets.ip4 = Kiv::make< IpGen::Ipv4Status >();
-      targets.ip6 = Kiv::make< IpGen::Ipv6Status >();
+   Side( const std::string & ns, Lumo::AddressFamily af, const Kiv::Ptr< Tolm::TimerWheel > & wheel )
+         : targets{ L3::VrfName( "default" ), Kiv::make< Interface::DeviceIntfStatusDir >(), Kiv::make< IpGen::Ipv4Status >(),
+                    Kiv::make< IpGen::Ipv6Status >() } {
       feed = std::make_unique< Netlink::KernelFeed >( Lumo::NamespaceName( ns ), targets );
       feed->start();
       pam = Kiv::make< PamManager >( af, Lumo::NamespaceName( ns ), true );
