@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kiv/Log.h"
@@ -10,7 +11,6 @@
 #include "kiv/testing/TestLoop.h"
 
 namespace {
-
 
 class TraceTest : public ::testing::Test {
  protected:
@@ -22,7 +22,6 @@ class TraceTest : public ::testing::Test {
 int sideEffects = 0;
 int bump() { return ++sideEffects; }
 
-// ---- a disabled level costs no formatting -------------------------------------------
 TEST_F( TraceTest, DisabledLevelEvaluatesNothing ) {
    Kiv::TraceHandle h( "Test::Off" );
    sideEffects = 0;
@@ -44,7 +43,6 @@ TEST_F( TraceTest, DisabledLevelEvaluatesNothing ) {
    EXPECT_NE( err.find( "Test::Off/3: via helper 7" ), std::string::npos ) << err;
 }
 
-// ---- selection syntax: KIV_TRACE and configIs ---------------------------------------
 TEST_F( TraceTest, SpecPicksTheMostSpecificItem ) {
    const auto selection = Kiv::TraceSelection::parse( "Pim::Hello/1-9,Pim::Intf/1-4,Pim::*/1" );
    EXPECT_TRUE( selection.errors.empty() );
@@ -124,7 +122,6 @@ TEST_F( TraceTest, CaptureCanEnableLevelsForItselfOnly ) {
    EXPECT_TRUE( config.enabled( 5 ) );
 }
 
-// ---- structured logs: formatting ----------------------------------------------------
 Kiv::LogArg a( const auto & v ) { return Kiv::logArg( v ); }
 
 TEST( LogFormat, SubstitutesPrintfConversions ) {
@@ -136,9 +133,9 @@ TEST( LogFormat, SubstitutesPrintfConversions ) {
    const std::string addr = "198.18.0.2";
    PIM_NBRCHG.log( addr, "UP", "et1" );
    ASSERT_EQ( capture.messages().size(), 1u );
-   EXPECT_EQ( capture.messages()[ 0 ].name, "PIM_NBRCHG" );
-   EXPECT_EQ( capture.messages()[ 0 ].severity, Kiv::LogNotice );
-   EXPECT_EQ( capture.messages()[ 0 ].text, "neighbor 198.18.0.2 UP on interface et1" );
+   const auto & m = capture.messages()[ 0 ];
+   EXPECT_EQ( std::tuple( m.name, m.severity, m.text ),
+              std::tuple( "PIM_NBRCHG", Kiv::LogNotice, "neighbor 198.18.0.2 UP on interface et1" ) );
    EXPECT_STREQ( PIM_NBRCHG.recommendedAction(), Kiv::NoActionRequired );
 
    const Kiv::LogArg nums[] = { a( -42 ), a( 255u ), a( 3.14159 ), a( 'x' ), a( std::uint64_t{ 1 } << 40 ) };
@@ -153,7 +150,6 @@ TEST( LogFormat, SubstitutesPrintfConversions ) {
    EXPECT_EQ( Kiv::logFormat( "%s %.1f [%5.2s]", odd, 3 ), "(null) 2.0 [   ab]" );
 }
 
-// ---- structured logs: rate limiting on the loop clock --------------------------------
 TEST( LogRate, MinIntervalSuppressesRepeatsAndCountsThem ) {
    // Starting before the first interval has passed: the first message still goes.
    Kiv::Testing::TestLoop loop( 5.0 );
@@ -205,7 +201,6 @@ TEST( LogRate, RateIsATokenBucket ) {
    EXPECT_EQ( capture.count( "TEST_EXEMPT" ), 50u );
 }
 
-// ---- structured logs: sinks ---------------------------------------------------------
 TEST( LogSink, CaptureTakesMessagesAwayFromStderr ) {
    Kiv::Testing::TestLoop loop( 2.0 );
    Kiv::LogHandle h( "TEST_SINK", Kiv::LogError, "bad packet from %s", "", "Check the sender.", 0.0, 0.0, 0 );

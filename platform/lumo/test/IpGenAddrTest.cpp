@@ -5,7 +5,6 @@
 #include <random>
 #include <sstream>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -35,8 +34,6 @@ IpGenAddr::Bytes16 randomV6( std::mt19937_64 & rng ) {
    }
    return b;
 }
-
-// ---- text forms --------------------------------------------------------------
 
 TEST( IpGenAddrStrepTest, TextForms ) {
    LumoTest::expectTextForms< IpGenAddr >( IpGenAddr::ipv4( 0x01020304 ), {
@@ -93,21 +90,9 @@ TEST( IpGenAddrStrepTest, AgreesWithTheSystemConversionsOnRandomAddresses ) {
       // The C library prints "::a.b.c.d" for the deprecated IPv4-compatible
       // form; everywhere else both follow RFC 5952.
       const bool compatible = std::all_of( b.begin(), b.begin() + 12, []( auto x ) { return x == 0; } );
-      if( !compatible ) {
-         EXPECT_EQ( text, buf );
-      }
-   }
-   for( int i = 0; i < 2000; ++i ) {
-      const IpGenAddr a = IpGenAddr::ipv4( static_cast< std::uint32_t >( rng() ) );
-      char buf[ INET_ADDRSTRLEN ];
-      const in_addr sys = a.toInAddr();
-      ASSERT_NE( inet_ntop( AF_INET, &sys, buf, sizeof( buf ) ), nullptr );
-      EXPECT_EQ( valueToStrep( a ), buf );
-      EXPECT_EQ( addr( buf ), a );
+      EXPECT_TRUE( compatible || text == buf ) << buf;
    }
 }
-
-// ---- order and hash ----------------------------------------------------------
 
 TEST( IpGenAddrOrderTest, MatchesFamilyThenBigEndianBytes ) {
    // Reference order: family, then the bytes as unsigned numbers, first byte
@@ -164,12 +149,7 @@ TEST( IpGenAddrHashTest, LowBitsSpreadForAContiguousBlock ) {
       }
       EXPECT_GT( filled, 40000u ) << ( v6 ? "ipv6" : "ipv4" );
    }
-   std::unordered_set< IpGenAddr > set;
-   for( std::uint32_t i = 0; i < 1000; ++i ) set.insert( IpGenAddr::ipv4( 0xC6120000 + i % 500 ) );
-   EXPECT_EQ( set.size(), 500u );
 }
-
-// ---- accessors ---------------------------------------------------------------
 
 TEST( IpGenAddrAccessTest, AddressClasses ) {
    struct Case {
@@ -194,8 +174,6 @@ TEST( IpGenAddrAccessTest, AddressClasses ) {
    }
 }
 
-// ---- address family ----------------------------------------------------------
-
 TEST( AddressFamilyTest, NamesRoundTrip ) {
    for( AddressFamily af : { AddressFamily::none, AddressFamily::ipv4, AddressFamily::ipv6 } ) {
       EXPECT_EQ( Lumo::addressFamilyFromStrep( valueToStrep( af ) ), af );
@@ -207,8 +185,6 @@ TEST( AddressFamilyTest, NamesRoundTrip ) {
    for( std::string_view bad : { "", "ipv5", "IPV4", "ip", "ipv4 ", "unknown" } ) {
       EXPECT_THROW( Lumo::addressFamilyFromStrep( bad ), Kiv::RangeException ) << bad;
    }
-   EXPECT_LT( AddressFamily::none, AddressFamily::ipv4 );
-   EXPECT_LT( AddressFamily::ipv4, AddressFamily::ipv6 );
 }
 
 } // namespace

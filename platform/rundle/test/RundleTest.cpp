@@ -1,19 +1,17 @@
 // The ring-buffer trace, grouped by promise.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iomanip>
-#include <iterator>
 #include <ostream>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kiv/testing/TestLoop.h"
@@ -21,27 +19,6 @@
 #include "rundle/RundleFormat.h"
 
 namespace {
-
-bool exists( const std::string & path ) {
-   struct stat st;
-   return ::stat( path.c_str(), &st ) == 0;
-}
-
-std::vector< std::uint8_t > slurp( const std::string & path ) {
-   std::ifstream in( path, std::ios::binary );
-   return { std::istreambuf_iterator< char >( in ), std::istreambuf_iterator< char >() };
-}
-
-void spit( const std::string & path, const std::vector< std::uint8_t > & bytes ) {
-   std::ofstream out( path, std::ios::binary | std::ios::trunc );
-   out.write( reinterpret_cast< const char * >( bytes.data() ), static_cast< std::streamsize >( bytes.size() ) );
-}
-
-// Offset of the first occurrence of text in bytes.
-std::size_t find( const std::vector< std::uint8_t > & bytes, const std::string & text ) {
-   const auto it = std::search( bytes.begin(), bytes.end(), text.begin(), text.end() );
-   return it == bytes.end() ? std::string::npos : static_cast< std::size_t >( it - bytes.begin() );
-}
 
 class RundleTest : public ::testing::Test {
  protected:
@@ -77,8 +54,6 @@ class RundleTest : public ::testing::Test {
 int evaluated = 0;
 int touch() { return ++evaluated; }
 
-// ---- a ring keeps the newest records --------------------------------------------------
-// ---- each record is formatted as by a stream of its own ------------------------------
 // A record whose own formatting makes another record.
 struct Chatty {};
 std::ostream & operator<<( std::ostream & os, const Chatty & ) {
@@ -128,24 +103,19 @@ TEST_F( RundleTest, EachLevelHasItsOwnRing ) {
    RUNDLE_RECORD( 7, "beyond the last ring" );  // goes to the last ring
    const auto r = Rundle::records();
    ASSERT_FALSE( r.records.empty() );
-   EXPECT_EQ( r.records.front().text, "rare event" );
-   EXPECT_EQ( r.records.front().ring, 0 );
-   EXPECT_EQ( r.records.back().text, "beyond the last ring" );
-   EXPECT_EQ( r.records.back().ring, 1 );
-   EXPECT_EQ( r.records.back().level, 7 );
+   const auto & first = r.records.front(), & last = r.records.back();
+   EXPECT_EQ( std::tuple( first.text, first.ring ), std::tuple( "rare event", 0 ) );
+   EXPECT_EQ( std::tuple( last.text, last.ring, last.level ), std::tuple( "beyond the last ring", 1, 7 ) );
 }
 
-// ---- size limits ------------------------------------------------------------------------
 TEST_F( RundleTest, LongRecordsAreTruncatedOrDropped ) {
    ASSERT_TRUE( Rundle::initialize( "", { 4 }, nullptr, 0, 24, false, true, 32 ) );
    RUNDLE_RECORD( 0, std::string( 32, 'a' ) );
    RUNDLE_RECORD( 0, std::string( 100, 'b' ) << " and more " << 42 );
    auto r = Rundle::records();
    ASSERT_EQ( r.records.size(), 2u );
-   EXPECT_EQ( r.records[ 0 ].text, std::string( 32, 'a' ) );
-   EXPECT_FALSE( r.records[ 0 ].truncated );
-   EXPECT_EQ( r.records[ 1 ].text, std::string( 32, 'b' ) );
-   EXPECT_TRUE( r.records[ 1 ].truncated );
+   EXPECT_EQ( std::tuple( r.records[ 0 ].text, r.records[ 0 ].truncated ), std::tuple( std::string( 32, 'a' ), false ) );
+   EXPECT_EQ( std::tuple( r.records[ 1 ].text, r.records[ 1 ].truncated ), std::tuple( std::string( 32, 'b' ), true ) );
    EXPECT_EQ( Rundle::stats().truncated, 1u );
    // Source locations are cut to 24 bytes: the tail of the file name.
    EXPECT_LE( r.records[ 0 ].file.size(), 24u );
@@ -162,19 +132,17 @@ TEST_F( RundleTest, LongRecordsAreTruncatedOrDropped ) {
    EXPECT_EQ( Rundle::stats().dropped, 1u );
 }
 
-// ---- RUNDLE_DISABLE -----------------------------------------------------------------
 TEST_F( RundleTest, DisableLeavesNoFileAndEvaluatesNothing ) {
    ::setenv( "RUNDLE_DISABLE", "1", 1 );
    EXPECT_FALSE( Rundle::initialize( "off.rdl", { 1 }, dir_.c_str(), 0, 24, false, true, 512 ) );
    EXPECT_FALSE( Rundle::active() );
-   EXPECT_FALSE( exists( dir_ + "/off.rdl" ) );
+   EXPECT_NE( ::access( ( dir_ + "/off.rdl" ).c_str(), F_OK ), 0 );
    evaluated = 0;
    RUNDLE_RECORD( 0, "never " << touch() );
    EXPECT_EQ( evaluated, 0 );
    EXPECT_FALSE( Rundle::records().ok );
 }
 
-// ---- the file: written, read back in time order -----------------------------------------
 TEST_F( RundleTest, FileReadsBackInTimeOrderAcrossRings ) {
    ::setenv( "RUNDLEDIR", dir_.c_str(), 1 );
    ASSERT_TRUE( initializeLikeTheAgent() );
@@ -203,30 +171,23 @@ TEST_F( RundleTest, FileReadsBackInTimeOrderAcrossRings ) {
    EXPECT_EQ( texts( Rundle::readFile( path + ".1" ) ).size(), 4u );
 }
 
-// ---- damaged records and damaged files ----------------------------------------------
-TEST_F( RundleTest, DamagedRecordIsSkipped ) {
-   ASSERT_TRUE( initializeLikeTheAgent( dir_.c_str() ) );
-   RUNDLE_RECORD( 0, "alpha" );
-   RUNDLE_RECORD( 0, "bravo" );
-   RUNDLE_RECORD( 0, "charlie" );
-   Rundle::shutdown();
-   const std::string path = dir_ + "/agent.rdl";
-   auto bytes = slurp( path );
-   const auto at = find( bytes, "bravo" );
-   ASSERT_NE( at, std::string::npos );
-   bytes[ at + 2 ] ^= 0x20;
-   spit( path, bytes );
-   const auto r = Rundle::readFile( path );
-   ASSERT_TRUE( r.ok );
-   EXPECT_EQ( texts( r ), ( std::vector< std::string >{ "alpha", "charlie" } ) );
-   EXPECT_EQ( r.damaged, 1u );
-}
-
-TEST_F( RundleTest, DamagedHeadersAreRejectedNotTrusted ) {
+TEST_F( RundleTest, DamagedRecordsAreSkippedAndDamagedHeadersRejected ) {
    ASSERT_TRUE( Rundle::initialize( "", { 1, 1 }, nullptr, 0, 24, false, true, 512 ) );
    RUNDLE_RECORD( 0, "zero" );
    RUNDLE_RECORD( 1, "one" );
+   RUNDLE_RECORD( 1, "bravo" );
+   RUNDLE_RECORD( 1, "charlie" );
    std::vector< std::uint8_t > image( Rundle::imageData(), Rundle::imageData() + Rundle::imageSize() );
+
+   auto badRecord = image;
+   const std::string bravo = "bravo";
+   const auto at = std::search( badRecord.begin(), badRecord.end(), bravo.begin(), bravo.end() );
+   ASSERT_NE( at, badRecord.end() );
+   at[ 2 ] ^= 0x20;
+   const auto skipped = Rundle::parseImage( badRecord.data(), badRecord.size() );
+   ASSERT_TRUE( skipped.ok );
+   EXPECT_EQ( texts( skipped ), ( std::vector< std::string >{ "zero", "one", "charlie" } ) );
+   EXPECT_EQ( skipped.damaged, 1u );
 
    EXPECT_FALSE( Rundle::parseImage( image.data(), 10 ).ok );
    auto badMagic = image;
@@ -244,7 +205,7 @@ TEST_F( RundleTest, DamagedHeadersAreRejectedNotTrusted ) {
    const auto r = Rundle::parseImage( badRing.data(), badRing.size() );
    EXPECT_TRUE( r.ok );
    EXPECT_FALSE( r.error.empty() );
-   EXPECT_EQ( texts( r ), ( std::vector< std::string >{ "one" } ) );
+   EXPECT_EQ( texts( r ), ( std::vector< std::string >{ "one", "bravo", "charlie" } ) );
 
    // Random ring contents sprinkled with record magics yield nothing.
    auto noise = image;
@@ -273,7 +234,6 @@ TEST_F( RundleTest, WriterIgnoresScribbledDescriptors ) {
    EXPECT_EQ( r.damaged, 0u );
 }
 
-// ---- the record CRC -------------------------------------------------------------
 // Files written before and read after must agree: the CRC is the standard
 // CRC-32 whatever the way it is computed, at any length, alignment and split.
 std::uint32_t bitwiseCrc32( std::uint32_t crc, const std::uint8_t * p, std::size_t len ) {

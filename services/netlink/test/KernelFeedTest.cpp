@@ -26,10 +26,6 @@ class KernelFeedTest : public ::testing::Test {
       ASSERT_TRUE( NetnsLab::sh( "ip netns exec " + ns + " sysctl -qw net.ipv4.conf.default.promote_secondaries=1" ) );
       ASSERT_TRUE( ip( "link add va0 type veth peer name va1" ) && ip( "addr add 198.18.1.1/24 dev va0" ) &&
                    ip( "addr add 2001:db8:1::1/64 dev va0" ) && ip( "link set va0 up" ) && ip( "link set va1 up" ) );
-      t.vrf = L3::VrfName( "red" );
-      t.devices = Kiv::make< Interface::DeviceIntfStatusDir >();
-      t.ip4 = Kiv::make< IpGen::Ipv4Status >();
-      t.ip6 = Kiv::make< IpGen::Ipv6Status >();
    }
    bool ip( const std::string & args ) { return NetnsLab::sh( "ip -n " + ns + " " + args ); }
    bool settle( KernelFeed & f, const std::function< bool() > & cond ) {
@@ -44,7 +40,8 @@ class KernelFeedTest : public ::testing::Test {
 
    NetnsLab lab;
    std::string ns;
-   FeedTargets t;
+   FeedTargets t{ L3::VrfName( "red" ), Kiv::make< Interface::DeviceIntfStatusDir >(), Kiv::make< IpGen::Ipv4Status >(),
+                  Kiv::make< IpGen::Ipv6Status >() };
 };
 
 TEST_F( KernelFeedTest, DumpThenEventsKeepTheStatusInStep ) {

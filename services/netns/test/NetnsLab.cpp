@@ -80,12 +80,4 @@ bool NetnsLab::waitFor( int fd, const std::function< void() > & onReadable, cons
    return true;
 }
 
-std::vector< std::string > NetnsLab::owned() {
-   std::vector< std::string > out;
-   for( const auto & n : allNamespaces() ) {
-      if( n.rfind( ownPrefix(), 0 ) == 0 ) out.push_back( n );
-   }
-   return out;
-}
-
 } // namespace NetnsTest

@@ -27,8 +27,6 @@ class NetnsLab {
    // calls onReadable. No sleeping: the kernel wakes us.
    static bool waitFor( int fd, const std::function< void() > & onReadable, const std::function< bool() > & cond,
                         std::chrono::milliseconds limit = std::chrono::milliseconds( 3000 ) );
-   // The namespaces this process owns right now (for the teardown check).
-   static std::vector< std::string > owned();
 
  private:
    std::vector< std::string > made_;

@@ -1,6 +1,7 @@
 #pragma once
 // Just enough capture-file handling for the codec tests: reads pcapng files
-// of Ethernet frames and peels Ethernet and IP headers off PIM packets.
+// of Ethernet frames and peels Ethernet and IPv4 headers off PIM packets (the
+// captures are of IPv4 Hellos).
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -21,8 +22,8 @@ struct PimPacket {
    PimWire::Addr dst;
    Bytes payload; // the PIM message
 };
-// The PIM message inside an Ethernet frame, nullopt if the frame is not
-// IPv4/IPv6 protocol 103.
+// The PIM message inside an untagged Ethernet frame, nullopt if the frame is
+// not IPv4 protocol 103.
 std::optional< PimPacket > pimFromFrame( const Bytes & frame );
 
 } // namespace PimWireTest

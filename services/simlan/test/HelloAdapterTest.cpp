@@ -65,15 +65,12 @@ TEST( HelloAdapterTest, AbsentOptionsStayAbsentBothWays ) {
 
    // A goodbye as the agent builds it: hold time 0 and the interface id only.
    HelloMessage goodbye;
-   goodbye.srcAddrIs( ip( "198.18.1.2" ) );
+   goodbye.srcAddrIs( ip( "198.18.1.1" ) );
    goodbye.holdTimePresentIs( true );
    goodbye.holdTimeIs( 0 );
    goodbye.interfaceIdPresentIs( true );
-   PimWire::Hello want;
-   want.source = wa( "198.18.1.2" );
-   want.destination = wa( "224.0.0.13" );
-   want.holdtimePresent = want.interfaceId.present = true;
-   EXPECT_EQ( wireHelloFrom( goodbye ), want );
+   bare.holdtimePresent = bare.interfaceId.present = true;
+   EXPECT_EQ( wireHelloFrom( goodbye ), bare );
 }
 
 TEST( HelloAdapterTest, PortOptionMapsCapabilityToTheSctpOption ) {
@@ -84,9 +81,7 @@ TEST( HelloAdapterTest, PortOptionMapsCapabilityToTheSctpOption ) {
    m.connectionAddrPresentIs( true );
    m.connectionAddrIs( ip( "198.18.0.1" ) );
    PimWire::Hello w = wireHelloFrom( m );
-   EXPECT_TRUE( w.sctpCapable.present );
-   EXPECT_EQ( w.sctpCapable.flags, 0u );
-   EXPECT_EQ( w.sctpCapable.connectionAddr, wa( "198.18.0.1" ) );
+   EXPECT_EQ( w.sctpCapable, ( PimWire::TransportCapable{ true, 0, wa( "198.18.0.1" ) } ) );
    EXPECT_FALSE( w.tcpCapable.present );
 
    // Capability flags beyond the option's 24 bits do not reach the wire.
@@ -95,9 +90,7 @@ TEST( HelloAdapterTest, PortOptionMapsCapabilityToTheSctpOption ) {
    flags.portOptionPresentIs( true );
    flags.portCapabilityFlagsIs( 0xff000003 );
    w = wireHelloFrom( flags );
-   EXPECT_TRUE( w.sctpCapable.present );
-   EXPECT_EQ( w.sctpCapable.flags, 0x2u );
-   EXPECT_FALSE( w.sctpCapable.connectionAddr.isSet() );
+   EXPECT_EQ( w.sctpCapable, ( PimWire::TransportCapable{ true, 0x2, PimWire::Addr{} } ) );
    EXPECT_NE( PimWire::encodedHelloSize( w ), 0u );
 
    // A received SCTP option with all-zero flags means "capable": the message
@@ -106,9 +99,8 @@ TEST( HelloAdapterTest, PortOptionMapsCapabilityToTheSctpOption ) {
    in.source = wa( "198.18.1.9" );
    in.sctpCapable.present = true;
    auto msg = helloMessageFromWire( in );
-   EXPECT_TRUE( msg->portOptionPresent() );
-   EXPECT_EQ( msg->portCapabilityFlags(), kPortCapabilitySctp );
-   EXPECT_FALSE( msg->connectionAddrPresent() );
+   EXPECT_EQ( std::tuple( msg->portOptionPresent(), msg->portCapabilityFlags(), msg->connectionAddrPresent() ),
+              std::tuple( true, kPortCapabilitySctp, false ) );
 
    // The TCP-capable option has no place in the message.
    PimWire::Hello tcp;
@@ -116,8 +108,7 @@ TEST( HelloAdapterTest, PortOptionMapsCapabilityToTheSctpOption ) {
    tcp.tcpCapable.present = true;
    tcp.tcpCapable.connectionAddr = wa( "198.18.0.9" );
    msg = helloMessageFromWire( tcp );
-   EXPECT_FALSE( msg->portOptionPresent() );
-   EXPECT_FALSE( msg->connectionAddrPresent() );
+   EXPECT_FALSE( msg->portOptionPresent() || msg->connectionAddrPresent() );
 }
 
 } // namespace

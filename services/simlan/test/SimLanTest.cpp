@@ -119,7 +119,7 @@ class SimLanTest : public ::testing::Test {
    Node * c_ = nullptr;
 };
 
-TEST_F( SimLanTest, DeliversToEveryOtherInterfaceButNotBackToTheSender ) {
+TEST_F( SimLanTest, DeliversToEveryOtherInterfaceAndSimultaneousHellosOneByOne ) {
    threeOnOneSegment();
    // b has a second interface on the same segment: it gets its own copy.
    b_->endpoint->attach( "Ethernet2", "lan" );
@@ -139,10 +139,7 @@ TEST_F( SimLanTest, DeliversToEveryOtherInterfaceButNotBackToTheSender ) {
    EXPECT_EQ( b_->received.size(), 3u );
    EXPECT_EQ( b_->received.back().intf, "Ethernet1" );
    EXPECT_EQ( a_->received.size(), 1u );
-}
-
-TEST_F( SimLanTest, SimultaneousHellosReachADeferredReaderOneByOne ) {
-   threeOnOneSegment();
+   for( Node * n : { a_, b_, c_ } ) n->received.clear();
    // Five Hellos due at the same instant: a deferred, coalescing reader of
    // the mailbox still sees every one of them, in the order they were sent.
    a_->send( "Ethernet1", ip( "198.18.1.1" ), 101 );
@@ -151,10 +148,10 @@ TEST_F( SimLanTest, SimultaneousHellosReachADeferredReaderOneByOne ) {
    c_->send( "Ethernet1", ip( "198.18.1.3" ), 104 );
    a_->send( "Ethernet1", ip( "198.18.1.1" ), 0 );
    settle();
-   ASSERT_EQ( b_->received.size(), 5u );
+   ASSERT_EQ( b_->received.size(), 10u );
    const std::uint16_t expected[] = { 101, 103, 102, 104, 0 };
-   for( std::size_t i = 0; i < 5; ++i ) {
-      EXPECT_EQ( b_->received[ i ].holdTime, expected[ i ] ) << i;
+   for( std::size_t i = 0; i < 10; ++i ) {   // b hears each on both interfaces
+      EXPECT_EQ( b_->received[ i ].holdTime, expected[ i / 2 ] ) << i;
       EXPECT_DOUBLE_EQ( b_->received[ i ].time, b_->received[ 0 ].time );
    }
    EXPECT_EQ( a_->received.size(), 2u );
@@ -212,15 +209,8 @@ TEST_F( SimLanTest, HelloCrossesTheWireWithEveryOption ) {
       settle();
       const auto got = b.lastHello();
       ASSERT_TRUE( got ) << source;
-      EXPECT_EQ( got->srcAddr(), ip( source ) );
-      EXPECT_TRUE( got->lanPruneDelayPresent() && got->tBit() && got->bidirCapable() && got->portOptionPresent() );
-      EXPECT_EQ( std::tuple( got->holdTime(), got->propagationDelay(), got->overrideInterval(), got->drPriority(),
-                             got->generationId(), got->interfaceIdRouterId(), got->interfaceIdIfIndex() ),
-                 std::tuple( 105, 750, 3000, 42u, 0xdeadbeefu, 7u, 11u ) );
-      EXPECT_EQ( got->secondaryAddrSize(), 1u );
-      EXPECT_TRUE( got->secondaryAddr( ip( v6 ? "2001:db8::9" : "198.18.1.9" ) ) );
-      EXPECT_TRUE( got->portCapabilityFlags() & Routing::Pim::IO::kPortCapabilitySctp );
-      EXPECT_EQ( got->connectionAddr(), ip( v6 ? "2001:db8::100" : "198.18.0.100" ) );
+      EXPECT_TRUE( got->tBit() && got->bidirCapable() && got->portOptionPresent() );
+      EXPECT_EQ( Routing::Pim::IO::wireHelloFrom( *got ), Routing::Pim::IO::wireHelloFrom( *h ) );
    }
    EXPECT_EQ( b.counters().rejected(), 0u );
    EXPECT_EQ( quiet.counters().rxNoMailbox, 2u );

@@ -1,8 +1,7 @@
 // PIM on raw sockets between two namespaces joined by a veth pair: what one
 // side sends, the other receives on the right interface, decoded, once per
 // Hello and none lost in a burst; what it must not take it drops and counts;
-// and what goes on the wire reads in tshark's PIM dissector with a good
-// checksum, TTL / hop limit 1.
+// and what goes on the wire has TTL / hop limit 1.
 #include <gtest/gtest.h>
 
 #include <linux/if_ether.h>
@@ -15,7 +14,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <tuple>
 
 #include "kiv/testing/TestLoop.h"
@@ -50,11 +48,9 @@ class KivRecorder : public MessageInfo::NotifieeConst {
 
 // One router: its namespace's kernel status and its PIM socket.
 struct Side {
-   Side( const std::string & ns, Lumo::AddressFamily af, const Kiv::Ptr< Tolm::TimerWheel > & wheel ) {
-      targets.vrf = L3::VrfName( "default" );
-      targets.devices = Kiv::make< Interface::DeviceIntfStatusDir >();
-      targets.ip4 = Kiv::make< IpGen::Ipv4Status >();
-      targets.ip6 = Kiv::make< IpGen::Ipv6Status >();
+   Side( const std::string & ns, Lumo::AddressFamily af, const Kiv::Ptr< Tolm::TimerWheel > & wheel )
+         : targets{ L3::VrfName( "default" ), Kiv::make< Interface::DeviceIntfStatusDir >(), Kiv::make< IpGen::Ipv4Status >(),
+                    Kiv::make< IpGen::Ipv6Status >() } {
       feed = std::make_unique< Netlink::KernelFeed >( Lumo::NamespaceName( ns ), targets );
       feed->start();
       pam = Kiv::make< PamManager >( af, Lumo::NamespaceName( ns ), true );
@@ -130,18 +126,6 @@ class Capture {
    bool ok_ = false;
 };
 
-bool writePcap( const std::string & path, const std::vector< std::vector< std::uint8_t > > & frames ) {
-   std::ofstream f( path, std::ios::binary );
-   const std::uint32_t header[] = { 0xa1b2c3d4, 0x00040002, 0, 0, 65535, 1 };
-   f.write( reinterpret_cast< const char * >( header ), sizeof header );
-   for( const auto & fr : frames ) {
-      const std::uint32_t rec[] = { 0, 0, std::uint32_t( fr.size() ), std::uint32_t( fr.size() ) };
-      f.write( reinterpret_cast< const char * >( rec ), sizeof rec );
-      f.write( reinterpret_cast< const char * >( fr.data() ), std::streamsize( fr.size() ) );
-   }
-   return bool( f );
-}
-
 // What a shell command writes to its standard output.
 std::string shellOutput( const std::string & cmd ) {
    std::string out;
@@ -205,7 +189,7 @@ class RawPimIoTest : public ::testing::TestWithParam< Lumo::AddressFamily > {
    std::unique_ptr< Side > sa, sb;
 };
 
-TEST_P( RawPimIoTest, HelloCrossesTheLinkAndReadsWellInTshark ) {
+TEST_P( RawPimIoTest, HelloCrossesTheLinkWithTtlOne ) {
    Capture cap( b, "b0" );
    ASSERT_TRUE( cap.ok() );
    const Lumo::IpGenAddr src = sa->addr( "a0", af );
@@ -215,20 +199,11 @@ TEST_P( RawPimIoTest, HelloCrossesTheLinkAndReadsWellInTshark ) {
    EXPECT_EQ( sa->io->counters().txSent, 1u );
    EXPECT_EQ( sb->recorder.got, ( std::vector< Received >{ { "b0", src, 105, 7 } } ) );
 
-   if( std::system( "tshark -v >/dev/null 2>&1" ) != 0 ) {
-      GTEST_SKIP() << "tshark is not installed; wire check skipped";
-   }
+   // TTL / hop limit 1; the checksum and the options as a dissector reads
+   // them are the daemon's HelloCapture test.
    const auto frames = cap.pimFrames();
    ASSERT_EQ( frames.size(), 1u );
-   const std::string pcap = "/tmp/" + b + ".pcap";
-   ASSERT_TRUE( writePcap( pcap, frames ) );
-   const bool v6 = af == Lumo::AddressFamily::ipv6;
-   const std::string lines = shellOutput( "tshark -n -r '" + pcap + "' -T fields -E separator='|' " +
-                                          ( v6 ? "-e ipv6.hlim -e ipv6.dst" : "-e ip.ttl -e ip.dst" ) +
-                                          " -e pim.cksum.status -e pim.holdtime -e pim.dr_priority" );
-   std::remove( pcap.c_str() );
-   // 1 is tshark's "Good" checksum.
-   EXPECT_EQ( lines, std::string( "1|" ) + ( v6 ? "ff02::d" : "224.0.0.13" ) + "|1|105|7\n" );
+   EXPECT_EQ( frames[ 0 ][ af == Lumo::AddressFamily::ipv6 ? 21 : 22 ], 1 );
 }
 
 TEST_P( RawPimIoTest, BurstArrivesWholeInOrderOnePerTurn ) {
