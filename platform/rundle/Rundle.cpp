@@ -292,25 +292,20 @@ ReadResult readFile( const std::string & path ) {
 
 // ---- Recorder ----------------------------------------------------------------------
 namespace {
-struct ThreadStream {
-   std::ostream stream{ nullptr };
-   bool busy = false;
-};
-thread_local ThreadStream threadStream;
+// Pointed at the record being formatted; no buffer while none is.
+thread_local std::ostream threadStream{ nullptr };
 } // namespace
 
 Recorder::Recorder( int level, const char * file, int line, const char * function )
       : level_( level ), file_( file ), line_( line ), function_( function ) {
    // Text beyond the limit reaches overflow(), which marks the record truncated.
    setp( buf_, buf_ + std::min( state().maxText, kMaxRecordText ) );
-   ThreadStream & t = threadStream;
-   if( t.busy ) {
+   std::ostream & s = threadStream;
+   if( s.rdbuf() ) {
       own_.emplace( static_cast< std::streambuf * >( this ) );
       stream_ = &*own_;
       return;
    }
-   t.busy = true;
-   std::ostream & s = t.stream;
    s.rdbuf( this );   // clears the state too
    // What the previous record set (std::hex, a width...) must not leak.
    s.flags( std::ios_base::skipws | std::ios_base::dec );
@@ -323,10 +318,7 @@ Recorder::Recorder( int level, const char * file, int line, const char * functio
 Recorder::~Recorder() {
    record( level_, file_, line_, function_, buf_, static_cast< std::size_t >( pptr() - pbase() ),
            truncated_ );
-   if( !own_ ) {
-      threadStream.stream.rdbuf( nullptr );
-      threadStream.busy = false;
-   }
+   if( !own_ ) threadStream.rdbuf( nullptr );
 }
 
 Recorder::int_type Recorder::overflow( int_type ch ) {
