@@ -1,4 +1,4 @@
-// The promises of the entity framework, grouped by promise.
+// The promises of the entity framework and its reactor frame, grouped by promise.
 #include <gtest/gtest.h>
 #include <stdexcept>
 
@@ -10,6 +10,8 @@
 
 #include "kiv/EntityMacros.h"
 #include "kiv/Log.h"
+#include "kiv/OwnedReactor.h"
+#include "kiv/ReactorMap.h"
 #include "kiv/testing/TestLoop.h"
 #include "tolm/TimerWheel.h"
 
@@ -49,17 +51,25 @@ struct Log {
    void add( std::string s ) { events.push_back( std::move( s ) ); }
 };
 
+// Immediate callbacks (holdTime and secondary only) are marked with "!".
 class NbrRecorder : public Nbr::NotifieeConst {
  public:
-   NbrRecorder( Kiv::Ptr< Nbr > n, Log & log, std::string tag = "" ) : log_( log ), tag_( tag ) {
+   NbrRecorder( Kiv::Ptr< Nbr > n, Log & log, std::string tag = "", bool immediate = false )
+         : log_( log ), tag_( tag ) {
+      kivImmediateIs( Nbr::kivAttr_holdTime, immediate );
+      kivImmediateIs( Nbr::kivAttr_secondary, immediate );
       notifierIs( n );
    }
    void onHoldTime() override { log_.add( tag_ + "holdTime=" + std::to_string( notifier()->holdTime() ) ); }
+   void onHoldTimekivImmediate() override {
+      log_.add( tag_ + "!holdTime=" + std::to_string( notifier()->holdTime() ) );
+   }
    void onDrPriority() override { log_.add( tag_ + "drPriority" ); }
    void onCount() override { log_.add( tag_ + "count=" + std::to_string( notifier()->count() ) ); }
    void onSecondary( const int & k ) override {
       log_.add( tag_ + "secondary " + std::to_string( k ) + ( notifier()->secondary( k ) ? "+" : "-" ) );
    }
+   void onSecondarykivImmediate( const int & k ) override { log_.add( tag_ + "!secondary " + std::to_string( k ) ); }
    void onLabel( const int & k ) override { log_.add( tag_ + "label " + std::to_string( k ) ); }
    void onNotifier() override { log_.add( tag_ + "resync" ); }
  private:
@@ -155,17 +165,6 @@ TEST_F( FrameworkTest, CollectionCallbacksArePerKeyIncludingDeletionAndDelAll ) 
    EXPECT_EQ( i->neighborSize(), 0u );
 }
 
-TEST_F( FrameworkTest, KeysInsertedAfterTheIteratorAreVisitedBeforeItEnds ) {
-   Kiv::HashMap< int, int > m;
-   m.insertOrAssign( 1, 1 );
-   int visits = 0;
-   for( auto it = m.iter(); it; ++it ) {
-      if( ++visits < 5 ) m.insertOrAssign( it.key() + 1, 0 );
-   }
-   EXPECT_EQ( visits, 5 );
-   EXPECT_EQ( m.size(), 5u );
-}
-
 // A machine owning its reactor; the reactor's callback deletes the machine.
 struct Owner {
    struct Reactor : Intf::NotifieeConst {
@@ -228,9 +227,11 @@ TEST_F( FrameworkTest, ZombieInactiveAndDestroyedReactorsDropQueuedNotifications
    Kiv::Ptr< Sm > sm( new Sm );
    auto n = Kiv::make< Nbr >( 1 );
    NbrRecorder zombie( n, log_, "z:" ), inactive( n, log_, "i:" ), unregistered( n, log_, "u:" );
+   NbrRecorder immediateZombie( n, log_, "iz:", true );
    auto destroyed = std::make_unique< NbrRecorder >( n, log_, "d:" );
    NbrRecorder live( n, log_, "l:" );
    zombie.kivOwnerIs( sm.ptr() );
+   immediateZombie.kivOwnerIs( sm.ptr() );
    n->holdTimeIs( 7 );
    n->secondaryIs( 1, true );
    sm->kivDoZombieReactors( true );
@@ -239,7 +240,8 @@ TEST_F( FrameworkTest, ZombieInactiveAndDestroyedReactorsDropQueuedNotifications
    destroyed.reset();
    n->holdTimeIs( 8 );
    ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_EQ( log_.events, ( std::vector< std::string >{ "l:holdTime=8", "l:secondary 1+" } ) );
+   EXPECT_EQ( log_.events, ( std::vector< std::string >{ "iz:!holdTime=7", "iz:!secondary 1", "l:holdTime=8",
+                                                        "l:secondary 1+" } ) );
 }
 
 TEST_F( FrameworkTest, AnExceptionGoesToOnNotificationExceptionAndTheLoopGoesOn ) {
@@ -304,27 +306,16 @@ TEST_F( FrameworkTest, ReplacingTheNotifierResynchronisesOnceAndDropsOldPending 
 }
 
 TEST_F( FrameworkTest, ImmediateCallbacksSeeEveryIntermediateValue ) {
-   struct Mirror : Nbr::NotifieeConst {
-      std::vector< int > values, keys;
-      Mirror() {
-         kivImmediateIs( Nbr::kivAttr_holdTime, true );
-         kivImmediateIs( Nbr::kivAttr_secondary, true );
-      }
-      void onHoldTimekivImmediate() override { values.push_back( notifier()->holdTime() ); }
-      void onHoldTime() override { values.push_back( -1 ); }
-      void onSecondarykivImmediate( const int & k ) override { keys.push_back( k ); }
-   };
    auto n = Kiv::make< Nbr >( 1 );
-   Mirror m;
-   m.notifierIs( n );
+   NbrRecorder r( n, log_, "", true );
    n->holdTimeIs( 1 );
    n->holdTimeIs( 2 );
    n->secondaryIs( 5, true );
    n->secondaryDel( 5 );
-   EXPECT_EQ( m.values, ( std::vector< int >{ 1, 2 } ) );
-   EXPECT_EQ( m.keys, ( std::vector< int >{ 5, 5 } ) );
+   const std::vector< std::string > heard = { "!holdTime=1", "!holdTime=2", "!secondary 5", "!secondary 5" };
+   EXPECT_EQ( log_.events, heard );
    ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_EQ( m.values.size(), 2u ) << "immediate replaces the deferred form";
+   EXPECT_EQ( log_.events, heard ) << "immediate replaces the deferred form";
 }
 
 TEST_F( FrameworkTest, DetachingDuringAnImmediateWalkSkipsOnlyTheDetachedReactor ) {
@@ -409,60 +400,77 @@ TEST_F( FrameworkTest, PingPongBetweenReactorsHitsTheBudgetInsteadOfHanging ) {
    pa.notifierIs( nullptr );
 }
 
-struct Tick : Tolm::TimerWheel::NotifieeConst {
-   std::vector< std::pair< std::string, double > > * fired;
-   std::string name;
-   Tick( Tolm::TimerWheel * w, std::vector< std::pair< std::string, double > > * f, std::string n )
-         : Tolm::TimerWheel::NotifieeConst( w ), fired( f ), name( std::move( n ) ) {}
-   void onTime() override { fired->emplace_back( name, Kiv::System::currentTime() ); }
-};
-
-TEST_F( FrameworkTest, ATimerDueAtTheTargetFiresInThatAdvanceAPastOneOnTheNextTurn ) {
-   auto wheel = Tolm::TimerWheelIs( loop_.clock() );
-   std::vector< std::pair< std::string, double > > fired;
-   Tick t( wheel.ptr(), &fired, "t" );
-   // On and between the wheel's ticks, near and far.
-   for( const double at : { 2.5, 3.0, 3.001, 4000.25, 1e6 + 0.1 } ) {
-      SCOPED_TRACE( at );
-      fired.clear();
-      t.timeMinIs( at );
-      ASSERT_TRUE( loop_.advanceTo( at ) );
-      ASSERT_EQ( fired.size(), 1u );
-      EXPECT_EQ( fired[ 0 ].second, at );
-   }
-   // A past deadline fires on the next turn, not inside the arming call.
-   fired.clear();
-   t.timeMinIs( 1.0 );
-   EXPECT_TRUE( fired.empty() );
-   ASSERT_TRUE( loop_.advanceBy( 0.0 ) );
-   ASSERT_EQ( fired.size(), 1u );
-   EXPECT_EQ( fired[ 0 ].second, 1e6 + 0.1 );
-   EXPECT_EQ( t.timeMin(), Kiv::kNever );
-}
-
 TEST_F( FrameworkTest, NotificationsCausedByATimerRunBeforeTheNextTimerFires ) {
+   struct Tick : Tolm::TimerWheel::NotifieeConst {
+      std::function< void() > f;
+      Tick( Tolm::TimerWheel * w, std::function< void() > fn ) : NotifieeConst( w ), f( std::move( fn ) ) {}
+      void onTime() override { f(); }
+   };
    auto wheel = Tolm::TimerWheelIs( loop_.clock() );
    auto n = Kiv::make< Nbr >( 1 );
-   struct Arm : Tolm::TimerWheel::NotifieeConst {
-      Kiv::Ptr< Nbr > n;
-      using Tolm::TimerWheel::NotifieeConst::NotifieeConst;
-      void onTime() override { n->holdTimeIs( 42 ); }
-   } arm( wheel.ptr() );
-   arm.n = n;
-   std::vector< std::pair< std::string, double > > fired;
-   Tick later( wheel.ptr(), &fired, "later" );
    NbrRecorder r( n, log_ );
+   Tick arm( wheel.ptr(), [ & ] { n->holdTimeIs( 42 ); } ), probe( wheel.ptr(), [ & ] { log_.add( "probe" ); } );
    arm.timeMinIs( 1.0 );
-   later.timeMinIs( 1.0 );
-   struct Probe : Tolm::TimerWheel::NotifieeConst {
-      Log * log;
-      using Tolm::TimerWheel::NotifieeConst::NotifieeConst;
-      void onTime() override { log->add( "probe" ); }
-   } probe( wheel.ptr() );
-   probe.log = &log_;
    probe.timeMinIs( 1.0 );
    ASSERT_TRUE( loop_.advanceTo( 2.0 ) );
    EXPECT_EQ( log_.events, ( std::vector< std::string >{ "holdTime=42", "probe" } ) );
+}
+
+TEST_F( FrameworkTest, WritesReportWhetherTheyChangedAnything ) {
+   auto n = Kiv::make< Nbr >( 1 );
+   auto i = Kiv::make< Intf >();
+   EXPECT_EQ( n->holdTime(), Nbr::holdTimeInitial() );
+   // Scalar at its default, new, again; counter; collection key new, same, new value; pointer.
+   const std::vector< bool > changed = { n->holdTimeIs( 105 ), n->holdTimeIs( 8 ),     n->holdTimeIs( 8 ),
+                                         n->countIs( 2 ),      n->countIs( 2 ),        n->labelIs( 1, "a" ),
+                                         n->labelIs( 1, "a" ), n->labelIs( 1, "b" ),   i->peerIs( n ),
+                                         i->peerIs( n ) };
+   EXPECT_EQ( changed, ( std::vector< bool >{ false, true, false, true, false, true, false, true, true, false } ) );
+}
+
+// Keyed reactors forward to their owner (here the log) with their key.
+class KivNbr : public Kiv::KeyedReactor< Nbr::NotifieeConst, Log, std::string > {
+ public:
+   KivNbr( Log * o, const std::string & name, const Kiv::Ptr< Nbr > & n ) : KeyedReactor( o, name ) {
+      notifierIs( n );
+      owner_->add( "bound " + key_ );
+   }
+   ~KivNbr() override { owner_->add( "gone " + key_ ); }
+   void onHoldTime() override { owner_->add( key_ + " holdTime" ); }
+};
+
+TEST_F( FrameworkTest, ReactorMapBuildsOncePerKeyAndHandsOver ) {
+   auto a = Kiv::make< Nbr >( 1 ), b = Kiv::make< Nbr >( 2 );
+   Kiv::ReactorMap< std::string, KivNbr > map;
+   KivNbr & first = map.emplace( "a", &log_, "a", a );
+   // A key that has its reactor keeps it: emplace builds nothing.
+   EXPECT_EQ( &map.emplace( "a", &log_, "a", b ), &first );
+   map.insert( "b", std::make_unique< KivNbr >( &log_, "b", b ) );
+   EXPECT_EQ( map.size(), 2u );
+   EXPECT_EQ( map.find( "b" )->key(), "b" );
+   EXPECT_EQ( map.find( "c" ), nullptr );
+   ASSERT_NE( map.firstKey(), nullptr );
+   EXPECT_EQ( *map.firstKey(), "a" );
+
+   // A reactor taken out still lives until its new holder lets it go.
+   std::unique_ptr< KivNbr > taken = map.take( "a" );
+   ASSERT_TRUE( taken );
+   EXPECT_FALSE( map.contains( "a" ) );
+   EXPECT_EQ( map.take( "a" ), nullptr );
+   a->holdTimeIs( 1 );
+   ASSERT_TRUE( loop_.runUntilIdle() );
+   taken.reset();
+   EXPECT_EQ( log_.events, ( std::vector< std::string >{ "bound a", "bound b", "a holdTime", "gone a" } ) );
+
+   // forEach tolerates unbinding the reactor it stands on.
+   map.emplace( "c", &log_, "c", a );
+   std::vector< std::string > visited;
+   map.forEach( [ & ]( const std::string & k, KivNbr & ) {
+      visited.push_back( k );
+      map.unbind( k );
+   } );
+   EXPECT_EQ( visited, ( std::vector< std::string >{ "b", "c" } ) );
+   EXPECT_EQ( map.size(), 0u );
 }
 
 } // namespace

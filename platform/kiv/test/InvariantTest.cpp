@@ -2,27 +2,16 @@
 // assertions switched off, as an NDEBUG build would.
 #include <gtest/gtest.h>
 
-#include <cstddef>
-#include <functional>
-
 #define NDEBUG 1
 #include "kiv/HashMap.h"
 
 namespace {
 
 // A key of this file only, so that the map below is instantiated here alone.
-struct NdebugKey {
-   int v;
-   bool operator==( const NdebugKey & ) const = default;
-};
-struct NdebugKeyHash {
-   std::size_t operator()( const NdebugKey & k ) const { return std::hash< int >()( k.v ); }
-};
-
-using NdebugMap = Kiv::HashMap< NdebugKey, int, NdebugKeyHash >;
+enum class NdebugKey : int {};
 
 void destroyUnderALiveIterator() {
-   auto * m = new NdebugMap();
+   auto * m = new Kiv::HashMap< NdebugKey, int >();
    m->insertOrAssign( NdebugKey{ 1 }, 1 );
    auto it = m->iter();
    delete m;
