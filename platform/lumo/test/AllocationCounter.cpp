@@ -5,13 +5,13 @@
 #include <cstdlib>
 #include <new>
 
-#include "AllocationCounter.h"
-
 namespace {
 std::atomic< std::size_t > count{ 0 };
 }
 
-std::size_t LumoTest::allocationCount() { return count.load( std::memory_order_relaxed ); }
+namespace LumoTest {
+std::size_t allocationCount() { return count.load( std::memory_order_relaxed ); }
+}
 
 void * operator new( std::size_t n ) {
    count.fetch_add( 1, std::memory_order_relaxed );

@@ -1,10 +1,13 @@
-// Lumo::IpGenAddr and Lumo::AddressFamily: text forms, order, hash and the
-// accessors the PIM code leans on.
+// Lumo::IpGenAddr, AddressFamily, IpGenAddrWithMask and IpGenPrefix: text
+// forms, order, hash, containment and the accessors the PIM code leans on.
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <random>
-#include <sstream>
+#include <set>
 #include <string>
+#include <tuple>
+#include <unordered_set>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -15,13 +18,23 @@
 #include "kiv/RangeException.h"
 #include "lumo/AddressFamily.h"
 #include "lumo/IpGenAddr.h"
+#include "lumo/IpGenAddrWithMask.h"
+#include "lumo/IpGenPrefix.h"
 
 namespace {
 
 using Lumo::AddressFamily;
 using Lumo::IpGenAddr;
+using Lumo::IpGenAddrWithMask;
+using Lumo::IpGenPrefix;
+using LumoTest::rangeErrorText;
 
 IpGenAddr addr( std::string_view s ) { return IpGenAddr::fromStrep( s ); }
+IpGenPrefix prefix( std::string_view s ) { return IpGenPrefix::fromStrep( s ); }
+IpGenAddrWithMask withMask( std::string_view s ) { return IpGenAddrWithMask::fromStrep( s ); }
+
+// Bit i of the address, most significant first.
+bool bit( const IpGenAddr & a, unsigned i ) { return ( a.bytes()[ i / 8 ] >> ( 7 - i % 8 ) ) & 1; }
 
 IpGenAddr::Bytes16 randomV6( std::mt19937_64 & rng ) {
    IpGenAddr::Bytes16 b;
@@ -66,12 +79,7 @@ TEST( IpGenAddrStrepTest, TextForms ) {
       { "198.18.0.1/24", nullptr, 10 }, { "198.18.0.1 ", nullptr, 10 }, { "2001:db8::1%eth0", nullptr, 11 },
       { "::g", nullptr, 2 },
    } );
-   try {
-      addr( "1.2.3" );
-      FAIL() << "no exception";
-   } catch( const Kiv::RangeException & e ) {
-      EXPECT_STREQ( e.what(), "IpGenAddr::fromStrep: malformed \"1.2.3\"" );
-   }
+   EXPECT_EQ( rangeErrorText( [] { addr( "1.2.3" ); } ), "IpGenAddr::fromStrep: malformed \"1.2.3\"" );
 }
 
 TEST( IpGenAddrStrepTest, AgreesWithTheSystemConversionsOnRandomAddresses ) {
@@ -97,9 +105,7 @@ TEST( IpGenAddrStrepTest, AgreesWithTheSystemConversionsOnRandomAddresses ) {
 TEST( IpGenAddrOrderTest, MatchesFamilyThenBigEndianBytes ) {
    // Reference order: family, then the bytes as unsigned numbers, first byte
    // most significant. Random addresses with shared prefixes exercise both
-   // 64-bit halves and high-bit bytes.
-   // Edges too: the empty address, both ends of IPv4, the same bytes in
-   // both families.
+   // 64-bit halves and high-bit bytes; the same bytes in both families too.
    std::mt19937_64 rng( 11 );
    std::vector< IpGenAddr > all = { IpGenAddr(), addr( "0.0.0.0" ), addr( "255.255.255.255" ), addr( "::" ),
                                     addr( "::1" ), addr( "198.18.0.1" ),
@@ -133,21 +139,13 @@ TEST( IpGenAddrHashTest, LowBitsSpreadForAContiguousBlock ) {
    // addresses spread over 65536 buckets about as well as a random function
    // would (1 - 1/e, about 41400 buckets used).
    for( bool v6 : { false, true } ) {
-      std::vector< bool > used( 1 << 16 );
-      std::size_t filled = 0;
+      std::set< std::size_t > buckets;
       for( std::uint32_t i = 0; i < ( 1u << 16 ); ++i ) {
-         IpGenAddr a = IpGenAddr::ipv4( 0xC6120000 | i );
-         if( v6 ) {
-            IpGenAddr::Bytes16 b = { 0x20, 0x01, 0x0d, 0xb8 };
-            b[ 14 ] = static_cast< std::uint8_t >( i >> 8 );
-            b[ 15 ] = static_cast< std::uint8_t >( i );
-            a = IpGenAddr( b );
-         }
-         const std::size_t bucket = std::hash< IpGenAddr >()( a ) & 0xFFFF;
-         filled += !used[ bucket ];
-         used[ bucket ] = true;
+         const IpGenAddr::Bytes16 b = { 0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                        static_cast< std::uint8_t >( i >> 8 ), static_cast< std::uint8_t >( i ) };
+         buckets.insert( std::hash< IpGenAddr >()( v6 ? IpGenAddr( b ) : IpGenAddr::ipv4( 0xC6120000 | i ) ) & 0xFFFF );
       }
-      EXPECT_GT( filled, 40000u ) << ( v6 ? "ipv6" : "ipv4" );
+      EXPECT_GT( buckets.size(), 40000u ) << ( v6 ? "ipv6" : "ipv4" );
    }
 }
 
@@ -167,10 +165,10 @@ TEST( IpGenAddrAccessTest, AddressClasses ) {
       { "169.255.1.1", false, false, false },
    };
    for( const Case & c : cases ) {
-      SCOPED_TRACE( c.text );
-      EXPECT_EQ( addr( c.text ).isUnspecified(), c.unspecified );
-      EXPECT_EQ( addr( c.text ).isMulticast(), c.multicast );
-      EXPECT_EQ( addr( c.text ).isLinkLocal(), c.linkLocal );
+      const IpGenAddr a = addr( c.text );
+      EXPECT_EQ( std::tuple( a.isUnspecified(), a.isMulticast(), a.isLinkLocal() ),
+                 std::tuple( c.unspecified, c.multicast, c.linkLocal ) )
+            << c.text;
    }
 }
 
@@ -185,6 +183,139 @@ TEST( AddressFamilyTest, NamesRoundTrip ) {
    for( std::string_view bad : { "", "ipv5", "IPV4", "ip", "ipv4 ", "unknown" } ) {
       EXPECT_THROW( Lumo::addressFamilyFromStrep( bad ), Kiv::RangeException ) << bad;
    }
+}
+
+TEST( IpGenAddrWithMaskTest, TextForms ) {
+   LumoTest::expectTextForms< IpGenAddrWithMask >( withMask( "198.18.9.9/9" ), {
+      { "198.18.0.1/24", "198.18.0.1/24" }, { "0.0.0.0/0", "0.0.0.0/0" }, { "198.18.0.1/32", "198.18.0.1/32" },
+      { "198.19.255.255/15", "198.19.255.255/15" }, { "2001:DB8:0::1/64", "2001:db8::1/64" }, { "::/0", "::/0" },
+      { "2001:db8::1/128", "2001:db8::1/128" }, { "::ffff:198.18.0.1/96", "::ffff:198.18.0.1/96" }, { "", "" },
+      { "198.18.0.1", nullptr }, { "198.18.0.1/", nullptr }, { "198.18.0.1/33", nullptr }, { "/24", nullptr },
+      { "198.18.0.1/024", nullptr }, { "198.18.0.1/-1", nullptr }, { "198.18.0.1//24", nullptr },
+      { "2001:db8::/129", nullptr }, { "2001:db8::/1280", nullptr }, { "198.18.0.1 /24", nullptr },
+      { "1.2.3/8", nullptr },
+      { "198.18.0.1/2a", nullptr, 12 },   // the parser stops after the length
+   } );
+}
+
+// Every constructor refuses what the family cannot hold, with its fixed text.
+TEST( IpGenAddrWithMaskTest, OutOfRangeValuesAreRefusedWithTheirFixedTexts ) {
+   const std::pair< std::function< void() >, const char * > cases[] = {
+      { [] { IpGenAddrWithMask( addr( "198.18.0.1" ), 33 ); }, "IpGenAddrWithMask::maskLen > 32 not allowed" },
+      { [] { IpGenAddrWithMask( addr( "2001:db8::1" ), 129 ); }, "IpGenAddrWithMask::maskLen > 128 not allowed" },
+      { [] { IpGenAddrWithMask( IpGenAddr(), 1 ); }, "IpGenAddrWithMask::maskLen > 0 not allowed" },
+      { [] { IpGenPrefix( addr( "198.18.0.1" ), 24 ); }, "Prefix::validAsPrefix != true not allowed" },
+      { [] { IpGenPrefix( addr( "198.18.0.0" ), 33 ); }, "Prefix::validAsPrefix != true not allowed" },
+      { [] { IpGenPrefix( IpGenAddr(), 8 ); }, "Prefix::validAsPrefix != true not allowed" },
+      { [] { IpGenPrefix::masked( addr( "198.18.0.1" ), 33 ); }, "IpGenPrefix::len > 32 not allowed" },
+      { [] { IpGenPrefix::masked( addr( "::1" ), 200 ); }, "IpGenPrefix::len > 128 not allowed" },
+   };
+   for( const auto & [ f, text ] : cases ) EXPECT_EQ( rangeErrorText( f ), text );
+   EXPECT_EQ( IpGenAddrWithMask( addr( "2001:db8::1" ), 128 ).maskLen(), 128u );
+}
+
+TEST( IpGenAddrWithMaskTest, SubnetAndMaskedClearHostBits ) {
+   const std::pair< const char *, const char * > cases[] = {
+      { "198.18.5.77/20", "198.18.0.0/20" },
+      { "198.18.5.77/32", "198.18.5.77/32" },
+      { "198.18.5.77/0", "0.0.0.0/0" },
+      { "2001:db8:1:2:3:4:5:6/61", "2001:db8:1::/61" },
+      { "2001:db8:1:2:3:4:5:6/127", "2001:db8:1:2:3:4:5:6/127" },
+      { "2001:db8:1:2:3:4:5:7/127", "2001:db8:1:2:3:4:5:6/127" },
+      { "", "" },
+   };
+   for( const auto & [ text, subnet ] : cases ) {
+      const IpGenAddrWithMask a = withMask( text );
+      EXPECT_EQ( a.subnet(), prefix( subnet ) ) << text;
+      // The factory clears host bits instead of throwing.
+      EXPECT_EQ( IpGenPrefix::masked( a.address(), a.maskLen() ), prefix( subnet ) ) << text;
+   }
+}
+
+TEST( IpGenPrefixTest, ValidAsPrefix ) {
+   const std::tuple< const char *, unsigned, bool > cases[] = {
+      { "198.18.0.0", 15, true },  { "198.18.0.0", 14, false },   // 198.18 is odd in /14
+      { "198.18.0.1", 32, true },  { "198.18.0.1", 31, false },   { "0.0.0.0", 0, true },
+      { "128.0.0.0", 0, false },   { "128.0.0.0", 1, true },      { "0.0.0.0", 33, false },
+      { "2001:db8::", 32, true },  { "2001:db8::", 28, false },   { "2001:db8:0:0:8000::", 65, true },
+      { "2001:db8:0:0:8000::", 64, false }, { "2001:db8::1", 128, true }, { "2001:db8::1", 127, false },
+      { "::", 129, false },        { "", 0, true },               { "", 1, false },
+   };
+   for( const auto & [ text, len, valid ] : cases ) {
+      EXPECT_EQ( IpGenPrefix::validAsPrefix( *text ? addr( text ) : IpGenAddr(), len ), valid ) << text << "/" << len;
+   }
+}
+
+TEST( IpGenPrefixTest, ContainsMatchesABitByBitReference ) {
+   // Every length, random address pairs that share a random number of leading
+   // bits: the word-wise test must agree with comparing bit by bit.
+   std::mt19937_64 rng( 3 );
+   for( int round = 0; round < 400; ++round ) {
+      const bool v6 = round % 2;
+      IpGenAddr::Bytes16 b{};
+      for( auto & x : b ) x = static_cast< std::uint8_t >( rng() );
+      const IpGenAddr base = v6 ? IpGenAddr( b ) : IpGenAddr( IpGenAddr::Bytes4{ b[ 0 ], b[ 1 ], b[ 2 ], b[ 3 ] } );
+      const unsigned width = base.maxMaskLen();
+      // Flip one bit: the pair then agrees exactly on the bits before it.
+      const unsigned flip = static_cast< unsigned >( rng() % width );
+      IpGenAddr::Bytes16 o = b;
+      o[ flip / 8 ] ^= static_cast< std::uint8_t >( 0x80 >> ( flip % 8 ) );
+      const IpGenAddr other = v6 ? IpGenAddr( o ) : IpGenAddr( IpGenAddr::Bytes4{ o[ 0 ], o[ 1 ], o[ 2 ], o[ 3 ] } );
+      for( unsigned len = 0; len <= width; ++len ) {
+         bool same = true;
+         for( unsigned i = 0; i < len; ++i ) same = same && bit( base, i ) == bit( other, i );
+         const IpGenPrefix p = IpGenPrefix::masked( base, len );
+         ASSERT_TRUE( p.contains( base ) ) << p;
+         ASSERT_EQ( p.contains( other ), same ) << p << " " << other;
+         ASSERT_EQ( IpGenAddrWithMask( base, len ).contains( other ), same ) << p << " " << other;
+         ASSERT_EQ( same, len <= flip );
+      }
+   }
+}
+
+TEST( IpGenPrefixTest, ContainsAtTheEdges ) {
+   const std::tuple< const char *, const char *, bool > addresses[] = {
+      { "0.0.0.0/0", "198.18.0.1", true },          { "0.0.0.0/0", "255.255.255.255", true },
+      { "0.0.0.0/0", "::", false },                 { "::/0", "2001:db8::1", true },
+      { "::/0", "0.0.0.0", false },                 { "198.18.0.1/32", "198.18.0.1", true },
+      { "198.18.0.1/32", "198.18.0.0", false },     { "2001:db8::1/128", "2001:db8::1", true },
+      { "2001:db8::1/128", "2001:db8::3", false },  { "", "0.0.0.0", false },
+   };
+   for( const auto & [ p, a, in ] : addresses ) EXPECT_EQ( prefix( p ).contains( addr( a ) ), in ) << p << " " << a;
+   EXPECT_FALSE( IpGenPrefix().contains( IpGenAddr() ) );
+   const std::tuple< const char *, const char *, bool > prefixes[] = {
+      { "198.18.0.0/15", "198.19.1.0/24", true },  { "198.18.0.0/15", "198.18.0.0/15", true },
+      { "198.18.0.0/16", "198.18.0.0/15", false }, { "198.18.0.0/16", "198.19.0.0/24", false },
+      { "::/0", "0.0.0.0/0", false },
+   };
+   for( const auto & [ p, q, in ] : prefixes ) EXPECT_EQ( prefix( p ).contains( prefix( q ) ), in ) << p << " " << q;
+}
+
+TEST( IpGenPrefixTest, TextFormsRefuseHostBits ) {
+   LumoTest::expectTextForms< IpGenPrefix >( prefix( "198.18.0.0/15" ), {
+      { "198.18.0.0/15", "198.18.0.0/15" }, { "0.0.0.0/0", "0.0.0.0/0" }, { "198.18.0.1/32", "198.18.0.1/32" },
+      { "2001:0DB8:0:0::/32", "2001:db8::/32" }, { "::/0", "::/0" }, { "2001:db8::1/128", "2001:db8::1/128" },
+      { "ff00::/8", "ff00::/8" }, { "", "" },
+      { "198.18.0.1/24", nullptr }, { "2001:db8::1/64", nullptr }, { "198.18.0.0/33", nullptr },
+      { "198.18.0.0", nullptr }, { "/0", nullptr }, { "198.18.0.0/15x", nullptr, 13 },
+   } );
+   EXPECT_EQ( rangeErrorText( [] { prefix( "198.18.0.1/24" ); } ),
+              "IpGenPrefix::fromStrep: malformed \"198.18.0.1/24\"" );
+}
+
+TEST( IpGenPrefixTest, OrderByAddressThenLength ) {
+   std::vector< IpGenPrefix > v = { prefix( "::/0" ), prefix( "198.18.0.0/16" ), prefix( "198.18.0.0/15" ),
+                                    prefix( "10.0.0.0/8" ), IpGenPrefix(), prefix( "2001:db8::/32" ) };
+   std::sort( v.begin(), v.end() );
+   std::vector< std::string > texts;
+   for( const auto & p : v ) texts.push_back( valueToStrep( p ) );
+   EXPECT_EQ( texts, ( std::vector< std::string >{ "", "10.0.0.0/8", "198.18.0.0/15", "198.18.0.0/16",
+                                                   "::/0", "2001:db8::/32" } ) );
+   EXPECT_EQ( std::hash< IpGenPrefix >()( prefix( "2001:db8::/32" ) ),
+              std::hash< IpGenPrefix >()( IpGenPrefix::masked( addr( "2001:db8::1" ), 32 ) ) );
+   std::unordered_set< IpGenPrefix > set( v.begin(), v.end() );
+   set.insert( prefix( "198.18.0.0/16" ) );
+   EXPECT_EQ( set.size(), v.size() );
 }
 
 } // namespace

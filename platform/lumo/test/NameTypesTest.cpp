@@ -1,33 +1,92 @@
-// Lumo::IntfId, Lumo::NamespaceName and L3::VrfName: VLAN recognition, length
-// limits with their fixed texts, order, hash and string forms.
-#include <algorithm>
-#include <sstream>
+// Kiv::String and Kiv::Name (sharing, allocation, comparison, string forms);
+// Lumo::IntfId, Lumo::NamespaceName and L3::VrfName (VLAN recognition, length
+// limits with their fixed texts, defaults, string forms).
+#include <array>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "TextForms.h"
-#include "kiv/RangeException.h"
+#include "kiv/String.h"
 #include "lumo/IntfId.h"
 #include "lumo/NamespaceName.h"
 #include "lumo/VrfName.h"
 
+namespace LumoTest {
+// Calls of plain operator new so far in this process (AllocationCounter.cpp).
+std::size_t allocationCount();
+} // namespace LumoTest
+
 namespace {
 
+using Kiv::Name;
+using Kiv::String;
+using L3::VrfName;
 using Lumo::IntfId;
 using Lumo::NamespaceName;
-using L3::VrfName;
+using LumoTest::rangeErrorText;
 
-std::string rangeErrorText( const auto & f ) {
-   try {
-      f();
-   } catch( const Kiv::RangeException & e ) {
-      return e.what();
+TEST( StringTest, EmptyStringsAndCopiesNeverAllocateAndCopiesShareOneBuffer ) {
+   const String full( "Ethernet1" );
+   bool allEmpty = false;
+   std::size_t hash = 0;
+   std::array< const char *, 3 > buffers{};
+   const std::size_t before = LumoTest::allocationCount();
+   {
+      String a, b( "" ), c{ std::string_view() }, d = a, e = std::move( b );
+      Name n( "" );
+      String f = full, g;
+      g = f;
+      String h = std::move( g );
+      Name m( full );
+      allEmpty = a.empty() && c.empty() && d.empty() && e.empty() && n.empty() && a.size() == 0 &&
+                 *a.c_str() == '\0' && g.empty();
+      hash = a.hash();
+      buffers = { f.data(), h.data(), m.string().data() };
    }
-   return "no exception";
+   EXPECT_EQ( LumoTest::allocationCount(), before );
+   EXPECT_TRUE( allEmpty );
+   EXPECT_EQ( hash, std::hash< std::string_view >()( "" ) );
+   EXPECT_EQ( buffers, ( std::array< const char *, 3 >{ full.data(), full.data(), full.data() } ) );
+   // The buffer outlives the original.
+   String survivor;
+   {
+      String original( std::string( 100, 'x' ) );
+      survivor = original;
+   }
+   EXPECT_EQ( survivor.stringValue(), std::string( 100, 'x' ) );
+   EXPECT_EQ( survivor.c_str()[ 100 ], '\0' );
+}
+
+TEST( StringTest, EqualityOrderAndHashFollowTheCharacters ) {
+   const std::string withNul( "a\0b", 3 );
+   const std::vector< std::string > texts = { "",  "a",  "A", "ab", "abc", "b", withNul,
+                                              "a\xff", "\x80", " ", "Ethernet10", "Ethernet2" };
+   for( const auto & x : texts ) {
+      for( const auto & y : texts ) {
+         const String sx( x ), sy( y );
+         SCOPED_TRACE( x + " vs " + y );
+         EXPECT_EQ( sx == sy, x == y );
+         // Unsigned byte order, as std::string compares.
+         EXPECT_EQ( sx < sy, x < y );
+         EXPECT_EQ( Name( x ) < Name( y ), x < y );
+         if( x == y ) {
+            EXPECT_EQ( std::hash< String >()( sx ), std::hash< String >()( sy ) );
+            EXPECT_EQ( std::hash< Name >()( Name( x ) ), std::hash< Name >()( Name( y ) ) );
+         }
+      }
+   }
+   EXPECT_EQ( String( withNul ).size(), 3u );
+   EXPECT_EQ( String( static_cast< const char * >( nullptr ) ), String() );
+}
+
+TEST( StringTest, StrepIsTheTextAndTheParserTakesEverything ) {
+   const std::initializer_list< LumoTest::TextCase > texts = {
+      { "", "" }, { "Ethernet1", "Ethernet1" }, { "with space", "with space" }, { "tab\there", "tab\there" },
+      { "x/y:z", "x/y:z" } };
+   LumoTest::expectTextForms< String >( String( "junk" ), texts );
+   LumoTest::expectTextForms< Name >( Name( "junk" ), texts );
 }
 
 template< class T >
@@ -85,17 +144,15 @@ TEST( NameTypesTest, TextFormsAndLengthLimits ) {
    expectLengthLimit< VrfName >( 100, "VrfName::bytes > VrfName::maxLength not allowed" );
 }
 
-TEST( NameTypesTest, DefaultsOrderAndHash ) {
-   EXPECT_TRUE( NamespaceName::defaultNamespace().isDefault() );
+TEST( NameTypesTest, Defaults ) {
    EXPECT_EQ( NamespaceName::defaultNamespace(), NamespaceName( "" ) );
-   EXPECT_FALSE( NamespaceName( "default" ).isDefault() );
-
    EXPECT_EQ( VrfName::defaultVrf().stringValue(), "default" );
-   EXPECT_TRUE( VrfName( "default" ).isDefault() );
-   EXPECT_FALSE( VrfName( "Default" ).isDefault() );
    // Default-constructed is the empty name, which is not the default VRF.
+   const std::vector< bool > isDefault = { NamespaceName::defaultNamespace().isDefault(),
+                                           NamespaceName( "default" ).isDefault(), VrfName( "default" ).isDefault(),
+                                           VrfName( "Default" ).isDefault(), VrfName().isDefault() };
+   EXPECT_EQ( isDefault, ( std::vector< bool >{ true, false, true, false, false } ) );
    EXPECT_TRUE( VrfName().isEmpty() );
-   EXPECT_FALSE( VrfName().isDefault() );
    EXPECT_EQ( std::hash< VrfName >()( VrfName::defaultVrf() ), std::hash< VrfName >()( "default" ) );
 }
 

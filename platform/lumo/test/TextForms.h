@@ -57,4 +57,14 @@ void expectTextForms( const T & sentinel, std::initializer_list< TextCase > case
    }
 }
 
+// The text of the RangeException f throws, or "no exception".
+inline std::string rangeErrorText( const auto & f ) {
+   try {
+      f();
+   } catch( const Kiv::RangeException & e ) {
+      return e.what();
+   }
+   return "no exception";
+}
+
 } // namespace LumoTest
