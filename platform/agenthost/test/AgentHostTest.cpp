@@ -14,11 +14,10 @@ class ToyAgent : public AgentBase::CAgent {
    explicit ToyAgent( const std::string & name ) : CAgent( name ) {}
    void doInit() override {
       auto g = getMountGroup();
-      for( const char * c : { Stage::bootStageClass } ) {
-         g->doMount( { Stage::agentConfigPath( c, name() ), "Stage::AgentConfig", "r" } );
-         g->doMount( { Stage::agentStatusPath( c, name() ), "Stage::AgentStatus", "wcf" } );
-         g->doMount( { Stage::progressPath( c ), "Stage::ProgressDir", "r" } );
-      }
+      const char * c = Stage::bootStageClass;
+      g->doMount( { Stage::agentConfigPath( c, name() ), "Stage::AgentConfig", "r" } );
+      g->doMount( { Stage::agentStatusPath( c, name() ), "Stage::AgentStatus", "wcf" } );
+      g->doMount( { Stage::progressPath( c ), "Stage::ProgressDir", "r" } );
       g->doClose( false, "", 0.0 );
    }
    void doMountsComplete( Dovel::MountStatus s, const Kiv::Ptr< Dovel::EntityManager > & em ) override {
@@ -39,14 +38,10 @@ class ToyAgent : public AgentBase::CAgent {
    }
    void doCleanup() override { ++cleanups; }
 
-   class Timer : public Tolm::TimerWheel::NotifieeConst {
-    public:
-      explicit Timer( ToyAgent * a ) : Tolm::TimerWheel::NotifieeConst( a->timerWheel().ptr() ), a_( a ) {}
-      void onTime() override {
-         a_->boot->doStageComplete( "Slow" );
-      }
-    private:
-      ToyAgent * a_;
+   struct Timer : Tolm::TimerWheel::NotifieeConst {
+      ToyAgent * a;
+      explicit Timer( ToyAgent * t ) : NotifieeConst( t->timerWheel().ptr() ), a( t ) {}
+      void onTime() override { a->boot->doStageComplete( "Slow" ); }
    };
    Dovel::MountStatus status = Dovel::mountNotFound_;
    Kiv::Ptr< AgentBase::StagesHelper > boot;

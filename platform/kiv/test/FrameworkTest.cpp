@@ -244,42 +244,38 @@ TEST_F( FrameworkTest, ZombieInactiveAndDestroyedReactorsDropQueuedNotifications
                                                         "l:secondary 1+" } ) );
 }
 
-TEST_F( FrameworkTest, AnExceptionGoesToOnNotificationExceptionAndTheLoopGoesOn ) {
-   struct Thrower : Intf::NotifieeConst {
-      std::vector< std::string > caught;
-      std::vector< int > seen;
-      void onNeighbor( const int & k ) override {
-         seen.push_back( k );
-         if( k == 1 ) throw std::runtime_error( "boom" );
-      }
-      void onNotificationException( const std::exception & e ) override { caught.push_back( e.what() ); }
-   };
-   auto i = Kiv::make< Intf >();
-   Thrower t;
-   t.notifierIs( i );
-   IntfRecorder other( i, log_ );
-   i->neighborIs( 1 );
-   i->neighborIs( 2 );
-   ASSERT_TRUE( loop_.runUntilIdle() );
-   EXPECT_EQ( t.caught, std::vector< std::string >{ "boom" } );
-   EXPECT_EQ( t.seen, ( std::vector< int >{ 1, 2 } ) );
-   EXPECT_EQ( log_.events.size(), 2u );
-}
-
-TEST_F( FrameworkTest, DefaultExceptionRoutingIsCountedAndLoggedRateLimited ) {
+TEST_F( FrameworkTest, AnExceptionGoesToOnNotificationExceptionWhoseDefaultCountsAndLogsRateLimited ) {
+   // With caught set, the reactor handles its exceptions itself.
    struct Thrower : Nbr::NotifieeConst {
+      std::vector< std::string > * caught = nullptr;
       void onHoldTime() override { throw std::runtime_error( "bad " + std::to_string( notifier()->holdTime() ) ); }
+      void onSecondary( const int & k ) override {
+         if( caught ) caught->push_back( "secondary " + std::to_string( k ) );
+      }
+      void onNotificationException( const std::exception & e ) override {
+         if( !caught ) return Nbr::NotifieeConst::onNotificationException( e );
+         caught->push_back( e.what() );
+      }
    };
    // Past any time another test left the log's rate limit at.
    ASSERT_TRUE( loop_.advanceTo( 1e8 ) );
    Kiv::LogCapture logs;
    auto n = Kiv::make< Nbr >( 1 );
-   Thrower t;
-   t.notifierIs( n );
+   std::vector< std::string > caught;
+   Thrower own, routed;
+   own.caught = &caught;
+   own.notifierIs( n );
+   routed.notifierIs( n );
+   NbrRecorder other( n, log_ );
    for( std::uint16_t v = 1; v <= 3; ++v ) {
       n->holdTimeIs( v );
+      n->secondaryIs( v, true );
       ASSERT_TRUE( loop_.runUntilIdle() );
    }
+   // The loop goes on: to the thrower's next attribute and to other reactors.
+   EXPECT_EQ( caught, ( std::vector< std::string >{ "bad 1", "secondary 1", "bad 2", "secondary 2", "bad 3",
+                                                    "secondary 3" } ) );
+   EXPECT_EQ( log_.events.size(), 6u );
    EXPECT_EQ( loop_.manager().notificationExceptions(), 3u );
    EXPECT_EQ( loop_.manager().lastNotificationException(), "bad 3" );
    ASSERT_EQ( logs.count( "KIV_REACTOR_EXCEPTION" ), 1u ) << "a burst logs once";

@@ -170,46 +170,30 @@ TEST( ShmTable, EarlyReaderFollowsTheTableThroughAKilledWriterAndItsSuccessor ) 
 TEST( ShmTable, HundredThousandRowsWithDeletesAndReuse ) {
    const std::string dir = uniqueDir( "big" );
    struct Row {
-      struct Key {
-         std::uint8_t b[ 4 ];
-      };
-      Key key;
-      std::uint32_t value;
+      std::uint32_t key, value;
    };
    constexpr std::uint32_t kRows = 100'000;
    ShmTableStore store( dir );
-   auto t = store.tableIs( "c/t", sizeof( Row ), sizeof( Row::Key ), kRows );
-   auto rowFor = []( std::uint32_t i, std::uint32_t v ) {
-      Row r;
-      std::memcpy( r.key.b, &i, 4 );
-      r.value = v;
-      return r;
-   };
-   const Row first = rowFor( 0, 0 );
+   auto t = store.tableIs( "c/t", sizeof( Row ), sizeof( Row::key ), kRows );
+   const Row first{ 0, 0 };
    ASSERT_TRUE( t->rowIs( &first ) );
    // Mapped while the object is small: it must follow the table as it grows.
    auto early = TableReader::open( dir, "c/t" );
    ASSERT_TRUE( early );
    const auto firstGeneration = early->generation();
    for( std::uint32_t i = 1; i < kRows; ++i ) {
-      const Row r = rowFor( i, i );
+      const Row r{ i, i };
       ASSERT_TRUE( t->rowIs( &r ) );
    }
    EXPECT_EQ( rowsOf( *early ), kRows );
    EXPECT_GT( early->generation(), firstGeneration );
-   const Row extra = rowFor( kRows, 0 );
+   const Row extra{ kRows, 0 }, same{ 5, 5 }, reused{ kRows, 42 };
    EXPECT_FALSE( t->rowIs( &extra ) );
    EXPECT_EQ( t->overflows(), 1u );
    // Unchanged rows are not written again; every odd row goes.
-   const Row same = rowFor( 5, 5 );
    EXPECT_FALSE( t->rowIs( &same ) );
-   for( std::uint32_t i = 1; i < kRows; i += 2 ) {
-      Row::Key k;
-      std::memcpy( k.b, &i, 4 );
-      ASSERT_TRUE( t->rowDel( &k ) );
-   }
+   for( std::uint32_t i = 1; i < kRows; i += 2 ) ASSERT_TRUE( t->rowDel( &i ) );
    // Freed slots take new rows, which then read back.
-   const Row reused = rowFor( kRows, 42 );
    EXPECT_TRUE( t->rowIs( &reused ) );
    EXPECT_EQ( t->size(), kRows / 2 + 1 );
    auto reader = TableReader::open( dir, "c/t" );
@@ -218,19 +202,14 @@ TEST( ShmTable, HundredThousandRowsWithDeletesAndReuse ) {
    reader->forEach( [ & ]( const void * p ) {
       Row r;
       std::memcpy( &r, p, sizeof r );
-      std::uint32_t k;
-      std::memcpy( &k, r.key.b, 4 );
       ++rows;
-      if( k == kRows ? r.value != 42 : ( k % 2 || r.value != k ) ) ++wrong;
+      if( r.key == kRows ? r.value != 42 : ( r.key % 2 || r.value != r.key ) ) ++wrong;
    } );
    EXPECT_EQ( rows, kRows / 2 + 1 );
    EXPECT_EQ( wrong, 0u );
-   Row::Key k7;
-   const std::uint32_t seven = 7, six = 6;
-   std::memcpy( k7.b, &seven, 4 );
-   EXPECT_EQ( t->row( &k7 ), nullptr );
-   std::memcpy( k7.b, &six, 4 );
-   ASSERT_NE( t->row( &k7 ), nullptr );
+   const std::uint32_t six = 6, seven = 7;
+   EXPECT_EQ( t->row( &seven ), nullptr );
+   ASSERT_NE( t->row( &six ), nullptr );
 }
 
 } // namespace
