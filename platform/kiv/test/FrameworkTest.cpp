@@ -165,30 +165,22 @@ TEST_F( FrameworkTest, CollectionCallbacksArePerKeyIncludingDeletionAndDelAll ) 
    EXPECT_EQ( i->neighborSize(), 0u );
 }
 
-// A machine owning its reactor; the reactor's callback deletes the machine.
-struct Owner {
-   struct Reactor : Intf::NotifieeConst {
-      Owner * owner;
-      explicit Reactor( Owner * o ) : owner( o ) {}
-      void onNeighbor( const int & k ) override { owner->handleNeighbor( k ); }
-   };
-   std::unique_ptr< Owner > * self = nullptr;
-   std::unique_ptr< Reactor > reactor;
-   std::vector< int > * seen = nullptr;
-   void handleNeighbor( int k ) {
-      seen->push_back( k );
-      if( k == 2 ) self->reset();   // deletes this owner and its reactor
-   }
-};
-
 TEST_F( FrameworkTest, AReactorMayDeleteItsOwnerInsideItsCallback ) {
+   // A machine owning its reactor; the reactor's callback deletes the machine.
+   struct Owner {
+      struct Reactor : Intf::NotifieeConst {
+         std::function< void( int ) > handle;
+         void onNeighbor( const int & k ) override { handle( k ); }
+      } reactor;
+   };
    auto i = Kiv::make< Intf >();
    std::vector< int > seen;
    auto owner = std::make_unique< Owner >();
-   owner->self = &owner;
-   owner->seen = &seen;
-   owner->reactor = std::make_unique< Owner::Reactor >( owner.get() );
-   owner->reactor->notifierIs( i );
+   owner->reactor.handle = [ & ]( int k ) {
+      seen.push_back( k );
+      if( k == 2 ) owner.reset();   // deletes the owner and its reactor
+   };
+   owner->reactor.notifierIs( i );
    i->neighborIs( 1 );
    i->neighborIs( 2 );
    i->neighborIs( 3 );

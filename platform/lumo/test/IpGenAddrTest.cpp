@@ -176,10 +176,8 @@ TEST( AddressFamilyTest, NamesRoundTrip ) {
    for( AddressFamily af : { AddressFamily::none, AddressFamily::ipv4, AddressFamily::ipv6 } ) {
       EXPECT_EQ( Lumo::addressFamilyFromStrep( valueToStrep( af ) ), af );
    }
-   EXPECT_EQ( valueToStrep( AddressFamily::ipv4 ), "ipv4" );
-   EXPECT_EQ( valueToStrep( AddressFamily::none ), "none" );
-   EXPECT_EQ( valueToStrep( static_cast< AddressFamily >( 9 ) ), "unknown" );
-   EXPECT_EQ( fmt::format( "{}", AddressFamily::ipv6 ), "ipv6" );
+   EXPECT_EQ( fmt::format( "{} {} {}", AddressFamily::ipv4, AddressFamily::none, static_cast< AddressFamily >( 9 ) ),
+              "ipv4 none unknown" );
    for( std::string_view bad : { "", "ipv5", "IPV4", "ip", "ipv4 ", "unknown" } ) {
       EXPECT_THROW( Lumo::addressFamilyFromStrep( bad ), Kiv::RangeException ) << bad;
    }

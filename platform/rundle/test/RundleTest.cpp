@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iomanip>
 #include <ostream>
 #include <random>
@@ -33,10 +34,7 @@ class RundleTest : public ::testing::Test {
       Rundle::shutdown();
       ::unsetenv( "RUNDLE_DISABLE" );
       ::unsetenv( "RUNDLEDIR" );
-      for( const char * f : { "/agent.rdl", "/agent.rdl.1", "/agent.rdl.2", "/off.rdl" } ) {
-         ::unlink( ( dir_ + f ).c_str() );
-      }
-      ::rmdir( dir_.c_str() );
+      std::filesystem::remove_all( dir_ );
    }
    // The agent's own call.
    bool initializeLikeTheAgent( const char * dir = nullptr ) {
@@ -178,31 +176,28 @@ TEST_F( RundleTest, DamagedRecordsAreSkippedAndDamagedHeadersRejected ) {
    RUNDLE_RECORD( 1, "bravo" );
    RUNDLE_RECORD( 1, "charlie" );
    std::vector< std::uint8_t > image( Rundle::imageData(), Rundle::imageData() + Rundle::imageSize() );
-
-   auto badRecord = image;
+   // The image with n bytes at offset at overwritten.
+   auto damaged = [ & ]( std::size_t at, const void * bytes, std::size_t n ) {
+      auto copy = image;
+      std::memcpy( copy.data() + at, bytes, n );
+      return Rundle::parseImage( copy.data(), copy.size() );
+   };
    const std::string bravo = "bravo";
-   const auto at = std::search( badRecord.begin(), badRecord.end(), bravo.begin(), bravo.end() );
-   ASSERT_NE( at, badRecord.end() );
-   at[ 2 ] ^= 0x20;
-   const auto skipped = Rundle::parseImage( badRecord.data(), badRecord.size() );
+   const auto at = std::search( image.begin(), image.end(), bravo.begin(), bravo.end() );
+   ASSERT_NE( at, image.end() );
+   const auto skipped = damaged( std::size_t( at - image.begin() ) + 2, "A", 1 );
    ASSERT_TRUE( skipped.ok );
    EXPECT_EQ( texts( skipped ), ( std::vector< std::string >{ "zero", "one", "charlie" } ) );
    EXPECT_EQ( skipped.damaged, 1u );
 
    EXPECT_FALSE( Rundle::parseImage( image.data(), 10 ).ok );
-   auto badMagic = image;
-   badMagic[ 0 ] = 'X';
-   EXPECT_FALSE( Rundle::parseImage( badMagic.data(), badMagic.size() ).ok );
-   auto badCount = image;
-   std::uint32_t huge = 1000000;
-   std::memcpy( badCount.data() + offsetof( Rundle::Format::FileHeader, ringCount ), &huge, sizeof huge );
-   EXPECT_FALSE( Rundle::parseImage( badCount.data(), badCount.size() ).ok );
+   EXPECT_FALSE( damaged( 0, "X", 1 ).ok ) << "magic";
+   const std::uint32_t huge = 1000000;
+   EXPECT_FALSE( damaged( offsetof( Rundle::Format::FileHeader, ringCount ), &huge, sizeof huge ).ok );
 
    // One ring pointing outside the image: the other is still read.
-   auto badRing = image;
    const std::uint64_t far = ~std::uint64_t{ 0 } - 4;
-   std::memcpy( badRing.data() + sizeof( Rundle::Format::FileHeader ), &far, sizeof far );
-   const auto r = Rundle::parseImage( badRing.data(), badRing.size() );
+   const auto r = damaged( sizeof( Rundle::Format::FileHeader ), &far, sizeof far );
    EXPECT_TRUE( r.ok );
    EXPECT_FALSE( r.error.empty() );
    EXPECT_EQ( texts( r ), ( std::vector< std::string >{ "one", "bravo", "charlie" } ) );
