@@ -342,14 +342,7 @@ TEST_F( FrameworkTest, DetachingDuringAnImmediateWalkSkipsOnlyTheDetachedReactor
          r.push_back( std::make_unique< Imm >( &calls, name ) );
          r.back()->notifierIs( n );
       }
-      Imm * actor = r[ c.actor ].get();
-      actor->action = [ &, victim = c.victim, destroy = c.destroy ] {
-         if( destroy ) {
-            r[ victim ].reset();
-         } else {
-            r[ victim ]->notifierIs( nullptr );
-         }
-      };
+      r[ c.actor ]->action = [ &r, &c ] { c.destroy ? r[ c.victim ].reset() : r[ c.victim ]->notifierIs( nullptr ); };
       n->holdTimeIs( 1 );
       EXPECT_EQ( calls, c.first );
       calls.clear();

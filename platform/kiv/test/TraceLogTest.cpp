@@ -44,24 +44,26 @@ TEST_F( TraceTest, DisabledLevelEvaluatesNothing ) {
 }
 
 TEST_F( TraceTest, SpecPicksTheMostSpecificItem ) {
-   const auto selection = Kiv::TraceSelection::parse( "Pim::Hello/1-9,Pim::Intf/1-4,Pim::*/1" );
-   EXPECT_TRUE( selection.errors.empty() );
-   EXPECT_EQ( selection.maskFor( "Pim::Hello" ), 0x3fe );
-   EXPECT_EQ( selection.maskFor( "Pim::Intf" ), 0x1e );
-   EXPECT_EQ( selection.maskFor( "Pim::Neighbor" ), 0x2 );
-   EXPECT_EQ( selection.maskFor( "Tolm::Timer" ), 0 );
-   EXPECT_FALSE( selection.matches( "Tolm::Timer" ) );
-
-   // Exact beats wildcard wherever it stands; "/0" switches off; no levels = all.
-   const auto off = Kiv::TraceSelection::parse( " Pim::Hello/0 , Pim::* " );
-   EXPECT_EQ( off.maskFor( "Pim::Hello" ), 0 );
-   EXPECT_TRUE( off.matches( "Pim::Hello" ) );
-   EXPECT_EQ( off.maskFor( "Pim::Config" ), 0x3fe );
-   // A longer prefix beats a shorter one; equals: the later wins.
-   const auto nested = Kiv::TraceSelection::parse( "*/9,Pim::Nbr*/2,Pim::*/3,*/4" );
-   EXPECT_EQ( nested.maskFor( "Pim::NbrState" ), 1u << 2 );
-   EXPECT_EQ( nested.maskFor( "Pim::Hello" ), 1u << 3 );
-   EXPECT_EQ( nested.maskFor( "Kiv::Loop" ), 1u << 4 );
+   // Exact beats wildcard wherever it stands; "/0" switches off; no levels =
+   // all; a longer prefix beats a shorter one; equals: the later wins.
+   const std::tuple< const char *, const char *, std::uint32_t > cases[] = {
+      { "Pim::Hello/1-9,Pim::Intf/1-4,Pim::*/1", "Pim::Hello", 0x3fe },
+      { "Pim::Hello/1-9,Pim::Intf/1-4,Pim::*/1", "Pim::Intf", 0x1e },
+      { "Pim::Hello/1-9,Pim::Intf/1-4,Pim::*/1", "Pim::Neighbor", 0x2 },
+      { "Pim::Hello/1-9,Pim::Intf/1-4,Pim::*/1", "Tolm::Timer", 0 },
+      { " Pim::Hello/0 , Pim::* ", "Pim::Hello", 0 },
+      { " Pim::Hello/0 , Pim::* ", "Pim::Config", 0x3fe },
+      { "*/9,Pim::Nbr*/2,Pim::*/3,*/4", "Pim::NbrState", 1u << 2 },
+      { "*/9,Pim::Nbr*/2,Pim::*/3,*/4", "Pim::Hello", 1u << 3 },
+      { "*/9,Pim::Nbr*/2,Pim::*/3,*/4", "Kiv::Loop", 1u << 4 },
+   };
+   for( const auto & [ spec, name, mask ] : cases ) {
+      const auto selection = Kiv::TraceSelection::parse( spec );
+      EXPECT_TRUE( selection.errors.empty() ) << spec;
+      EXPECT_EQ( selection.maskFor( name ), mask ) << spec << " " << name;
+   }
+   EXPECT_FALSE( Kiv::TraceSelection::parse( std::get< 0 >( cases[ 0 ] ) ).matches( "Tolm::Timer" ) );
+   EXPECT_TRUE( Kiv::TraceSelection::parse( std::get< 0 >( cases[ 4 ] ) ).matches( "Pim::Hello" ) );
 }
 
 TEST_F( TraceTest, MalformedItemsAreReportedAndSkipped ) {

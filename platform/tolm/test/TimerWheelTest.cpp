@@ -22,25 +22,19 @@ using Kiv::kNever;
 using Kiv::Seconds;
 using Tolm::TimerWheel;
 
-class Timer : public TimerWheel::NotifieeConst {
- public:
+struct Timer : TimerWheel::NotifieeConst {
    explicit Timer( TimerWheel * wheel, int id = 0, std::vector< int > * log = nullptr )
-         : NotifieeConst( wheel ), id_( id ), log_( log ) {}
-   int id() const { return id_; }
-   int fired() const { return fired_; }
+         : NotifieeConst( wheel ), id( id ), log( log ) {}
+   const int id;
+   std::vector< int > * log;
+   int fired = 0;
    // Runs inside onTime(); must not delete this timer.
    std::function< void( Timer & ) > action;
-
    void onTime() override {
-      ++fired_;
-      if( log_ ) log_->push_back( id_ );
+      ++fired;
+      if( log ) log->push_back( id );
       if( action ) action( *this );
    }
-
- private:
-   int id_;
-   std::vector< int > * log_;
-   int fired_ = 0;
 };
 
 class TimerWheelTest : public ::testing::Test {
@@ -66,9 +60,9 @@ TEST_F( TimerWheelTest, LoopFiresTiesAcrossWheelsInArmingOrderWhenItReachesTheir
    }
    // A past deadline fires on the next turn, not inside the arming call.
    a.timeMinIs( 1.0 );
-   EXPECT_EQ( a.fired(), 5 );
+   EXPECT_EQ( a.fired, 5 );
    ASSERT_TRUE( loop_.advanceBy( 0.0 ) );
-   EXPECT_EQ( a.fired(), 6 );
+   EXPECT_EQ( a.fired, 6 );
    EXPECT_EQ( a.timeMin(), kNever );
 }
 
@@ -81,7 +75,7 @@ TEST_F( TimerWheelTest, ExceptionFromOnTimePropagatesAndLeavesTheWheelUsable ) {
    EXPECT_FALSE( bad.armed() );
    EXPECT_EQ( wheel_->armedCount(), 1u );
    EXPECT_TRUE( wheel_->fireNext( 5.0 ) );
-   EXPECT_EQ( good.fired(), 1 );
+   EXPECT_EQ( good.fired, 1 );
 }
 
 TEST_F( TimerWheelTest, WheelDestroyedWhileTimersAreArmedDetachesThem ) {
@@ -104,7 +98,7 @@ TEST_F( TimerWheelTest, WheelDestroyedWhileTimersAreArmedDetachesThem ) {
    far.notifierIs( wheel_.ptr() );
    far.timeMinIs( 2.0 );
    ASSERT_TRUE( loop_.advanceTo( 3.0 ) );
-   EXPECT_EQ( far.fired(), 1 );
+   EXPECT_EQ( far.fired, 1 );
 }
 
 TEST_F( TimerWheelTest, OnTimeMayReleaseTheLastReferenceToItsWheel ) {
@@ -116,7 +110,7 @@ TEST_F( TimerWheelTest, OnTimeMayReleaseTheLastReferenceToItsWheel ) {
    first.action = [ & ]( Timer & ) { wheel = nullptr; };
    EXPECT_TRUE( raw->fireNext( 1.0 ) );   // the wheel dies inside
    EXPECT_EQ( second.notifier(), nullptr );
-   EXPECT_EQ( second.fired(), 0 );
+   EXPECT_EQ( second.fired, 0 );
 }
 
 // A NaN deadline is a programming error: every preset keeps assertions.
@@ -217,20 +211,20 @@ class ReferenceModel {
    }
 
    void onFire( Timer & self ) {
-      ASSERT_EQ( self.id(), expected_ ) << "fired out of order";
+      ASSERT_EQ( self.id, expected_ ) << "fired out of order";
       EXPECT_FALSE( self.armed() );
       EXPECT_EQ( self.timeMin(), kNever );
       ++fired_;
       const int what = pick( 10 );
       if( what < 3 ) {
-         arm( self.id(), now() + randomOffset() );   // periodic
+         arm( self.id, now() + randomOffset() );   // periodic
       } else if( what == 3 ) {
-         arm( self.id(), now() );                      // again at once
+         arm( self.id, now() );                      // again at once
       } else if( what == 4 ) {
          arm( pick( kTimers ), kNever );               // cancel someone
       } else if( what == 5 ) {
          arm( pick( kTimers ), randomDeadline() );     // move someone
-      } else if( const int other = pick( kTimers ); what == 6 && other != self.id() ) {
+      } else if( const int other = pick( kTimers ); what == 6 && other != self.id ) {
          forget( other );                              // destroy someone
          create( other );
       }
