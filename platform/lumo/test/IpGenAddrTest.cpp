@@ -271,16 +271,12 @@ TEST( IpGenPrefixTest, ContainsMatchesABitByBitReference ) {
    }
 }
 
-TEST( IpGenPrefixTest, ContainsAtTheEdges ) {
+// Within a family the bit-by-bit test covers every length.
+TEST( IpGenPrefixTest, ContainsAcrossFamiliesAndForTheEmptyPrefix ) {
    const std::tuple< const char *, const char *, bool > addresses[] = {
-      { "0.0.0.0/0", "198.18.0.1", true },          { "0.0.0.0/0", "255.255.255.255", true },
-      { "0.0.0.0/0", "::", false },                 { "::/0", "2001:db8::1", true },
-      { "::/0", "0.0.0.0", false },                 { "198.18.0.1/32", "198.18.0.1", true },
-      { "198.18.0.1/32", "198.18.0.0", false },     { "2001:db8::1/128", "2001:db8::1", true },
-      { "2001:db8::1/128", "2001:db8::3", false },  { "", "0.0.0.0", false },
+      { "0.0.0.0/0", "::", false }, { "::/0", "0.0.0.0", false }, { "", "0.0.0.0", false }, { "", "", false },
    };
    for( const auto & [ p, a, in ] : addresses ) EXPECT_EQ( prefix( p ).contains( addr( a ) ), in ) << p << " " << a;
-   EXPECT_FALSE( IpGenPrefix().contains( IpGenAddr() ) );
    const std::tuple< const char *, const char *, bool > prefixes[] = {
       { "198.18.0.0/15", "198.19.1.0/24", true },  { "198.18.0.0/15", "198.18.0.0/15", true },
       { "198.18.0.0/16", "198.18.0.0/15", false }, { "198.18.0.0/16", "198.19.0.0/24", false },

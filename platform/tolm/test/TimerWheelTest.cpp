@@ -88,9 +88,7 @@ TEST_F( TimerWheelTest, WheelDestroyedWhileTimersAreArmedDetachesThem ) {
    wheel = nullptr;
    EXPECT_EQ( loop_.manager().nextDeadline(), kNever );
    for( Timer * t : { near.get(), &far, &idle } ) {
-      EXPECT_EQ( t->notifier(), nullptr );
-      EXPECT_FALSE( t->armed() );
-      EXPECT_EQ( t->timeMin(), kNever );
+      EXPECT_EQ( std::tuple( t->notifier(), t->armed(), t->timeMin() ), std::tuple( nullptr, false, kNever ) );
       t->timeMinIs( kNever );   // harmless without a wheel
    }
    near.reset();   // destructors must not reach the dead wheel (ASan)
