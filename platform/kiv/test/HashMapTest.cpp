@@ -10,7 +10,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -66,8 +65,6 @@ struct HashRow {
    std::function< std::size_t( int ) > hash;
    int keyRange;
 };
-
-void PrintTo( const HashRow & row, std::ostream * os ) { *os << row.name; }
 
 class HashMapModelTest : public ::testing::TestWithParam< HashRow > {};
 

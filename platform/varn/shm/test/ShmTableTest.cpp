@@ -33,10 +33,6 @@ struct WideRow {
    std::uint64_t field[ 127 ];
 };
 
-std::string uniqueDir( const char * what ) {
-   return fmt::format( "/tmp/varnshm-test-{}-{}", what, getpid() );
-}
-
 // A forked writer; killed (and waited for) when the test ends either way.
 struct Child {
    pid_t pid = -1;
@@ -46,8 +42,7 @@ struct Child {
       if( pid <= 0 ) return;
       if( stopFd >= 0 ) close( stopFd );
       if( sig ) kill( pid, sig );
-      int st;
-      waitpid( pid, &st, 0 );
+      waitpid( pid, nullptr, 0 );
       pid = -1;
    }
 };
@@ -97,7 +92,7 @@ std::size_t rowsOf( TableReader & r ) {
 }
 
 TEST( ShmTornRows, ReaderNeverSeesAHalfWrittenRow ) {
-   const std::string dir = uniqueDir( "torn" );
+   const std::string dir = fmt::format( "/tmp/varnshm-test-torn-{}", getpid() );
    constexpr int kRows = 4;
    Child writer = forkWriter( [ & ]( int stopFd ) {
       ShmTableStore store( dir );
@@ -131,7 +126,7 @@ TEST( ShmTornRows, ReaderNeverSeesAHalfWrittenRow ) {
 
 // A reader that comes first, a writer killed, the next writer, its clean end.
 TEST( ShmTable, EarlyReaderFollowsTheTableThroughAKilledWriterAndItsSuccessor ) {
-   const std::string dir = uniqueDir( "life" );
+   const std::string dir = fmt::format( "/tmp/varnshm-test-life-{}", getpid() );
    EXPECT_FALSE( TableReader::open( dir, "a/t" ) );
    Child writer = forkWriter( [ & ]( int ) {
       ShmTableStore store( dir );
@@ -168,7 +163,7 @@ TEST( ShmTable, EarlyReaderFollowsTheTableThroughAKilledWriterAndItsSuccessor ) 
 }
 
 TEST( ShmTable, HundredThousandRowsWithDeletesAndReuse ) {
-   const std::string dir = uniqueDir( "big" );
+   const std::string dir = fmt::format( "/tmp/varnshm-test-big-{}", getpid() );
    struct Row {
       std::uint32_t key, value;
    };
