@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -65,6 +66,9 @@ struct HashRow {
    std::function< std::size_t( int ) > hash;
    int keyRange;
 };
+
+// Names the row in test listings (the struct's bytes hold pointers).
+void PrintTo( const HashRow & row, std::ostream * os ) { *os << row.name; }
 
 class HashMapModelTest : public ::testing::TestWithParam< HashRow > {};
 
