@@ -306,44 +306,39 @@ TEST_F( FrameworkTest, DetachingDuringAnImmediateWalkSkipsOnlyTheDetachedReactor
    // Four immediate reactors a, b, c, d; one of them, when called, detaches
    // (or destroys) one of the others or itself. Every reactor still attached
    // is called once per write, in attachment order.
-   struct Imm : Nbr::NotifieeConst {
-      std::vector< std::string > * calls;
-      std::string name;
+   struct Imm : NbrRecorder {
+      using NbrRecorder::NbrRecorder;
       std::function< void() > action;
-      Imm( std::vector< std::string > * c, std::string n ) : calls( c ), name( std::move( n ) ) {
-         kivImmediateIs( Nbr::kivAttr_holdTime, true );
-      }
       void onHoldTimekivImmediate() override {
-         calls->push_back( name );
+         NbrRecorder::onHoldTimekivImmediate();
          if( action ) std::exchange( action, nullptr )();
       }
    };
    const struct {
       int actor, victim;
       bool destroy;
-      std::vector< std::string > first, second;
+      std::string first, second;   // who hears the first and the second write
    } cases[] = {
-      { 0, 1, false, { "a", "c", "d" }, { "a", "c", "d" } },
-      { 0, 0, false, { "a", "b", "c", "d" }, { "b", "c", "d" } },
-      { 1, 0, false, { "a", "b", "c", "d" }, { "b", "c", "d" } },
-      { 1, 1, true, { "a", "b", "c", "d" }, { "a", "c", "d" } },
-      { 2, 3, true, { "a", "b", "c" }, { "a", "b", "c" } },
+      { 0, 1, false, "acd", "acd" },  { 0, 0, false, "abcd", "bcd" }, { 1, 0, false, "abcd", "bcd" },
+      { 1, 1, true, "abcd", "acd" },  { 2, 3, true, "abc", "abc" },
+   };
+   // The tags of the reactors called since the last time.
+   auto called = [ & ] {
+      std::string tags;
+      for( const auto & e : log_ ) tags += e[ 0 ];
+      log_.clear();
+      return tags;
    };
    for( const auto & c : cases ) {
       SCOPED_TRACE( testing::Message() << c.actor << " detaches " << c.victim );
       auto n = Kiv::make< Nbr >( 1 );
-      std::vector< std::string > calls;
       std::vector< std::unique_ptr< Imm > > r;
-      for( const char * name : { "a", "b", "c", "d" } ) {
-         r.push_back( std::make_unique< Imm >( &calls, name ) );
-         r.back()->notifierIs( n );
-      }
+      for( const char * tag : { "a", "b", "c", "d" } ) r.push_back( std::make_unique< Imm >( n, log_, tag, true ) );
       r[ c.actor ]->action = [ &r, &c ] { c.destroy ? r[ c.victim ].reset() : r[ c.victim ]->notifierIs( nullptr ); };
       n->holdTimeIs( 1 );
-      EXPECT_EQ( calls, c.first );
-      calls.clear();
+      EXPECT_EQ( called(), c.first );
       n->holdTimeIs( 2 );
-      EXPECT_EQ( calls, c.second );
+      EXPECT_EQ( called(), c.second );
       EXPECT_EQ( n->notifieeCount(), c.second.size() );
    }
 }
