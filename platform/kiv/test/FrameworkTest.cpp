@@ -66,7 +66,9 @@ class NbrRecorder : public Nbr::NotifieeConst {
    void onSecondary( const int & k ) override {
       log_.push_back( tag_ + "secondary " + std::to_string( k ) + ( notifier()->secondary( k ) ? "+" : "-" ) );
    }
-   void onSecondarykivImmediate( const int & k ) override { log_.push_back( tag_ + "!secondary " + std::to_string( k ) ); }
+   void onSecondarykivImmediate( const int & k ) override {
+      log_.push_back( tag_ + "!secondary " + std::to_string( k ) );
+   }
    void onLabel( const int & k ) override { log_.push_back( tag_ + "label " + std::to_string( k ) ); }
    void onNotifier() override { log_.push_back( tag_ + "resync" ); }
  private:
