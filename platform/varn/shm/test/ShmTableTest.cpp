@@ -26,10 +26,7 @@ using namespace KivVarn::Shm;
 
 // Every field holds the same value, so a row mixing two writes shows.
 struct WideRow {
-   struct Key {
-      std::uint8_t id[ 8 ];
-   };
-   Key key;
+   std::uint64_t key;
    std::uint64_t field[ 127 ];
 };
 
@@ -64,11 +61,6 @@ Child forkWriter( F && f ) {
    return c;
 }
 
-bool stopRequested( int fd ) {
-   pollfd p{ fd, POLLIN, 0 };
-   return poll( &p, 1, 0 ) > 0;
-}
-
 // Waits (bounded) until the table at path can be opened.
 std::unique_ptr< TableReader > openWhenThere( const std::string & dir, const std::string & path ) {
    for( int i = 0; i < 2000; ++i ) {
@@ -78,9 +70,9 @@ std::unique_ptr< TableReader > openWhenThere( const std::string & dir, const std
    return nullptr;
 }
 
-WideRow wideRow( std::uint8_t id, std::uint64_t v ) {
+WideRow wideRow( std::uint64_t id, std::uint64_t v ) {
    WideRow r{};
-   r.key.id[ 0 ] = id;
+   r.key = id;
    for( auto & f : r.field ) f = v;
    return r;
 }
@@ -96,13 +88,14 @@ TEST( ShmTornRows, ReaderNeverSeesAHalfWrittenRow ) {
    constexpr int kRows = 4;
    Child writer = forkWriter( [ & ]( int stopFd ) {
       ShmTableStore store( dir );
-      auto t = store.tableIs( "torn/rows", sizeof( WideRow ), sizeof( WideRow::Key ), kRows );
+      auto t = store.tableIs( "torn/rows", sizeof( WideRow ), sizeof( WideRow::key ), kRows );
       for( std::uint64_t v = 1;; ++v ) {
          for( int i = 0; i < kRows; ++i ) {
-            const WideRow r = wideRow( static_cast< std::uint8_t >( i ), v );
+            const WideRow r = wideRow( i, v );
             t->rowIs( &r );
          }
-         if( ( v & 1023 ) == 0 && stopRequested( stopFd ) ) break;
+         pollfd stop{ stopFd, POLLIN, 0 };
+         if( ( v & 1023 ) == 0 && poll( &stop, 1, 0 ) > 0 ) break;
       }
    } );
    auto reader = openWhenThere( dir, "torn/rows" );
@@ -130,7 +123,7 @@ TEST( ShmTable, EarlyReaderFollowsTheTableThroughAKilledWriterAndItsSuccessor ) 
    EXPECT_FALSE( TableReader::open( dir, "a/t" ) );
    Child writer = forkWriter( [ & ]( int ) {
       ShmTableStore store( dir );
-      auto t = store.tableIs( "a/t", sizeof( WideRow ), sizeof( WideRow::Key ), 8 );
+      auto t = store.tableIs( "a/t", sizeof( WideRow ), sizeof( WideRow::key ), 8 );
       for( std::uint8_t i = 0; i < 3; ++i ) {
          const WideRow r = wideRow( i, 7 );
          t->rowIs( &r );
@@ -149,7 +142,7 @@ TEST( ShmTable, EarlyReaderFollowsTheTableThroughAKilledWriterAndItsSuccessor ) 
    EXPECT_FALSE( reader->retired() );
    {
       ShmTableStore store( dir );
-      auto t = store.tableIs( "a/t", sizeof( WideRow ), sizeof( WideRow::Key ), 8 );
+      auto t = store.tableIs( "a/t", sizeof( WideRow ), sizeof( WideRow::key ), 8 );
       EXPECT_TRUE( reader->retired() );
       ASSERT_TRUE( reader->reopen() );
       EXPECT_EQ( reader->generation(), 2u );
