@@ -82,8 +82,6 @@ class IntfRecorder : public Intf::NotifieeConst {
    void onNeighbor( const int & k ) override {
       log_.push_back( "neighbor " + std::to_string( k ) + ( notifier()->neighbor( k ) ? "+" : "-" ) );
    }
-   void onActive( const int & k ) override { log_.push_back( "active " + std::to_string( k ) ); }
-   void onPeer() override { log_.push_back( "peer" ); }
  private:
    Log & log_;
 };

@@ -191,14 +191,9 @@ TEST( LogRate, RateIsATokenBucket ) {
    for( int i = 0; i < 5; ++i ) h.log();
    EXPECT_EQ( capture.count( "TEST_RATE" ), 5u );
 
-   Kiv::LogHandle unlimited( "TEST_FREE", Kiv::LogInfo, "m", "", Kiv::NoActionRequired, 0.0, 0.0, 0 );
    Kiv::LogHandle exempt( "TEST_EXEMPT", Kiv::LogInfo, "m", "", Kiv::NoActionRequired, 60.0, 0.1,
                           Kiv::LogFlagNoRateLimit );
-   for( int i = 0; i < 50; ++i ) {
-      unlimited.log();
-      exempt.log();
-   }
-   EXPECT_EQ( capture.count( "TEST_FREE" ), 50u );
+   for( int i = 0; i < 50; ++i ) exempt.log();
    EXPECT_EQ( capture.count( "TEST_EXEMPT" ), 50u );
 }
 

@@ -123,7 +123,8 @@ TEST_F( TimerWheelTest, NanDeadlineStopsTheProcess ) {
 class ReferenceModel {
  public:
    ReferenceModel( std::uint64_t seed, Seconds start )
-         : loop_( start ), rng_( seed ), wheel_( Tolm::TimerWheelIs( loop_.clock() ) ) {
+         : loop_( start ), rng_( seed ), wheel_( Tolm::TimerWheelIs( loop_.clock() ) ), where_( kTimers, ref_.end() ),
+           timers_( kTimers ) {
       for( int id = 0; id < kTimers; ++id ) create( id );
    }
 
@@ -185,14 +186,8 @@ class ReferenceModel {
    }
 
    void create( int id ) {
-      auto t = std::make_unique< Timer >( wheel_.ptr(), id );
-      t->action = [ this ]( Timer & self ) { onFire( self ); };
-      if( static_cast< std::size_t >( id ) < timers_.size() ) {
-         timers_[ id ] = std::move( t );
-      } else {
-         timers_.push_back( std::move( t ) );
-         where_.push_back( ref_.end() );
-      }
+      timers_[ id ] = std::make_unique< Timer >( wheel_.ptr(), id );
+      timers_[ id ]->action = [ this ]( Timer & self ) { onFire( self ); };
    }
 
    void forget( int id ) {

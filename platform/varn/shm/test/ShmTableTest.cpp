@@ -10,6 +10,7 @@
 #include <set>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -134,20 +135,15 @@ TEST( ShmTable, EarlyReaderFollowsTheTableThroughAKilledWriterAndItsSuccessor ) 
    ASSERT_TRUE( reader );
    std::size_t rows = 0;
    for( int i = 0; i < 2000 && rows < 3; ++i ) rows = rowsOf( *reader );
-   EXPECT_EQ( rows, 3u );
-   EXPECT_FALSE( reader->stale() );
-   EXPECT_EQ( reader->writerPid(), writer.pid );
+   EXPECT_EQ( std::tuple( rows, reader->stale(), reader->writerPid() ), std::tuple( 3u, false, writer.pid ) );
    writer.stop( SIGKILL );
-   EXPECT_TRUE( reader->stale() );
-   EXPECT_FALSE( reader->retired() );
+   EXPECT_EQ( std::tuple( reader->stale(), reader->retired() ), std::tuple( true, false ) );
    {
       ShmTableStore store( dir );
       auto t = store.tableIs( "a/t", sizeof( WideRow ), sizeof( WideRow::key ), 8 );
       EXPECT_TRUE( reader->retired() );
       ASSERT_TRUE( reader->reopen() );
-      EXPECT_EQ( reader->generation(), 2u );
-      EXPECT_FALSE( reader->stale() );
-      EXPECT_EQ( rowsOf( *reader ), 0u );
+      EXPECT_EQ( std::tuple( reader->generation(), reader->stale(), rowsOf( *reader ) ), std::tuple( 2u, false, 0u ) );
    }
    // The writer unmounts at its end: the reader's map is retired, the name gone.
    EXPECT_TRUE( reader->retired() );
