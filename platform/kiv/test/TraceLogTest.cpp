@@ -93,9 +93,8 @@ TEST_F( TraceTest, EnvironmentSelectsLevelsOfExistingAndLaterHandles ) {
    // configIs replaces the selection, including per-handle changes.
    hello.levelEnabledIs( 9, true );
    EXPECT_TRUE( Kiv::TraceHandle::configIs( "Pim::Intf/4" ).empty() );
-   EXPECT_FALSE( hello.enabled( 9 ) );
-   EXPECT_FALSE( hello.enabled( 2 ) );
-   EXPECT_TRUE( intf.enabled( 4 ) );
+   EXPECT_EQ( std::vector< bool >( { hello.enabled( 9 ), hello.enabled( 2 ), intf.enabled( 4 ) } ),
+              std::vector< bool >( { false, false, true } ) );
 }
 
 TEST_F( TraceTest, CaptureCanEnableLevelsForItselfOnly ) {

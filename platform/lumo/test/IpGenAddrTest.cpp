@@ -305,10 +305,9 @@ TEST( IpGenPrefixTest, OrderByAddressThenLength ) {
    for( const auto & p : v ) texts.push_back( valueToStrep( p ) );
    EXPECT_EQ( texts, ( std::vector< std::string >{ "", "10.0.0.0/8", "198.18.0.0/15", "198.18.0.0/16",
                                                    "::/0", "2001:db8::/32" } ) );
-   EXPECT_EQ( std::hash< IpGenPrefix >()( prefix( "2001:db8::/32" ) ),
-              std::hash< IpGenPrefix >()( IpGenPrefix::masked( addr( "2001:db8::1" ), 32 ) ) );
+   // Equal values made two ways hash alike.
    std::unordered_set< IpGenPrefix > set( v.begin(), v.end() );
-   set.insert( prefix( "198.18.0.0/16" ) );
+   set.insert( IpGenPrefix::masked( addr( "198.18.1.1" ), 16 ) );
    EXPECT_EQ( set.size(), v.size() );
 }
 
