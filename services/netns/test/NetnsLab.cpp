@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -41,6 +42,16 @@ bool NetnsLab::haveRoot() { return ::geteuid() == 0; }
 
 bool NetnsLab::sh( const std::string & cmd ) {
    return std::system( ( cmd + " >/dev/null 2>&1" ).c_str() ) == 0;
+}
+
+std::string NetnsLab::output( const std::string & cmd ) {
+   std::string out;
+   FILE * p = ::popen( cmd.c_str(), "r" );
+   if( !p ) return out;
+   char buf[ 4096 ];
+   for( std::size_t n; ( n = std::fread( buf, 1, sizeof buf, p ) ) > 0; ) out.append( buf, n );
+   ::pclose( p );
+   return out;
 }
 
 NetnsLab::NetnsLab() {

@@ -19,6 +19,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,17 +53,6 @@ inline bool pollFor( const std::function< bool() > & cond, std::chrono::millisec
       std::this_thread::sleep_for( std::chrono::milliseconds( 20 ) );
    }
    return true;
-}
-
-// What a shell command writes to its standard output.
-inline std::string commandOutput( const std::string & cmd ) {
-   std::string out;
-   FILE * p = ::popen( cmd.c_str(), "r" );
-   if( !p ) return out;
-   char buf[ 4096 ];
-   for( std::size_t n; ( n = std::fread( buf, 1, sizeof buf, p ) ) > 0; ) out.append( buf, n );
-   ::pclose( p );
-   return out;
 }
 
 inline std::string configText( const std::string & intf, const char * family, unsigned drPriority ) {
@@ -154,20 +144,33 @@ class Daemon {
    }
 
    // pimnbr's JSON for "show <family> pim <what> json"; null when it fails.
-   Json show( const char * family, const char * what ) const {
-      const std::string cmd = std::string( PIMNBR_BINARY ) + " --state-dir '" + stateDir() + "' show " + family +
-                              " pim " + what + " json 2>/dev/null";
-      return Json::parse( commandOutput( cmd ), nullptr, false );
+   Json show( const char * family, const std::string & what ) const {
+      return Json::parse( NetnsLab::output( std::string( PIMNBR_BINARY ) + " --state-dir '" + stateDir() + "' show " +
+                                            family + " pim " + what + " json 2>/dev/null" ),
+                          nullptr, false );
+   }
+   // The neighbours that "show <family> pim <what> json" lists on intf (the
+   // daemon's own by default); what: "neighbor" or "vrf NAME neighbor".
+   std::set< std::string > neighbours( const char * family, const char * what = "neighbor",
+                                       const std::string & intf = {} ) const {
+      const Json j = show( family, what );
+      const std::string & i = intf.empty() ? intf_ : intf;
+      std::set< std::string > out;
+      if( j.is_object() && j.contains( i ) ) {
+         for( const auto & n : j[ i ].items() ) out.insert( n.key() );
+      }
+      return out;
    }
    bool hasNeighbor( const char * family, const std::string & addr ) const {
-      const Json j = show( family, "neighbor" );
-      return j.is_object() && j.contains( intf_ ) && j[ intf_ ].contains( addr );
+      return neighbours( family ).count( addr ) > 0;
    }
-   std::string dr( const char * family ) const {
+   // A field of the daemon's interface in "show <family> pim interface json".
+   std::string intfField( const char * family, const char * field = "pimDesignatedRouter" ) const {
       const Json j = show( family, "interface" );
-      if( !j.is_object() || !j.contains( intf_ ) || !j[ intf_ ].contains( "pimDesignatedRouter" ) ) return {};
-      return j[ intf_ ][ "pimDesignatedRouter" ].get< std::string >();
+      if( !j.is_object() || !j.contains( intf_ ) || !j[ intf_ ].contains( field ) ) return {};
+      return j[ intf_ ][ field ].get< std::string >();
    }
+   std::string dr( const char * family ) const { return intfField( family ); }
 
  private:
    std::string netns_;
