@@ -5,6 +5,7 @@
 // TsharkCaptureTest, which sends through this socket.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <tuple>
 
 #include "kiv/testing/TestLoop.h"
@@ -107,19 +108,16 @@ class RawPimIoTest : public ::testing::TestWithParam< Lumo::AddressFamily > {
       sb.reset();
       sa.reset();
    }
-   // Reads b's socket and runs the loop until b's mailbox has seen n Hellos.
+   // Reads b's socket and runs the loop until b's mailbox has seen n Hellos
+   // (deliveries are timers due now: they fire as the loop turns).
    bool receive( std::size_t n ) {
-      return NetnsLab::waitFor(
-         sb->io->socketFd(),
-         [ & ] {
-            sb->io->handleReadable();
-            loop.advanceBy( 0 );
-         },
-         [ & ] {
-            // Deliveries are timers due now: they fire as the loop turns.
-            loop.advanceBy( 0 );
-            return sb->recorder.got.size() >= n;
-         } );
+      return readUntil( [ & ] {
+         loop.advanceBy( 0 );
+         return sb->recorder.got.size() >= n;
+      } );
+   }
+   bool readUntil( const std::function< bool() > & cond ) {
+      return NetnsLab::waitFor( sb->io->socketFd(), [ & ] { sb->io->handleReadable(); }, cond );
    }
 
    Kiv::Testing::TestLoop loop;
@@ -166,13 +164,11 @@ TEST_P( RawPimIoTest, WhatIsNotForPimIsDroppedAndCounted ) {
    // Denied by the ACL, then on an interface PIM left, then one that passes.
    sb->io->aclIs( [ & ]( const Lumo::IpGenAddr & s ) { return s != src; } );
    send( *sa, "a0", src, 10, 1 );
-   ASSERT_TRUE( NetnsLab::waitFor( sb->io->socketFd(), [ & ] { sb->io->handleReadable(); },
-                                   [ & ] { return sb->io->counters().rxAclDenied == 1; } ) );
+   ASSERT_TRUE( readUntil( [ & ] { return sb->io->counters().rxAclDenied == 1; } ) );
    sb->io->aclIs( nullptr );
    sb->io->pimIntfIs( Lumo::IntfId( "b0" ), false );
    send( *sa, "a0", src, 20, 1 );
-   ASSERT_TRUE( NetnsLab::waitFor( sb->io->socketFd(), [ & ] { sb->io->handleReadable(); },
-                                   [ & ] { return sb->io->counters().rxNotPimIntf == 1; } ) );
+   ASSERT_TRUE( readUntil( [ & ] { return sb->io->counters().rxNotPimIntf == 1; } ) );
    sb->io->pimIntfIs( Lumo::IntfId( "b0" ), true );
    send( *sa, "a0", src, 30, 7 );
    ASSERT_TRUE( receive( 1 ) ) << "tx failed " << sa->io->counters().txFailed << ", rx " << sb->io->counters().rxDatagrams;

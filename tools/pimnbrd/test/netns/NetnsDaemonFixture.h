@@ -5,7 +5,6 @@
 // (veth legs on a bridge in a switch namespace) and routers on it.
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -81,17 +80,13 @@ class NotifyListener {
    bool valid() const { return fd_ >= 0; }
    // Reads until a datagram holds line (whole), or limit passes.
    bool waitFor( const std::string & line, std::chrono::milliseconds limit ) {
-      const auto end = Clock::now() + limit * kSlowdown;
-      for( ;; ) {
-         const auto left = std::chrono::duration_cast< std::chrono::milliseconds >( end - Clock::now() );
-         pollfd p{ fd_, POLLIN, 0 };
-         if( left.count() <= 0 || ::poll( &p, 1, int( left.count() ) ) <= 0 ) return false;
+      bool seen = false;
+      auto read = [ & ] {
          char buf[ 512 ];
-         const ssize_t n = ::recv( fd_, buf, sizeof buf, 0 );
-         if( n <= 0 ) continue;
-         const std::string msg( buf, std::size_t( n ) );
-         if( ( "\n" + msg + "\n" ).find( "\n" + line + "\n" ) != std::string::npos ) return true;
-      }
+         const ssize_t n = ::recv( fd_, buf, sizeof buf, MSG_DONTWAIT );
+         seen = n > 0 && ( "\n" + std::string( buf, std::size_t( n ) ) + "\n" ).find( "\n" + line + "\n" ) != std::string::npos;
+      };
+      return NetnsLab::waitFor( fd_, read, [ & ] { return seen; }, limit * kSlowdown );
    }
  private:
    std::string path_;
