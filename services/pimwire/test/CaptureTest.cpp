@@ -28,36 +28,32 @@ struct PimPacket {
    Bytes payload;   // the PIM message
 };
 
-// The IPv4 PIM packets of a pcapng file (in the host's byte order) of
-// Ethernet frames: enhanced packet blocks are the frames, other blocks are
+// The IPv4 PIM packets (no IP options) of a pcapng file in the host's byte
+// order: enhanced packet blocks are the Ethernet frames, other blocks are
 // skipped.
 std::vector< PimPacket > pimPackets( const std::string & file ) {
    std::ifstream in( std::string( PIMNBR_SHARED_CAPTURES ) + "/" + file, std::ios::binary );
    const Bytes f( ( std::istreambuf_iterator< char >( in ) ), std::istreambuf_iterator< char >() );
    std::vector< PimPacket > out;
-   if ( f.size() < 12 || rd32( f.data() ) != 0x0a0d0d0a || rd32( f.data() + 8 ) != 0x1a2b3c4d ) {
-      ADD_FAILURE() << "cannot read " << file;
-      return out;
-   }
+   EXPECT_TRUE( f.size() >= 12 && rd32( f.data() ) == 0x0a0d0d0a && rd32( f.data() + 8 ) == 0x1a2b3c4d ) << file;
    for ( std::size_t pos = 0, blockLen; pos + 12 <= f.size(); pos += blockLen ) {
       blockLen = rd32( f.data() + pos + 4 );
+      const bool frame = rd32( f.data() + pos ) == 6;
       const std::uint8_t * body = f.data() + pos + 8;
-      if ( blockLen < 12 || blockLen > f.size() - pos ||
-           ( rd32( f.data() + pos ) == 6 && ( blockLen < 32 || rd32( body + 12 ) > blockLen - 32 ) ) ) {
+      if ( blockLen < 12 || blockLen > f.size() - pos || ( frame && ( blockLen < 32 || rd32( body + 12 ) > blockLen - 32 ) ) ) {
          ADD_FAILURE() << "bad block in " << file;
          return out;
       }
-      if ( rd32( f.data() + pos ) != 6 ) continue;
-      const std::uint8_t * frame = body + 20, * ip = frame + 14;
+      if ( !frame ) continue;
+      const std::uint8_t * ip = body + 20 + 14;
       const std::size_t len = rd32( body + 12 );
-      const bool pim = len >= 34 && be16( frame + 12 ) == 0x0800 && ( ip[ 0 ] >> 4 ) == 4 && ip[ 9 ] == kIpProtoPim;
-      const std::size_t ihl = pim ? std::size_t( ip[ 0 ] & 0xf ) * 4 : 0, total = pim ? be16( ip + 2 ) : 0;
-      if ( !pim || ihl < 20 || total < ihl || total > len - 14 ) {
-         ADD_FAILURE() << "non-PIM frame in " << file;
-         continue;
+      const bool pim = len >= 34 && be16( body + 20 + 12 ) == 0x0800 && ip[ 0 ] == 0x45 && ip[ 9 ] == kIpProtoPim;
+      const std::size_t total = pim ? be16( ip + 2 ) : 0;
+      EXPECT_TRUE( pim && total >= 20 && total <= len - 14 ) << "non-PIM frame in " << file;
+      if ( pim && total >= 20 && total <= len - 14 ) {
+         out.push_back( { Addr::fromBytes( Family::ipv4, ip + 12 ), Addr::fromBytes( Family::ipv4, ip + 16 ),
+                          Bytes( ip + 20, ip + total ) } );
       }
-      out.push_back(
-         { Addr::fromBytes( Family::ipv4, ip + 12 ), Addr::fromBytes( Family::ipv4, ip + 16 ), Bytes( ip + ihl, ip + total ) } );
    }
    return out;
 }
