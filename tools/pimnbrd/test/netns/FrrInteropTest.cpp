@@ -6,7 +6,6 @@
 // holds its configuration too; nothing else of FRR's is touched. And
 // tshark's PIM dissector on what the daemon sends.
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 #include <future>
 #include <regex>
@@ -162,10 +161,8 @@ class FrrInteropTest : public DaemonNetnsTest {
       // A run that died left FRR running in namespaces that are gone now.
       std::error_code ec;
       for( const auto & e : std::filesystem::directory_iterator( "/var/run/frr", ec ) ) {
-         const std::string ns = e.path().filename().string();
-         const pid_t owner = ns.rfind( "pimt", 0 ) == 0 ? pid_t( std::atoi( ns.c_str() + 4 ) ) : 0;
-         if( owner > 0 && ::kill( owner, 0 ) != 0 && errno == ESRCH ) {
-            const FrrRouter stale( ns, "" );   // stops its daemons and removes the directory
+         if( NetnsLab::orphaned( e.path().filename().string() ) ) {
+            const FrrRouter stale( e.path().filename().string(), "" );   // stops its daemons, removes the directory
          }
       }
    }
