@@ -3,7 +3,6 @@
 // dropped events.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <tuple>
 
 #include "services/netlink/KernelFeed.h"
@@ -103,16 +102,10 @@ TEST_F( KernelFeedTest, DroppedEventsAreRecoveredByADump ) {
    KernelFeed feed( Lumo::NamespaceName( ns ), t );
    feed.start();
    feed.receiveBufferIs( 4096 );
-   const std::string batch = "/tmp/" + ns + ".batch";
-   {
-      std::ofstream b( batch );
-      for( int i = 0; i < 250; ++i ) b << "addr add 198.18.2." << i << "/24 dev va1\n";
-      for( int i = 0; i < 250; i += 2 ) b << "addr del 198.18.2." << i << "/24 dev va1\n";
-      b << "link set va1 name vc1\n";
-   }
-   const bool ran = NetnsLab::sh( "ip -n " + ns + " -batch " + batch );
-   std::remove( batch.c_str() );
-   ASSERT_TRUE( ran );
+   std::string batch;
+   for( int i = 0; i < 250; ++i ) batch += "addr add 198.18.2." + std::to_string( i ) + "/24 dev va1\n";
+   for( int i = 0; i < 250; i += 2 ) batch += "addr del 198.18.2." + std::to_string( i ) + "/24 dev va1\n";
+   ASSERT_TRUE( NetnsLab::sh( "echo '" + batch + "link set va1 name vc1' | ip -n " + ns + " -batch -" ) );
 
    FeedTargets fresh{ t.vrf, Kiv::make< Interface::DeviceIntfStatusDir >(), Kiv::make< IpGen::Ipv4Status >(),
                       Kiv::make< IpGen::Ipv6Status >() };

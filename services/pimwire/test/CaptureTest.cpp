@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <tuple>
 
 #include "services/pimwire/HelloCodec.h"
 
@@ -73,8 +74,7 @@ TEST( FrrCapture, PimHelloPcapDecodesAndDamagedCopiesAreRejected ) {
       const PimPacket & p = packets[ i ];
       const auto & want = routers[ i % 2 ];
       SCOPED_TRACE( want.src );
-      EXPECT_EQ( p.src, *Addr::parse( want.src ) );
-      EXPECT_EQ( p.dst, *Addr::parse( "224.0.0.13" ) );
+      EXPECT_EQ( std::tuple( p.src, p.dst ), std::tuple( *Addr::parse( want.src ), *Addr::parse( "224.0.0.13" ) ) );
       DecodeResult r = decodeHello( p.payload.data(), p.payload.size(), v4, p.src, p.dst );
       ASSERT_TRUE( r.ok() ) << r.reason;
       // The IPv6 link-local address is not ours to keep: skipped and counted.

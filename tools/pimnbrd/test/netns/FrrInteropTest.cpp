@@ -108,7 +108,6 @@ class FrrRouter {
    LanView view() const {
       return lanView( vtysh( "show ip pim neighbor json" ), vtysh( "show ip pim interface json" ), intf_ );
    }
-   std::string log() const { return NetnsLab::output( "tail -20 '" + runDir() + "/frr.log' 2>&1" ); }
 
  private:
    std::string netns_;
@@ -204,7 +203,7 @@ void FrrInteropTest::runCase( std::size_t c ) {
       if( mb.frr ) {
          frr_.push_back( std::make_unique< FrrRouter >( d->netns(), d->intf() ) );
          frr = frr_.back().get();
-         ASSERT_TRUE( frr->start( mb.priority ) ) << frr->log();
+         ASSERT_TRUE( frr->start( mb.priority ) ) << NetnsLab::output( "tail -20 '" + frr->runDir() + "/frr.log' 2>&1" );
          views.push_back( [ frr ] { return frr->view(); } );
          ours.push_back( nullptr );
       } else {
@@ -313,15 +312,13 @@ TEST_F( TsharkCaptureTest, EveryHelloSentDecodesWithTheConfiguredOptions ) {
    const pid_t tshark = pid_t( std::atoi( said.c_str() ) );
    ASSERT_TRUE( capturing && tshark > 0 ) << said;
    ASSERT_TRUE( d->start() );
-   auto helloTx = [ & ]( const char * family ) {
-      const Json j = d->show( family, "interface traffic" );
-      return j.is_object() && j.contains( "*" ) ? j[ "*" ].value( "helloTx", 0u ) : 0u;
-   };
-   unsigned sent[ 2 ] = {};
+   unsigned sent[ 2 ] = {};   // Hellos the daemon counted as sent
    ASSERT_TRUE( pollFor(
       [ & ] {
-         sent[ 0 ] = helloTx( "ip" );
-         sent[ 1 ] = helloTx( "ipv6" );
+         for( int f = 0; f < 2; ++f ) {
+            const Json j = d->show( f ? "ipv6" : "ip", "interface traffic" );
+            sent[ f ] = j.is_object() && j.contains( "*" ) ? j[ "*" ].value( "helloTx", 0u ) : 0u;
+         }
          return sent[ 0 ] >= 3 && sent[ 1 ] >= 3;
       },
       milliseconds( 10000 ) ) );

@@ -184,8 +184,7 @@ class DaemonNetnsTest : public ::testing::Test {
       dir_ = tmpl;
       sw_ = lab_.add( "sw" );
       ASSERT_FALSE( sw_.empty() );
-      ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link add br0 type bridge && ip -n " + sw_ +
-                                 " link set br0 up" ) );
+      ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link add br0 type bridge && ip -n " + sw_ + " link set br0 up" ) );
    }
    void TearDown() override {
       daemons_.clear();
