@@ -119,7 +119,6 @@ TEST_P( RoundTrip, AllOptionsThenEachAloneDecodeToTheSameHelloInAReusedHello ) {
       h.source = e.src;
       h.destination = e.dst;
       auto bytes = encodeHello( h, e.family, e.src, e.dst );
-      ASSERT_FALSE( bytes.empty() );
       EXPECT_EQ( bytes.size(), encodedHelloSize( h ) );
       DecodeStats stats;
       ASSERT_EQ( decodeHello( bytes.data(), bytes.size(), e.family, e.src, e.dst, out, stats ), RejectReason::none );
@@ -187,9 +186,7 @@ TEST( Encode, LongAddressListIsSplitAcrossOptionsThenDeduplicatedAndCapped ) {
       a.bytes[ 15 ] = std::uint8_t( i );
       h.addressList.insert( h.addressList.end(), i == 1 ? 4 : 1, a );
    }
-   auto b = encodeHello( h, e.family, e.src, e.dst );
-   ASSERT_FALSE( b.empty() );
-   DecodeResult r = decode( b, e );
+   DecodeResult r = decode( encodeHello( h, e.family, e.src, e.dst ), e );
    ASSERT_TRUE( r.ok() ) << r.reason;
    EXPECT_EQ( r.stats.options, 2u );
    ASSERT_EQ( r.hello.addressList.size(), kMaxAddressesKept );
@@ -203,8 +200,7 @@ TEST( Reject, EachMalformationHasItsReason ) {
    const Endpoints e6 = endpoints( Family::ipv6 );
    auto good = Raw().option( 1, holdtime105() ).sealed( e );
    auto good6 = Raw().option( 1, holdtime105() ).sealed( e6 );
-   ASSERT_TRUE( decode( good, e ).ok() );
-   ASSERT_TRUE( decode( good6, e6 ).ok() );
+   ASSERT_TRUE( decode( good, e ).ok() && decode( good6, e6 ).ok() );
    auto with = []( Endpoints ep, Family f, const char * src, const char * dst ) {
       ep.family = f;
       if ( src ) ep.src = ip( src );

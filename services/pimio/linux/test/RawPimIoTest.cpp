@@ -102,10 +102,6 @@ class RawPimIoTest : public ::testing::TestWithParam< Lumo::AddressFamily > {
       sb->io->pimIntfIs( Lumo::IntfId( "b0" ), true );
       ASSERT_TRUE( sb->io->allPimRoutersIs( Lumo::IntfId( "b0" ), true ) );
    }
-   void TearDown() override {
-      sb.reset();
-      sa.reset();
-   }
    // Reads b's socket and runs the loop until b's mailbox has seen n Hellos
    // (deliveries are timers due now: they fire as the loop turns).
    bool receive( std::size_t n ) {

@@ -1,12 +1,8 @@
 // pimnbrd processes in network namespaces on one LAN (veth legs on a bridge
 // in a switch namespace), watched only through pimnbr against each daemon's
-// state directory: neighbours form, the DR follows priority, a reload
-// changes the DR without dropping the neighbour and a broken file changes
-// nothing, a killed daemon expires after its hold time; a supervisor hears
-// READY, RELOADING and STOPPING; the unit file passes systemd's check. Every
-// wait is a bounded poll. The DR among three
-// routers, by priority and then address, is the FRR interop test's (IPv4)
-// and the DR election scenarios' (both families).
+// state directory; every wait is a bounded poll. The DR among three routers,
+// by priority and then address, is FrrInteropTest's (IPv4) and the DR
+// election scenarios' (both families).
 #include "NetnsDaemonFixture.h"
 
 namespace {
