@@ -3,7 +3,7 @@
 // dropped events.
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <tuple>
 
 #include "services/netlink/KernelFeed.h"
 #include "services/netns/test/NetnsLab.h"
@@ -49,16 +49,13 @@ TEST_F( KernelFeedTest, DumpThenEventsKeepTheStatusInStep ) {
    feed.start();
    const auto va0 = t.devices->deviceIntfStatus( Lumo::IntfId( "va0" ) );
    const auto va1 = t.devices->deviceIntfStatus( Lumo::IntfId( "va1" ) );
-   EXPECT_GT( va0.ifIndex, 0u );
-   EXPECT_NE( va0.ifIndex, va1.ifIndex );
-   EXPECT_TRUE( va0.operUp );
-   EXPECT_TRUE( t.devices->deviceIntfStatus( Lumo::IntfId( "lo" ) ).operUp );
-   EXPECT_EQ( t.ip4->vrfOf( Lumo::IntfId( "va0" ) ), L3::VrfName( "red" ) );
-   EXPECT_EQ( primary( t.ip4, "va0" ), am( "198.18.1.1/24" ) );
+   EXPECT_TRUE( va0.ifIndex > 0 && va0.ifIndex != va1.ifIndex && va0.operUp &&
+                t.devices->deviceIntfStatus( Lumo::IntfId( "lo" ) ).operUp );
    // IPv6 speaks from the link-local address; the global one is a secondary.
-   EXPECT_TRUE( primary( t.ip6, "va0" ).address().isLinkLocal() );
-   EXPECT_TRUE( hasSecondary( t.ip6, "va0", "2001:db8:1::1/64" ) );
-   EXPECT_EQ( feed.counters().dumps, 1u );
+   EXPECT_EQ( std::tuple( t.ip4->vrfOf( Lumo::IntfId( "va0" ) ), primary( t.ip4, "va0" ),
+                          primary( t.ip6, "va0" ).address().isLinkLocal(), hasSecondary( t.ip6, "va0", "2001:db8:1::1/64" ),
+                          feed.counters().dumps ),
+              std::tuple( L3::VrfName( "red" ), am( "198.18.1.1/24" ), true, true, 1u ) );
 
    struct Step {
       std::string command;
@@ -96,8 +93,7 @@ TEST_F( KernelFeedTest, DumpThenEventsKeepTheStatusInStep ) {
       ASSERT_TRUE( ip( s.command ) ) << s.command;
       EXPECT_TRUE( settle( feed, s.done ) ) << s.command;
    }
-   EXPECT_EQ( feed.counters().malformed, 0u );
-   EXPECT_EQ( feed.counters().resyncs, 0u );
+   EXPECT_EQ( std::tuple( feed.counters().malformed, feed.counters().resyncs ), std::tuple( 0u, 0u ) );
 }
 
 // The kernel drops events on a full socket; the feed dumps again and ends
@@ -106,16 +102,10 @@ TEST_F( KernelFeedTest, DroppedEventsAreRecoveredByADump ) {
    KernelFeed feed( Lumo::NamespaceName( ns ), t );
    feed.start();
    feed.receiveBufferIs( 4096 );
-   const std::string batch = "/tmp/" + ns + ".batch";
-   {
-      std::ofstream b( batch );
-      for( int i = 0; i < 250; ++i ) b << "addr add 198.18.2." << i << "/24 dev va1\n";
-      for( int i = 0; i < 250; i += 2 ) b << "addr del 198.18.2." << i << "/24 dev va1\n";
-      b << "link set va1 name vc1\n";
-   }
-   const bool ran = NetnsLab::sh( "ip -n " + ns + " -batch " + batch );
-   std::remove( batch.c_str() );
-   ASSERT_TRUE( ran );
+   std::string batch;
+   for( int i = 0; i < 250; ++i ) batch += "addr add 198.18.2." + std::to_string( i ) + "/24 dev va1\n";
+   for( int i = 0; i < 250; i += 2 ) batch += "addr del 198.18.2." + std::to_string( i ) + "/24 dev va1\n";
+   ASSERT_TRUE( NetnsLab::sh( "echo '" + batch + "link set va1 name vc1' | ip -n " + ns + " -batch -" ) );
 
    FeedTargets fresh{ t.vrf, Kiv::make< Interface::DeviceIntfStatusDir >(), Kiv::make< IpGen::Ipv4Status >(),
                       Kiv::make< IpGen::Ipv6Status >() };
@@ -128,8 +118,7 @@ TEST_F( KernelFeedTest, DroppedEventsAreRecoveredByADump ) {
 
    const auto view = feed.written().at( t.devices->deviceIntfStatus( Lumo::IntfId( "vc1" ) ).ifIndex );
    EXPECT_EQ( view.secondary[ 0 ].size() + 1, 125u );
-   EXPECT_FALSE( t.devices->deviceIntfStatusHas( Lumo::IntfId( "va1" ) ) );
-   EXPECT_FALSE( t.ip4->knowsIntf( Lumo::IntfId( "va1" ) ) );
+   EXPECT_FALSE( t.devices->deviceIntfStatusHas( Lumo::IntfId( "va1" ) ) || t.ip4->knowsIntf( Lumo::IntfId( "va1" ) ) );
    // The entities say what the views say.
    for( int i = 1; i < 250; i += 2 ) {
       const auto a = am( ( "198.18.2." + std::to_string( i ) + "/24" ).c_str() );

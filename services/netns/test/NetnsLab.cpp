@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -14,27 +15,6 @@ namespace {
 const std::string kPrefix = "pimt";
 
 std::string ownPrefix() { return kPrefix + std::to_string( ::getpid() ) + "-"; }
-
-// The pid in "pimt<pid>-...", or 0.
-pid_t ownerOf( const std::string & name ) {
-   if( name.rfind( kPrefix, 0 ) != 0 ) return 0;
-   const auto dash = name.find( '-', kPrefix.size() );
-   if( dash == std::string::npos ) return 0;
-   try {
-      return pid_t( std::stoi( name.substr( kPrefix.size(), dash - kPrefix.size() ) ) );
-   } catch( const std::exception & ) {
-      return 0;
-   }
-}
-
-std::vector< std::string > allNamespaces() {
-   std::vector< std::string > out;
-   std::error_code ec;
-   for( const auto & e : std::filesystem::directory_iterator( "/run/netns", ec ) ) {
-      out.push_back( e.path().filename().string() );
-   }
-   return out;
-}
 } // namespace
 
 bool NetnsLab::haveRoot() { return ::geteuid() == 0; }
@@ -43,11 +23,26 @@ bool NetnsLab::sh( const std::string & cmd ) {
    return std::system( ( cmd + " >/dev/null 2>&1" ).c_str() ) == 0;
 }
 
+std::string NetnsLab::output( const std::string & cmd ) {
+   std::string out;
+   FILE * p = ::popen( cmd.c_str(), "r" );
+   if( !p ) return out;
+   char buf[ 4096 ];
+   for( std::size_t n; ( n = std::fread( buf, 1, sizeof buf, p ) ) > 0; ) out.append( buf, n );
+   ::pclose( p );
+   return out;
+}
+
+bool NetnsLab::orphaned( const std::string & name ) {
+   const pid_t owner = name.rfind( kPrefix, 0 ) == 0 ? pid_t( std::atoi( name.c_str() + kPrefix.size() ) ) : 0;
+   return owner > 0 && ::kill( owner, 0 ) != 0 && errno == ESRCH;
+}
+
 NetnsLab::NetnsLab() {
    if( !haveRoot() ) return;
-   for( const auto & n : allNamespaces() ) {
-      const pid_t p = ownerOf( n );
-      if( p > 0 && ::kill( p, 0 ) != 0 && errno == ESRCH ) sh( "ip netns del " + n );
+   std::error_code ec;
+   for( const auto & e : std::filesystem::directory_iterator( "/run/netns", ec ) ) {
+      if( orphaned( e.path().filename().string() ) ) sh( "ip netns del " + e.path().filename().string() );
    }
 }
 

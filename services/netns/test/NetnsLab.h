@@ -21,8 +21,12 @@ class NetnsLab {
    // "pimt<pid>-<tag>", created with IPv6 duplicate address detection off so
    // that addresses are usable at once. Empty on failure.
    std::string add( const std::string & tag );
+   // A name made by a lab whose process is gone (a crashed run).
+   static bool orphaned( const std::string & name );
    // Runs a shell command quietly; true when it exits 0.
    static bool sh( const std::string & cmd );
+   // What a shell command writes to its standard output.
+   static std::string output( const std::string & cmd );
    // Until cond holds or the time is up: waits for fd to be readable and
    // calls onReadable. No sleeping: the kernel wakes us.
    static bool waitFor( int fd, const std::function< void() > & onReadable, const std::function< bool() > & cond,

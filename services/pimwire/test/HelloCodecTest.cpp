@@ -119,7 +119,6 @@ TEST_P( RoundTrip, AllOptionsThenEachAloneDecodeToTheSameHelloInAReusedHello ) {
       h.source = e.src;
       h.destination = e.dst;
       auto bytes = encodeHello( h, e.family, e.src, e.dst );
-      ASSERT_FALSE( bytes.empty() );
       EXPECT_EQ( bytes.size(), encodedHelloSize( h ) );
       DecodeStats stats;
       ASSERT_EQ( decodeHello( bytes.data(), bytes.size(), e.family, e.src, e.dst, out, stats ), RejectReason::none );
@@ -176,23 +175,24 @@ TEST( Encode, RefusesWhatTheWireCannotCarry ) {
    EXPECT_EQ( encodeHello( h, e.family, e.src, e.dst, buf, 10 ), 10u );
 }
 
-TEST( Encode, LongAddressListIsSplitAcrossOptions ) {
+// Repeats are dropped before the cap applies, so they cannot crowd out
+// distinct addresses.
+TEST( Encode, LongAddressListIsSplitAcrossOptionsThenDeduplicatedAndCapped ) {
    const Endpoints e = endpoints( Family::ipv6 );
    Hello h;
    for ( int i = 0; i < 4000; ++i ) {
       Addr a = ip( "2001:db8::" );
       a.bytes[ 14 ] = std::uint8_t( i >> 8 );
       a.bytes[ 15 ] = std::uint8_t( i );
-      h.addressList.push_back( a );
+      h.addressList.insert( h.addressList.end(), i == 1 ? 4 : 1, a );
    }
-   auto b = encodeHello( h, e.family, e.src, e.dst );
-   ASSERT_FALSE( b.empty() );
-   DecodeResult r = decode( b, e );
+   DecodeResult r = decode( encodeHello( h, e.family, e.src, e.dst ), e );
    ASSERT_TRUE( r.ok() ) << r.reason;
    EXPECT_EQ( r.stats.options, 2u );
    ASSERT_EQ( r.hello.addressList.size(), kMaxAddressesKept );
+   EXPECT_EQ( r.stats.duplicateAddrs, 3u );
    EXPECT_EQ( r.stats.droppedAddrs, 4000u - kMaxAddressesKept );
-   EXPECT_EQ( r.hello.addressList.back(), h.addressList[ kMaxAddressesKept - 1 ] );
+   EXPECT_EQ( r.hello.addressList.back(), h.addressList[ kMaxAddressesKept + 2 ] );
 }
 
 TEST( Reject, EachMalformationHasItsReason ) {
@@ -200,8 +200,7 @@ TEST( Reject, EachMalformationHasItsReason ) {
    const Endpoints e6 = endpoints( Family::ipv6 );
    auto good = Raw().option( 1, holdtime105() ).sealed( e );
    auto good6 = Raw().option( 1, holdtime105() ).sealed( e6 );
-   ASSERT_TRUE( decode( good, e ).ok() );
-   ASSERT_TRUE( decode( good6, e6 ).ok() );
+   ASSERT_TRUE( decode( good, e ).ok() && decode( good6, e6 ).ok() );
    auto with = []( Endpoints ep, Family f, const char * src, const char * dst ) {
       ep.family = f;
       if ( src ) ep.src = ip( src );
@@ -249,41 +248,6 @@ TEST( Reject, EachMalformationHasItsReason ) {
 
 class Lenient : public ::testing::TestWithParam< Family > {};
 
-TEST_P( Lenient, KnownOptionWithWrongLengthIsSkippedAndCounted ) {
-   const Endpoints e = endpoints( GetParam() );
-   Hello want;
-   want.source = e.src;
-   want.destination = e.dst;
-   want.holdtimePresent = want.generationIdPresent = true;
-   want.holdtime = 105;
-   want.generationId = 0x12345678;
-   struct Case {
-      std::uint16_t type;
-      std::vector< std::uint8_t > value;
-   };
-   const std::vector< Case > cases = {
-      { 1, { 0, 0, 105 } },                // holdtime of 3 bytes
-      { 2, { 0x01, 0xf4, 0x09 } },         // LAN prune delay of 3
-      { 19, { 0, 0, 0, 0, 1 } },           // priority of 5
-      { 20, { 1, 2 } },                    // generation id of 2
-      { 22, { 0 } },                       // bidir capable with a value
-      { 31, { 0, 0, 0, 1 } },              // interface id of 4
-      { 28, { 1, 0, 0, 0, 198, 18 } },     // IPv4 AFI, 2-byte address
-      { 27, { 2, 0, 0, 0, 198, 18, 0, 1 } }, // IPv6 AFI, 4-byte address
-      { 28, { 9, 0, 0, 0 } },              // unknown AFI
-      { 24, { 1, 0, 198, 18, 0 } },        // truncated entry
-   };
-   for ( const Case & c : cases ) {
-      SCOPED_TRACE( c.type );
-      auto b = Raw().option( c.type, c.value ).option( 1, holdtime105() ).option( 20, { 0x12, 0x34, 0x56, 0x78 } ).sealed( e );
-      DecodeResult r = decode( b, e );
-      ASSERT_TRUE( r.ok() ) << r.reason;
-      EXPECT_EQ( r.stats.badLengthOptions, 1u );
-      EXPECT_EQ( r.stats.options, 3u );
-      EXPECT_EQ( r.hello, want ) << r.hello;
-   }
-}
-
 // Damage or strangeness inside one option costs that option (or entry)
 // only; what is skipped is counted by kind.
 TEST_P( Lenient, SkippedPartsAreCountedAndTheRestKept ) {
@@ -300,6 +264,18 @@ TEST_P( Lenient, SkippedPartsAreCountedAndTheRestKept ) {
    badEncoding[ 1 ] = 1;
    Addr mine = e.src;
    mine.bytes[ 3 ] = 0x42;
+   // A known option of the wrong length before a good hold time and generation id.
+   Hello want;
+   want.source = e.src;
+   want.destination = e.dst;
+   want.holdtimePresent = want.generationIdPresent = true;
+   want.holdtime = 105;
+   want.generationId = 0x12345678;
+   const auto wrong = [ & ]( std::uint16_t type, std::vector< std::uint8_t > value ) {
+      return Raw().option( type, value ).option( 1, holdtime105() ).option( 20, { 0x12, 0x34, 0x56, 0x78 } ).sealed( e );
+   };
+   const DecodeStats badLength{ 3, 0, 1, 0, 0, 0, 0, 0 };
+   const auto isWant = [ & ]( const Hello & h ) { EXPECT_EQ( h, want ) << h; };
    struct Case {
       const char * what;
       std::vector< std::uint8_t > bytes;
@@ -330,6 +306,16 @@ TEST_P( Lenient, SkippedPartsAreCountedAndTheRestKept ) {
       { "a repeated option: the last one wins",
         Raw().option( 1, { 0, 10 } ).option( 22, {} ).option( 1, { 0, 20 } ).option( 22, {} ).sealed( e ),
         { 4, 0, 0, 2, 0, 0, 0, 0 }, []( const Hello & h ) { EXPECT_TRUE( h.holdtime == 20 && h.bidirCapable ); } },
+      { "holdtime of 3 bytes", wrong( 1, { 0, 0, 105 } ), badLength, isWant },
+      { "LAN prune delay of 3", wrong( 2, { 0x01, 0xf4, 0x09 } ), badLength, isWant },
+      { "priority of 5", wrong( 19, { 0, 0, 0, 0, 1 } ), badLength, isWant },
+      { "generation id of 2", wrong( 20, { 1, 2 } ), badLength, isWant },
+      { "bidir capable with a value", wrong( 22, { 0 } ), badLength, isWant },
+      { "interface id of 4", wrong( 31, { 0, 0, 0, 1 } ), badLength, isWant },
+      { "IPv4 AFI, 2-byte address", wrong( 28, { 1, 0, 0, 0, 198, 18 } ), badLength, isWant },
+      { "IPv6 AFI, 4-byte address", wrong( 27, { 2, 0, 0, 0, 198, 18, 0, 1 } ), badLength, isWant },
+      { "unknown AFI", wrong( 28, { 9, 0, 0, 0 } ), badLength, isWant },
+      { "truncated address entry", wrong( 24, { 1, 0, 198, 18, 0 } ), badLength, isWant },
    };
    for ( const Case & c : cases ) {
       SCOPED_TRACE( c.what );
@@ -340,48 +326,5 @@ TEST_P( Lenient, SkippedPartsAreCountedAndTheRestKept ) {
    }
 }
 
-// Repeats are dropped before the cap applies, so they cannot crowd out
-// distinct addresses.
-TEST_P( Lenient, AddressListIsDeduplicatedThenCappedAndTheExcessCounted ) {
-   const Endpoints e = endpoints( GetParam() );
-   std::vector< std::uint8_t > value;
-   for ( std::size_t i = 0; i < kMaxAddressesKept + 5; ++i ) {
-      Addr a = e.src;
-      a.bytes[ 3 ] = std::uint8_t( i );
-      auto enc = encodedAddr( a );
-      for ( int copy = 0; copy < ( i == 1 ? 4 : 1 ); ++copy ) value.insert( value.end(), enc.begin(), enc.end() );
-   }
-   auto b = Raw().option( 24, value ).option( 24, encodedAddr( e.src ) ).sealed( e );
-   DecodeResult r = decode( b, e );
-   ASSERT_TRUE( r.ok() );
-   EXPECT_EQ( r.hello.addressList.size(), kMaxAddressesKept );
-   EXPECT_EQ( r.hello.addressList.back().bytes[ 3 ], kMaxAddressesKept - 1 );
-   EXPECT_EQ( r.stats.duplicateAddrs, 3u );
-   EXPECT_EQ( r.stats.droppedAddrs, 6u );
-}
-
 INSTANTIATE_TEST_SUITE_P( Families, Lenient, ::testing::Values( Family::ipv4, Family::ipv6 ),
                           []( const auto & info ) { return familyName( info.param ); } );
-
-TEST( Print, AddressesUseTheCanonicalTextForms ) {
-   const std::vector< std::pair< const char *, const char * > > cases = {
-      { "198.18.0.1", "198.18.0.1" },
-      { "2001:DB8:0:0:0:0:0:1", "2001:db8::1" },
-      { "2001:db8:0:1:0:0:0:1", "2001:db8:0:1::1" },     // longest zero run
-      { "2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1" },   // first of equal runs
-      { "2001:db8:1:1:1:1:0:1", "2001:db8:1:1:1:1:0:1" }, // no single-group '::'
-      { "::", "::" },
-      { "::1", "::1" },
-      { "fe80::", "fe80::" },
-      { "::ffff:198.18.0.1", "::ffff:c612:1" },
-   };
-   for ( const auto & [ in, out ] : cases ) {
-      auto a = Addr::parse( in );
-      ASSERT_TRUE( a ) << in;
-      EXPECT_EQ( a->toString(), out ) << in;
-      EXPECT_EQ( Addr::parse( out ), a ) << out;
-   }
-   for ( const char * bad : { "", "1.2.3", "1.2.3.256", "1.2.3.4.5", "1..2.3", "2001:db8::1::2",
-                              "12345::", "1:2:3:4:5:6:7", "1:2:3:4:5:6:7:8:9", "g::1", ":1" } )
-      EXPECT_FALSE( Addr::parse( bad ) ) << bad;
-}

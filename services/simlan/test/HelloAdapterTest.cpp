@@ -85,11 +85,10 @@ TEST( HelloAdapterTest, PortOptionMapsCapabilityToTheSctpOption ) {
    EXPECT_FALSE( w.tcpCapable.present );
 
    // Capability flags beyond the option's 24 bits do not reach the wire.
-   HelloMessage flags;
-   flags.srcAddrIs( ip( "198.18.1.1" ) );
-   flags.portOptionPresentIs( true );
-   flags.portCapabilityFlagsIs( 0xff000003 );
-   w = wireHelloFrom( flags );
+   m.connectionAddrPresentIs( false );
+   m.portOptionPresentIs( true );
+   m.portCapabilityFlagsIs( 0xff000003 );
+   w = wireHelloFrom( m );
    EXPECT_EQ( w.sctpCapable, ( PimWire::TransportCapable{ true, 0x2, PimWire::Addr{} } ) );
    EXPECT_NE( PimWire::encodedHelloSize( w ), 0u );
 
@@ -103,11 +102,9 @@ TEST( HelloAdapterTest, PortOptionMapsCapabilityToTheSctpOption ) {
               std::tuple( true, kPortCapabilitySctp, false ) );
 
    // The TCP-capable option has no place in the message.
-   PimWire::Hello tcp;
-   tcp.source = wa( "198.18.1.9" );
-   tcp.tcpCapable.present = true;
-   tcp.tcpCapable.connectionAddr = wa( "198.18.0.9" );
-   msg = helloMessageFromWire( tcp );
+   in.sctpCapable.present = false;
+   in.tcpCapable = { true, 0, wa( "198.18.0.9" ) };
+   msg = helloMessageFromWire( in );
    EXPECT_FALSE( msg->portOptionPresent() || msg->connectionAddrPresent() );
 }
 

@@ -5,7 +5,6 @@
 // (veth legs on a bridge in a switch namespace) and routers on it.
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -19,6 +18,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -54,17 +54,6 @@ inline bool pollFor( const std::function< bool() > & cond, std::chrono::millisec
    return true;
 }
 
-// What a shell command writes to its standard output.
-inline std::string commandOutput( const std::string & cmd ) {
-   std::string out;
-   FILE * p = ::popen( cmd.c_str(), "r" );
-   if( !p ) return out;
-   char buf[ 4096 ];
-   for( std::size_t n; ( n = std::fread( buf, 1, sizeof buf, p ) ) > 0; ) out.append( buf, n );
-   ::pclose( p );
-   return out;
-}
-
 inline std::string configText( const std::string & intf, const char * family, unsigned drPriority ) {
    return std::string( "address-families: [" ) + family + "]\nvrfs:\n  default:\n    interfaces:\n      " + intf +
           ":\n        hello-interval: 1\n        dr-priority: " + std::to_string( drPriority ) + "\n";
@@ -91,17 +80,13 @@ class NotifyListener {
    bool valid() const { return fd_ >= 0; }
    // Reads until a datagram holds line (whole), or limit passes.
    bool waitFor( const std::string & line, std::chrono::milliseconds limit ) {
-      const auto end = Clock::now() + limit * kSlowdown;
-      for( ;; ) {
-         const auto left = std::chrono::duration_cast< std::chrono::milliseconds >( end - Clock::now() );
-         pollfd p{ fd_, POLLIN, 0 };
-         if( left.count() <= 0 || ::poll( &p, 1, int( left.count() ) ) <= 0 ) return false;
+      bool seen = false;
+      auto read = [ & ] {
          char buf[ 512 ];
-         const ssize_t n = ::recv( fd_, buf, sizeof buf, 0 );
-         if( n <= 0 ) continue;
-         const std::string msg( buf, std::size_t( n ) );
-         if( ( "\n" + msg + "\n" ).find( "\n" + line + "\n" ) != std::string::npos ) return true;
-      }
+         const ssize_t n = ::recv( fd_, buf, sizeof buf, MSG_DONTWAIT );
+         seen = n > 0 && ( "\n" + std::string( buf, std::size_t( n ) ) + "\n" ).find( "\n" + line + "\n" ) != std::string::npos;
+      };
+      return NetnsLab::waitFor( fd_, read, [ & ] { return seen; }, limit * kSlowdown );
    }
  private:
    std::string path_;
@@ -154,20 +139,33 @@ class Daemon {
    }
 
    // pimnbr's JSON for "show <family> pim <what> json"; null when it fails.
-   Json show( const char * family, const char * what ) const {
-      const std::string cmd = std::string( PIMNBR_BINARY ) + " --state-dir '" + stateDir() + "' show " + family +
-                              " pim " + what + " json 2>/dev/null";
-      return Json::parse( commandOutput( cmd ), nullptr, false );
+   Json show( const char * family, const std::string & what ) const {
+      return Json::parse( NetnsLab::output( std::string( PIMNBR_BINARY ) + " --state-dir '" + stateDir() + "' show " +
+                                            family + " pim " + what + " json 2>/dev/null" ),
+                          nullptr, false );
+   }
+   // The neighbours that "show <family> pim <what> json" lists on intf (the
+   // daemon's own by default); what: "neighbor" or "vrf NAME neighbor".
+   std::set< std::string > neighbours( const char * family, const char * what = "neighbor",
+                                       const std::string & intf = {} ) const {
+      const Json j = show( family, what );
+      const std::string & i = intf.empty() ? intf_ : intf;
+      std::set< std::string > out;
+      if( j.is_object() && j.contains( i ) ) {
+         for( const auto & n : j[ i ].items() ) out.insert( n.key() );
+      }
+      return out;
    }
    bool hasNeighbor( const char * family, const std::string & addr ) const {
-      const Json j = show( family, "neighbor" );
-      return j.is_object() && j.contains( intf_ ) && j[ intf_ ].contains( addr );
+      return neighbours( family ).count( addr ) > 0;
    }
-   std::string dr( const char * family ) const {
+   // A field of the daemon's interface in "show <family> pim interface json".
+   std::string intfField( const char * family, const char * field = "pimDesignatedRouter" ) const {
       const Json j = show( family, "interface" );
-      if( !j.is_object() || !j.contains( intf_ ) || !j[ intf_ ].contains( "pimDesignatedRouter" ) ) return {};
-      return j[ intf_ ][ "pimDesignatedRouter" ].get< std::string >();
+      if( !j.is_object() || !j.contains( intf_ ) || !j[ intf_ ].contains( field ) ) return {};
+      return j[ intf_ ][ field ].get< std::string >();
    }
+   std::string dr( const char * family ) const { return intfField( family ); }
 
  private:
    std::string netns_;
@@ -186,8 +184,7 @@ class DaemonNetnsTest : public ::testing::Test {
       dir_ = tmpl;
       sw_ = lab_.add( "sw" );
       ASSERT_FALSE( sw_.empty() );
-      ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link add br0 type bridge && ip -n " + sw_ +
-                                 " link set br0 up" ) );
+      ASSERT_TRUE( NetnsLab::sh( "ip -n " + sw_ + " link add br0 type bridge && ip -n " + sw_ + " link set br0 up" ) );
    }
    void TearDown() override {
       daemons_.clear();
