@@ -5,21 +5,18 @@
 // makes it; the generation id of a new interface never eats a scripted value.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdint>
-#include <algorithm>
 #include <deque>
-#include <iterator>
 #include <initializer_list>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "VrfPipeline.h"
 #include "kiv/Log.h"
-#include "kiv/RangeException.h"
 #include "kiv/Trace.h"
 #include "kiv/testing/TestLoop.h"
 
@@ -32,6 +29,7 @@ inline Lumo::IpGenAddrWithMask ipm( std::string_view s ) {
    return Lumo::IpGenAddrWithMask::fromStrep( s );
 }
 inline Lumo::IntfId ethernet( int n ) { return Lumo::IntfId( "Ethernet" + std::to_string( n ) ); }
+inline const Lumo::IntfId eth1 = ethernet( 1 ), eth2 = ethernet( 2 );
 
 // Each test starts its clock far from the others', so the static log handles'
 // rate limits never carry a spent budget from one test into the next.
@@ -65,15 +63,14 @@ inline std::uint32_t drawForTenths( std::uint32_t tenths ) { return tenths - 1; 
 struct HelloBuilder {
    Lumo::IpGenAddr src;
    std::optional< std::uint16_t > holdTime = 105;
-   std::optional< std::uint32_t > drPriority;
-   std::optional< std::uint32_t > generationId;
-   std::optional< LanPruneDelayOption > lanPruneDelay;   // its valid flag is ignored
+   std::optional< std::uint32_t > drPriority = {};
+   std::optional< std::uint32_t > generationId = {};
+   std::optional< LanPruneDelayOption > lanPruneDelay = {};   // its valid flag is ignored
    bool bidir = false;
-   std::vector< Lumo::IpGenAddr > secondary;
-   std::optional< Reliable::NeighborInfo > port;
+   std::vector< Lumo::IpGenAddr > secondary = {};
+   std::optional< Reliable::NeighborInfo > port = {};
 
    HelloBuilder & hold( std::optional< std::uint16_t > v ) { holdTime = v; return *this; }
-   HelloBuilder & noHold() { holdTime.reset(); return *this; }
    HelloBuilder & dr( std::uint32_t v ) { drPriority = v; return *this; }
    HelloBuilder & genId( std::uint32_t v ) { generationId = v; return *this; }
    HelloBuilder & lpd( std::uint16_t pd, std::uint16_t oi, bool t ) {
@@ -113,11 +110,7 @@ struct HelloBuilder {
    }
 };
 
-inline HelloBuilder hello( std::string_view src ) {
-   HelloBuilder h;
-   h.src = ip( src );
-   return h;
-}
+inline HelloBuilder hello( std::string_view src ) { return HelloBuilder{ ip( src ) }; }
 
 // One Hello handed to the transmit mailbox (every send makes a new message).
 struct SentHello {
@@ -144,7 +137,7 @@ struct IntfParams {
    bool tBit = false;
    bool bfdEnabled = false;
    Reliable::CapabilityFlags portCapabilityFlags = 0;
-   std::vector< Lumo::IpGenAddr > secondary;
+   std::vector< Lumo::IpGenAddr > secondary = {};
    std::uint32_t generationId = 0x6a7b8c9d;
    std::uint32_t ifIndex = 11;
    bool kernelKnown = true;
@@ -203,7 +196,7 @@ class EngineFixture {
       intf->portCapabilityFlagsIs( p.portCapabilityFlags );
       intf->generationIdIs( p.generationId );
       for( const auto & a : p.secondary ) intf->secondaryAddressIs( a, true );
-      if( p.kernelKnown ) kernelAdd( id, p.ifIndex );
+      if( p.kernelKnown ) vrf.kernelAdd( id, p.ifIndex );
       runUntilIdle();
       return intf;
    }
@@ -215,9 +208,6 @@ class EngineFixture {
       clearSent();
       return intf;
    }
-   void kernelAdd( const Lumo::IntfId & id, std::uint32_t ifIndex ) { vrf.kernelAdd( id, ifIndex ); }
-   void kernelDel( const Lumo::IntfId & id ) { vrf.kernelDel( id ); }
-   Kiv::Ptr< Intf > intf( const Lumo::IntfId & id ) const { return vrf.allStatus->pimIntf( id ); }
    Kiv::Ptr< IntfSm > intfSm( const Lumo::IntfId & id ) const { return vrf.global->intfSm( id ); }
 
    void receive( const Lumo::IntfId & id, const HelloBuilder & h ) {
@@ -227,19 +217,18 @@ class EngineFixture {
       runUntilIdle();
    }
    Kiv::Ptr< Neighbor > neighbor( const Lumo::IntfId & id, std::string_view addr ) const {
-      auto i = intf( id );
+      auto i = vrf.allStatus->pimIntf( id );
       return i ? i->neighbor( ip( addr ) ) : Kiv::Ptr< Neighbor >();
    }
    bool active( const Lumo::IntfId & id, std::string_view addr ) const {
-      auto i = intf( id );
+      auto i = vrf.allStatus->pimIntf( id );
       return i && i->activeNeighbor( ip( addr ) );
    }
 
    const std::vector< SentHello > & sent() const { return sent_; }
    std::vector< SentHello > sentOn( const Lumo::IntfId & id ) const {
       std::vector< SentHello > r;
-      std::copy_if( sent_.begin(), sent_.end(), std::back_inserter( r ),
-                    [ & ]( const SentHello & s ) { return s.intfId == id; } );
+      for( const auto & s : sent_ ) if( s.intfId == id ) r.push_back( s );
       return r;
    }
    void clearSent() { sent_.clear(); }
@@ -286,6 +275,17 @@ class EngineFixture {
    Kiv::LogCapture log;
    VrfPipeline vrf;
 };
+
+// The interface's DR and used LAN prune delay values, and how many active
+// neighbours lack the DR priority option, the LAN prune delay option and the
+// T bit, as one line.
+inline std::string usedState( const Intf & i, const IntfSm & sm ) {
+   std::ostringstream os;
+   os << "dr " << i.usedDr() << "/" << i.usedDrPriority() << " lpd " << i.usedPropagationDelay() << "/"
+      << i.usedOverrideInterval() << "/" << i.usedTBit() << " lacking " << sm.neighborNotUsingDrPriority() << "/"
+      << sm.neighborNotUsingLanPrune() << "/" << sm.neighborNotUsingTBit();
+   return os.str();
+}
 
 // The full option set of a Hello that is not a goodbye, as the interface
 // advertises it.

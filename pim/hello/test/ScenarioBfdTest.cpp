@@ -9,12 +9,6 @@ namespace {
 
 Bfd::Peer peer( std::string_view addr ) { return Bfd::Peer( ip( addr ), L3::VrfName( "default" ) ); }
 
-IntfParams withBfd() {
-   IntfParams p;
-   p.bfdEnabled = true;
-   return p;
-}
-
 std::string stateChange( Bfd::OperState from, Bfd::OperState to ) {
    return std::string( "neighbor 198.18.0.2 " ) + Bfd::operStateName( from ) + " to " + Bfd::operStateName( to ) +
           " on interface Ethernet1";
@@ -22,8 +16,7 @@ std::string stateChange( Bfd::OperState from, Bfd::OperState to ) {
 
 TEST( ScenarioBfd, EveryNeighborGetsASessionWhileBfdIsOnAndLosesItWhenItGoes ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", { .bfdEnabled = true } );
    f.receive( eth1, hello( "198.18.0.2" ) );
    f.receive( eth1, hello( "198.18.0.3" ).hold( 30 ) );
    EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) &&
@@ -50,16 +43,15 @@ TEST( ScenarioBfd, EveryNeighborGetsASessionWhileBfdIsOnAndLosesItWhenItGoes ) {
 
 TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", { .bfdEnabled = true } );
    auto sm = f.intfSm( eth1 );
    f.receive( eth1, hello( "198.18.0.2" ).dr( 5 ).lpd( 900, 3000, true ) );
    f.receive( eth1, hello( "198.18.0.3" ).dr( 1 ).lpd( 400, 2500, true ) );
    f.vrf.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
    f.runUntilIdle();
    f.advanceBy( 2.0 );
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
-   EXPECT_EQ( intf->usedPropagationDelay(), 900 );
+   const std::string served = "dr 198.18.0.2/5 lpd 900/3000/1 lacking 0/0/0";
+   EXPECT_EQ( usedState( *intf, *sm ), served );
    const auto countBefore = intf->triggeredHelloCount();
    f.clearSent();
 
@@ -76,8 +68,8 @@ TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery 
    EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
    EXPECT_TRUE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
    EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.3" ) );
-   EXPECT_EQ( intf->usedPropagationDelay(), 500 );   // own 500 beats .3's 400
+   // The own 500 beats .3's 400.
+   EXPECT_EQ( usedState( *intf, *sm ), "dr 198.18.0.3/1 lpd 500/2500/1 lacking 0/0/0" );
    EXPECT_TRUE( f.sent().empty() );
 
    // Up again: a Hello at once with the interface's hold time, but the
@@ -101,8 +93,7 @@ TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery 
    f.receive( eth1, hello( "198.18.0.2" ).dr( 5 ).lpd( 900, 3000, true ) );
    EXPECT_FALSE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
    EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
-   EXPECT_EQ( intf->usedPropagationDelay(), 900 );
+   EXPECT_EQ( usedState( *intf, *sm ), served );
    EXPECT_TRUE( sm->neighborEventTriggeredHello() );
    f.advanceBy( 1.0 );
    EXPECT_EQ( f.sent().size(), 1u );
@@ -111,8 +102,7 @@ TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery 
 
 TEST( ScenarioBfd, DownFromAnythingButUpChangesNothingAndBfdOffReleases ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", { .bfdEnabled = true } );
    f.receive( eth1, hello( "198.18.0.2" ) );
    auto status = f.vrf.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
    f.runUntilIdle();

@@ -42,8 +42,8 @@ TEST( ScenarioHelloRxValidation, SenderMustBeInTheSubnetOfTheFamilyAndNotTheOwnA
       SCOPED_TRACE( std::string( c.sender ) + " on " + c.intf );
       const bool v6 = std::string_view( c.intf ).find( ':' ) != std::string_view::npos;
       EngineFixture f( v6 ? Lumo::AddressFamily::ipv6 : Lumo::AddressFamily::ipv4 );
-      auto intf = f.startIntf( ethernet( 1 ), c.intf );
-      f.receive( ethernet( 1 ), hello( c.sender ) );
+      auto intf = f.startIntf( eth1, c.intf );
+      f.receive( eth1, hello( c.sender ) );
       EXPECT_EQ( intf->neighborSize(), c.accepted ? 1u : 0u );
       EXPECT_EQ( intf->refusedSourceAddressCount(), c.refusedAsNetworkOrBroadcast );
    }
@@ -51,7 +51,6 @@ TEST( ScenarioHelloRxValidation, SenderMustBeInTheSubnetOfTheFamilyAndNotTheOwnA
 
 TEST( ScenarioHelloRxValidation, EmptyMailboxAndUnknownInterfaceAreDropped ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    f.vrf.rx->messageDel();
    f.vrf.rx->intfIdIs( eth1 );
@@ -66,10 +65,7 @@ TEST( ScenarioHelloRxValidation, EmptyMailboxAndUnknownInterfaceAreDropped ) {
 
 TEST( ScenarioHelloRxValidation, ModeMismatchIsLoggedAndNeitherCreatesNorRefreshes ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   IntfParams p;
-   p.mode = pimModeBidir;
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", p );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", { .mode = pimModeBidir } );
 
    f.at( 5.0 );
    f.receive( eth1, hello( "198.18.0.2" ) );
@@ -103,14 +99,12 @@ TEST( ScenarioHelloRxValidation, SparseAndBidirModeAlsoNeedsTheBidirOptionButSpa
    for( const Mode mode : { pimModeSparseBidir, pimModeBidir, pimModeSparse } ) {
       SCOPED_TRACE( modeName( mode ) );
       EngineFixture f;
-      IntfParams p;
-      p.mode = mode;
-      f.startIntf( ethernet( 1 ), "198.18.0.1/24", p );
-      f.receive( ethernet( 1 ), hello( "198.18.0.2" ) );
-      f.receive( ethernet( 1 ), hello( "198.18.0.3" ).bidirCapable() );
+      f.startIntf( eth1, "198.18.0.1/24", { .mode = mode } );
+      f.receive( eth1, hello( "198.18.0.2" ) );
+      f.receive( eth1, hello( "198.18.0.3" ).bidirCapable() );
       const bool sparse = mode == pimModeSparse;
-      EXPECT_EQ( bool( f.neighbor( ethernet( 1 ), "198.18.0.2" ) ), sparse );
-      EXPECT_TRUE( f.neighbor( ethernet( 1 ), "198.18.0.3" ) );
+      EXPECT_EQ( bool( f.neighbor( eth1, "198.18.0.2" ) ), sparse );
+      EXPECT_TRUE( f.neighbor( eth1, "198.18.0.3" ) );
       const std::string text = std::string( "Neighbor 198.18.0.2 is running " ) + modeName( pimModeSparse ) +
                                ", while interface Ethernet1 is running " + modeName( mode ) + ".";
       EXPECT_EQ( f.logTexts( "PIM_MODE_MISMATCH" ), sparse ? std::vector< std::string >{}

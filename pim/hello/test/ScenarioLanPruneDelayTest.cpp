@@ -18,12 +18,7 @@ std::ostream & operator<<( std::ostream & os, const Used & u ) {
 }
 Used used( const Intf & i ) { return Used{ i.usedPropagationDelay(), i.usedOverrideInterval(), i.usedTBit() }; }
 
-IntfParams ownDelays() {
-   IntfParams p;
-   p.propagationDelay = 400;
-   p.overrideInterval = 2000;
-   return p;
-}
+const IntfParams kOwnDelays{ .propagationDelay = 400, .overrideInterval = 2000 };
 
 constexpr int kNone = -1;      // a Hello without the LAN prune delay option
 constexpr int kGoodbye = -2;
@@ -82,8 +77,7 @@ TEST( ScenarioLanPruneDelay, UsedValuesFollowNeighborsAndTheOwnConfiguration ) {
    for( const auto & [ name, steps ] : scripts ) {
       SCOPED_TRACE( name );
       EngineFixture f;
-      const auto eth1 = ethernet( 1 );
-      auto intf = f.startIntf( eth1, "198.18.0.1/24", ownDelays() );
+         auto intf = f.startIntf( eth1, "198.18.0.1/24", kOwnDelays );
       auto sm = f.intfSm( eth1 );
       EXPECT_EQ( used( *intf ), ( Used{ 400, 2000, false } ) );
       for( std::size_t i = 0; i < steps.size(); ++i ) {
@@ -111,8 +105,7 @@ TEST( ScenarioLanPruneDelay, UsedValuesFollowNeighborsAndTheOwnConfiguration ) {
 // last neighbour clears the T bit and restores the own values.
 TEST( ScenarioLanPruneDelay, HellosAdvertiseTheConfiguredValuesAndExpiryOfTheLastNeighborRestoresThem ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", ownDelays() );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", kOwnDelays );
    f.receive( eth1, hello( "198.18.0.2" ).hold( 20 ).lpd( 600, 3000, true ) );
    EXPECT_EQ( used( *intf ), ( Used{ 600, 3000, true } ) );
    f.advanceBy( 2.0 );

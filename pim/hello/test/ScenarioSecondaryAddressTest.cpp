@@ -21,7 +21,6 @@ std::set< Lumo::IpGenAddr > addrSet( std::initializer_list< const char * > a ) {
 
 TEST( ScenarioSecondaryAddress, LearntThenRemovedOneByOneThenAllAtOnce ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
 
    f.receive( eth1, hello( "198.18.0.2" ).addrs( { "198.18.0.102", "198.18.0.103", "198.18.0.104" } ) );
@@ -73,10 +72,8 @@ TEST( ScenarioSecondaryAddress, UnusableAddressesAreIgnoredCountedAndTracedTheOt
       SCOPED_TRACE( std::string( c.listed ) + ": " + c.why );
       const bool six = c.af == v6;
       EngineFixture f( c.af );
-      const auto eth1 = ethernet( 1 );
-      IntfParams p;
-      p.secondary = { ip( six ? "2001:db8:9::1" : "198.18.9.1" ) };
-      auto intf = f.startIntf( eth1, six ? "2001:db8::1/64" : "198.18.0.1/24", p );
+      auto intf = f.startIntf( eth1, six ? "2001:db8::1/64" : "198.18.0.1/24",
+                               { .secondary = { ip( six ? "2001:db8:9::1" : "198.18.9.1" ) } } );
       const char * sender = six ? "2001:db8::2" : "198.18.0.2";
       const char * good = six ? "2001:db8::120" : "198.18.0.120";
       f.receive( eth1, hello( six ? "2001:db8::3" : "198.18.0.3" ) );
@@ -95,7 +92,6 @@ TEST( ScenarioSecondaryAddress, UnusableAddressesAreIgnoredCountedAndTracedTheOt
 // address outranks a secondary claim to it.
 TEST( ScenarioSecondaryAddress, PerNeighborLimitAndAPrimaryTakesItsAddressBack ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    auto h = hello( "198.18.0.2" );
    for( int i = 0; i < 40; ++i ) h.secondary.push_back( ip( "198.18.1." + std::to_string( i + 1 ) ) );
@@ -119,7 +115,6 @@ TEST( ScenarioSecondaryAddress, PerNeighborLimitAndAPrimaryTakesItsAddressBack )
 
 TEST( ScenarioSecondaryAddress, ContestedAddressGoesToTheNewestAdvertiserEveryTime ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
 
    f.at( 5.0 );
@@ -167,8 +162,7 @@ TEST( ScenarioSecondaryAddress, ANeighborThatLeavesTakesItsSecondariesWithIt ) {
    for( const auto & c : cases ) {
       SCOPED_TRACE( c.how );
       EngineFixture f;
-      const auto eth1 = ethernet( 1 );
-      auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+         auto intf = f.startIntf( eth1, "198.18.0.1/24" );
       f.receive( eth1, hello( "198.18.0.2" ).hold( 30 ).addrs( { "198.18.0.160", "198.18.0.161" } ) );
       f.receive( eth1, hello( "198.18.0.3" ).addrs( { "198.18.0.170" } ) );
       EXPECT_EQ( intf->nbSecondaryAddressSize(), 3u );
@@ -187,7 +181,6 @@ TEST( ScenarioSecondaryAddress, ANeighborThatLeavesTakesItsSecondariesWithIt ) {
    // A goodbye takes the sender's mappings and no one else's, whatever its
    // list says.
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    f.receive( eth1, hello( "198.18.0.3" ).addrs( { "198.18.0.170" } ) );
    f.receive( eth1, hello( "198.18.0.4" ).addrs( { "198.18.0.180" } ) );
