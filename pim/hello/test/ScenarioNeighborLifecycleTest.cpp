@@ -1,6 +1,6 @@
 // Neighbours as received Hellos create, refresh and end them: their options,
 // their liveness timer counted from the last refresh, goodbyes, the
-// never-expiring hold time, and the up/down reports.
+// never-expiring hold time, the up/down reports and the port option.
 #include <cmath>
 
 #include "EngineFixture.h"
@@ -77,6 +77,8 @@ TEST( ScenarioNeighborLifecycle, RefreshMovesTheExpiryAndExpiryRemovesEverything
    EXPECT_EQ( intf->activeNeighborSize(), 0u );
 }
 
+// With the VRF's neighbour change log off, a neighbour comes and goes
+// silently; with it on, a stranger's goodbye still logs nothing.
 TEST( ScenarioNeighborLifecycle, GoodbyeRemovesAKnownNeighborAtOnceAndIsIgnoredFromAStranger ) {
    EngineFixture f;
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
@@ -84,13 +86,15 @@ TEST( ScenarioNeighborLifecycle, GoodbyeRemovesAKnownNeighborAtOnceAndIsIgnoredF
    f.receive( eth1, hello( "198.18.0.2" ) );
    f.at( 20.0 );   // the triggered Hello for the new neighbour has gone
    f.clearSent();
-   f.log.clear();
-
    f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
    EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) || f.intfSm( eth1 )->neighborSm( ip( "198.18.0.2" ) ) );
    EXPECT_EQ( intf->activeNeighborSize(), 0u );
+   EXPECT_EQ( f.logged( "PIM_NBRCHG" ), 0u );
 
    // A stranger's goodbye must not create the neighbour, not even for a moment.
+   f.vrf.config->neighborChangeLogIs( true );
+   f.runUntilIdle();
+   f.log.clear();
    struct Watch : Intf::NotifieeConst {
       std::vector< Lumo::IpGenAddr > seen;
       void onNeighborkivImmediate( const Lumo::IpGenAddr & a ) override { seen.push_back( a ); }
@@ -103,6 +107,13 @@ TEST( ScenarioNeighborLifecycle, GoodbyeRemovesAKnownNeighborAtOnceAndIsIgnoredF
    EXPECT_TRUE( f.log.messages().empty() );
    f.at( 29.0 );
    EXPECT_TRUE( f.sent().empty() ) << "a leaving neighbour triggers no Hello";
+
+   f.receive( eth1, hello( "198.18.0.4" ) );
+   f.at( 30.0 );
+   f.receive( eth1, hello( "198.18.0.4" ).hold( 0 ) );
+   EXPECT_EQ( f.logTexts( "PIM_NBRCHG" ), ( std::vector< std::string >{
+                                            "neighbor 198.18.0.4 UP on interface Ethernet1",
+                                            "neighbor 198.18.0.4 DOWN on interface Ethernet1" } ) );
 }
 
 TEST( ScenarioNeighborLifecycle, HoldTimeFfffNeverExpiresUntilAFiniteHoldTimeReplacesIt ) {
@@ -127,63 +138,41 @@ TEST( ScenarioNeighborLifecycle, HoldTimeFfffNeverExpiresUntilAFiniteHoldTimeRep
    EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
 }
 
-TEST( ScenarioNeighborLifecycle, NeighborChangeLogFollowsTheVrfSwitch ) {
-   EngineFixture f;
-   f.startIntf( eth1, "198.18.0.1/24" );
-
-   f.at( 5.0 );
-   f.receive( eth1, hello( "198.18.0.2" ) );
-   f.at( 10.0 );
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
-   EXPECT_EQ( f.logged( "PIM_NBRCHG" ), 0u );
-
-   f.vrf.config->neighborChangeLogIs( true );
-   f.runUntilIdle();
-   f.at( 20.0 );
-   f.receive( eth1, hello( "198.18.0.3" ) );
-   f.at( 30.0 );
-   f.receive( eth1, hello( "198.18.0.3" ).hold( 0 ) );
-   EXPECT_EQ( f.logTexts( "PIM_NBRCHG" ), ( std::vector< std::string >{
-                                            "neighbor 198.18.0.3 UP on interface Ethernet1",
-                                            "neighbor 198.18.0.3 DOWN on interface Ethernet1" } ) );
-}
-
+// The port option sets the transport only on an interface with the
+// capability; flags 0 count as no option, and a Hello without it clears it.
 TEST( ScenarioNeighborLifecycle, PortOptionSetsTheTransportAndIsClearedByAHelloWithoutIt ) {
    EngineFixture f;
    f.startIntf( eth1, "198.18.0.1/24", { .portCapabilityFlags = Reliable::kCapabilitySctp } );
-   f.startIntf( eth2, "198.18.1.1/24", { .ifIndex = 12 } );   // no port capability of its own
-
+   f.startIntf( eth2, "198.18.1.1/24", { .ifIndex = 12 } );
    Reliable::NeighborInfo info;
    info.transport = Reliable::protocolSctp;
    info.capabilityFlags = Reliable::kCapabilitySctp;
    info.connectionAddr = ip( "198.18.0.50" );
    info.secondAddr = ip( "198.18.0.51" );
-   f.receive( eth1, hello( "198.18.0.2" ).portInfo( info ) );
-   auto nb = f.neighbor( eth1, "198.18.0.2" );
-   ASSERT_TRUE( nb );
-   EXPECT_EQ( nb->portInfo(), info );
-   EXPECT_EQ( nb->transportProtocol(), Reliable::protocolSctp );
-
-   // The same neighbour information on an interface without the capability.
-   Reliable::NeighborInfo info2 = info;
-   info2.connectionAddr = ip( "198.18.1.50" );
-   f.receive( eth2, hello( "198.18.1.2" ).portInfo( info2 ) );
-   auto nb2 = f.neighbor( eth2, "198.18.1.2" );
-   ASSERT_TRUE( nb2 );
-   EXPECT_EQ( nb2->portInfo(), info2 );
-   EXPECT_EQ( nb2->transportProtocol(), Reliable::protocolDatagram );
-
-   // Capability flags 0 count as no port option at all.
    Reliable::NeighborInfo zeroFlags = info;
    zeroFlags.capabilityFlags = 0;
-   f.receive( eth1, hello( "198.18.0.3" ).portInfo( zeroFlags ) );
-   ASSERT_TRUE( f.neighbor( eth1, "198.18.0.3" ) );
-   EXPECT_EQ( f.neighbor( eth1, "198.18.0.3" )->portInfo(), Reliable::NeighborInfo{} );
-   // A Hello without the option clears it.
-   f.advanceBy( 5.0 );
-   f.receive( eth1, hello( "198.18.0.2" ) );
-   EXPECT_EQ( nb->portInfo(), Reliable::NeighborInfo{} );
-   EXPECT_EQ( nb->transportProtocol(), Reliable::protocolDatagram );
+   const struct {
+      Lumo::IntfId intf;
+      const char * from;
+      std::optional< Reliable::NeighborInfo > sent;
+      Reliable::NeighborInfo kept;
+      Reliable::Protocol transport;
+   } cases[] = {
+      { eth1, "198.18.0.2", info, info, Reliable::protocolSctp },
+      { eth2, "198.18.1.2", info, info, Reliable::protocolDatagram },
+      { eth1, "198.18.0.3", zeroFlags, {}, Reliable::protocolDatagram },
+      { eth1, "198.18.0.2", std::nullopt, {}, Reliable::protocolDatagram },
+   };
+   for( const auto & c : cases ) {
+      SCOPED_TRACE( c.from );
+      auto h = hello( c.from );
+      h.port = c.sent;
+      f.receive( c.intf, h );
+      auto nb = f.neighbor( c.intf, c.from );
+      ASSERT_TRUE( nb );
+      EXPECT_EQ( nb->portInfo(), c.kept );
+      EXPECT_EQ( nb->transportProtocol(), c.transport );
+   }
 }
 
 } // namespace
