@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "VrfPipeline.h"
@@ -291,18 +292,15 @@ inline void expectFullHello( const SentHello & s, const Intf & intf, std::uint32
    EXPECT_EQ( s->srcAddr(), intf.usedAddressWithMask().address() );
    EXPECT_TRUE( s->holdTimePresent() && s->lanPruneDelayPresent() && s->drPriorityPresent() &&
                 s->generationIdPresent() && s->interfaceIdPresent() );
-   EXPECT_EQ( s->holdTime(), intf.helloHoldTime() );
-   EXPECT_EQ( s->propagationDelay(), intf.propagationDelay() );
-   EXPECT_EQ( s->overrideInterval(), intf.overrideInterval() );
-   EXPECT_EQ( s->tBit(), intf.tBit() );
-   EXPECT_EQ( s->drPriority(), drPriority );
-   EXPECT_EQ( s->generationId(), intf.generationId() );
-   EXPECT_EQ( s->bidirCapable(), modeIncludesBidir( intf.mode() ) );
+   EXPECT_EQ( std::tuple( s->holdTime(), s->propagationDelay(), s->overrideInterval(), s->tBit(), s->drPriority() ),
+              std::tuple( intf.helloHoldTime(), intf.propagationDelay(), intf.overrideInterval(), intf.tBit(),
+                          drPriority ) );
+   EXPECT_EQ( std::tuple( s->generationId(), s->bidirCapable(), s->interfaceIdRouterId(), s->interfaceIdIfIndex() ),
+              std::tuple( intf.generationId(), modeIncludesBidir( intf.mode() ), intf.portInterfaceId().routerId,
+                          intf.portInterfaceId().ifIndex ) );
    std::set< Lumo::IpGenAddr > own;
    intf.secondaryAddressForEach( [ & ]( const Lumo::IpGenAddr & a, bool ) { own.insert( a ); } );
    EXPECT_EQ( s.secondary(), own );
-   EXPECT_EQ( s->interfaceIdRouterId(), intf.portInterfaceId().routerId );
-   EXPECT_EQ( s->interfaceIdIfIndex(), intf.portInterfaceId().ifIndex );
 }
 
 // A goodbye carries the hold time, the bidir flag when the mode needs it and

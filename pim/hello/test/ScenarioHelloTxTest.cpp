@@ -28,7 +28,6 @@ TEST( ScenarioHelloTx, StartupHelloAfterThePinnedDelayThenPeriodicHellosWithoutJ
       EXPECT_EQ( f.sent()[ k ].time, f.t0() + times[ k ] );
       expectFullHello( f.sent()[ k ], *intf, 20 );
    }
-   EXPECT_FALSE( f.sent()[ 0 ]->connectionAddrPresent() );
    EXPECT_EQ( intf->lastHelloTime(), f.t0() + 90.0 );
    EXPECT_FALSE( intf->triggeredHello() );
    EXPECT_EQ( intf->triggeredHelloCount(), 0u );
@@ -149,39 +148,20 @@ TEST( ScenarioHelloTx, ChangesSendAtOnceOrWaitForThePeriodicHello ) {
    }
 }
 
-TEST( ScenarioHelloTx, DisablingSendsOnlyTheGoodbyeOptionsAndForgetsEveryNeighbor ) {
+// An address change sends a goodbye from the old address, then the Hello
+// from the new one; disabling sends only the goodbye (hold time, bidir flag
+// where the mode needs it, Interface ID) and forgets every neighbour.
+TEST( ScenarioHelloTx, AddressChangeAndDisablingSendGoodbyes ) {
    EngineFixture f;
    Bridging::MacAddr mac;
    mac.bytes = { 0x02, 0x00, 0x5e, 0x10, 0x20, 0x30 };
    f.startRouterId( mac );
-   auto sparse = f.startIntf( eth1, "198.18.0.1/24" );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    auto bidir = f.startIntf( eth2, "198.18.1.1/24",
                              { .mode = pimModeSparseBidir, .secondary = { ip( "198.18.1.200" ) }, .ifIndex = 12 } );
-   f.receive( eth1, hello( "198.18.0.2" ) );
-   f.receive( eth1, hello( "198.18.0.3" ) );
-   f.receive( eth2, hello( "198.18.1.2" ).bidirCapable() );
-   f.advanceBy( 2.0 );
-   f.clearSent();
-
-   sparse->enabledIs( false );
-   f.runUntilIdle();
-   EXPECT_EQ( sparse->neighborSize() + sparse->activeNeighborSize(), 0u );
-   EXPECT_EQ( bidir->neighborSize(), 1u );
-   bidir->enabledIs( false );
-   f.runUntilIdle();
-   EXPECT_EQ( bidir->neighborSize(), 0u );
-   ASSERT_EQ( f.sent().size(), 2u );
-   expectGoodbye( f.sent()[ 0 ], *sparse, ip( "198.18.0.1" ) );
-   expectGoodbye( f.sent()[ 1 ], *bidir, ip( "198.18.1.1" ) );
-   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdRouterId(), 0x5E102030u );
-   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdIfIndex(), 11u );
-}
-
-TEST( ScenarioHelloTx, AddressChangeSendsAGoodbyeFromTheOldAddressThenAHelloFromTheNew ) {
-   EngineFixture f;
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    f.receive( eth1, hello( "198.18.0.3" ).dr( 1 ) );
    f.receive( eth1, hello( "198.18.0.5" ).dr( 1 ) );
+   f.receive( eth2, hello( "198.18.1.2" ).bidirCapable() );
    f.advanceBy( 2.0 );
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.5" ) );
    f.clearSent();
@@ -204,6 +184,21 @@ TEST( ScenarioHelloTx, AddressChangeSendsAGoodbyeFromTheOldAddressThenAHelloFrom
    expectGoodbye( f.sent()[ 0 ], *intf, ip( "198.18.0.3" ) );
    EXPECT_EQ( f.sent()[ 1 ]->srcAddr(), ip( "198.18.0.200" ) );
    EXPECT_TRUE( intf->iAmDr() );
+
+   f.advanceBy( 2.0 );
+   f.clearSent();
+   intf->enabledIs( false );
+   f.runUntilIdle();
+   EXPECT_EQ( intf->neighborSize() + intf->activeNeighborSize(), 0u );
+   EXPECT_EQ( bidir->neighborSize(), 1u );
+   bidir->enabledIs( false );
+   f.runUntilIdle();
+   EXPECT_EQ( bidir->neighborSize(), 0u );
+   ASSERT_EQ( f.sent().size(), 2u );
+   expectGoodbye( f.sent()[ 0 ], *intf, ip( "198.18.0.200" ) );
+   expectGoodbye( f.sent()[ 1 ], *bidir, ip( "198.18.1.1" ) );
+   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdRouterId(), 0x5E102030u );
+   EXPECT_EQ( f.sent()[ 0 ]->interfaceIdIfIndex(), 11u );
 }
 
 // The connection address rides in every Hello, goodbyes included, while the

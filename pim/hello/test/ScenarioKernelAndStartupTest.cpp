@@ -1,8 +1,6 @@
-// Interface machines and the kernel's view of interfaces, start-up over the
-// neighbours an earlier run left in the status, the router id taken from the
-// bridge MAC and the Interface ID it feeds, and the per-VRF owner's guards.
-#include <limits>
-
+// Interface machines and the kernel's view of interfaces, the router id taken
+// from the bridge MAC and the Interface ID it feeds, and start-up over the
+// neighbours and BFD sessions an earlier run left behind.
 #include "EngineFixture.h"
 
 namespace PimScenario {
@@ -23,8 +21,12 @@ Kiv::Ptr< Neighbor > leftBehind( Intf & intf, const char * a, double last, DrPri
    return nb;
 }
 
-TEST( ScenarioKernelAndStartup, MachineExistsOnlyWhileTheKernelKnowsTheInterface ) {
+// The Interface ID in every Hello is the router id (the low four bytes of
+// the bridge MAC) and the kernel's ifIndex.
+TEST( ScenarioKernelAndStartup, MachineExistsWhileTheKernelKnowsTheInterfaceAndItsIdFollowsTheBridgeMac ) {
    EngineFixture f;
+   f.startRouterId( mac( 0x5e, 0x10, 0x20, 0x30 ) );
+   EXPECT_EQ( f.vrf.routerIdInfo->routerId(), 0x5E102030u );
    auto intf = f.addIntf( eth1, "198.18.0.1/24", { .kernelKnown = false } );
    f.startIntf( eth2, "198.18.1.1/24", { .ifIndex = 22 } );
    EXPECT_FALSE( f.intfSm( eth1 ) );
@@ -36,12 +38,20 @@ TEST( ScenarioKernelAndStartup, MachineExistsOnlyWhileTheKernelKnowsTheInterface
    f.vrf.kernelAdd( eth1, 21 );
    f.runUntilIdle();
    ASSERT_TRUE( f.intfSm( eth1 ) );
+   EXPECT_EQ( intf->portInterfaceId(), ( Reliable::InterfaceId{ 0x5E102030, 21 } ) );
    f.advanceBy( 1.0 );
-   auto sent = f.sentOn( eth1 );
-   ASSERT_EQ( sent.size(), 1u );
-   EXPECT_NEAR( sent[ 0 ].time - known, 0.7, 1e-6 );
-   expectFullHello( sent[ 0 ], *intf, 1 );
-   EXPECT_EQ( sent[ 0 ]->interfaceIdIfIndex(), 21u );
+   ASSERT_EQ( f.sentOn( eth1 ).size(), 1u );
+   EXPECT_NEAR( f.sentOn( eth1 )[ 0 ].time - known, 0.7, 1e-6 );
+   expectFullHello( f.sentOn( eth1 )[ 0 ], *intf, 1 );
+
+   f.vrf.bridging->bridgeMacAddrIs( mac( 0xfe, 0xaa, 0xbb, 0x0c ) );
+   f.runUntilIdle();
+   EXPECT_EQ( f.vrf.routerIdInfo->routerId(), 0xFEAABB0Cu );
+   EXPECT_EQ( intf->portInterfaceId(), ( Reliable::InterfaceId{ 0xFEAABB0C, 21 } ) );
+   f.clearSent();
+   f.advanceBy( 30.0 );
+   ASSERT_EQ( f.sentOn( eth1 ).size(), 1u );
+   expectFullHello( f.sentOn( eth1 )[ 0 ], *intf, 1 );
 
    // The kernel forgets it: the machine goes, silently.
    f.clearSent();
@@ -153,26 +163,6 @@ TEST( ScenarioKernelAndStartup, StartupDropsBfdPeersWithoutAReason ) {
    f.vrf.global = GlobalIntfSmIs( f.vrf.allStatus, f.vrf.inputs );
    f.runUntilIdle();
    for( const auto & [ p, kept ] : peers ) EXPECT_EQ( bool( f.vrf.bfdAppConfig->peerConfig( p ) ), kept ) << p;
-}
-
-TEST( ScenarioKernelAndStartup, RouterIdFromTheBridgeMacFeedsTheInterfaceId ) {
-   EngineFixture f;
-   f.startRouterId( mac( 0x5e, 0x10, 0x20, 0x30 ) );
-   EXPECT_EQ( f.vrf.routerIdInfo->routerId(), 0x5E102030u );
-
-   auto intf = f.addIntf( eth1, "198.18.0.1/24", { .ifIndex = 42 } );
-   EXPECT_EQ( intf->portInterfaceId(), ( Reliable::InterfaceId{ 0x5E102030, 42 } ) );
-   f.advanceBy( 1.0 );
-   ASSERT_EQ( f.sent().size(), 1u );
-   expectFullHello( f.sent()[ 0 ], *intf, 1 );   // the Interface ID included
-
-   f.vrf.bridging->bridgeMacAddrIs( mac( 0xfe, 0xaa, 0xbb, 0x0c ) );
-   f.runUntilIdle();
-   EXPECT_EQ( f.vrf.routerIdInfo->routerId(), 0xFEAABB0Cu );
-   EXPECT_EQ( intf->portInterfaceId(), ( Reliable::InterfaceId{ 0xFEAABB0C, 42 } ) );
-   f.at( 30.0 );
-   ASSERT_EQ( f.sent().size(), 2u );
-   expectFullHello( f.sent()[ 1 ], *intf, 1 );
 }
 
 } // namespace
