@@ -99,7 +99,7 @@ TEST( ScenarioBfd, SessionsFollowTheNeighborsAndOnlyDownRightAfterUpHoldsOut ) {
       EXPECT_EQ( f.neighbor( eth1, "198.18.0.2" )->bfdState(), s.to );
       EXPECT_EQ( bool( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) ), s.heldOut );
       EXPECT_NE( f.active( eth1, "198.18.0.2" ), s.heldOut );
-      EXPECT_EQ( f.logged( "PIM_BFD_STATE_CHANGE" ), s.heldOut ? 1u : 0u );
+      EXPECT_EQ( f.log.count( "PIM_BFD_STATE_CHANGE" ), s.heldOut ? 1u : 0u );
    }
 
    intf->bfdEnabledIs( false );

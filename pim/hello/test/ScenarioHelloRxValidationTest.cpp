@@ -62,7 +62,7 @@ TEST( ScenarioHelloRxValidation, EmptyUnknownOrModeMismatchedHellosNeitherCreate
    f.at( 5.0 );
    f.receive( eth1, hello( "198.18.0.2" ) );
    EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
-   EXPECT_EQ( f.logged( "PIM_MODE_MISMATCH" ), 1u );
+   EXPECT_EQ( f.log.count( "PIM_MODE_MISMATCH" ), 1u );
    // With the bidir-capable option it forms.
    f.receive( eth1, hello( "198.18.0.2" ).bidirCapable() );
    auto nb = f.neighbor( eth1, "198.18.0.2" );
@@ -72,7 +72,7 @@ TEST( ScenarioHelloRxValidation, EmptyUnknownOrModeMismatchedHellosNeitherCreate
    // The same neighbour without the option: logged, and not refreshed.
    f.at( 20.0 );
    f.receive( eth1, hello( "198.18.0.2" ).dr( 50 ) );
-   EXPECT_EQ( f.logged( "PIM_MODE_MISMATCH" ), 2u );
+   EXPECT_EQ( f.log.count( "PIM_MODE_MISMATCH" ), 2u );
    EXPECT_EQ( nb->lastRefreshTime(), f.t0() + 5.0 );
    EXPECT_EQ( nb->drPriorityOption().valid, false );
    EXPECT_EQ( f.intfSm( eth1 )->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), f.t0() + 5.0 + 105 );
@@ -81,7 +81,7 @@ TEST( ScenarioHelloRxValidation, EmptyUnknownOrModeMismatchedHellosNeitherCreate
    f.at( 30.0 );
    f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
    EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
-   EXPECT_EQ( f.logged( "PIM_MODE_MISMATCH" ), 2u );
+   EXPECT_EQ( f.log.count( "PIM_MODE_MISMATCH" ), 2u );
 }
 
 // A Hello without the bidir-capable option forms a neighbour on a sparse

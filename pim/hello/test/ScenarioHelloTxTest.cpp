@@ -33,35 +33,13 @@ TEST( ScenarioHelloTx, StartupHelloAfterThePinnedDelayThenPeriodicHellosWithoutJ
    EXPECT_EQ( intf->triggeredHelloCount(), 0u );
 }
 
-TEST( ScenarioHelloTx, TriggeredDelayIsATenthStepBetweenPointOneAndTheHelloDelay ) {
+// One new neighbour a case: its triggered Hello waits a tenth-second step
+// between 0.1 s and the Hello delay `from` (the draw modulo 10 x the delay).
+// Setting the delay to another `to` after `after` s re-arms it with its own
+// draw, in whole seconds below the new delay; delay 0 sends at once.
+TEST( ScenarioHelloTx, TriggeredDelayIsATenthStepAndADelayChangeReArmsItInWholeSeconds ) {
    EngineFixture f;
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   // One new neighbour a case; with Hello delay 3 the draw is taken modulo 30.
-   const struct { std::uint16_t helloDelay; std::uint32_t draw; double delay; } cases[] = {
-      { 1, 0, 0.1 }, { 1, 1, 0.2 }, { 1, 4, 0.5 }, { 1, 8, 0.9 }, { 1, 9, 1.0 },
-      { 3, 29, 3.0 }, { 3, 12, 1.3 }, { 3, 30, 0.1 }, { 3, 0, 0.1 },
-   };
-   int n = 10;
-   for( const auto & c : cases ) {
-      SCOPED_TRACE( testing::Message() << "delay " << c.helloDelay << " draw " << c.draw );
-      intf->helloDelayIs( c.helloDelay );
-      f.runUntilIdle();
-      f.clearSent();
-      f.random().push( { c.draw } );
-      const double before = f.now();
-      f.receive( eth1, hello( "198.18.0." + std::to_string( n++ ) ) );
-      f.advanceBy( 3.1 );
-      ASSERT_EQ( f.sent().size(), 1u );
-      EXPECT_NEAR( f.sent()[ 0 ].time - before, c.delay, 1e-6 );
-   }
-   EXPECT_EQ( intf->triggeredHelloCount(), 9u );
-}
-
-// A new Hello delay re-arms a pending triggered Hello with its own draw, in
-// whole seconds below the delay; delay 0 sends at once.
-TEST( ScenarioHelloTx, ChangingTheHelloDelayReArmsAPendingTriggeredHelloInWholeSeconds ) {
-   EngineFixture f;
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", { .helloPeriod = 300 } );
    const struct {
       std::uint16_t from;
       std::uint32_t draw;
@@ -70,13 +48,16 @@ TEST( ScenarioHelloTx, ChangingTheHelloDelayReArmsAPendingTriggeredHelloInWholeS
       std::uint32_t redraw;
       double sentAt;
    } cases[] = {
-      { 5, 49, 1.0, 4, 7, 4.0 },   // pending for 5.0 s; after 1 s, 7 mod 4 = 3 s more
-      { 4, 10, 0.0, 1, 0, 0.0 },   // pending for 1.1 s (10 mod 40); re-armed at 0 s
-      { 4, 5, 0.0, 0, 0, 0.0 },
+      { 1, 0, 0, 1, 0, 0.1 }, { 1, 1, 0, 1, 0, 0.2 }, { 1, 4, 0, 1, 0, 0.5 }, { 1, 8, 0, 1, 0, 0.9 },
+      { 1, 9, 0, 1, 0, 1.0 }, { 3, 29, 0, 3, 0, 3.0 }, { 3, 12, 0, 3, 0, 1.3 }, { 3, 30, 0, 3, 0, 0.1 },
+      { 3, 0, 0, 3, 0, 0.1 },
+      { 5, 49, 1, 4, 7, 4.0 },   // pending for 5.0 s; after 1 s, 7 mod 4 = 3 s more
+      { 4, 10, 0, 1, 0, 0.0 },   // pending for 1.1 s; re-armed at 0 s
+      { 4, 5, 0, 0, 0, 0.0 },
    };
-   int n = 2;
+   int n = 10;
    for( const auto & c : cases ) {
-      SCOPED_TRACE( c.to );
+      SCOPED_TRACE( testing::Message() << "delay " << c.from << " draw " << c.draw << " then " << c.to );
       intf->helloDelayIs( c.from );
       f.runUntilIdle();
       f.clearSent();
@@ -84,14 +65,14 @@ TEST( ScenarioHelloTx, ChangingTheHelloDelayReArmsAPendingTriggeredHelloInWholeS
       f.receive( eth1, hello( "198.18.0." + std::to_string( n++ ) ) );
       const double start = f.now();
       f.advanceBy( c.after );
-      if( c.to ) f.random().push( { c.redraw } );
+      if( c.to != c.from && c.to ) f.random().push( { c.redraw } );
       intf->helloDelayIs( c.to );
       f.runUntilIdle();
-      f.advanceBy( 5.0 );
+      f.advanceBy( 4.0 );
       ASSERT_EQ( f.sent().size(), 1u );
-      EXPECT_EQ( f.sent()[ 0 ].time, start + c.sentAt );
+      EXPECT_NEAR( f.sent()[ 0 ].time - start, c.sentAt, 1e-6 );
    }
-   EXPECT_EQ( intf->triggeredHelloCount(), 3u );
+   EXPECT_EQ( intf->triggeredHelloCount(), 12u );
 }
 
 TEST( ScenarioHelloTx, PeriodicHelloCoversAPendingTriggeredHelloAndCountsIt ) {

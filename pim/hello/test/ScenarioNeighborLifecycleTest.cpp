@@ -89,7 +89,7 @@ TEST( ScenarioNeighborLifecycle, GoodbyeRemovesAKnownNeighborAtOnceAndIsIgnoredF
    f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
    EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) || f.intfSm( eth1 )->neighborSm( ip( "198.18.0.2" ) ) );
    EXPECT_EQ( intf->activeNeighborSize(), 0u );
-   EXPECT_EQ( f.logged( "PIM_NBRCHG" ), 0u );
+   EXPECT_EQ( f.log.count( "PIM_NBRCHG" ), 0u );
 
    // A stranger's goodbye must not create the neighbour, not even for a moment.
    f.vrf.config->neighborChangeLogIs( true );

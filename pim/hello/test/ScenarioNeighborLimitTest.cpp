@@ -76,7 +76,7 @@ TEST( ScenarioNeighborLimit, RefusedSourcesTableKeepsTheMostRecentWithCounts ) {
    ASSERT_EQ( intf->refusedSourceSize(), kRefusedSourcesKept );
    for( int i = 22; i < 30; ++i ) EXPECT_EQ( intf->refusedSource( ip( "198.18.0." + std::to_string( i ) ) ).count, 2u ) << i;
    EXPECT_EQ( intf->refusedSource( ip( "198.18.0.29" ) ).lastTime, f.now() );
-   EXPECT_EQ( f.logged( "PIM_NEIGHBOR_LIMIT" ), 1u );
+   EXPECT_EQ( f.log.count( "PIM_NEIGHBOR_LIMIT" ), 1u );
    f.advanceBy( 60.0 );
    f.receive( eth1, hello( "198.18.0.99" ) );
    const auto logs = f.logTexts( "PIM_NEIGHBOR_LIMIT" );
@@ -120,7 +120,7 @@ TEST( ScenarioNeighborLimit, FloodOfASlash16StopsAtTheLimitWithFlatMemory ) {
    EXPECT_EQ( intf->neighborSize(), kIntfNeighborLimitDefault );
    EXPECT_EQ( intf->refusedNeighborCount(), sent - kIntfNeighborLimitDefault );
    EXPECT_EQ( intf->refusedSourceSize(), kRefusedSourcesKept );
-   EXPECT_EQ( f.logged( "PIM_NEIGHBOR_LIMIT" ), 1u );
+   EXPECT_EQ( f.log.count( "PIM_NEIGHBOR_LIMIT" ), 1u );
    if( !kOwnAllocator ) {
       GTEST_SKIP() << "heap growth is not measured under AddressSanitizer, whose allocator mallinfo2 does not see";
    }
