@@ -36,7 +36,8 @@ TEST( ScenarioNeighborLimit, NewSourcesBeyondALimitAreRefusedAndCountedKnownOnes
       auto src = []( int subnet, int host ) { return "198.18." + std::to_string( subnet ) + "." + std::to_string( host ); };
       for( int i = 1; i <= c.sources1; ++i ) f.receive( eth1, hello( src( 1, i ) ) );
       for( int i = 1; i <= c.sources2; ++i ) f.receive( eth2, hello( src( 2, i ) ) );
-      EXPECT_EQ( std::tuple( e1->neighborSize(), e2->neighborSize(), e1->refusedNeighborCount(), e2->refusedNeighborCount() ),
+      EXPECT_EQ( std::tuple( e1->neighborSize(), e2->neighborSize(), e1->refusedNeighborCount(),
+                             e2->refusedNeighborCount() ),
                  std::tuple( c.kept1, c.kept2, c.refused1, c.refused2 ) );
       const auto logs = f.logTexts( "PIM_NEIGHBOR_LIMIT" );
       ASSERT_EQ( logs.size(), 1u ) << "once per interval";
