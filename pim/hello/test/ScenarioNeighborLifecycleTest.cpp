@@ -51,8 +51,9 @@ TEST( ScenarioNeighborLifecycle, HelloWithoutOptionsGetsDefaultsAndTheInterfaceH
 }
 
 // A refresh moves the expiry; a changed hold time counts from the last
-// refresh, not from now; expiry removes everything at the deadline.
-TEST( ScenarioNeighborLifecycle, RefreshMovesTheExpiryAndExpiryRemovesEverythingAtTheDeadline ) {
+// refresh, not from now; expiry removes everything at the deadline. Hold
+// time 0xFFFF never expires until a finite hold time replaces it.
+TEST( ScenarioNeighborLifecycle, ExpiryCountsFromTheLastRefreshAndHoldTimeFfffNeverExpires ) {
    EngineFixture f;
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    auto sm = f.intfSm( eth1 );
@@ -75,6 +76,21 @@ TEST( ScenarioNeighborLifecycle, RefreshMovesTheExpiryAndExpiryRemovesEverything
    f.advanceTo( expiry );
    EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) || sm->neighborSm( ip( "198.18.0.2" ) ) );
    EXPECT_EQ( intf->activeNeighborSize(), 0u );
+
+   f.at( 70.0 );
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 0xFFFF ) );
+   f.at( 70000.0 );   // well past 65535 s with no further Hello
+   ASSERT_TRUE( f.active( eth1, "198.18.0.2" ) );
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 105 ) );
+   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), f.t0() + 70105.0 );
+   f.at( 70105.0 );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
+   // Back to infinite on a refresh: the timer of hold time 30 is disarmed.
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 30 ) );
+   f.at( 70110.0 );
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 0xFFFF ) );
+   f.at( 80000.0 );
+   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
 }
 
 // With the VRF's neighbour change log off, a neighbour comes and goes
@@ -114,28 +130,6 @@ TEST( ScenarioNeighborLifecycle, GoodbyeRemovesAKnownNeighborAtOnceAndIsIgnoredF
    EXPECT_EQ( f.logTexts( "PIM_NBRCHG" ), ( std::vector< std::string >{
                                             "neighbor 198.18.0.4 UP on interface Ethernet1",
                                             "neighbor 198.18.0.4 DOWN on interface Ethernet1" } ) );
-}
-
-TEST( ScenarioNeighborLifecycle, HoldTimeFfffNeverExpiresUntilAFiniteHoldTimeReplacesIt ) {
-   EngineFixture f;
-   f.startIntf( eth1, "198.18.0.1/24" );
-   f.at( 5.0 );
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 0xFFFF ) );
-   // Well past 65535 seconds with no further Hello.
-   f.at( 70000.0 );
-   ASSERT_TRUE( f.active( eth1, "198.18.0.2" ) );
-
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 105 ) );
-   EXPECT_EQ( f.intfSm( eth1 )->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), f.t0() + 70105.0 );
-   f.at( 70105.0 );
-   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
-
-   // Back to infinite on a refresh: the timer of hold time 30 is disarmed.
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 30 ) );
-   f.at( 70110.0 );
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 0xFFFF ) );
-   f.at( 80000.0 );
-   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
 }
 
 // The port option sets the transport only on an interface with the
