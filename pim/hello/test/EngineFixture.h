@@ -135,8 +135,9 @@ struct IntfParams {
 
 class EngineFixture {
  public:
+   static constexpr std::uint64_t kSeed = 7;
    explicit EngineFixture( Lumo::AddressFamily af = Lumo::AddressFamily::ipv4 )
-         : loop_( nextStartTime(), 7 ), random_( 218 ),
+         : loop_( nextStartTime(), kSeed ), random_( kSeed * 31 + 1 ),
            vrf( af, L3::VrfName( "default" ), Tolm::TimerWheelIs( loop_.clock() ) ) {
       loop_.manager().randomIs( &random_ );
       trace.enable( "Pim::*/1-9" );
