@@ -9,57 +9,22 @@ namespace {
 
 Bfd::Peer peer( std::string_view addr ) { return Bfd::Peer( ip( addr ), L3::VrfName( "default" ) ); }
 
-IntfParams withBfd() {
-   IntfParams p;
-   p.bfdEnabled = true;
-   return p;
-}
-
 std::string stateChange( Bfd::OperState from, Bfd::OperState to ) {
    return std::string( "neighbor 198.18.0.2 " ) + Bfd::operStateName( from ) + " to " + Bfd::operStateName( to ) +
           " on interface Ethernet1";
 }
 
-TEST( ScenarioBfd, EveryNeighborGetsASessionWhileBfdIsOnAndLosesItWhenItGoes ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
-   f.receive( eth1, hello( "198.18.0.2" ) );
-   f.receive( eth1, hello( "198.18.0.3" ).hold( 30 ) );
-   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) &&
-                f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.3" ) ) );
-   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
-
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
-   EXPECT_FALSE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
-   f.advanceBy( 31.0 );
-   EXPECT_EQ( f.vrf.bfdAppConfig->peerConfigSize(), 0u );
-
-   // BFD switched off on the interface: no session for new neighbours.
-   intf->bfdEnabledIs( false );
-   f.runUntilIdle();
-   f.receive( eth1, hello( "198.18.0.4" ) );
-   EXPECT_EQ( f.vrf.bfdAppConfig->peerConfigSize(), 0u );
-   EXPECT_TRUE( f.active( eth1, "198.18.0.4" ) );
-
-   // And on again: every present neighbour gets one.
-   intf->bfdEnabledIs( true );
-   f.runUntilIdle();
-   EXPECT_TRUE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.4" ) ) );
-}
-
 TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", { .bfdEnabled = true } );
    auto sm = f.intfSm( eth1 );
    f.receive( eth1, hello( "198.18.0.2" ).dr( 5 ).lpd( 900, 3000, true ) );
    f.receive( eth1, hello( "198.18.0.3" ).dr( 1 ).lpd( 400, 2500, true ) );
    f.vrf.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
    f.runUntilIdle();
    f.advanceBy( 2.0 );
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
-   EXPECT_EQ( intf->usedPropagationDelay(), 900 );
+   const std::string served = "dr 198.18.0.2/5 lpd 900/3000/1 lacking 0/0/0";
+   EXPECT_EQ( usedState( *intf, *sm ), served );
    const auto countBefore = intf->triggeredHelloCount();
    f.clearSent();
 
@@ -76,8 +41,8 @@ TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery 
    EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
    EXPECT_TRUE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
    EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.3" ) );
-   EXPECT_EQ( intf->usedPropagationDelay(), 500 );   // own 500 beats .3's 400
+   // The own 500 beats .3's 400.
+   EXPECT_EQ( usedState( *intf, *sm ), "dr 198.18.0.3/1 lpd 500/2500/1 lacking 0/0/0" );
    EXPECT_TRUE( f.sent().empty() );
 
    // Up again: a Hello at once with the interface's hold time, but the
@@ -101,59 +66,56 @@ TEST( ScenarioBfd, SessionDownHoldsTheNeighborOutUntilItsNextHelloAfterRecovery 
    f.receive( eth1, hello( "198.18.0.2" ).dr( 5 ).lpd( 900, 3000, true ) );
    EXPECT_FALSE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
    EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
-   EXPECT_EQ( intf->usedPropagationDelay(), 900 );
+   EXPECT_EQ( usedState( *intf, *sm ), served );
    EXPECT_TRUE( sm->neighborEventTriggeredHello() );
    f.advanceBy( 1.0 );
    EXPECT_EQ( f.sent().size(), 1u );
    EXPECT_EQ( intf->triggeredHelloCount(), countBefore + 1 );
 }
 
-TEST( ScenarioBfd, DownFromAnythingButUpChangesNothingAndBfdOffReleases ) {
+// A session for every neighbour while BFD is on; only a session that goes
+// down (or admin down) right after up holds its neighbour out; switching
+// BFD off releases it and ends every session; a neighbour leaving ends its.
+TEST( ScenarioBfd, SessionsFollowTheNeighborsAndOnlyDownRightAfterUpHoldsOut ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", withBfd() );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", { .bfdEnabled = true } );
+   auto & sessions = *f.vrf.bfdAppConfig;
    f.receive( eth1, hello( "198.18.0.2" ) );
+   f.receive( eth1, hello( "198.18.0.3" ).hold( 30 ) );
+   EXPECT_TRUE( sessions.peerConfig( peer( "198.18.0.2" ) ) && sessions.peerConfig( peer( "198.18.0.3" ) ) );
    auto status = f.vrf.bfdAppStatus->peerStatusIs( peer( "198.18.0.2" ), Bfd::operDown );
    f.runUntilIdle();
+   const struct {
+      Bfd::OperState to;
+      bool heldOut;
+   } steps[] = {
+      { Bfd::operInit, false }, { Bfd::operDown, false }, { Bfd::operUp, false }, { Bfd::operInit, false },
+      { Bfd::operAdminDown, false }, { Bfd::operUp, false }, { Bfd::operAdminDown, true },
+   };
+   for( const auto & s : steps ) {
+      SCOPED_TRACE( Bfd::operStateName( s.to ) );
+      status->statusIs( s.to );
+      f.runUntilIdle();
+      EXPECT_EQ( f.neighbor( eth1, "198.18.0.2" )->bfdState(), s.to );
+      EXPECT_EQ( bool( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) ), s.heldOut );
+      EXPECT_NE( f.active( eth1, "198.18.0.2" ), s.heldOut );
+      EXPECT_EQ( f.log.count( "PIM_BFD_STATE_CHANGE" ), s.heldOut ? 1u : 0u );
+   }
 
-   status->statusIs( Bfd::operInit );
-   f.runUntilIdle();
-   EXPECT_EQ( f.neighbor( eth1, "198.18.0.2" )->bfdState(), Bfd::operInit );
-   status->statusIs( Bfd::operDown );
-   f.runUntilIdle();
-   EXPECT_EQ( f.neighbor( eth1, "198.18.0.2" )->bfdState(), Bfd::operDown );
-   EXPECT_EQ( intf->inactiveBfdNeighborSize(), 0u );
-   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
-
-   // Up, Init, then Down: the session was not up just before going down.
-   status->statusIs( Bfd::operUp );
-   f.runUntilIdle();
-   status->statusIs( Bfd::operInit );
-   f.runUntilIdle();
-   status->statusIs( Bfd::operAdminDown );
-   f.runUntilIdle();
-   EXPECT_EQ( intf->inactiveBfdNeighborSize(), 0u );
-   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
-   EXPECT_EQ( f.logged( "PIM_BFD_STATE_CHANGE" ), 0u );
-
-   // Admin down right after up does count as down.
-   f.advanceBy( 2.0 );
-   status->statusIs( Bfd::operUp );
-   f.runUntilIdle();
-   status->statusIs( Bfd::operAdminDown );
-   f.runUntilIdle();
-   EXPECT_TRUE( intf->inactiveBfdNeighbor( ip( "198.18.0.2" ) ) );
-   EXPECT_FALSE( f.active( eth1, "198.18.0.2" ) );
-   EXPECT_EQ( f.logged( "PIM_BFD_STATE_CHANGE" ), 1u );
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.1" ) );
-
-   // Switching BFD off releases the held neighbour, back into the election.
    intf->bfdEnabledIs( false );
    f.runUntilIdle();
-   EXPECT_FALSE( f.vrf.bfdAppConfig->peerConfig( peer( "198.18.0.2" ) ) );
+   f.receive( eth1, hello( "198.18.0.4" ) );
+   EXPECT_EQ( sessions.peerConfigSize(), 0u );
    EXPECT_EQ( intf->inactiveBfdNeighborSize(), 0u );
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
+   EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
+
+   intf->bfdEnabledIs( true );
+   f.runUntilIdle();
+   EXPECT_EQ( sessions.peerConfigSize(), 3u );
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
+   f.advanceBy( 31.0 );   // .3 expires
+   EXPECT_EQ( sessions.peerConfigSize(), 1u );
+   EXPECT_TRUE( sessions.peerConfig( peer( "198.18.0.4" ) ) );
 }
 
 } // namespace

@@ -72,7 +72,6 @@ TEST( ScenarioDrElection, HellosComingChangingAndGoingMoveTheDr ) {
       SCOPED_TRACE( s.name );
       const bool v6 = std::string_view( s.own ).find( ':' ) != std::string_view::npos;
       EngineFixture f( v6 ? Lumo::AddressFamily::ipv6 : Lumo::AddressFamily::ipv4 );
-      const auto eth1 = ethernet( 1 );
       auto intf = f.startIntf( eth1, s.own );
       EXPECT_TRUE( intf->iAmDr() );
       EXPECT_EQ( intf->usedDrPriority(), 1u );
@@ -93,63 +92,54 @@ TEST( ScenarioDrElection, HellosComingChangingAndGoingMoveTheDr ) {
 
 TEST( ScenarioDrElection, OwnPriorityChangeTriggersAHelloOnlyWhenTheRoleChanges ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    f.receive( eth1, hello( "198.18.0.2" ).dr( 5 ) );
    f.advanceBy( 2.0 );
-   f.clearSent();
-
-   intf->drPriorityIs( 3 );
-   f.runUntilIdle();
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
-   EXPECT_FALSE( intf->triggeredHello() );
-
-   f.random().push( { drawForTenths( 6 ) } );
-   const double before = f.now();
-   intf->drPriorityIs( 10 );
-   f.runUntilIdle();
-   EXPECT_TRUE( intf->iAmDr() );
-   EXPECT_EQ( intf->usedDrPriority(), 10u );
-   f.advanceBy( 1.0 );
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_NEAR( f.sent()[ 0 ].time - before, 0.6, 1e-6 );
-   EXPECT_EQ( f.sent()[ 0 ]->drPriority(), 10u );
-
-   // Still DR, stronger: no Hello.
-   f.clearSent();
-   intf->drPriorityIs( 12 );
-   f.runUntilIdle();
-   EXPECT_EQ( intf->usedDrPriority(), 12u );
-   EXPECT_FALSE( intf->triggeredHello() );
-
-   // Weaker than the neighbour: the full election hands the role back.
-   intf->drPriorityIs( 4 );
-   f.runUntilIdle();
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
-   EXPECT_EQ( intf->usedDrPriority(), 5u );
-   f.advanceBy( 1.0 );
-   ASSERT_EQ( f.sent().size(), 1u );
-   EXPECT_EQ( f.sent()[ 0 ]->drPriority(), 4u );
+   const struct {
+      std::uint32_t own;
+      const char * dr;
+      std::uint32_t drPriority;
+      bool hello;
+   } steps[] = {
+      { 3, "198.18.0.2", 5, false },
+      { 10, "198.18.0.1", 10, true },
+      { 12, "198.18.0.1", 12, false },   // still DR, stronger
+      { 4, "198.18.0.2", 5, true },      // the full election hands the role back
+   };
+   for( const auto & s : steps ) {
+      SCOPED_TRACE( s.own );
+      f.clearSent();
+      f.random().push( { drawForTenths( 6 ) } );   // left for the next step when no Hello is due
+      const double before = f.now();
+      intf->drPriorityIs( s.own );
+      f.runUntilIdle();
+      EXPECT_EQ( intf->usedDr(), ip( s.dr ) );
+      EXPECT_EQ( intf->usedDrPriority(), s.drPriority );
+      f.advanceBy( 1.0 );
+      ASSERT_EQ( f.sent().size(), s.hello ? 1u : 0u );
+      if( s.hello ) {
+         EXPECT_NEAR( f.sent()[ 0 ].time - before, 0.6, 1e-6 );
+         EXPECT_EQ( f.sent()[ 0 ]->drPriority(), s.own );
+      }
+   }
 }
 
 // When the router was DR on its old address, the role moves with the
 // address or to the best neighbour; it never stays on an address that left.
 TEST( ScenarioDrElection, OwnAddressChangeReElectsWhenTheOldAddressWasDr ) {
-   struct Case {
+   const struct {
       const char * neighbor;   // nullptr: the router is alone
       const char * newAddress;
       const char * dr;
-   };
-   const Case cases[] = {
+   } cases[] = {
       { nullptr, "198.18.0.100/24", "198.18.0.100" },
       { nullptr, "198.18.0.250/24", "198.18.0.250" },
       { "198.18.0.150", "198.18.0.100/24", "198.18.0.150" },
       { "198.18.0.150", "198.18.0.250/24", "198.18.0.250" },
    };
-   for( const Case & c : cases ) {
+   for( const auto & c : cases ) {
       SCOPED_TRACE( std::string( c.neighbor ? c.neighbor : "alone" ) + " -> " + c.newAddress );
       EngineFixture f;
-      const auto eth1 = ethernet( 1 );
       auto intf = f.startIntf( eth1, "198.18.0.200/24" );
       if( c.neighbor ) f.receive( eth1, hello( c.neighbor ).dr( 1 ) );
       ASSERT_TRUE( intf->iAmDr() );
@@ -161,45 +151,56 @@ TEST( ScenarioDrElection, OwnAddressChangeReElectsWhenTheOldAddressWasDr ) {
    }
 }
 
-TEST( ScenarioDrElection, ReloadBidsOneUntilTheDrDelayExpiresAndResetsTheFlag ) {
+// During reload the router bids and advertises 1; after it, it advertises 1
+// until the DR delay expires, and only that expiry elects with the real
+// priority.
+TEST( ScenarioDrElection, ReloadBidsAndAdvertisesOneUntilTheDrDelayExpires ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   IntfParams p;
-   p.drPriority = 100;
-   auto intf = f.startIntf( eth1, "198.18.0.1/24", p );
-   auto alone = f.startIntf( ethernet( 2 ), "198.18.1.1/24", p );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24", { .drPriority = 100 } );
+   auto alone = f.startIntf( eth2, "198.18.1.1/24", { .drPriority = 100 } );
    f.receive( eth1, hello( "198.18.0.2" ).dr( 50 ) );
+   f.advanceBy( 2.0 );
+   auto & cell = *f.vrf.cellGlobalStatus;
+   auto sm = f.intfSm( eth1 );
+   // Reload off re-jitters each interface's periodic Hello (draw 9: 1 s).
+   const auto reloadOffAdvertises = [ & ]( std::uint32_t priority ) {
+      f.clearSent();
+      f.random().push( { 9, 9 } );
+      cell.reloadIs( false );
+      f.runUntilIdle();
+      EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) ) << "reload off elects nothing";
+      f.advanceBy( 1.0 );
+      ASSERT_EQ( f.sentOn( eth1 ).size(), 1u );
+      expectFullHello( f.sentOn( eth1 )[ 0 ], *intf, priority );
+   };
+   const auto expire = [ & ] {
+      cell.drDelayTimerExpiredIs( true );
+      f.runUntilIdle();
+      EXPECT_FALSE( cell.drDelayTimerExpired() );
+      EXPECT_FALSE( sm->drNotifyDelay() );
+   };
    EXPECT_TRUE( intf->iAmDr() );
-   EXPECT_EQ( intf->usedDrPriority(), 100u );
 
-   f.vrf.cellGlobalStatus->reloadIs( true );
+   cell.reloadIs( true );
    f.runUntilIdle();
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
    EXPECT_EQ( intf->usedDrPriority(), 50u );
-   EXPECT_TRUE( f.intfSm( eth1 )->drNotifyDelay() );
+   EXPECT_TRUE( sm->drNotifyDelay() );
    EXPECT_EQ( alone->usedDrPriority(), 1u ) << "without neighbours the router publishes the 1 it bids";
-
    // The incremental path also counts this router as 1 during reload.
    intf->drPriorityIs( 200 );
    f.runUntilIdle();
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
+   reloadOffAdvertises( 1 );   // the DR notify delay still runs
 
-   // DR delay expires while reload is still on: re-elected, still bidding 1.
-   f.vrf.cellGlobalStatus->drDelayTimerExpiredIs( true );
+   // The DR delay expires during a second reload: re-elected, still bidding 1.
+   cell.reloadIs( true );
    f.runUntilIdle();
-   EXPECT_FALSE( f.vrf.cellGlobalStatus->drDelayTimerExpired() );
-   EXPECT_FALSE( f.intfSm( eth1 )->drNotifyDelay() );
+   expire();
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
+   reloadOffAdvertises( 200 );
 
-   // Reload off re-jitters the Hello timer but elects nothing.
-   f.vrf.cellGlobalStatus->reloadIs( false );
-   f.runUntilIdle();
-   EXPECT_EQ( intf->usedDr(), ip( "198.18.0.2" ) );
-
-   // The next DR delay expiry elects with the real priority.
-   f.vrf.cellGlobalStatus->drDelayTimerExpiredIs( true );
-   f.runUntilIdle();
-   EXPECT_FALSE( f.vrf.cellGlobalStatus->drDelayTimerExpired() );
+   expire();
    EXPECT_EQ( intf->usedDr(), ip( "198.18.0.1" ) );
    EXPECT_EQ( intf->usedDrPriority(), 200u );
 }

@@ -1,15 +1,12 @@
 // Neighbours as received Hellos create, refresh and end them: their options,
 // their liveness timer counted from the last refresh, goodbyes, the
-// never-expiring hold time, and the up/down reports.
+// never-expiring hold time, the up/down reports and the port option.
 #include <cmath>
-#include <limits>
 
 #include "EngineFixture.h"
 
 namespace PimScenario {
 namespace {
-
-constexpr double kInf = std::numeric_limits< double >::infinity();
 
 // Every advertised option is taken; a Hello without options gets the
 // defaults and the interface's hold time (50 here).
@@ -24,21 +21,17 @@ TEST( ScenarioNeighborLifecycle, HelloWithoutOptionsGetsDefaultsAndTheInterfaceH
    } cases[] = {
       { "every option", hello( "198.18.0.2" ).hold( 105 ).dr( 7 ).genId( 0x1234 ).lpd( 600, 3000, true ), 105,
         { true, 7 }, { true, 0x1234 }, { true, 600, 3000, true } },
-      { "no option", hello( "198.18.0.2" ).noHold(), 50, { false, 0xFFFFFFFF }, { false, 0 },
+      { "no option", hello( "198.18.0.2" ).hold( std::nullopt ), 50, { false, 0xFFFFFFFF }, { false, 0 },
         { false, 500, 2500, false } },
    };
    for( const auto & c : cases ) {
       SCOPED_TRACE( c.name );
       EngineFixture f;
-      const auto eth1 = ethernet( 1 );
-      IntfParams p;
-      p.helloHoldTime = 50;
-      f.startIntf( eth1, "198.18.0.1/24", p );
+      f.startIntf( eth1, "198.18.0.1/24", { .helloHoldTime = 50 } );
       f.at( 5.0 );
       f.receive( eth1, c.hello );
       auto nb = f.neighbor( eth1, "198.18.0.2" );
       ASSERT_TRUE( nb );
-      EXPECT_EQ( nb->intfId(), eth1 );
       EXPECT_EQ( nb->creationTime(), f.t0() + 5.0 );
       EXPECT_EQ( nb->lastRefreshTime(), nb->creationTime() );
       EXPECT_EQ( nb->holdTime(), c.hold );
@@ -50,7 +43,6 @@ TEST( ScenarioNeighborLifecycle, HelloWithoutOptionsGetsDefaultsAndTheInterfaceH
       EXPECT_EQ( nb->secondaryAddressSize(), 0u );
       EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
       const double expiry = f.t0() + 5.0 + c.hold;
-      EXPECT_EQ( f.intfSm( eth1 )->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), expiry );
       f.advanceTo( std::nextafter( expiry, 0.0 ) );
       EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
       f.advanceTo( expiry );
@@ -59,10 +51,10 @@ TEST( ScenarioNeighborLifecycle, HelloWithoutOptionsGetsDefaultsAndTheInterfaceH
 }
 
 // A refresh moves the expiry; a changed hold time counts from the last
-// refresh, not from now; expiry removes everything at the deadline.
-TEST( ScenarioNeighborLifecycle, RefreshMovesTheExpiryAndExpiryRemovesEverythingAtTheDeadline ) {
+// refresh, not from now; expiry removes everything at the deadline. Hold
+// time 0xFFFF never expires until a finite hold time replaces it.
+TEST( ScenarioNeighborLifecycle, ExpiryCountsFromTheLastRefreshAndHoldTimeFfffNeverExpires ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    auto sm = f.intfSm( eth1 );
    f.at( 5.0 );
@@ -78,30 +70,47 @@ TEST( ScenarioNeighborLifecycle, RefreshMovesTheExpiryAndExpiryRemovesEverything
    nb->holdTimeIs( 48 );
    f.runUntilIdle();
    const double expiry = f.t0() + 15.0 + 48;
-   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), expiry );
    // The deadline counted from the first Hello (+53) passes without effect.
    f.advanceTo( std::nextafter( expiry, 0.0 ) );
    EXPECT_TRUE( f.active( eth1, "198.18.0.2" ) );
    f.advanceTo( expiry );
    EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) || sm->neighborSm( ip( "198.18.0.2" ) ) );
    EXPECT_EQ( intf->activeNeighborSize(), 0u );
+
+   f.at( 70.0 );
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 0xFFFF ) );
+   f.at( 70000.0 );   // well past 65535 s with no further Hello
+   ASSERT_TRUE( f.active( eth1, "198.18.0.2" ) );
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 105 ) );
+   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), f.t0() + 70105.0 );
+   f.at( 70105.0 );
+   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
+   // Back to infinite on a refresh: the timer of hold time 30 is disarmed.
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 30 ) );
+   f.at( 70110.0 );
+   f.receive( eth1, hello( "198.18.0.2" ).hold( 0xFFFF ) );
+   f.at( 80000.0 );
+   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
 }
 
+// With the VRF's neighbour change log off, a neighbour comes and goes
+// silently; with it on, a stranger's goodbye still logs nothing.
 TEST( ScenarioNeighborLifecycle, GoodbyeRemovesAKnownNeighborAtOnceAndIsIgnoredFromAStranger ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    f.at( 5.0 );
    f.receive( eth1, hello( "198.18.0.2" ) );
    f.at( 20.0 );   // the triggered Hello for the new neighbour has gone
    f.clearSent();
-   f.log.clear();
-
    f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
    EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) || f.intfSm( eth1 )->neighborSm( ip( "198.18.0.2" ) ) );
    EXPECT_EQ( intf->activeNeighborSize(), 0u );
+   EXPECT_EQ( f.log.count( "PIM_NBRCHG" ), 0u );
 
    // A stranger's goodbye must not create the neighbour, not even for a moment.
+   f.vrf.config->neighborChangeLogIs( true );
+   f.runUntilIdle();
+   f.log.clear();
    struct Watch : Intf::NotifieeConst {
       std::vector< Lumo::IpGenAddr > seen;
       void onNeighborkivImmediate( const Lumo::IpGenAddr & a ) override { seen.push_back( a ); }
@@ -114,97 +123,50 @@ TEST( ScenarioNeighborLifecycle, GoodbyeRemovesAKnownNeighborAtOnceAndIsIgnoredF
    EXPECT_TRUE( f.log.messages().empty() );
    f.at( 29.0 );
    EXPECT_TRUE( f.sent().empty() ) << "a leaving neighbour triggers no Hello";
-}
 
-TEST( ScenarioNeighborLifecycle, HoldTimeFfffNeverExpiresUntilAFiniteHoldTimeReplacesIt ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   f.startIntf( eth1, "198.18.0.1/24" );
-   f.at( 5.0 );
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 0xFFFF ) );
-   auto sm = f.intfSm( eth1 );
-   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), kInf );
-   // Well past 65535 seconds with no further Hello.
-   f.at( 70000.0 );
-   ASSERT_TRUE( f.active( eth1, "198.18.0.2" ) );
-
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 105 ) );
-   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), f.t0() + 70000.0 + 105 );
-   f.at( 70105.0 );
-   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
-
-   // Back to infinite on a refresh: the timer is disarmed again.
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 30 ) );
-   f.at( 70110.0 );
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 0xFFFF ) );
-   EXPECT_EQ( sm->neighborSm( ip( "198.18.0.2" ) )->neighborTimerTimeMin(), kInf );
-   f.at( 80000.0 );
-   EXPECT_TRUE( f.neighbor( eth1, "198.18.0.2" ) );
-}
-
-TEST( ScenarioNeighborLifecycle, NeighborChangeLogFollowsTheVrfSwitch ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   f.startIntf( eth1, "198.18.0.1/24" );
-
-   f.at( 5.0 );
-   f.receive( eth1, hello( "198.18.0.2" ) );
-   f.at( 10.0 );
-   f.receive( eth1, hello( "198.18.0.2" ).hold( 0 ) );
-   EXPECT_EQ( f.logged( "PIM_NBRCHG" ), 0u );
-
-   f.vrf.config->neighborChangeLogIs( true );
-   f.runUntilIdle();
-   f.at( 20.0 );
-   f.receive( eth1, hello( "198.18.0.3" ) );
+   f.receive( eth1, hello( "198.18.0.4" ) );
    f.at( 30.0 );
-   f.receive( eth1, hello( "198.18.0.3" ).hold( 0 ) );
+   f.receive( eth1, hello( "198.18.0.4" ).hold( 0 ) );
    EXPECT_EQ( f.logTexts( "PIM_NBRCHG" ), ( std::vector< std::string >{
-                                            "neighbor 198.18.0.3 UP on interface Ethernet1",
-                                            "neighbor 198.18.0.3 DOWN on interface Ethernet1" } ) );
+                                            "neighbor 198.18.0.4 UP on interface Ethernet1",
+                                            "neighbor 198.18.0.4 DOWN on interface Ethernet1" } ) );
 }
 
+// The port option sets the transport only on an interface with the
+// capability; flags 0 count as no option, and a Hello without it clears it.
 TEST( ScenarioNeighborLifecycle, PortOptionSetsTheTransportAndIsClearedByAHelloWithoutIt ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   IntfParams p;
-   p.portCapabilityFlags = Reliable::kCapabilitySctp;
-   f.startIntf( eth1, "198.18.0.1/24", p );
-   IntfParams p2;
-   p2.ifIndex = 12;
-   f.startIntf( ethernet( 2 ), "198.18.1.1/24", p2 );   // no port capability of its own
-
+   f.startIntf( eth1, "198.18.0.1/24", { .portCapabilityFlags = Reliable::kCapabilitySctp } );
+   f.startIntf( eth2, "198.18.1.1/24", { .ifIndex = 12 } );
    Reliable::NeighborInfo info;
    info.transport = Reliable::protocolSctp;
    info.capabilityFlags = Reliable::kCapabilitySctp;
    info.connectionAddr = ip( "198.18.0.50" );
    info.secondAddr = ip( "198.18.0.51" );
-   f.receive( eth1, hello( "198.18.0.2" ).portInfo( info ) );
-   auto nb = f.neighbor( eth1, "198.18.0.2" );
-   ASSERT_TRUE( nb );
-   EXPECT_EQ( nb->portInfo(), info );
-   EXPECT_EQ( nb->transportProtocol(), Reliable::protocolSctp );
-
-   // The same neighbour information on an interface without the capability.
-   Reliable::NeighborInfo info2 = info;
-   info2.connectionAddr = ip( "198.18.1.50" );
-   f.receive( ethernet( 2 ), hello( "198.18.1.2" ).portInfo( info2 ) );
-   auto nb2 = f.neighbor( ethernet( 2 ), "198.18.1.2" );
-   ASSERT_TRUE( nb2 );
-   EXPECT_EQ( nb2->portInfo(), info2 );
-   EXPECT_EQ( nb2->transportProtocol(), Reliable::protocolDatagram );
-
-   // Capability flags 0 count as no port option at all.
    Reliable::NeighborInfo zeroFlags = info;
    zeroFlags.capabilityFlags = 0;
-   f.receive( eth1, hello( "198.18.0.3" ).portInfo( zeroFlags ) );
-   ASSERT_TRUE( f.neighbor( eth1, "198.18.0.3" ) );
-   EXPECT_EQ( f.neighbor( eth1, "198.18.0.3" )->portInfo(), Reliable::NeighborInfo{} );
-   // A Hello without the option clears it.
-   f.advanceBy( 5.0 );
-   f.receive( eth1, hello( "198.18.0.2" ) );
-   EXPECT_EQ( nb->portInfo(), Reliable::NeighborInfo{} );
-   EXPECT_EQ( nb->transportProtocol(), Reliable::protocolDatagram );
+   const struct {
+      Lumo::IntfId intf;
+      const char * from;
+      std::optional< Reliable::NeighborInfo > sent;
+      Reliable::NeighborInfo kept;
+      Reliable::Protocol transport;
+   } cases[] = {
+      { eth1, "198.18.0.2", info, info, Reliable::protocolSctp },
+      { eth2, "198.18.1.2", info, info, Reliable::protocolDatagram },
+      { eth1, "198.18.0.3", zeroFlags, {}, Reliable::protocolDatagram },
+      { eth1, "198.18.0.2", std::nullopt, {}, Reliable::protocolDatagram },
+   };
+   for( const auto & c : cases ) {
+      SCOPED_TRACE( c.from );
+      auto h = hello( c.from );
+      h.port = c.sent;
+      f.receive( c.intf, h );
+      auto nb = f.neighbor( c.intf, c.from );
+      ASSERT_TRUE( nb );
+      EXPECT_EQ( nb->portInfo(), c.kept );
+      EXPECT_EQ( nb->transportProtocol(), c.transport );
+   }
 }
 
 } // namespace

@@ -29,19 +29,16 @@ TEST( ScenarioNeighborLimit, NewSourcesBeyondALimitAreRefusedAndCountedKnownOnes
    for( const Case & c : cases ) {
       SCOPED_TRACE( c.log );
       EngineFixture f;
-      auto e1 = f.startIntf( ethernet( 1 ), "198.18.1.100/24" );
-      IntfParams p;
-      p.ifIndex = 12;
-      auto e2 = f.startIntf( ethernet( 2 ), "198.18.2.100/24", p );
+      auto e1 = f.startIntf( eth1, "198.18.1.100/24" );
+      auto e2 = f.startIntf( eth2, "198.18.2.100/24", { .ifIndex = 12 } );
       e1->neighborLimitIs( c.intfLimit );
       f.vrf.allStatus->neighborLimitIs( c.vrfLimit );
       auto src = []( int subnet, int host ) { return "198.18." + std::to_string( subnet ) + "." + std::to_string( host ); };
-      for( int i = 1; i <= c.sources1; ++i ) f.receive( ethernet( 1 ), hello( src( 1, i ) ) );
-      for( int i = 1; i <= c.sources2; ++i ) f.receive( ethernet( 2 ), hello( src( 2, i ) ) );
-      EXPECT_EQ( e1->neighborSize(), c.kept1 );
-      EXPECT_EQ( e2->neighborSize(), c.kept2 );
-      EXPECT_EQ( e1->refusedNeighborCount(), c.refused1 );
-      EXPECT_EQ( e2->refusedNeighborCount(), c.refused2 );
+      for( int i = 1; i <= c.sources1; ++i ) f.receive( eth1, hello( src( 1, i ) ) );
+      for( int i = 1; i <= c.sources2; ++i ) f.receive( eth2, hello( src( 2, i ) ) );
+      EXPECT_EQ( std::tuple( e1->neighborSize(), e2->neighborSize(), e1->refusedNeighborCount(),
+                             e2->refusedNeighborCount() ),
+                 std::tuple( c.kept1, c.kept2, c.refused1, c.refused2 ) );
       const auto logs = f.logTexts( "PIM_NEIGHBOR_LIMIT" );
       ASSERT_EQ( logs.size(), 1u ) << "once per interval";
       EXPECT_EQ( logs[ 0 ].rfind( c.log, 0 ), 0u ) << logs[ 0 ];
@@ -66,23 +63,23 @@ TEST( ScenarioNeighborLimit, NewSourcesBeyondALimitAreRefusedAndCountedKnownOnes
 // the log comes back after its interval with the number it held back.
 TEST( ScenarioNeighborLimit, RefusedSourcesTableKeepsTheMostRecentWithCounts ) {
    EngineFixture f;
-   auto intf = f.startIntf( ethernet( 1 ), "198.18.0.1/24" );
+   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    intf->neighborLimitIs( 1 );
-   f.receive( ethernet( 1 ), hello( "198.18.0.2" ) );
+   f.receive( eth1, hello( "198.18.0.2" ) );
    // Twenty sources, then the last eight of them again.
    for( int i : { 10, 22 } ) {
       for( ; i < 30; ++i ) {
          f.advanceBy( 0.5 );
-         f.receive( ethernet( 1 ), hello( "198.18.0." + std::to_string( i ) ) );
+         f.receive( eth1, hello( "198.18.0." + std::to_string( i ) ) );
       }
    }
    EXPECT_EQ( intf->refusedNeighborCount(), 28u );
    ASSERT_EQ( intf->refusedSourceSize(), kRefusedSourcesKept );
    for( int i = 22; i < 30; ++i ) EXPECT_EQ( intf->refusedSource( ip( "198.18.0." + std::to_string( i ) ) ).count, 2u ) << i;
    EXPECT_EQ( intf->refusedSource( ip( "198.18.0.29" ) ).lastTime, f.now() );
-   EXPECT_EQ( f.logged( "PIM_NEIGHBOR_LIMIT" ), 1u );
+   EXPECT_EQ( f.log.count( "PIM_NEIGHBOR_LIMIT" ), 1u );
    f.advanceBy( 60.0 );
-   f.receive( ethernet( 1 ), hello( "198.18.0.99" ) );
+   f.receive( eth1, hello( "198.18.0.99" ) );
    const auto logs = f.logTexts( "PIM_NEIGHBOR_LIMIT" );
    ASSERT_EQ( logs.size(), 2u );
    EXPECT_NE( logs[ 1 ].find( "(29 refused on the interface so far)" ), std::string::npos ) << logs[ 1 ];
@@ -108,14 +105,14 @@ constexpr bool kOwnAllocator = true;
 // heap stays flat.
 TEST( ScenarioNeighborLimit, FloodOfASlash16StopsAtTheLimitWithFlatMemory ) {
    EngineFixture f;
-   auto intf = f.startIntf( ethernet( 1 ), "198.18.0.1/16" );
+   auto intf = f.startIntf( eth1, "198.18.0.1/16" );
    f.trace.enable( "Pim::*/0" );   // the capture would keep every line
    std::uint32_t sent = 0;
    std::size_t atLimit = 0;
    for( std::uint32_t host = 2; host < 0xFFFF; ++host ) {
       auto h = hello( "198.18.0.0" );
       h.src = Lumo::IpGenAddr::ipv4( 0xC6120000u + host );
-      f.receive( ethernet( 1 ), h );
+      f.receive( eth1, h );
       ++sent;
       // Past the limit with the refusal table full: the state that must
       // stay flat from here on.
@@ -124,7 +121,7 @@ TEST( ScenarioNeighborLimit, FloodOfASlash16StopsAtTheLimitWithFlatMemory ) {
    EXPECT_EQ( intf->neighborSize(), kIntfNeighborLimitDefault );
    EXPECT_EQ( intf->refusedNeighborCount(), sent - kIntfNeighborLimitDefault );
    EXPECT_EQ( intf->refusedSourceSize(), kRefusedSourcesKept );
-   EXPECT_EQ( f.logged( "PIM_NEIGHBOR_LIMIT" ), 1u );
+   EXPECT_EQ( f.log.count( "PIM_NEIGHBOR_LIMIT" ), 1u );
    if( !kOwnAllocator ) {
       GTEST_SKIP() << "heap growth is not measured under AddressSanitizer, whose allocator mallinfo2 does not see";
    }

@@ -1,46 +1,106 @@
 // Secondary addresses of neighbours: learnt from the address list, removed
-// when a later Hello drops them, and contested between two neighbours (the
-// newest advertiser wins). The interface keeps a map from each secondary
-// address to its owner.
+// when a later Hello drops them or the neighbour leaves, and contested
+// between neighbours (the newest advertiser wins, a primary address outranks
+// a secondary claim). The interface keeps a map from each secondary address
+// to its owner.
+#include <map>
+
 #include "EngineFixture.h"
 
 namespace PimScenario {
 namespace {
 
-std::set< Lumo::IpGenAddr > secondariesOf( const Neighbor & nb ) {
-   std::set< Lumo::IpGenAddr > r;
-   nb.secondaryAddressForEach( [ & ]( const Lumo::IpGenAddr & a, bool ) { r.insert( a ); } );
+// Each neighbour's secondary addresses, then the interface's map of them to
+// their owners, by last byte in address order: "2:150,151 3:170 | 150>2 151>2 170>3".
+std::string holders( const Intf & intf ) {
+   const auto last = []( const Lumo::IpGenAddr & a ) {
+      std::ostringstream os;
+      os << a;
+      return os.str().substr( os.str().rfind( '.' ) + 1 );
+   };
+   std::map< Lumo::IpGenAddr, std::set< Lumo::IpGenAddr > > lists;
+   intf.neighborForEach( [ & ]( const Lumo::IpGenAddr & n, const Kiv::Ptr< Neighbor > & nb ) {
+      nb->secondaryAddressForEach( [ & ]( const Lumo::IpGenAddr & a, bool ) { lists[ n ].insert( a ); } );
+   } );
+   std::map< Lumo::IpGenAddr, Lumo::IpGenAddr > owners;
+   intf.nbSecondaryAddressForEach( [ & ]( const Lumo::IpGenAddr & a, const Lumo::IpGenAddr & o ) { owners[ a ] = o; } );
+   std::string r;
+   for( const auto & [ n, l ] : lists ) {
+      r += last( n );
+      for( const auto & a : l ) r += ( a == *l.begin() ? ":" : "," ) + last( a );
+      r += " ";
+   }
+   r += "|";
+   for( const auto & [ a, o ] : owners ) r += " " + last( a ) + ">" + last( o );
    return r;
 }
 
-std::set< Lumo::IpGenAddr > addrSet( std::initializer_list< const char * > a ) {
-   std::set< Lumo::IpGenAddr > r;
-   for( const char * s : a ) r.insert( ip( s ) );
-   return r;
-}
-
-TEST( ScenarioSecondaryAddress, LearntThenRemovedOneByOneThenAllAtOnce ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-
-   f.receive( eth1, hello( "198.18.0.2" ).addrs( { "198.18.0.102", "198.18.0.103", "198.18.0.104" } ) );
-   auto nb = f.neighbor( eth1, "198.18.0.2" );
-   ASSERT_TRUE( nb );
-   EXPECT_EQ( secondariesOf( *nb ), addrSet( { "198.18.0.102", "198.18.0.103", "198.18.0.104" } ) );
-   EXPECT_EQ( intf->nbSecondaryAddressSize(), 3u );
-   EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.103" ) ), ip( "198.18.0.2" ) );
-
-   f.advanceBy( 10.0 );
-   f.receive( eth1, hello( "198.18.0.2" ).addrs( { "198.18.0.102", "198.18.0.104", "198.18.0.105" } ) );
-   EXPECT_EQ( secondariesOf( *nb ), addrSet( { "198.18.0.102", "198.18.0.104", "198.18.0.105" } ) );
-   EXPECT_FALSE( intf->nbSecondaryAddressHas( ip( "198.18.0.103" ) ) );
-   EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.105" ) ), ip( "198.18.0.2" ) );
-
-   f.advanceBy( 10.0 );
-   f.receive( eth1, hello( "198.18.0.2" ) );
-   EXPECT_EQ( nb->secondaryAddressSize(), 0u );
-   EXPECT_EQ( intf->nbSecondaryAddressSize(), 0u );
+TEST( ScenarioSecondaryAddress, HellosLearnDropAndContestSecondaries ) {
+   // After `wait` seconds a Hello from 198.18.0.<from> with `hold` listing
+   // 198.18.0.<addrs>, then who holds what.
+   struct Step {
+      double wait;
+      int from;
+      std::uint16_t hold;
+      std::vector< int > addrs;
+      const char * holders;
+   };
+   const auto conflict = []( int by, int before ) {
+      return "Neighbor 198.18.0." + std::to_string( by ) + " advertised secondary address 198.18.0.150 on " +
+             "interface Ethernet1, which was previously advertised by neighbor 198.18.0." + std::to_string( before );
+   };
+   const struct {
+      const char * name;
+      std::vector< Step > steps;
+      std::vector< std::string > conflicts = {};
+   } scripts[] = {
+      { "learnt, then removed one by one, then all at once",
+        { { 0, 2, 105, { 102, 103, 104 }, "2:102,103,104 | 102>2 103>2 104>2" },
+          { 10, 2, 105, { 102, 104, 105 }, "2:102,104,105 | 102>2 104>2 105>2" },
+          { 10, 2, 105, {}, "|" } } },
+      { "a primary takes its address back and keeps it",
+        { { 0, 2, 105, { 7, 8 }, "2:7,8 | 7>2 8>2" },
+          { 0, 7, 105, {}, "2:8 | 8>2" },
+          { 0, 2, 105, { 7, 8 }, "2:8 | 8>2" } } },
+      { "the newest advertiser wins, every time",
+        { { 5, 2, 105, { 150, 151 }, "2:150,151 | 150>2 151>2" },
+          { 5, 3, 105, { 150 }, "2:151 3:150 | 150>3 151>2" },
+          { 10, 2, 105, { 150, 151 }, "2:150,151 | 150>2 151>2" } },
+        { conflict( 3, 2 ), conflict( 2, 3 ) } },
+      // However a neighbour leaves, a router that then advertises one of its
+      // addresses meets no conflict.
+      { "expiry takes the secondaries",
+        { { 0, 2, 30, { 160, 161 }, "2:160,161 | 160>2 161>2" },
+          { 0, 3, 105, { 170 }, "2:160,161 3:170 | 160>2 161>2 170>3" },
+          { 31, 4, 105, { 161 }, "3:170 4:161 | 161>4 170>3" } } },
+      { "a goodbye with its list takes them",
+        { { 0, 2, 30, { 160, 161 }, "2:160,161 | 160>2 161>2" },
+          { 0, 3, 105, { 170 }, "2:160,161 3:170 | 160>2 161>2 170>3" },
+          { 1, 2, 0, { 160, 161 }, "3:170 | 170>3" },
+          { 0, 4, 105, { 161 }, "3:170 4:161 | 161>4 170>3" } } },
+      // A goodbye takes the sender's mappings and no one else's, whatever
+      // its list says.
+      { "a goodbye without a list takes them",
+        { { 0, 2, 30, { 160, 161 }, "2:160,161 | 160>2 161>2" },
+          { 0, 3, 105, { 170 }, "2:160,161 3:170 | 160>2 161>2 170>3" },
+          { 1, 2, 0, {}, "3:170 | 170>3" },
+          { 0, 4, 105, { 161 }, "3:170 4:161 | 161>4 170>3" },
+          { 0, 3, 0, { 161 }, "4:161 | 161>4" } } },
+   };
+   for( const auto & s : scripts ) {
+      SCOPED_TRACE( s.name );
+      EngineFixture f;
+      auto intf = f.startIntf( eth1, "198.18.0.1/24" );
+      for( const Step & st : s.steps ) {
+         SCOPED_TRACE( st.holders );
+         f.advanceBy( st.wait );
+         auto h = hello( "198.18.0." + std::to_string( st.from ) ).hold( st.hold );
+         for( int a : st.addrs ) h.secondary.push_back( ip( "198.18.0." + std::to_string( a ) ) );
+         f.receive( eth1, h );
+         EXPECT_EQ( holders( *intf ), st.holders );
+      }
+      EXPECT_EQ( f.logTexts( "PIM_NEIGHBOR_SECONDARY_ADDRESS_CONFLICT" ), s.conflicts );
+   }
 }
 
 // Addresses that cannot stand for the neighbour are skipped and counted (the
@@ -73,10 +133,8 @@ TEST( ScenarioSecondaryAddress, UnusableAddressesAreIgnoredCountedAndTracedTheOt
       SCOPED_TRACE( std::string( c.listed ) + ": " + c.why );
       const bool six = c.af == v6;
       EngineFixture f( c.af );
-      const auto eth1 = ethernet( 1 );
-      IntfParams p;
-      p.secondary = { ip( six ? "2001:db8:9::1" : "198.18.9.1" ) };
-      auto intf = f.startIntf( eth1, six ? "2001:db8::1/64" : "198.18.0.1/24", p );
+      auto intf = f.startIntf( eth1, six ? "2001:db8::1/64" : "198.18.0.1/24",
+                               { .secondary = { ip( six ? "2001:db8:9::1" : "198.18.9.1" ) } } );
       const char * sender = six ? "2001:db8::2" : "198.18.0.2";
       const char * good = six ? "2001:db8::120" : "198.18.0.120";
       f.receive( eth1, hello( six ? "2001:db8::3" : "198.18.0.3" ) );
@@ -85,118 +143,22 @@ TEST( ScenarioSecondaryAddress, UnusableAddressesAreIgnoredCountedAndTracedTheOt
       f.receive( eth1, h );
       auto nb = f.neighbor( eth1, sender );
       ASSERT_TRUE( nb );
-      EXPECT_EQ( secondariesOf( *nb ), std::set< Lumo::IpGenAddr >{ ip( good ) } );
+      EXPECT_TRUE( nb->secondaryAddressSize() == 1 && nb->secondaryAddress( ip( good ) ) );
       EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
       EXPECT_EQ( intf->ignoredSecondaryCount(), c.counted );
    }
 }
 
-// The per-neighbour limit holds whatever the Hello lists, and a primary
-// address outranks a secondary claim to it.
-TEST( ScenarioSecondaryAddress, PerNeighborLimitAndAPrimaryTakesItsAddressBack ) {
+// The per-neighbour limit holds whatever the Hello lists.
+TEST( ScenarioSecondaryAddress, PerNeighborLimitHoldsAndTheRestIsCounted ) {
    EngineFixture f;
-   const auto eth1 = ethernet( 1 );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    auto h = hello( "198.18.0.2" );
    for( int i = 0; i < 40; ++i ) h.secondary.push_back( ip( "198.18.1." + std::to_string( i + 1 ) ) );
    f.receive( eth1, h );
-   auto nb = f.neighbor( eth1, "198.18.0.2" );
-   ASSERT_TRUE( nb );
-   EXPECT_EQ( nb->secondaryAddressSize(), kNeighborSecondaryAddressLimit );
+   EXPECT_EQ( f.neighbor( eth1, "198.18.0.2" )->secondaryAddressSize(), kNeighborSecondaryAddressLimit );
    EXPECT_EQ( intf->nbSecondaryAddressSize(), kNeighborSecondaryAddressLimit );
    EXPECT_EQ( intf->ignoredSecondaryCount(), 40u - kNeighborSecondaryAddressLimit );
-
-   f.receive( eth1, hello( "198.18.0.2" ).addrs( { "198.18.0.7", "198.18.0.8" } ) );
-   EXPECT_EQ( secondariesOf( *nb ), addrSet( { "198.18.0.7", "198.18.0.8" } ) );
-   f.receive( eth1, hello( "198.18.0.7" ) );
-   ASSERT_TRUE( f.neighbor( eth1, "198.18.0.7" ) );
-   EXPECT_EQ( secondariesOf( *nb ), addrSet( { "198.18.0.8" } ) );
-   EXPECT_FALSE( intf->nbSecondaryAddressHas( ip( "198.18.0.7" ) ) );
-   // And it is refused when listed again.
-   f.receive( eth1, hello( "198.18.0.2" ).addrs( { "198.18.0.7", "198.18.0.8" } ) );
-   EXPECT_EQ( secondariesOf( *nb ), addrSet( { "198.18.0.8" } ) );
-}
-
-TEST( ScenarioSecondaryAddress, ContestedAddressGoesToTheNewestAdvertiserEveryTime ) {
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-
-   f.at( 5.0 );
-   f.receive( eth1, hello( "198.18.0.2" ).addrs( { "198.18.0.150", "198.18.0.151" } ) );
-   EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.150" ) ), ip( "198.18.0.2" ) );
-
-   f.at( 10.0 );
-   f.receive( eth1, hello( "198.18.0.3" ).addrs( { "198.18.0.150" } ) );
-   auto nb2 = f.neighbor( eth1, "198.18.0.2" );
-   auto nb3 = f.neighbor( eth1, "198.18.0.3" );
-   ASSERT_TRUE( nb2 && nb3 );
-   EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.150" ) ), ip( "198.18.0.3" ) );
-   EXPECT_EQ( secondariesOf( *nb2 ), addrSet( { "198.18.0.151" } ) );
-   EXPECT_EQ( secondariesOf( *nb3 ), addrSet( { "198.18.0.150" } ) );
-   // The earlier owner's removal does not take the mapping from the new one.
-   EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.151" ) ), ip( "198.18.0.2" ) );
-
-   // The first neighbour advertises it again: now it is the newest.
-   f.at( 20.0 );
-   f.receive( eth1, hello( "198.18.0.2" ).addrs( { "198.18.0.150", "198.18.0.151" } ) );
-   EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.150" ) ), ip( "198.18.0.2" ) );
-   EXPECT_EQ( secondariesOf( *nb2 ), addrSet( { "198.18.0.150", "198.18.0.151" } ) );
-   EXPECT_EQ( secondariesOf( *nb3 ), std::set< Lumo::IpGenAddr >{} );
-   const auto conflict = []( const char * by, const char * before ) {
-      return std::string( "Neighbor " ) + by + " advertised secondary address 198.18.0.150 on interface Ethernet1, " +
-             "which was previously advertised by neighbor " + before;
-   };
-   EXPECT_EQ( f.logTexts( "PIM_NEIGHBOR_SECONDARY_ADDRESS_CONFLICT" ),
-              ( std::vector< std::string >{ conflict( "198.18.0.3", "198.18.0.2" ),
-                                            conflict( "198.18.0.2", "198.18.0.3" ) } ) );
-}
-
-TEST( ScenarioSecondaryAddress, ANeighborThatLeavesTakesItsSecondariesWithIt ) {
-   // However it leaves: a new router that advertises one of its addresses
-   // afterwards meets no conflict.
-   const struct {
-      const char * how;
-      double wait;
-      std::optional< HelloBuilder > goodbye;
-   } cases[] = {
-      { "expiry", 31.0, std::nullopt },
-      { "goodbye with its list", 1.0, hello( "198.18.0.2" ).hold( 0 ).addrs( { "198.18.0.160", "198.18.0.161" } ) },
-      { "goodbye without a list", 1.0, hello( "198.18.0.2" ).hold( 0 ) },
-   };
-   for( const auto & c : cases ) {
-      SCOPED_TRACE( c.how );
-      EngineFixture f;
-      const auto eth1 = ethernet( 1 );
-      auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-      f.receive( eth1, hello( "198.18.0.2" ).hold( 30 ).addrs( { "198.18.0.160", "198.18.0.161" } ) );
-      f.receive( eth1, hello( "198.18.0.3" ).addrs( { "198.18.0.170" } ) );
-      EXPECT_EQ( intf->nbSecondaryAddressSize(), 3u );
-
-      if( c.goodbye ) f.receive( eth1, *c.goodbye );
-      f.advanceBy( c.wait );
-      EXPECT_FALSE( f.neighbor( eth1, "198.18.0.2" ) );
-      EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
-      EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.170" ) ), ip( "198.18.0.3" ) );
-
-      f.receive( eth1, hello( "198.18.0.4" ).addrs( { "198.18.0.161" } ) );
-      EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.161" ) ), ip( "198.18.0.4" ) );
-      EXPECT_TRUE( f.logTexts( "PIM_NEIGHBOR_SECONDARY_ADDRESS_CONFLICT" ).empty() );
-   }
-
-   // A goodbye takes the sender's mappings and no one else's, whatever its
-   // list says.
-   EngineFixture f;
-   const auto eth1 = ethernet( 1 );
-   auto intf = f.startIntf( eth1, "198.18.0.1/24" );
-   f.receive( eth1, hello( "198.18.0.3" ).addrs( { "198.18.0.170" } ) );
-   f.receive( eth1, hello( "198.18.0.4" ).addrs( { "198.18.0.180" } ) );
-   f.receive( eth1, hello( "198.18.0.3" ).hold( 0 ).addrs( { "198.18.0.180" } ) );
-   EXPECT_FALSE( f.neighbor( eth1, "198.18.0.3" ) );
-   EXPECT_EQ( intf->nbSecondaryAddressSize(), 1u );
-   EXPECT_EQ( intf->nbSecondaryAddress( ip( "198.18.0.180" ) ), ip( "198.18.0.4" ) );
-   f.receive( eth1, hello( "198.18.0.4" ).hold( 0 ) );
-   EXPECT_EQ( intf->nbSecondaryAddressSize(), 0u );
 }
 
 } // namespace
