@@ -47,10 +47,15 @@ class KernelFeedTest : public ::testing::Test {
 TEST_F( KernelFeedTest, DumpThenEventsKeepTheStatusInStep ) {
    KernelFeed feed( Lumo::NamespaceName( ns ), t );
    feed.start();
+   // The veth carrier comes up a moment after "link set up", so the dump may
+   // precede it; the events that follow must complete the picture.
+   ASSERT_TRUE( settle( feed, [ & ] {
+      return t.devices->deviceIntfStatus( Lumo::IntfId( "va0" ) ).operUp && !primary( t.ip4, "va0" ).isEmpty() &&
+             hasSecondary( t.ip6, "va0", "2001:db8:1::1/64" );
+   } ) );
    const auto va0 = t.devices->deviceIntfStatus( Lumo::IntfId( "va0" ) );
    const auto va1 = t.devices->deviceIntfStatus( Lumo::IntfId( "va1" ) );
-   EXPECT_TRUE( va0.ifIndex > 0 && va0.ifIndex != va1.ifIndex && va0.operUp &&
-                t.devices->deviceIntfStatus( Lumo::IntfId( "lo" ) ).operUp );
+   EXPECT_TRUE( va0.ifIndex > 0 && va0.ifIndex != va1.ifIndex && t.devices->deviceIntfStatus( Lumo::IntfId( "lo" ) ).operUp );
    // IPv6 speaks from the link-local address; the global one is a secondary.
    EXPECT_EQ( std::tuple( t.ip4->vrfOf( Lumo::IntfId( "va0" ) ), primary( t.ip4, "va0" ),
                           primary( t.ip6, "va0" ).address().isLinkLocal(), hasSecondary( t.ip6, "va0", "2001:db8:1::1/64" ),
