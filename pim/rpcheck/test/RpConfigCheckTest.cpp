@@ -264,7 +264,9 @@ TEST( RpConfigCheckTest, FindingsMatchBruteForceOverRandomRuleSets ) {
       result->missingAclForEach(
          [ & ]( const Kiv::String & n, bool ) { got.missingAcls.insert( n ); } );
       // Streamed only on failure.
-      auto why = [ & ] { return fmt::format( "iteration {}\n{}", iter, describe( rules, *acls ) ); };
+      auto why = [ & ] {
+         return fmt::format( "iteration {}\n{}", iter, describe( rules, *acls ) );
+      };
       ASSERT_EQ( got.conflicts, want.conflicts ) << why();
       ASSERT_EQ( got.overlaps, want.overlaps ) << why();
       ASSERT_EQ( got.missingAcls, want.missingAcls ) << why();
