@@ -56,9 +56,7 @@ class LabTest : public ::testing::Test {
 TEST_F( LabTest, DefaultScenarioIsReproducibleForASeedAndReportsAsJson ) {
    const Scenario s = defaultScenario();
    const Report a = runScenario( s );
-   const Report b = runScenario( s );
-   EXPECT_EQ( renderText( a ), renderText( b ) );
-   EXPECT_EQ( renderJson( a ), renderJson( b ) );
+   EXPECT_EQ( renderJson( a ), renderJson( runScenario( s ) ) );
    LabOptions other;
    other.seed = s.seed + 1;
    const Report c = runScenario( s, other );
@@ -69,16 +67,15 @@ TEST_F( LabTest, DefaultScenarioIsReproducibleForASeedAndReportsAsJson ) {
    const auto j = nlohmann::json::parse( renderJson( a ) );
    EXPECT_EQ( j.at( "scenario" ), "dr-failover" );
    EXPECT_EQ( j.at( "engine" ), "pipeline" );
-   std::size_t ups = 0, drs = 0;
+   std::size_t ups = 0, drs = 0, drsWithBoth = 0;
    for( const auto & e : j.at( "events" ) ) {
       ups += e.at( "kind" ) == "up";
-      if( e.at( "kind" ) == "dr" ) {
-         ++drs;
-         EXPECT_TRUE( e.contains( "dr" ) && e.contains( "previous" ) ) << e.dump();
-      }
+      drs += e.at( "kind" ) == "dr";
+      drsWithBoth += e.at( "kind" ) == "dr" && e.contains( "dr" ) && e.contains( "previous" );
    }
    EXPECT_EQ( ups, 10u ) << "6 among r1..r3, then r4 and its 2 neighbours both ways";
    EXPECT_GT( drs, 0u );
+   EXPECT_EQ( drsWithBoth, drs ) << "a DR event names the new DR and the previous one";
    const auto & end = j.at( "snapshots" ).back();
    EXPECT_EQ( end.at( "name" ), "end" );
    EXPECT_EQ( end.at( "neighbors" ).size(), 6u );
@@ -93,7 +90,6 @@ TEST_P( LabStoryTest, DefaultScenarioTellsTheFailoverStory ) {
    LabOptions o;
    o.engine = GetParam();
    const Report r = runScenario( s, o );
-   EXPECT_EQ( r.engine, engineName( GetParam() ) );
    const std::string r3 = "198.18.1.3", r2 = "198.18.1.2", r4 = "198.18.1.4";
 
    // Neighbours form and the highest priority (r3) is everyone's DR.
@@ -152,54 +148,20 @@ TEST_P( LabStoryTest, DefaultScenarioTellsTheFailoverStory ) {
 INSTANTIATE_TEST_SUITE_P( Engines, LabStoryTest, ::testing::Values( Engine::pipeline, Engine::direct ),
                           []( const ::testing::TestParamInfo< Engine > & i ) { return std::string( engineName( i.param ) ); } );
 
-Scenario threeRouters( const char * extraEvents, std::uint32_t p1, std::uint32_t p2, std::uint32_t p3,
-                       double duration = 300, const char * segmentExtra = "" ) {
-   const std::string json = std::string( R"({ "name": "t", "seed": 5, "duration": )" ) + std::to_string( duration ) +
-                            R"(, "segments": [ { "name": "lan" )" + segmentExtra + R"( } ], "routers": [
-      { "name": "a", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.1/24", "drPriority": )" +
-                            std::to_string( p1 ) + R"( } ] },
-      { "name": "b", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.2/24", "drPriority": )" +
-                            std::to_string( p2 ) + R"( } ] },
-      { "name": "c", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.3/24", "drPriority": )" +
-                            std::to_string( p3 ) + R"( } ] } ],
-      "events": [ )" + extraEvents + R"( ] })";
-   return scenarioFromJson( json );
-}
-
-TEST_F( LabTest, CutSegmentSplitsEveryoneAndHealingReunitesThem ) {
-   const Report r = runScenario( threeRouters( R"({ "at": 40, "action": "cut", "segment": "lan" },
-                                                  { "at": 170, "action": "checkpoint", "name": "split" },
-                                                  { "at": 180, "action": "heal", "segment": "lan" },
-                                                  { "at": 215, "action": "checkpoint", "name": "healed" })",
-                                               5, 50, 7 ) );
-   const Snapshot * split = r.snapshot( "split" );
-   ASSERT_TRUE( split );
-   for( const char * router : { "a", "b", "c" } ) EXPECT_EQ( neighborsOf( *split, router ), 0u ) << router;
-   EXPECT_EQ( drOf( *split, "a" ), "198.18.2.1" ) << "alone, each router is its own DR";
-   EXPECT_EQ( drOf( *split, "c" ), "198.18.2.3" );
-   const Snapshot * healed = r.snapshot( "healed" );
-   ASSERT_TRUE( healed );
-   for( const char * router : { "a", "b", "c" } ) {
-      EXPECT_EQ( neighborsOf( *healed, router ), 2u ) << router;
-      EXPECT_EQ( drOf( *healed, router ), "198.18.2.2" ) << router;
-   }
-   std::uint64_t cut = 0;
-   for( const auto & c : r.snapshot( "end" )->counters ) cut += c.cut;
-   EXPECT_GT( cut, 0u );
-}
-
 TEST_P( LabStoryTest, StoppedRouterReturnsWithANewGenerationIdAndUnpluggedOneIsForgotten ) {
    LabOptions o;
    o.engine = GetParam();
-   const Report r = runScenario( threeRouters( R"({ "at": 20, "action": "checkpoint", "name": "before" },
-                                                  { "at": 25, "action": "stop", "router": "a" },
-                                                  { "at": 160, "action": "start", "router": "a" },
-                                                  { "at": 165, "action": "detach", "router": "c" },
-                                                  { "at": 170, "action": "checkpoint", "name": "back" },
-                                                  { "at": 290, "action": "checkpoint", "name": "unplugged" },
-                                                  { "at": 291, "action": "attach", "router": "c" },
-                                                  { "at": 330, "action": "checkpoint", "name": "replugged" })",
-                                               5, 50, 7, 340 ),
+   const Report r = runScenario( scenarioFromJson( R"({ "name": "t", "seed": 5, "duration": 340,
+      "segments": [ { "name": "lan" } ], "routers": [
+      { "name": "a", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.1/24", "drPriority": 5 } ] },
+      { "name": "b", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.2/24", "drPriority": 50 } ] },
+      { "name": "c", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.3/24", "drPriority": 7 } ] } ],
+      "events": [ { "at": 20, "action": "checkpoint", "name": "before" }, { "at": 25, "action": "stop", "router": "a" },
+                  { "at": 160, "action": "start", "router": "a" }, { "at": 165, "action": "detach", "router": "c" },
+                  { "at": 170, "action": "checkpoint", "name": "back" },
+                  { "at": 290, "action": "checkpoint", "name": "unplugged" },
+                  { "at": 291, "action": "attach", "router": "c" },
+                  { "at": 330, "action": "checkpoint", "name": "replugged" } ] })" ),
                                  o );
    auto genIdOf = []( const Snapshot & s, const std::string & router, const std::string & nb ) {
       for( const auto & n : s.neighbors )
@@ -248,6 +210,9 @@ TEST_F( LabTest, ShippedScenariosRun ) {
    EXPECT_EQ( drOn( *r.snapshot( "formed" ), "core", "Ethernet2" ), "198.18.20.3" ) << "equal priorities: higher address";
    EXPECT_EQ( drOn( *r.snapshot( "lan-a-cut" ), "core", "Ethernet2" ), "198.18.20.2" ) << "after the priority change";
    EXPECT_EQ( drOn( *r.snapshot( "lan-a-cut" ), "edge1", "Ethernet1" ), "198.18.10.2" ) << "alone behind the cut";
+   std::uint64_t cut = 0;
+   for( const auto & c : r.snapshot( "lan-a-cut" )->counters ) cut += c.cut;
+   EXPECT_GT( cut, 0u );
    EXPECT_EQ( drOn( *r.snapshot( "edge2-gone" ), "edge1", "Ethernet1" ), "198.18.10.1" ) << "healed";
    EXPECT_EQ( drOn( *r.snapshot( "edge2-gone" ), "core", "Ethernet2" ), "198.18.20.3" );
    EXPECT_EQ( drOn( *r.snapshot( "edge3-unplugged" ), "core", "Ethernet2" ), "198.18.20.1" );
