@@ -1,11 +1,12 @@
-// Interface configuration to PIM interface status: effective parameters and
-// modes, the sparse-mode and bidirectional membership sets, secondary
-// addresses, and every way an interface stops being a PIM interface.
+// Interface configuration and application requests to PIM interface status:
+// effective parameters and modes, the sparse-mode and bidirectional membership
+// sets, secondary addresses, and every way an interface stops being PIM.
 #include "ConfigSmFixture.h"
 
 #include <limits>
 #include <optional>
 #include <tuple>
+#include <utility>
 
 #include "kiv/RangeException.h"
 
@@ -207,8 +208,10 @@ TEST_F( ConfigSmIntfTest, SecondaryAddressesAndPrefixesFollowTheIpStatus ) {
    EXPECT_EQ( intf->addressWithMask(), ipm( "198.18.3.1/25" ) );
 }
 
+// Every way an interface stops being a PIM interface, and the inputs it
+// waits for.
 TEST_F( ConfigSmIntfTest, WaysAnInterfaceStopsBeingPim ) {
-   auto c1 = intfConfigIs( "Ethernet1", pimModeSparse );
+   intfConfigIs( "Ethernet1", pimModeSparse );
    intfConfigIs( "Ethernet2", pimModeSparse );
    ASSERT_TRUE( settle() );
    auto intf1 = pimIntf( "default", "Ethernet1" );
@@ -223,6 +226,14 @@ TEST_F( ConfigSmIntfTest, WaysAnInterfaceStopsBeingPim ) {
    ASSERT_TRUE( settle() );
    ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
 
+   // Multicast routing disabled in the VRF.
+   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), false );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), true );
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+
    // Configuration removed.
    configColl->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
    ASSERT_TRUE( settle() );
@@ -232,36 +243,15 @@ TEST_F( ConfigSmIntfTest, WaysAnInterfaceStopsBeingPim ) {
    ipStatus->intfDel( Lumo::IntfId( "Ethernet2" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "default", "Ethernet2" ) );
-}
 
-// The interface inputs are missing one at a time.
-class ConfigSmMissingInputTest : public ConfigSmFixture {};
-
-TEST_F( ConfigSmMissingInputTest, EachMissingStatusDeletes ) {
-   vrfIs( "default" );
-   ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
-   intfConfigIs( "Ethernet1", pimModeSparse );
-   start();
-   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
-
-   // Multicast routing disabled in the VRF.
-   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), false );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
-   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), true );
-   ASSERT_TRUE( settle() );
-   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
-
-   // An interface in a VRF with multicast routing but no PIM configuration.
+   // An interface in a VRF with multicast routing but no PIM configuration,
+   // then one the VRF agent does not know (yet).
    ipIntfIs( "Ethernet3", "green", "198.18.3.1/24" );
    intfConfigIs( "Ethernet3", pimModeSparse );
-   ASSERT_TRUE( settle() );
    vrfEnabledStatus->vrfIs( L3::VrfName( "green" ), true );
    ASSERT_TRUE( settle() );
    sm_->updatePimIntf( L3::VrfName(), Lumo::IntfId( "Ethernet3" ) );
    EXPECT_FALSE( pimIntf( "green", "Ethernet3" ) );
-
-   // A VRF that the VRF agent does not know (yet).
    configColl->vrfConfigIs( L3::VrfName( "green" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "green", "Ethernet3" ) );
@@ -276,6 +266,68 @@ TEST_F( ConfigSmMissingInputTest, EachMissingStatusDeletes ) {
    sm_->updatePimIntf( L3::VrfName(), Lumo::IntfId( "Ethernet9" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "default", "Ethernet9" ) );
+}
+
+// Application-requested PIM interfaces: the requests merged with the
+// configuration, and the application machines' life with the default VRF.
+using ConfigSmAppTest = ConfigSmIntfTest;
+
+TEST_F( ConfigSmAppTest, SparseRequestAloneGivesTheDefaultParameters ) {
+   auto app = applicationIs( "igmp" );
+   app->intfModeIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   auto intf = pimIntf( "default", "Ethernet1" );
+   ASSERT_TRUE( intf );
+   EXPECT_EQ( std::tuple( intf->mode(), intf->helloPeriod(), intf->helloHoldTime(), intf->joinPrunePeriod(),
+                          intf->joinPruneHoldTime(), intf->drPriority(), intf->bfdEnabled() ),
+              std::tuple( pimModeSparse, 30, 105, 60, 210, 1u, false ) );
+   EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_TRUE( vifRequested( "Ethernet1" ) );
+
+   // Removing the configuration removes the interface even though the
+   // application still asks; the application's next event restores it.
+   intfConfigIs( "Ethernet1", pimModeSparse )->helloIntervalIs( 10 );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 10 );
+   configColl->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   app->intfModeIs( "Ethernet1", pimModeBidir );
+   app->intfModeIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 30 );
+}
+
+TEST_F( ConfigSmAppTest, ApplicationMachinesLiveWithTheDefaultVrf ) {
+   applicationIs( "igmp" )->intfModeIs( "Ethernet1", pimModeSparse );
+   applicationIs( "msdp" );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 2u );
+   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), false );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 0u );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), true );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 2u );
+   EXPECT_TRUE( pimIntf( "default", "Ethernet1" ) );
+   appDir->entryDel( Kiv::Name( "msdp" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 1u );
+}
+
+TEST_F( ConfigSmAppTest, InterfaceStaysUntilNoApplicationRequestsIt ) {
+   auto a = applicationIs( "igmp" );
+   auto b = applicationIs( "msdp" );
+   for( auto & app : { a, b } ) app->intfModeIs( "Ethernet1", pimModeSparse );
+   for( auto & [ app, stays ] : { std::pair( a, true ), std::pair( b, false ) } ) {
+      ASSERT_TRUE( settle() );
+      ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+      app->intfModeDel( "Ethernet1" );
+      ASSERT_TRUE( settle() );
+      EXPECT_EQ( bool( pimIntf( "default", "Ethernet1" ) ), stays );
+   }
 }
 
 } // namespace
