@@ -36,11 +36,10 @@ TEST_F( ConfigSmIntfTest, ConfiguredParametersBecomeEffectiveParameters ) {
    ASSERT_TRUE( settle() );
    auto intf = pimIntf( "default", "Ethernet1" );
    ASSERT_TRUE( intf );
-   EXPECT_EQ( intf->addressWithMask(), ipm( "198.18.1.1/24" ) );
-   EXPECT_EQ( std::tuple( intf->helloPeriod(), intf->helloHoldTime(), intf->drPriority(), intf->joinPrunePeriod(),
-                          intf->joinPruneHoldTime(), intf->propagationDelay(), intf->overrideInterval() ),
-              std::tuple( 10, 40, 200u, 20, 50, 750, 3000 ) );
-   EXPECT_TRUE( intf->fastFailover() );
+   EXPECT_EQ( std::tuple( intf->addressWithMask(), intf->helloPeriod(), intf->helloHoldTime(), intf->drPriority(),
+                          intf->joinPrunePeriod(), intf->joinPruneHoldTime(), intf->propagationDelay(),
+                          intf->overrideInterval(), intf->fastFailover() ),
+              std::tuple( ipm( "198.18.1.1/24" ), 10, 40, 200u, 20, 50, 750, 3000, true ) );
    EXPECT_FALSE( pimIntf( "default", "Ethernet2" ) ) << "no configuration, no request: no PIM";
 
    // A change is applied in place.
@@ -299,9 +298,12 @@ TEST_F( ConfigSmAppTest, SparseRequestAloneGivesTheDefaultParameters ) {
    EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 30 );
 }
 
+// The application machines live with the default VRF; an interface stays
+// while any application still requests it.
 TEST_F( ConfigSmAppTest, ApplicationMachinesLiveWithTheDefaultVrf ) {
-   applicationIs( "igmp" )->intfModeIs( "Ethernet1", pimModeSparse );
-   applicationIs( "msdp" );
+   auto a = applicationIs( "igmp" );
+   auto b = applicationIs( "msdp" );
+   for( auto & app : { a, b } ) app->intfModeIs( "Ethernet1", pimModeSparse );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( sm_->appConfigSmSize(), 2u );
    vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), false );
@@ -311,23 +313,15 @@ TEST_F( ConfigSmAppTest, ApplicationMachinesLiveWithTheDefaultVrf ) {
    vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), true );
    ASSERT_TRUE( settle() );
    EXPECT_EQ( sm_->appConfigSmSize(), 2u );
-   EXPECT_TRUE( pimIntf( "default", "Ethernet1" ) );
-   appDir->entryDel( Kiv::Name( "msdp" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_EQ( sm_->appConfigSmSize(), 1u );
-}
-
-TEST_F( ConfigSmAppTest, InterfaceStaysUntilNoApplicationRequestsIt ) {
-   auto a = applicationIs( "igmp" );
-   auto b = applicationIs( "msdp" );
-   for( auto & app : { a, b } ) app->intfModeIs( "Ethernet1", pimModeSparse );
    for( auto & [ app, stays ] : { std::pair( a, true ), std::pair( b, false ) } ) {
-      ASSERT_TRUE( settle() );
       ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
       app->intfModeDel( "Ethernet1" );
       ASSERT_TRUE( settle() );
       EXPECT_EQ( bool( pimIntf( "default", "Ethernet1" ) ), stays );
    }
+   appDir->entryDel( Kiv::Name( "msdp" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 1u );
 }
 
 } // namespace
