@@ -111,34 +111,5 @@ TEST_F( ConfigEndToEndTest, NeighboursComeAndGoLimitedByConfigurationAndClearReq
    EXPECT_EQ( e8->usedDr(), ip( "198.18.8.1" ) );
 }
 
-TEST_F( ConfigEndToEndTest, ATableHeldByAReaderShowsOnlyTheCurrentStatusAcrossDisableAndEnable ) {
-   vrfIs( "red" );
-   ipIntfIs( "Ethernet7", "red", "198.18.7.1/24" );
-   ipIntfIs( "Ethernet8", "red", "198.18.8.1/24" );
-   intfConfigIs( "Ethernet7", pimModeSparse );
-   start();
-   receiveHello( "red", "Ethernet7", "198.18.7.2", 105 );
-   KivVarn::Mount reader( varnDir );
-   const auto held = reader.doMount< Varn::Status >( "routing/pim/status/red", "r" );
-   ASSERT_TRUE( held );
-   EXPECT_EQ( held->pimIntf().size() + held->neighbor().size(), 2u );
-
-   // Multicast routing off in the VRF: its interfaces and its container go
-   // in one step.
-   vrfEnabledStatus->vrfIs( L3::VrfName( "red" ), false );
-   ASSERT_TRUE( settle() );
-   ASSERT_FALSE( hasContainer( "red" ) );
-   EXPECT_EQ( held->pimIntf().size() + held->neighbor().size(), 0u );
-
-   intfConfigIs( "Ethernet7", pimModeNone );
-   intfConfigIs( "Ethernet8", pimModeSparse );
-   vrfEnabledStatus->vrfIs( L3::VrfName( "red" ), true );
-   ASSERT_TRUE( settle() );
-   ASSERT_EQ( table( "red" ), held );
-   EXPECT_EQ( held->pimIntf().size(), 1u );
-   EXPECT_TRUE( held->pimIntf().has( Varn::IntfKey( Lumo::IntfId( "Ethernet8" ) ) ) );
-   EXPECT_EQ( held->neighbor().size(), 0u );
-}
-
 } // namespace
 } // namespace PimConfigTest
