@@ -2,7 +2,6 @@
 // simulated LAN on virtual time.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -24,12 +23,6 @@ namespace {
 
 using namespace PimLab;
 
-std::vector< LabEvent > eventsOf( const Report & r, const std::string & router, const std::string & kind ) {
-   std::vector< LabEvent > out;
-   for( const auto & e : r.events ) if( e.router == router && e.kind == kind ) out.push_back( e );
-   return out;
-}
-
 const LabEvent * firstEvent( const Report & r, const std::string & router, const std::string & kind,
                              const std::string & neighbor, double after = -1.0 ) {
    for( const auto & e : r.events )
@@ -42,21 +35,16 @@ std::string drOf( const Snapshot & s, const std::string & router ) {
    return "<router not running>";
 }
 
-std::size_t neighborsOf( const Snapshot & s, const std::string & router ) {
-   return std::count_if( s.neighbors.begin(), s.neighbors.end(),
-                         [ & ]( const NeighborRow & n ) { return n.router == router; } );
-}
-
 class LabTest : public ::testing::Test {
  protected:
    // The agent's structured logs are not the subject here.
    void SetUp() override { Kiv::LogHandle::outputIs( Kiv::LogOutput::None ); }
 };
 
+// Reproducibility itself is the golden comparisons' matter.
 TEST_F( LabTest, DefaultScenarioIsReproducibleForASeedAndReportsAsJson ) {
    const Scenario s = defaultScenario();
    const Report a = runScenario( s );
-   EXPECT_EQ( renderJson( a ), renderJson( runScenario( s ) ) );
    LabOptions other;
    other.seed = s.seed + 1;
    const Report c = runScenario( s, other );
@@ -82,87 +70,45 @@ TEST_F( LabTest, DefaultScenarioIsReproducibleForASeedAndReportsAsJson ) {
    EXPECT_EQ( end.at( "interfaces" ).at( 0 ).at( "dr" ), "198.18.1.4" );
 }
 
+std::string fileText( const std::filesystem::path & p ) {
+   std::ifstream in( p );
+   std::stringstream ss;
+   ss << in.rdbuf();
+   return ss.str();
+}
+
+// Compares a report's text with the golden file of that name in the test
+// folder; PIMLAB_UPDATE_GOLDEN=1 rewrites it.
+void expectGolden( const std::string & name, const Report & r ) {
+   const auto path = std::filesystem::path( PIMLAB_TEST_DIR ) / name;
+   if( std::getenv( "PIMLAB_UPDATE_GOLDEN" ) ) std::ofstream( path ) << renderText( r );
+   EXPECT_EQ( renderText( r ), fileText( path ) ) << name;
+}
+
 // The same story whichever way the machines are built.
-class LabStoryTest : public LabTest, public ::testing::WithParamInterface< Engine > {};
+class LabStoryTest : public LabTest, public ::testing::WithParamInterface< Engine > {
+ protected:
+   Report run( const Scenario & s ) {
+      LabOptions o;
+      o.engine = GetParam();
+      return runScenario( s, o );
+   }
+};
 
+// Neighbours form and the highest priority (r3) is everyone's DR; r3 stops
+// silently and r1 and r2 drop it when its hold time has run out since its
+// last Hello, electing r2 at that very moment; r4 joins with priority 40 and
+// takes over within its first Hello's delay.
 TEST_P( LabStoryTest, DefaultScenarioTellsTheFailoverStory ) {
-   const Scenario s = defaultScenario();
-   LabOptions o;
-   o.engine = GetParam();
-   const Report r = runScenario( s, o );
-   const std::string r3 = "198.18.1.3", r2 = "198.18.1.2", r4 = "198.18.1.4";
-
-   // Neighbours form and the highest priority (r3) is everyone's DR.
-   const Snapshot * formed = r.snapshot( "formed" );
-   ASSERT_TRUE( formed );
-   for( const char * router : { "r1", "r2", "r3" } ) {
-      EXPECT_EQ( neighborsOf( *formed, router ), 2u ) << router;
-      EXPECT_EQ( drOf( *formed, router ), r3 ) << router;
-   }
-   EXPECT_EQ( drOf( *formed, "r4" ), "<router not running>" );
-
-   // r3 stops silently; r1 and r2 drop it only when its hold time has run out
-   // since its last Hello, and elect r2 at that very moment.
-   const auto stops = eventsOf( r, "r3", "stop" );
-   ASSERT_EQ( stops.size(), 1u );
-   const double stopAt = stops[ 0 ].time;
-   for( const char * router : { "r1", "r2" } ) {
-      const LabEvent * down = firstEvent( r, router, "down", r3 );
-      ASSERT_TRUE( down ) << router;
-      EXPECT_GE( down->time, stopAt + 105.0 - 30.0 ) << "not before a hold time after the last Hello";
-      EXPECT_LE( down->time, stopAt + 105.0 + 0.01 );
-      EXPECT_NE( down->detail.find( "expired" ), std::string::npos ) << down->detail;
-      const LabEvent * dr = firstEvent( r, router, "dr", r2, stopAt );
-      ASSERT_TRUE( dr ) << router;
-      EXPECT_DOUBLE_EQ( dr->time, down->time );
-      // Between the stop and the expiry, no DR change at all.
-      for( const auto & e : eventsOf( r, router, "dr" ) ) {
-         EXPECT_FALSE( e.time > stopAt && e.time < down->time ) << e.detail;
-      }
-   }
-   const Snapshot * after = r.snapshot( "after-failover" );
-   ASSERT_TRUE( after );
-   EXPECT_EQ( drOf( *after, "r1" ), r2 );
-   EXPECT_EQ( drOf( *after, "r2" ), r2 );
-   EXPECT_EQ( neighborsOf( *after, "r1" ), 1u );
-
-   // r4 joins with priority 40 and takes over within its first Hello's delay.
-   const auto starts = eventsOf( r, "r4", "start" );
-   ASSERT_EQ( starts.size(), 1u );
-   for( const char * router : { "r1", "r2" } ) {
-      const LabEvent * dr = firstEvent( r, router, "dr", r4 );
-      ASSERT_TRUE( dr ) << router;
-      EXPECT_GT( dr->time, starts[ 0 ].time );
-      EXPECT_LE( dr->time, starts[ 0 ].time + 1.1 );
-      EXPECT_EQ( dr->priority, std::optional< std::uint32_t >( 40 ) );
-   }
-   const Snapshot * end = r.snapshot( "end" );
-   ASSERT_TRUE( end );
-   for( const char * router : { "r1", "r2", "r4" } ) {
-      EXPECT_EQ( drOf( *end, router ), r4 ) << router;
-      EXPECT_EQ( neighborsOf( *end, router ), 2u ) << router;
-   }
-   for( const auto & c : end->counters ) EXPECT_EQ( c.rejected + c.lost, 0u ) << c.router;
+   expectGolden( "dr-failover.txt", run( defaultScenario() ) );
 }
 
 INSTANTIATE_TEST_SUITE_P( Engines, LabStoryTest, ::testing::Values( Engine::pipeline, Engine::direct ),
                           []( const ::testing::TestParamInfo< Engine > & i ) { return std::string( engineName( i.param ) ); } );
 
 TEST_P( LabStoryTest, StoppedRouterReturnsWithANewGenerationIdAndUnpluggedOneIsForgotten ) {
-   LabOptions o;
-   o.engine = GetParam();
-   const Report r = runScenario( scenarioFromJson( R"({ "name": "t", "seed": 5, "duration": 340,
-      "segments": [ { "name": "lan" } ], "routers": [
-      { "name": "a", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.1/24", "drPriority": 5 } ] },
-      { "name": "b", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.2/24", "drPriority": 50 } ] },
-      { "name": "c", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.3/24", "drPriority": 7 } ] } ],
-      "events": [ { "at": 20, "action": "checkpoint", "name": "before" }, { "at": 25, "action": "stop", "router": "a" },
-                  { "at": 160, "action": "start", "router": "a" }, { "at": 165, "action": "detach", "router": "c" },
-                  { "at": 170, "action": "checkpoint", "name": "back" },
-                  { "at": 290, "action": "checkpoint", "name": "unplugged" },
-                  { "at": 291, "action": "attach", "router": "c" },
-                  { "at": 330, "action": "checkpoint", "name": "replugged" } ] })" ),
-                                 o );
+   const Report r = run( scenarioFromJson( fileText( std::filesystem::path( PIMLAB_TEST_DIR ) / "restart-and-replug.json" ) ) );
+   expectGolden( "restart-and-replug.txt", r );
    auto genIdOf = []( const Snapshot & s, const std::string & router, const std::string & nb ) {
       for( const auto & n : s.neighbors )
          if( n.router == router && n.neighbor == nb && n.generationId ) return *n.generationId;
@@ -172,50 +118,18 @@ TEST_P( LabStoryTest, StoppedRouterReturnsWithANewGenerationIdAndUnpluggedOneIsF
    const std::uint32_t after = genIdOf( *r.snapshot( "back" ), "b", "198.18.2.1" );
    EXPECT_TRUE( before && after ) << "a is a neighbour of b before and after";
    EXPECT_NE( before, after ) << "a restarted router comes back with a new generation id";
-   EXPECT_EQ( neighborsOf( *r.snapshot( "back" ), "a" ), 2u );
-   // c unplugged: everybody forgets it after the hold time, it forgets everybody.
-   EXPECT_EQ( neighborsOf( *r.snapshot( "unplugged" ), "c" ), 0u );
-   EXPECT_EQ( neighborsOf( *r.snapshot( "unplugged" ), "a" ), 1u );
-   EXPECT_EQ( drOf( *r.snapshot( "unplugged" ), "c" ), "198.18.2.3" );
-   EXPECT_EQ( neighborsOf( *r.snapshot( "replugged" ), "c" ), 2u );
-   EXPECT_EQ( drOf( *r.snapshot( "replugged" ), "c" ), "198.18.2.2" );
 }
 
-std::string fileText( const std::filesystem::path & p ) {
-   std::ifstream in( p );
-   std::stringstream ss;
-   ss << in.rdbuf();
-   return ss.str();
-}
-
-// The example scenarios shipped with the lab load, run reproducibly and tell
-// the story their events promise.
+// The example scenarios shipped with the lab load and tell the story their
+// events promise, reproducibly: each against its golden text.
 TEST_F( LabTest, ShippedScenariosRun ) {
    std::size_t files = 0;
    for( const auto & f : std::filesystem::directory_iterator( PIMLAB_SCENARIO_DIR ) ) {
       if( f.path().extension() != ".json" ) continue;
       ++files;
-      const Scenario s = scenarioFromJson( fileText( f.path() ) );
-      const Report r = runScenario( s );
-      EXPECT_EQ( renderText( r ), renderText( runScenario( s ) ) ) << f.path();
-      ASSERT_TRUE( r.snapshot( "end" ) ) << f.path();
+      expectGolden( f.path().stem().string() + ".txt", runScenario( scenarioFromJson( fileText( f.path() ) ) ) );
    }
    EXPECT_GT( files, 0u );
-
-   const Report r = runScenario( scenarioFromJson( fileText( std::filesystem::path( PIMLAB_SCENARIO_DIR ) / "two-segments.json" ) ) );
-   auto drOn = []( const Snapshot & s, const std::string & router, const std::string & intf ) {
-      for( const auto & i : s.interfaces ) if( i.router == router && i.interface == intf ) return i.dr;
-      return std::string( "<none>" );
-   };
-   EXPECT_EQ( drOn( *r.snapshot( "formed" ), "core", "Ethernet2" ), "198.18.20.3" ) << "equal priorities: higher address";
-   EXPECT_EQ( drOn( *r.snapshot( "lan-a-cut" ), "core", "Ethernet2" ), "198.18.20.2" ) << "after the priority change";
-   EXPECT_EQ( drOn( *r.snapshot( "lan-a-cut" ), "edge1", "Ethernet1" ), "198.18.10.2" ) << "alone behind the cut";
-   std::uint64_t cut = 0;
-   for( const auto & c : r.snapshot( "lan-a-cut" )->counters ) cut += c.cut;
-   EXPECT_GT( cut, 0u );
-   EXPECT_EQ( drOn( *r.snapshot( "edge2-gone" ), "edge1", "Ethernet1" ), "198.18.10.1" ) << "healed";
-   EXPECT_EQ( drOn( *r.snapshot( "edge2-gone" ), "core", "Ethernet2" ), "198.18.20.3" );
-   EXPECT_EQ( drOn( *r.snapshot( "edge3-unplugged" ), "core", "Ethernet2" ), "198.18.20.1" );
 }
 
 TEST_F( LabTest, UntilShortensTheRunAndSkipsLaterEvents ) {
