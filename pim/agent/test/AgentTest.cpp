@@ -40,19 +40,15 @@ TEST_F( AgentTest, MountListsOfBothFamiliesInOrder ) {
    }
 }
 
-TEST_F( AgentTest, BootStagesCompleteTheirOwnAndIgnoreOthers ) {
+TEST_F( AgentTest, BootStagesThenActiveSideMachinesFollowTheRunningVrf ) {
    start( agent4Factory( "pim" ) );
    auto boot = storeEntity< Stage::AgentStatus >( "cell/1/stageAgentStatus/boot/Pim" );
-   EXPECT_TRUE( boot->completedStage( "NetworkAgent" ) );
-   EXPECT_TRUE( boot->completedStage( "PimIntfUpdate" ) );
+   EXPECT_TRUE( boot->completedStage( "NetworkAgent" ) && boot->completedStage( "PimIntfUpdate" ) );
    EXPECT_TRUE( host_.runStage( Stage::bootStageClass, "RoutingAgents" ) ) << "not waited for: nothing holds it";
    EXPECT_FALSE( boot->completedStage( "RoutingAgents" ) ) << "nor completed";
    EXPECT_TRUE( storeEntity< Stage::AgentStatus >( "cell/1/stageAgentStatus/shutdown/Pim" )
                    ->waitedStage( "NetworkAgentShutdown" ) );
-}
 
-TEST_F( AgentTest, ActiveSideMachinesFollowTheRunningVrf ) {
-   start( agent4Factory( "pim" ) );
    configureRed();
    const L3::VrfName red( "red" );
    const Lumo::IntfId e7( "Ethernet7" );
