@@ -32,22 +32,17 @@ std::ostream & operator<<( std::ostream & os, const Op & o ) {
 }
 
 std::string keyText( const std::string & table, const void * key ) {
-   std::ostringstream os;
-   auto name = [ & ]( const void * p ) { return static_cast< const V::IntfName * >( p )->intfId(); };
-   auto addr = [ & ]( const void * p ) { return static_cast< const V::Addr * >( p )->ipGenAddr(); };
    const char * b = static_cast< const char * >( key );
-   if( table == V::kPimIntfTable ) {
-      os << name( b );
-   } else if( table == V::kNeighborTable || table == V::kInactiveNeighborTable ||
-              table == V::kIntfSecondaryAddressTable ) {
-      os << name( b ) << "/" << addr( b + sizeof( V::IntfName ) );
-   } else if( table == V::kNeighborSecondaryAddressTable ) {
-      os << name( b ) << "/" << addr( b + sizeof( V::IntfName ) ) << "/"
-         << addr( b + sizeof( V::IntfName ) + sizeof( V::Addr ) );
-   } else if( table == V::kIntfSecondaryPrefixTable ) {
-      os << name( b ) << "/"
-         << static_cast< const V::Prefix * >( static_cast< const void * >( b + sizeof( V::IntfName ) ) )
-               ->ipGenPrefix();
+   std::ostringstream os;
+   os << reinterpret_cast< const V::IntfName * >( b )->intfId();
+   b += sizeof( V::IntfName );
+   if( table == V::kIntfSecondaryPrefixTable ) {
+      os << "/" << reinterpret_cast< const V::Prefix * >( b )->ipGenPrefix();
+      return os.str();
+   }
+   const int addrs = table == V::kPimIntfTable ? 0 : table == V::kNeighborSecondaryAddressTable ? 2 : 1;
+   for( int i = 0; i < addrs; ++i, b += sizeof( V::Addr ) ) {
+      os << "/" << reinterpret_cast< const V::Addr * >( b )->ipGenAddr();
    }
    return os.str();
 }
