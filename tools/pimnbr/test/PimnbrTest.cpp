@@ -116,11 +116,6 @@ TEST( Pimnbr, OutputOfALabRunMatchesGoldenFilesAndSchema ) {
    };
    PimLab::runScenario( PimLab::scenarioFromJson( kScenario ), options );
    EXPECT_TRUE( ran );
-   // Unmounting at the end of the run removed every table.
-   PimNbr::Request req;
-   req.stateDir = dir + "/r1";
-   std::ostringstream out, err;
-   EXPECT_EQ( PimNbr::show( req, out, err ), 1 );
 }
 
 TEST( Pimnbr, CommandWordsParseOrAreRefused ) {
