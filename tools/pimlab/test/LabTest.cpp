@@ -43,7 +43,6 @@ TEST_F( LabTest, DefaultScenarioIsReproducibleForASeedAndReportsAsJson ) {
    other.seed = s.seed + 1;
    const Report c = runScenario( s, other );
    EXPECT_NE( renderText( a ), renderText( c ) ) << "generation ids and Hello jitter follow the seed";
-   EXPECT_EQ( c.seed, s.seed + 1 );
 
    // The JSON report carries the events and the tables.
    const auto j = nlohmann::json::parse( renderJson( a ) );

@@ -119,21 +119,17 @@ TEST( Pimnbr, OutputOfALabRunMatchesGoldenFilesAndSchema ) {
 }
 
 TEST( Pimnbr, CommandWordsParseOrAreRefused ) {
-   struct P {
-      const char * words;
-      bool ok;
-   };
-   const P cases[] = { { "ip pim vrf red neighbor 198.18.0.1 detail json", true },
-                       { "ipv6 pim interface traffic json", true },
-                       { "ip pim interface Ethernet1 detail", true },
-                       { "ip igmp neighbor", false },
-                       { "ip pim vrf", false },
-                       { "ip pim neighbor json 198.18.0.1", false },
-                       { "ip pim interface traffic detail", false },
-                       { "ip pim route", false } };
-   for( const P & p : cases ) {
+   const std::pair< const char *, bool > cases[] = { { "ip pim vrf red neighbor 198.18.0.1 detail json", true },
+                                                     { "ipv6 pim interface traffic json", true },
+                                                     { "ip pim interface Ethernet1 detail", true },
+                                                     { "ip igmp neighbor", false },
+                                                     { "ip pim vrf", false },
+                                                     { "ip pim neighbor json 198.18.0.1", false },
+                                                     { "ip pim interface traffic detail", false },
+                                                     { "ip pim route", false } };
+   for( const auto & [ command, ok ] : cases ) {
       PimNbr::Request req;
-      EXPECT_EQ( PimNbr::parseWords( words( p.words ), req ).empty(), p.ok ) << p.words;
+      EXPECT_EQ( PimNbr::parseWords( words( command ), req ).empty(), ok ) << command;
    }
 }
 
