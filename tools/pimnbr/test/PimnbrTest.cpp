@@ -109,8 +109,8 @@ TEST( Pimnbr, OutputOfALabRunMatchesGoldenFilesAndSchema ) {
          EXPECT_EQ( out.str(), readFile( golden ) );
          if( req.json ) {
             const auto doc = nlohmann::json::parse( out.str() );
-            EXPECT_TRUE( valijson::Validator().validate( schema, valijson::adapters::NlohmannJsonAdapter( doc ), nullptr ) )
-               << "against the schema";
+            const valijson::adapters::NlohmannJsonAdapter adapter( doc );
+            EXPECT_TRUE( valijson::Validator().validate( schema, adapter, nullptr ) ) << "against the schema";
          }
       }
    };
