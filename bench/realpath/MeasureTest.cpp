@@ -58,17 +58,15 @@ TEST( RateSearch, BracketsTheLimitWithinPrecision ) {
    // start 1000, cap 64000, 15 % precision.
    for( double limit : { 1000.0, 5000.0, 33333.0, 63999.0 } ) {
       RateSearch s( 1000, 64000, 0.15, 20 );
-      auto tried = trialsUpTo( s, limit );
+      trialsUpTo( s, limit );
       EXPECT_LT( s.trials(), 20 ) << limit;
       EXPECT_LE( s.best(), limit ) << limit;
       EXPECT_GT( s.failed(), limit ) << limit;
       EXPECT_LE( s.failed(), s.best() * 1.15 ) << limit;
-      EXPECT_EQ( tried[ 0 ], 1000 );
-      EXPECT_EQ( tried[ 1 ], 4000 );
    }
 }
 
-TEST( RateSearch, CapAndNothingHolding ) {
+TEST( RateSearch, CapNothingHoldingAndTheTrialBudget ) {
    RateSearch capped( 1000, 64000, 0.15, 20 );
    EXPECT_EQ( trialsUpTo( capped, 1e9 ),
               ( std::vector< double >{ 1000, 4000, 16000, 64000 } ) );
@@ -78,14 +76,11 @@ TEST( RateSearch, CapAndNothingHolding ) {
    RateSearch none( 1000, 64000, 0.15, 4 );
    EXPECT_EQ( trialsUpTo( none, 0 ), ( std::vector< double >{ 1000, 500, 250, 125 } ) );
    EXPECT_EQ( none.best(), 0 );
-}
 
-TEST( RateSearch, StopsAtTheTrialBudget ) {
-   RateSearch s( 1000, 1e9, 0.01, 4 );
-   trialsUpTo( s, 1e12 );
-   EXPECT_EQ( s.trials(), 4 );
-   EXPECT_EQ( s.best(), 64000 );
-   EXPECT_EQ( s.next(), std::nullopt );
+   RateSearch budget( 1000, 1e9, 0.01, 4 );
+   trialsUpTo( budget, 1e12 );
+   EXPECT_EQ( budget.trials(), 4 );
+   EXPECT_EQ( budget.best(), 64000 );
 }
 
 } // namespace

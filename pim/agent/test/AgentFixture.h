@@ -29,7 +29,6 @@ class AgentFixture : public ::testing::Test {
 
    Lumo::AddressFamily af() const { return agent()->addressFamily(); }
    Agent * agent() const { return dynamic_cast< Agent * >( host_.agent().ptr() ); }
-   const char * r() const { return af() == Lumo::AddressFamily::ipv6 ? "routing6/" : "routing/"; }
    template< class T >
    Kiv::Ptr< T > storeEntity( const std::string & path ) const { return store_->entity< T >( path ); }
 
@@ -60,7 +59,8 @@ class AgentFixture : public ::testing::Test {
       storeEntity< Routing::Multicast::Fib::VrfEnabledStatus >(
          Routing::Multicast::Fib::VrfEnabledStatus::mountPath( af() ) )
          ->vrfIs( red, true );
-      auto config = storeEntity< ConfigColl >( std::string( r() ) + "pim/config" );
+      auto config =
+         storeEntity< ConfigColl >( af() == Lumo::AddressFamily::ipv6 ? "routing6/pim/config" : "routing/pim/config" );
       config->vrfConfigIs( red );
       config->intfConfigIs( e7 )->modeIs( pimModeSparse );
       ASSERT_TRUE( loop_.runUntilIdle() );

@@ -94,12 +94,9 @@ class ConfigSmFixture : public ::testing::Test, protected WithLoop, public Confi
       auto all = allStatusColl->vrfStatus( L3::VrfName( vrf ) );
       return all ? all->pimIntf( Lumo::IntfId( intf ) ) : nullptr;
    }
-   bool inSparseSet( const char * vrf, const char * intf ) const {
-      auto s = sm_->vrfSparseModeIntf( L3::VrfName( vrf ) );
-      return s && s->intfId( Lumo::IntfId( intf ) );
-   }
-   bool inBidirSet( const char * vrf, const char * intf ) const {
-      auto s = sm_->vrfBidirIntf( L3::VrfName( vrf ) );
+   // Membership of the VRF's sparse-mode (or bidirectional) interface set.
+   bool inSparseSet( const char * vrf, const char * intf, bool bidir = false ) const {
+      auto s = bidir ? sm_->vrfBidirIntf( L3::VrfName( vrf ) ) : sm_->vrfSparseModeIntf( L3::VrfName( vrf ) );
       return s && s->intfId( Lumo::IntfId( intf ) );
    }
    bool vifRequested( const char * intf ) const { return vifs->multicastIntf( Lumo::IntfId( intf ) ); }

@@ -1,11 +1,12 @@
-// Interface configuration to PIM interface status: effective parameters and
-// modes, the sparse-mode and bidirectional membership sets, secondary
-// addresses, and every way an interface stops being a PIM interface.
+// Interface configuration and application requests to PIM interface status:
+// effective parameters and modes, the sparse-mode and bidirectional membership
+// sets, secondary addresses, and every way an interface stops being PIM.
 #include "ConfigSmFixture.h"
 
 #include <limits>
 #include <optional>
 #include <tuple>
+#include <utility>
 
 #include "kiv/RangeException.h"
 
@@ -35,11 +36,10 @@ TEST_F( ConfigSmIntfTest, ConfiguredParametersBecomeEffectiveParameters ) {
    ASSERT_TRUE( settle() );
    auto intf = pimIntf( "default", "Ethernet1" );
    ASSERT_TRUE( intf );
-   EXPECT_EQ( intf->addressWithMask(), ipm( "198.18.1.1/24" ) );
-   EXPECT_EQ( std::tuple( intf->helloPeriod(), intf->helloHoldTime(), intf->drPriority(), intf->joinPrunePeriod(),
-                          intf->joinPruneHoldTime(), intf->propagationDelay(), intf->overrideInterval() ),
-              std::tuple( 10, 40, 200u, 20, 50, 750, 3000 ) );
-   EXPECT_TRUE( intf->fastFailover() );
+   EXPECT_EQ( std::tuple( intf->addressWithMask(), intf->helloPeriod(), intf->helloHoldTime(), intf->drPriority(),
+                          intf->joinPrunePeriod(), intf->joinPruneHoldTime(), intf->propagationDelay(),
+                          intf->overrideInterval(), intf->fastFailover() ),
+              std::tuple( ipm( "198.18.1.1/24" ), 10, 40, 200u, 20, 50, 750, 3000, true ) );
    EXPECT_FALSE( pimIntf( "default", "Ethernet2" ) ) << "no configuration, no request: no PIM";
 
    // A change is applied in place.
@@ -124,8 +124,8 @@ TEST_F( ConfigSmIntfTest, ConfigurationAndRequestsMapToModeAndMembership ) {
          EXPECT_EQ( intf->mode(), r.mode );
          EXPECT_EQ( intf->borderRouter(), r.border );
       }
-      EXPECT_EQ( inSparseSet( "default", "Ethernet1" ), r.sparse );
-      EXPECT_EQ( inBidirSet( "default", "Ethernet1" ), r.bidir );
+      EXPECT_EQ( std::pair( inSparseSet( "default", "Ethernet1" ), inSparseSet( "default", "Ethernet1", true ) ),
+                 std::pair( r.sparse, r.bidir ) );
    }
 }
 
@@ -141,7 +141,7 @@ TEST_F( ConfigSmIntfTest, UnknownModeWithoutBorderRouterStopsTheAgent ) {
 
 TEST_F( ConfigSmIntfTest, BfdFollowsTheVrfDefaultUnlessConfigured ) {
    auto vrfConfig = configColl->vrfConfig( L3::VrfName( "default" ) );
-   auto c1 = intfConfigIs( "Ethernet1", pimModeSparse );
+   intfConfigIs( "Ethernet1", pimModeSparse );
    auto c2 = intfConfigIs( "Ethernet2", pimModeSparse );
    c2->bfdIs( intfBfdDisabled );
    ASSERT_TRUE( settle() );
@@ -165,21 +165,16 @@ TEST_F( ConfigSmIntfTest, BfdFollowsTheVrfDefaultUnlessConfigured ) {
 }
 
 TEST_F( ConfigSmIntfTest, ReliableTransportCapabilityNeedsAConnectionAddress ) {
-   auto c = intfConfigIs( "Ethernet1", pimModeSparse );
-   c->portCapabilityFlagsIs( Reliable::kCapabilitySctp | 0x4u );
-   ASSERT_TRUE( settle() );
-   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->portCapabilityFlags(), 0x4u )
-      << "no connection address: the transport bit is cleared, the rest kept";
-
+   intfConfigIs( "Ethernet1", pimModeSparse )->portCapabilityFlagsIs( Reliable::kCapabilitySctp | 0x4u );
    auto port = globalStatus->portStatus( L3::VrfName( "default" ) );
    ASSERT_TRUE( port ) << "the VRF's reliable-transport status exists with its configuration";
-   port->pimsmSctpConnectionIdIs( ip( "198.18.0.1" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->portCapabilityFlags(), Reliable::kCapabilitySctp | 0x4u );
-
-   port->pimsmSctpConnectionIdIs( ip( "0.0.0.0" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->portCapabilityFlags(), 0x4u );
+   // Without a connection address the transport bit is cleared, the rest kept.
+   for( const auto & [ addr, flags ] : { std::pair( "", 0x4u ), std::pair( "198.18.0.1", Reliable::kCapabilitySctp | 0x4u ),
+                                         std::pair( "0.0.0.0", 0x4u ) } ) {
+      if( *addr ) port->pimsmSctpConnectionIdIs( ip( addr ) );
+      ASSERT_TRUE( settle() );
+      EXPECT_EQ( pimIntf( "default", "Ethernet1" )->portCapabilityFlags(), flags ) << addr;
+   }
 }
 
 TEST_F( ConfigSmIntfTest, SecondaryAddressesAndPrefixesFollowTheIpStatus ) {
@@ -196,9 +191,8 @@ TEST_F( ConfigSmIntfTest, SecondaryAddressesAndPrefixesFollowTheIpStatus ) {
 
    ipStatus->intfSecondaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.10.5/24" ), false );
    ASSERT_TRUE( settle() );
-   EXPECT_FALSE( intf->secondaryAddress( ip( "198.18.10.5" ) ) );
-   EXPECT_FALSE( intf->secondaryPrefix( prefix( "198.18.10.0/24" ) ) );
-   EXPECT_TRUE( intf->secondaryAddress( ip( "198.18.11.5" ) ) );
+   EXPECT_FALSE( intf->secondaryAddress( ip( "198.18.10.5" ) ) || intf->secondaryPrefix( prefix( "198.18.10.0/24" ) ) );
+   EXPECT_EQ( intf->secondaryAddressSize(), 1u );
 
    // A new primary address is taken over in place.
    ipStatus->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.3.1/25" ) );
@@ -207,8 +201,10 @@ TEST_F( ConfigSmIntfTest, SecondaryAddressesAndPrefixesFollowTheIpStatus ) {
    EXPECT_EQ( intf->addressWithMask(), ipm( "198.18.3.1/25" ) );
 }
 
+// Every way an interface stops being a PIM interface, and the inputs it
+// waits for.
 TEST_F( ConfigSmIntfTest, WaysAnInterfaceStopsBeingPim ) {
-   auto c1 = intfConfigIs( "Ethernet1", pimModeSparse );
+   intfConfigIs( "Ethernet1", pimModeSparse );
    intfConfigIs( "Ethernet2", pimModeSparse );
    ASSERT_TRUE( settle() );
    auto intf1 = pimIntf( "default", "Ethernet1" );
@@ -223,6 +219,14 @@ TEST_F( ConfigSmIntfTest, WaysAnInterfaceStopsBeingPim ) {
    ASSERT_TRUE( settle() );
    ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
 
+   // Multicast routing disabled in the VRF.
+   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), false );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), true );
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+
    // Configuration removed.
    configColl->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
    ASSERT_TRUE( settle() );
@@ -232,36 +236,15 @@ TEST_F( ConfigSmIntfTest, WaysAnInterfaceStopsBeingPim ) {
    ipStatus->intfDel( Lumo::IntfId( "Ethernet2" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "default", "Ethernet2" ) );
-}
 
-// The interface inputs are missing one at a time.
-class ConfigSmMissingInputTest : public ConfigSmFixture {};
-
-TEST_F( ConfigSmMissingInputTest, EachMissingStatusDeletes ) {
-   vrfIs( "default" );
-   ipIntfIs( "Ethernet1", "default", "198.18.1.1/24" );
-   intfConfigIs( "Ethernet1", pimModeSparse );
-   start();
-   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
-
-   // Multicast routing disabled in the VRF.
-   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), false );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
-   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), true );
-   ASSERT_TRUE( settle() );
-   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
-
-   // An interface in a VRF with multicast routing but no PIM configuration.
+   // An interface in a VRF with multicast routing but no PIM configuration,
+   // then one the VRF agent does not know (yet).
    ipIntfIs( "Ethernet3", "green", "198.18.3.1/24" );
    intfConfigIs( "Ethernet3", pimModeSparse );
-   ASSERT_TRUE( settle() );
    vrfEnabledStatus->vrfIs( L3::VrfName( "green" ), true );
    ASSERT_TRUE( settle() );
    sm_->updatePimIntf( L3::VrfName(), Lumo::IntfId( "Ethernet3" ) );
    EXPECT_FALSE( pimIntf( "green", "Ethernet3" ) );
-
-   // A VRF that the VRF agent does not know (yet).
    configColl->vrfConfigIs( L3::VrfName( "green" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "green", "Ethernet3" ) );
@@ -276,6 +259,63 @@ TEST_F( ConfigSmMissingInputTest, EachMissingStatusDeletes ) {
    sm_->updatePimIntf( L3::VrfName(), Lumo::IntfId( "Ethernet9" ) );
    ASSERT_TRUE( settle() );
    EXPECT_FALSE( pimIntf( "default", "Ethernet9" ) );
+}
+
+// Application-requested PIM interfaces: the requests merged with the
+// configuration, and the application machines' life with the default VRF.
+using ConfigSmAppTest = ConfigSmIntfTest;
+
+TEST_F( ConfigSmAppTest, SparseRequestAloneGivesTheDefaultParameters ) {
+   auto app = applicationIs( "igmp" );
+   app->intfModeIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   auto intf = pimIntf( "default", "Ethernet1" );
+   ASSERT_TRUE( intf );
+   EXPECT_EQ( std::tuple( intf->mode(), intf->helloPeriod(), intf->helloHoldTime(), intf->joinPrunePeriod(),
+                          intf->joinPruneHoldTime(), intf->drPriority(), intf->bfdEnabled() ),
+              std::tuple( pimModeSparse, 30, 105, 60, 210, 1u, false ) );
+   EXPECT_TRUE( inSparseSet( "default", "Ethernet1" ) );
+   EXPECT_TRUE( vifRequested( "Ethernet1" ) );
+
+   // Removing the configuration removes the interface even though the
+   // application still asks; the application's next event restores it.
+   intfConfigIs( "Ethernet1", pimModeSparse )->helloIntervalIs( 10 );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 10 );
+   configColl->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   app->intfModeIs( "Ethernet1", pimModeBidir );
+   app->intfModeIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+   EXPECT_EQ( pimIntf( "default", "Ethernet1" )->helloPeriod(), 30 );
+}
+
+// The application machines live with the default VRF; an interface stays
+// while any application still requests it.
+TEST_F( ConfigSmAppTest, ApplicationMachinesLiveWithTheDefaultVrf ) {
+   auto a = applicationIs( "igmp" );
+   auto b = applicationIs( "msdp" );
+   for( auto & app : { a, b } ) app->intfModeIs( "Ethernet1", pimModeSparse );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 2u );
+   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), false );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 0u );
+   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
+   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), true );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 2u );
+   for( auto & [ app, stays ] : { std::pair( a, true ), std::pair( b, false ) } ) {
+      ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
+      app->intfModeDel( "Ethernet1" );
+      ASSERT_TRUE( settle() );
+      EXPECT_EQ( bool( pimIntf( "default", "Ethernet1" ) ), stays );
+   }
+   appDir->entryDel( Kiv::Name( "msdp" ) );
+   ASSERT_TRUE( settle() );
+   EXPECT_EQ( sm_->appConfigSmSize(), 1u );
 }
 
 } // namespace

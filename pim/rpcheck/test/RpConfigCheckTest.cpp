@@ -3,13 +3,10 @@
 // brute-force oracle over random rule sets.
 #include <gtest/gtest.h>
 
-#include <fmt/format.h>
-
 #include <cstdint>
 #include <map>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,69 +26,36 @@ using Lumo::IpGenPrefix;
 IpGenAddr ip( const char * s ) { return IpGenAddr::fromStrep( s ); }
 IpGenPrefix pfx( const char * s ) { return IpGenPrefix::fromStrep( s ); }
 
+// One run end to end, its whole report as text; which findings a rule set
+// gives is the property test's matter.
 TEST( RpConfigCheckTest, MachineReportsConflictsOverlapsAndMissingLists ) {
    Kiv::Testing::TestLoop loop( 100.0 );
    auto config = Kiv::make< StaticRpConfig >( "red" );
    auto acls = Kiv::make< Acl::StandardAclConfig >( "acl" );
    auto result = Kiv::make< RpConfigCheckResult >( "red" );
-   const StaticRpRule r1 = StaticRpRule::forPrefix( ip( "198.18.0.1" ), pfx( "239.0.0.0/8" ) );
-   const StaticRpRule r2 = StaticRpRule::forAcl( ip( "198.18.0.2" ), "A" );
-   const StaticRpRule r3 = StaticRpRule::forPrefix( ip( "198.18.0.3" ), pfx( "239.1.0.0/16" ) );
-   const StaticRpRule r5 = StaticRpRule::forAcl( ip( "198.18.0.4" ), "B" );
-   const StaticRpRule r6 = StaticRpRule::forAcl( ip( "198.18.0.1" ), "C" );
-   for( const StaticRpRule & r : { r1, r2, r3, r5, r6 } ) config->ruleIs( r, {} );
+   config->ruleIs( StaticRpRule::forPrefix( ip( "198.18.0.1" ), pfx( "239.0.0.0/8" ) ), {} );
+   config->ruleIs( StaticRpRule::forAcl( ip( "198.18.0.2" ), "A" ), {} );
+   config->ruleIs( StaticRpRule::forPrefix( ip( "198.18.0.3" ), pfx( "239.1.0.0/16" ) ), {} );
    config->ruleIs( StaticRpRule::forAcl( ip( "198.18.0.1" ), "missing" ), { true } );
+   // Two halves that together serve 239.0.0.0/8.
    acls->standardAclIs( "A",
                         StandardAcl::fromStrep( "permit 239.0.0.0/9, permit 239.128.0.0/9" ) );
-   acls->standardAclIs( "B", StandardAcl::fromStrep( "deny 232.0.0.0/8, permit 224.0.0.0/4" ) );
-   acls->standardAclIs( "C", StandardAcl::fromStrep( "permit 239.0.0.0/8" ) );
 
    Kiv::Ptr< RpConfigCheckSm > sm( rpConfigCheckSmFactory( config, acls, result ) );
    ASSERT_TRUE( sm );
    EXPECT_EQ( result->checkCount(), 0u ); // nothing runs before the caller starts it
    sm->doStart();
-   EXPECT_EQ( result->ruleCount(), 6u );
-   EXPECT_EQ( result->checkCount(), 1u );
    EXPECT_EQ( result->lastCheckTime(), 100.0 );
-   // r1, r2 (through its list) and r6 (same RP as r1) all serve 239.0.0.0/8.
-   EXPECT_EQ( result->conflictSize(), 1u );
-   EXPECT_EQ( result->conflict( pfx( "239.0.0.0/8" ) ),
-              ( RpSet{ ip( "198.18.0.1" ), ip( "198.18.0.2" ) } ) );
-   const IpGenPrefix wide = pfx( "236.0.0.0/6" );
-   const std::set< RpOverlap > wantOverlaps = {
-      { r3, pfx( "239.1.0.0/16" ), r1, pfx( "239.0.0.0/8" ) },
-      { r3, pfx( "239.1.0.0/16" ), r2, pfx( "239.0.0.0/8" ) },
-      { r3, pfx( "239.1.0.0/16" ), r6, pfx( "239.0.0.0/8" ) },
-      { r3, pfx( "239.1.0.0/16" ), r5, wide },
-      { r1, pfx( "239.0.0.0/8" ), r5, wide },
-      { r2, pfx( "239.0.0.0/8" ), r5, wide },
-      { r6, pfx( "239.0.0.0/8" ), r5, wide },
-   };
-   std::set< RpOverlap > overlaps;
-   result->overlapForEach( [ & ]( const RpOverlap & o, bool ) { overlaps.insert( o ); } );
-   EXPECT_EQ( overlaps, wantOverlaps );
-   EXPECT_EQ( result->missingAclSize(), 1u );
-   EXPECT_TRUE( result->missingAcl( "missing" ) );
-   const std::string text = rpConfigCheckText( *result );
-   EXPECT_NE( text.find( "  239.0.0.0/8 -> 198.18.0.1, 198.18.0.2\n" ), std::string::npos ) << text;
-   EXPECT_NE( text.find( "  239.1.0.0/16 (198.18.0.3 group 239.1.0.0/16) inside 236.0.0.0/6 "
-                         "(198.18.0.4 access-list B)\n" ),
-              std::string::npos )
-      << text;
-   EXPECT_NE( text.find( "Access list missing is not configured" ), std::string::npos ) << text;
-
-   // A second run drops what no longer holds.
-   config->ruleDel( r2 );
-   config->ruleDel( r6 );
-   acls->standardAclIs( "missing", StandardAcl::fromStrep( "permit 224.0.0.0/4" ) );
-   sm->doStart();
-   EXPECT_EQ( result->checkCount(), 2u );
-   EXPECT_EQ( result->conflictSize(), 0u );
-   EXPECT_EQ( result->missingAclSize(), 0u );
-   // The formerly missing list now serves 224.0.0.0/4 and holds r1, r3 and part of r5.
-   const StaticRpRule nowFound = StaticRpRule::forAcl( ip( "198.18.0.1" ), "missing" );
-   EXPECT_TRUE( result->overlap( { r1, pfx( "239.0.0.0/8" ), nowFound, pfx( "224.0.0.0/4" ) } ) );
-   EXPECT_FALSE( result->overlap( { r3, pfx( "239.1.0.0/16" ), r2, pfx( "239.0.0.0/8" ) } ) );
+   EXPECT_EQ( rpConfigCheckText( *result ),
+              "VRF red: 4 rules, checked 1 times\n"
+              "Groups mapped to more than one RP: 1\n"
+              "  239.0.0.0/8 -> 198.18.0.1, 198.18.0.2\n"
+              "Prefixes inside a wider prefix of another rule: 2\n"
+              "  239.1.0.0/16 (198.18.0.3 group 239.1.0.0/16) inside 239.0.0.0/8 "
+              "(198.18.0.1 group 239.0.0.0/8)\n"
+              "  239.1.0.0/16 (198.18.0.3 group 239.1.0.0/16) inside 239.0.0.0/8 "
+              "(198.18.0.2 access-list A)\n"
+              "Access list missing is not configured\n" );
 
    EXPECT_THROW( rpConfigCheckSmFactory( nullptr, acls, result ), Kiv::RangeException );
    EXPECT_THROW( StaticRpRule::forPrefix( ip( "198.18.0.1" ), pfx( "ff3e::/16" ) ),
@@ -113,38 +77,22 @@ struct Window {
    unsigned s;
 };
 
-IpGenAddr::Bytes16 bytesOf( const IpGenAddr & a ) {
+// a with the n bits of value (most significant first) from bit i on.
+IpGenAddr withBits( const IpGenAddr & a, unsigned i, unsigned n, std::uint32_t value ) {
    IpGenAddr::Bytes16 b{};
    const auto src = a.bytes();
    std::copy( src.begin(), src.end(), b.begin() );
-   return b;
-}
-
-void setBit( IpGenAddr::Bytes16 & b, unsigned i, bool v ) {
-   const std::uint8_t m = std::uint8_t( 0x80u >> ( i % 8 ) );
-   b[ i / 8 ] = v ? ( b[ i / 8 ] | m ) : ( b[ i / 8 ] & ~m );
-}
-
-IpGenAddr addrOf( AddressFamily af, const IpGenAddr::Bytes16 & b ) {
-   if( af == AddressFamily::ipv6 ) return IpGenAddr( b );
+   for( unsigned k = 0; k < n; ++k ) {
+      const std::uint8_t m = std::uint8_t( 0x80u >> ( ( i + k ) % 8 ) );
+      std::uint8_t & byte = b[ ( i + k ) / 8 ];
+      byte = ( ( value >> ( n - 1 - k ) ) & 1 ) ? ( byte | m ) : ( byte & ~m );
+   }
+   if( a.af() == AddressFamily::ipv6 ) return IpGenAddr( b );
    return IpGenAddr( IpGenAddr::Bytes4{ b[ 0 ], b[ 1 ], b[ 2 ], b[ 3 ] } );
 }
 
 bool bitOf( const IpGenAddr & a, unsigned i ) {
    return ( a.bytes()[ i / 8 ] >> ( 7 - i % 8 ) ) & 1;
-}
-
-IpGenAddr withBit( const IpGenAddr & a, unsigned i, bool v ) {
-   IpGenAddr::Bytes16 b = bytesOf( a );
-   setBit( b, i, v );
-   return addrOf( a.af(), b );
-}
-
-// base with the n bits of value (most significant first) from bit s on.
-IpGenAddr windowAddr( const Window & win, std::uint32_t value, unsigned n ) {
-   IpGenAddr::Bytes16 b = bytesOf( win.base );
-   for( unsigned k = 0; k < n; ++k ) setBit( b, win.s + k, ( value >> ( n - 1 - k ) ) & 1 );
-   return addrOf( win.base.af(), b );
 }
 
 IpGenPrefix anyPrefix( AddressFamily af ) {
@@ -161,8 +109,11 @@ struct Oracle {
    Oracle( const Window & win, const std::vector< StaticRpRule > & rules,
            const Acl::StandardAclConfig & acls )
          : win( win ), rules( rules ), acls( acls ) {
-      for( std::uint32_t c = 0; c < ( 1u << w ); ++c ) cells.push_back( windowAddr( win, c, w ) );
-      if( win.s > 0 ) outsideAddr = withBit( win.base, win.s - 1, !bitOf( win.base, win.s - 1 ) );
+      for( std::uint32_t c = 0; c < ( 1u << w ); ++c ) {
+         cells.push_back( withBits( win.base, win.s, w, c ) );
+      }
+      const unsigned top = win.s - 1;
+      if( win.s > 0 ) outsideAddr = withBits( win.base, top, 1, !bitOf( win.base, top ) );
    }
 
    bool member( const StaticRpRule & r, const IpGenAddr & a ) const {
@@ -189,14 +140,14 @@ struct Oracle {
       if( outside && full( 0, 0 ) ) return { anyPrefix( win.base.af() ) };
       if( outside ) {
          for( unsigned i = 0; i < win.s; ++i ) {
-            const IpGenAddr a = withBit( win.base, i, !bitOf( win.base, i ) );
+            const IpGenAddr a = withBits( win.base, i, 1, !bitOf( win.base, i ) );
             out.push_back( IpGenPrefix::masked( a, i + 1 ) );
          }
       }
       for( unsigned l = 0; l <= w; ++l ) {
          for( std::uint32_t j = 0; j < ( 1u << l ); ++j ) {
             if( full( l, j ) && ( l == 0 || !full( l - 1, j >> 1 ) ) ) {
-               out.push_back( IpGenPrefix( windowAddr( win, j, l ), win.s + l ) );
+               out.push_back( IpGenPrefix( withBits( win.base, win.s, l, j ), win.s + l ) );
             }
          }
       }
@@ -233,25 +184,6 @@ struct Oracle {
    }
 };
 
-RpCheckFindings resultFindings( const RpConfigCheckResult & r ) {
-   RpCheckFindings f;
-   r.conflictForEach(
-      [ & ]( const IpGenPrefix & p, const RpSet & rps ) { f.conflicts[ p ] = rps; } );
-   r.overlapForEach( [ & ]( const RpOverlap & o, bool ) { f.overlaps.insert( o ); } );
-   r.missingAclForEach( [ & ]( const Kiv::String & n, bool ) { f.missingAcls.insert( n ); } );
-   return f;
-}
-
-std::string describe( const std::vector< StaticRpRule > & rules,
-                      const Acl::StandardAclConfig & acls ) {
-   std::ostringstream os;
-   for( const StaticRpRule & r : rules ) os << "  rule " << r << "\n";
-   acls.standardAclForEach( [ & ]( const Kiv::String & n, const StandardAcl & a ) {
-      os << "  list " << n << ": " << a << "\n";
-   } );
-   return os.str();
-}
-
 TEST( RpConfigCheckTest, FindingsMatchBruteForceOverRandomRuleSets ) {
    Kiv::Testing::TestLoop loop;
    const Window windows[] = {
@@ -280,7 +212,7 @@ TEST( RpConfigCheckTest, FindingsMatchBruteForceOverRandomRuleSets ) {
       auto randomPrefix = [ & ] {
          if( pick( 8 ) == 0 ) return anyPrefix( af );
          const unsigned n = pick( w + 1 );
-         return IpGenPrefix( windowAddr( win, pick( 1u << n ), n ), win.s + n );
+         return IpGenPrefix( withBits( win.base, win.s, n, pick( 1u << n ) ), win.s + n );
       };
       config->ruleDelAll();
       acls->standardAclDelAll();
@@ -301,7 +233,7 @@ TEST( RpConfigCheckTest, FindingsMatchBruteForceOverRandomRuleSets ) {
       for( std::uint32_t r = 0; r < ruleCount; ++r ) {
          const IpGenAddr rp = af == AddressFamily::ipv4
                                  ? IpGenAddr::ipv4( 0xC6120001u + pick( 3 ) )
-                                 : withBit( ip( "2001:db8::1" ), 126, pick( 2 ) );
+                                 : withBits( ip( "2001:db8::1" ), 126, 1, pick( 2 ) );
          config->ruleIs( pick( 2 ) ? StaticRpRule::forPrefix( rp, randomPrefix() )
                                    : StaticRpRule::forAcl( rp, listNames[ pick( 4 ) ] ),
                          { pick( 2 ) == 0 } );
@@ -312,13 +244,15 @@ TEST( RpConfigCheckTest, FindingsMatchBruteForceOverRandomRuleSets ) {
 
       sm->doStart();
       const RpCheckFindings want = Oracle( win, rules, *acls ).findings();
-      const RpCheckFindings got = resultFindings( *result );
-      // Streamed only on failure.
-      auto where = [ & ] {
-         return fmt::format( "iteration {}\n{}", iter, describe( rules, *acls ) );
-      };
-      ASSERT_EQ( got.conflicts, want.conflicts ) << where();
-      ASSERT_EQ( got.overlaps, want.overlaps ) << where();
+      RpCheckFindings got;
+      result->conflictForEach(
+         [ & ]( const IpGenPrefix & p, const RpSet & rps ) { got.conflicts[ p ] = rps; } );
+      result->overlapForEach( [ & ]( const RpOverlap & o, bool ) { got.overlaps.insert( o ); } );
+      result->missingAclForEach(
+         [ & ]( const Kiv::String & n, bool ) { got.missingAcls.insert( n ); } );
+      // The generator is seeded: the iteration number is enough to replay one.
+      ASSERT_EQ( got.conflicts, want.conflicts ) << "iteration " << iter;
+      ASSERT_EQ( got.overlaps, want.overlaps ) << "iteration " << iter;
       ASSERT_EQ( got.missingAcls, want.missingAcls ) << "iteration " << iter;
       ASSERT_EQ( result->checkCount(), std::uint32_t( iter + 1 ) );
       withConflicts += !want.conflicts.empty();

@@ -17,7 +17,7 @@ static_assert( std::is_trivially_copyable_v< V::Intf > );
 static_assert( std::is_trivially_copyable_v< V::Neighbor > );
 static_assert( sizeof( V::NeighborKey ) == V::IntfName::size + 17, "keys carry no padding" );
 
-TEST( VarnTables, RowsAreKeyedWrittenOnlyWhenChangedAndBounded ) {
+TEST( VarnTables, RowsAreWrittenOnlyWhenChangedAndBounded ) {
    V::Status s;
    V::Intf row( "Ethernet1" );
    row.helloPeriod = 30;
@@ -25,22 +25,12 @@ TEST( VarnTables, RowsAreKeyedWrittenOnlyWhenChangedAndBounded ) {
    EXPECT_FALSE( s.pimIntfIs( row ) ) << "an equal row is not rewritten";
    row.helloPeriod = 10;
    EXPECT_TRUE( s.pimIntfIs( row ) );
-   ASSERT_EQ( s.pimIntf().size(), 1u );
    EXPECT_EQ( s.pimIntf().row( V::IntfKey( "Ethernet1" ) )->helloPeriod, 10 );
    EXPECT_EQ( s.pimIntf().rowTable().writes(), 2u );
-
-   // Same interface, two neighbours; same neighbour address on two interfaces.
-   s.neighborIs( V::Neighbor( "Ethernet1", a( "198.18.0.2" ) ) );
-   s.neighborIs( V::Neighbor( "Ethernet1", a( "198.18.0.3" ) ) );
-   s.neighborIs( V::Neighbor( "Ethernet2", a( "198.18.0.2" ) ) );
-   EXPECT_EQ( s.neighbor().size(), 3u );
-   EXPECT_TRUE( s.neighborDel( V::NeighborKey( "Ethernet2", a( "198.18.0.2" ) ) ) );
-   EXPECT_FALSE( s.neighborDel( V::NeighborKey( "Ethernet2", a( "198.18.0.2" ) ) ) );
-   EXPECT_TRUE( s.neighbor().has( V::NeighborKey( "Ethernet1", a( "198.18.0.2" ) ) ) );
    EXPECT_TRUE( s.pimIntfDel( Lumo::IntfId( "Ethernet1" ) ) );
-   EXPECT_EQ( s.pimIntf().size(), 0u );
+   EXPECT_FALSE( s.pimIntfDel( Lumo::IntfId( "Ethernet1" ) ) );
 
-   // A full table refuses new rows but still replaces existing ones.
+   // A full table refuses new rows and counts them.
    KivVarn::MountInfo small = V::Status::mountInfo();
    small.collectionIs( V::kIntfSecondaryAddressTable, 2 );
    V::Status bounded( "b", small, KivVarn::HeapTableStore::instance() );
@@ -50,7 +40,6 @@ TEST( VarnTables, RowsAreKeyedWrittenOnlyWhenChangedAndBounded ) {
    EXPECT_FALSE( bounded.intfSecondaryAddressIs( V::IntfSecondaryAddress( K( "E1", a( "198.18.1.3" ) ) ) ) );
    EXPECT_EQ( bounded.intfSecondaryAddress().rowTable().overflows(), 1u );
    EXPECT_EQ( bounded.intfSecondaryAddress().size(), 2u );
-   EXPECT_EQ( bounded.intfSecondaryAddress().rowTable().capacity(), 2u );
 
    bounded.clear();
    EXPECT_EQ( bounded.intfSecondaryAddress().size(), 0u );
@@ -61,16 +50,11 @@ TEST( VarnMount, WritersCreateReadersAttachCleanupWaitsForTheLastMount ) {
    dir.typeIs< V::Status >();
    dir.typeIs< V::MessageCounters >();
    const std::string path = V::statusPath( Lumo::AddressFamily::ipv4, "red" );
-   EXPECT_EQ( path, "routing/pim/status/red" );
-   EXPECT_EQ( V::statusPath( Lumo::AddressFamily::ipv6, "red" ), "routing6/pim/status/red" );
-   EXPECT_EQ( V::countersPath( Lumo::AddressFamily::ipv4, "red" ), "routing/pim/counters/red/pim" );
-   EXPECT_EQ( V::countersPath( Lumo::AddressFamily::ipv6, "red" ), "routing6/pim/counters/red/pim" );
 
    auto writer = Kiv::make< KivVarn::Mount >( dir );
    auto reader = Kiv::make< KivVarn::Mount >( dir );
    // Nothing to attach to yet.
    EXPECT_FALSE( reader->doMount( path, "r", V::Status::mountInfo() ) );
-   EXPECT_FALSE( reader->isMounted( path ) );
 
    auto w = Kiv::entity_cast< V::Status >( writer->doMount( path, "w", V::Status::mountInfo() ) );
    ASSERT_TRUE( w );

@@ -2,11 +2,11 @@
 // simulated LAN on virtual time.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Lab.h"
@@ -24,27 +24,9 @@ namespace {
 
 using namespace PimLab;
 
-std::vector< LabEvent > eventsOf( const Report & r, const std::string & router, const std::string & kind ) {
-   std::vector< LabEvent > out;
-   for( const auto & e : r.events ) if( e.router == router && e.kind == kind ) out.push_back( e );
-   return out;
-}
-
-const LabEvent * firstEvent( const Report & r, const std::string & router, const std::string & kind,
-                             const std::string & neighbor, double after = -1.0 ) {
-   for( const auto & e : r.events )
-      if( e.router == router && e.kind == kind && e.neighbor == neighbor && e.time > after ) return &e;
-   return nullptr;
-}
-
 std::string drOf( const Snapshot & s, const std::string & router ) {
    for( const auto & i : s.interfaces ) if( i.router == router ) return i.dr;
    return "<router not running>";
-}
-
-std::size_t neighborsOf( const Snapshot & s, const std::string & router ) {
-   return std::count_if( s.neighbors.begin(), s.neighbors.end(),
-                         [ & ]( const NeighborRow & n ) { return n.router == router; } );
 }
 
 class LabTest : public ::testing::Test {
@@ -53,170 +35,27 @@ class LabTest : public ::testing::Test {
    void SetUp() override { Kiv::LogHandle::outputIs( Kiv::LogOutput::None ); }
 };
 
+// Reproducibility itself is the golden comparisons' matter.
 TEST_F( LabTest, DefaultScenarioIsReproducibleForASeedAndReportsAsJson ) {
    const Scenario s = defaultScenario();
    const Report a = runScenario( s );
-   const Report b = runScenario( s );
-   EXPECT_EQ( renderText( a ), renderText( b ) );
-   EXPECT_EQ( renderJson( a ), renderJson( b ) );
    LabOptions other;
    other.seed = s.seed + 1;
    const Report c = runScenario( s, other );
    EXPECT_NE( renderText( a ), renderText( c ) ) << "generation ids and Hello jitter follow the seed";
-   EXPECT_EQ( c.seed, s.seed + 1 );
 
    // The JSON report carries the events and the tables.
    const auto j = nlohmann::json::parse( renderJson( a ) );
-   EXPECT_EQ( j.at( "scenario" ), "dr-failover" );
-   EXPECT_EQ( j.at( "engine" ), "pipeline" );
-   std::size_t ups = 0, drs = 0;
+   EXPECT_EQ( std::tuple( j.at( "scenario" ), j.at( "engine" ), j.at( "events" ).size(), j.at( "snapshots" ).size() ),
+              std::tuple( "dr-failover", "pipeline", a.events.size(), a.snapshots.size() ) );
+   std::size_t drs = 0, drsWithBoth = 0;
    for( const auto & e : j.at( "events" ) ) {
-      ups += e.at( "kind" ) == "up";
-      if( e.at( "kind" ) == "dr" ) {
-         ++drs;
-         EXPECT_TRUE( e.contains( "dr" ) && e.contains( "previous" ) ) << e.dump();
-      }
+      drs += e.at( "kind" ) == "dr";
+      drsWithBoth += e.at( "kind" ) == "dr" && e.contains( "dr" ) && e.contains( "previous" );
    }
-   EXPECT_EQ( ups, 10u ) << "6 among r1..r3, then r4 and its 2 neighbours both ways";
    EXPECT_GT( drs, 0u );
-   const auto & end = j.at( "snapshots" ).back();
-   EXPECT_EQ( end.at( "name" ), "end" );
-   EXPECT_EQ( end.at( "neighbors" ).size(), 6u );
-   EXPECT_EQ( end.at( "interfaces" ).at( 0 ).at( "dr" ), "198.18.1.4" );
-}
-
-// The same story whichever way the machines are built.
-class LabStoryTest : public LabTest, public ::testing::WithParamInterface< Engine > {};
-
-TEST_P( LabStoryTest, DefaultScenarioTellsTheFailoverStory ) {
-   const Scenario s = defaultScenario();
-   LabOptions o;
-   o.engine = GetParam();
-   const Report r = runScenario( s, o );
-   EXPECT_EQ( r.engine, engineName( GetParam() ) );
-   const std::string r3 = "198.18.1.3", r2 = "198.18.1.2", r4 = "198.18.1.4";
-
-   // Neighbours form and the highest priority (r3) is everyone's DR.
-   const Snapshot * formed = r.snapshot( "formed" );
-   ASSERT_TRUE( formed );
-   for( const char * router : { "r1", "r2", "r3" } ) {
-      EXPECT_EQ( neighborsOf( *formed, router ), 2u ) << router;
-      EXPECT_EQ( drOf( *formed, router ), r3 ) << router;
-   }
-   EXPECT_EQ( drOf( *formed, "r4" ), "<router not running>" );
-
-   // r3 stops silently; r1 and r2 drop it only when its hold time has run out
-   // since its last Hello, and elect r2 at that very moment.
-   const auto stops = eventsOf( r, "r3", "stop" );
-   ASSERT_EQ( stops.size(), 1u );
-   const double stopAt = stops[ 0 ].time;
-   for( const char * router : { "r1", "r2" } ) {
-      const LabEvent * down = firstEvent( r, router, "down", r3 );
-      ASSERT_TRUE( down ) << router;
-      EXPECT_GE( down->time, stopAt + 105.0 - 30.0 ) << "not before a hold time after the last Hello";
-      EXPECT_LE( down->time, stopAt + 105.0 + 0.01 );
-      EXPECT_NE( down->detail.find( "expired" ), std::string::npos ) << down->detail;
-      const LabEvent * dr = firstEvent( r, router, "dr", r2, stopAt );
-      ASSERT_TRUE( dr ) << router;
-      EXPECT_DOUBLE_EQ( dr->time, down->time );
-      // Between the stop and the expiry, no DR change at all.
-      for( const auto & e : eventsOf( r, router, "dr" ) ) {
-         EXPECT_FALSE( e.time > stopAt && e.time < down->time ) << e.detail;
-      }
-   }
-   const Snapshot * after = r.snapshot( "after-failover" );
-   ASSERT_TRUE( after );
-   EXPECT_EQ( drOf( *after, "r1" ), r2 );
-   EXPECT_EQ( drOf( *after, "r2" ), r2 );
-   EXPECT_EQ( neighborsOf( *after, "r1" ), 1u );
-
-   // r4 joins with priority 40 and takes over within its first Hello's delay.
-   const auto starts = eventsOf( r, "r4", "start" );
-   ASSERT_EQ( starts.size(), 1u );
-   for( const char * router : { "r1", "r2" } ) {
-      const LabEvent * dr = firstEvent( r, router, "dr", r4 );
-      ASSERT_TRUE( dr ) << router;
-      EXPECT_GT( dr->time, starts[ 0 ].time );
-      EXPECT_LE( dr->time, starts[ 0 ].time + 1.1 );
-      EXPECT_EQ( dr->priority, std::optional< std::uint32_t >( 40 ) );
-   }
-   const Snapshot * end = r.snapshot( "end" );
-   ASSERT_TRUE( end );
-   for( const char * router : { "r1", "r2", "r4" } ) {
-      EXPECT_EQ( drOf( *end, router ), r4 ) << router;
-      EXPECT_EQ( neighborsOf( *end, router ), 2u ) << router;
-   }
-   for( const auto & c : end->counters ) EXPECT_EQ( c.rejected + c.lost, 0u ) << c.router;
-}
-
-INSTANTIATE_TEST_SUITE_P( Engines, LabStoryTest, ::testing::Values( Engine::pipeline, Engine::direct ),
-                          []( const ::testing::TestParamInfo< Engine > & i ) { return std::string( engineName( i.param ) ); } );
-
-Scenario threeRouters( const char * extraEvents, std::uint32_t p1, std::uint32_t p2, std::uint32_t p3,
-                       double duration = 300, const char * segmentExtra = "" ) {
-   const std::string json = std::string( R"({ "name": "t", "seed": 5, "duration": )" ) + std::to_string( duration ) +
-                            R"(, "segments": [ { "name": "lan" )" + segmentExtra + R"( } ], "routers": [
-      { "name": "a", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.1/24", "drPriority": )" +
-                            std::to_string( p1 ) + R"( } ] },
-      { "name": "b", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.2/24", "drPriority": )" +
-                            std::to_string( p2 ) + R"( } ] },
-      { "name": "c", "interfaces": [ { "name": "Ethernet1", "segment": "lan", "address": "198.18.2.3/24", "drPriority": )" +
-                            std::to_string( p3 ) + R"( } ] } ],
-      "events": [ )" + extraEvents + R"( ] })";
-   return scenarioFromJson( json );
-}
-
-TEST_F( LabTest, CutSegmentSplitsEveryoneAndHealingReunitesThem ) {
-   const Report r = runScenario( threeRouters( R"({ "at": 40, "action": "cut", "segment": "lan" },
-                                                  { "at": 170, "action": "checkpoint", "name": "split" },
-                                                  { "at": 180, "action": "heal", "segment": "lan" },
-                                                  { "at": 215, "action": "checkpoint", "name": "healed" })",
-                                               5, 50, 7 ) );
-   const Snapshot * split = r.snapshot( "split" );
-   ASSERT_TRUE( split );
-   for( const char * router : { "a", "b", "c" } ) EXPECT_EQ( neighborsOf( *split, router ), 0u ) << router;
-   EXPECT_EQ( drOf( *split, "a" ), "198.18.2.1" ) << "alone, each router is its own DR";
-   EXPECT_EQ( drOf( *split, "c" ), "198.18.2.3" );
-   const Snapshot * healed = r.snapshot( "healed" );
-   ASSERT_TRUE( healed );
-   for( const char * router : { "a", "b", "c" } ) {
-      EXPECT_EQ( neighborsOf( *healed, router ), 2u ) << router;
-      EXPECT_EQ( drOf( *healed, router ), "198.18.2.2" ) << router;
-   }
-   std::uint64_t cut = 0;
-   for( const auto & c : r.snapshot( "end" )->counters ) cut += c.cut;
-   EXPECT_GT( cut, 0u );
-}
-
-TEST_P( LabStoryTest, StoppedRouterReturnsWithANewGenerationIdAndUnpluggedOneIsForgotten ) {
-   LabOptions o;
-   o.engine = GetParam();
-   const Report r = runScenario( threeRouters( R"({ "at": 20, "action": "checkpoint", "name": "before" },
-                                                  { "at": 25, "action": "stop", "router": "a" },
-                                                  { "at": 160, "action": "start", "router": "a" },
-                                                  { "at": 165, "action": "detach", "router": "c" },
-                                                  { "at": 170, "action": "checkpoint", "name": "back" },
-                                                  { "at": 290, "action": "checkpoint", "name": "unplugged" },
-                                                  { "at": 291, "action": "attach", "router": "c" },
-                                                  { "at": 330, "action": "checkpoint", "name": "replugged" })",
-                                               5, 50, 7, 340 ),
-                                 o );
-   auto genIdOf = []( const Snapshot & s, const std::string & router, const std::string & nb ) {
-      for( const auto & n : s.neighbors )
-         if( n.router == router && n.neighbor == nb && n.generationId ) return *n.generationId;
-      return 0u;
-   };
-   const std::uint32_t before = genIdOf( *r.snapshot( "before" ), "b", "198.18.2.1" );
-   const std::uint32_t after = genIdOf( *r.snapshot( "back" ), "b", "198.18.2.1" );
-   EXPECT_TRUE( before && after ) << "a is a neighbour of b before and after";
-   EXPECT_NE( before, after ) << "a restarted router comes back with a new generation id";
-   EXPECT_EQ( neighborsOf( *r.snapshot( "back" ), "a" ), 2u );
-   // c unplugged: everybody forgets it after the hold time, it forgets everybody.
-   EXPECT_EQ( neighborsOf( *r.snapshot( "unplugged" ), "c" ), 0u );
-   EXPECT_EQ( neighborsOf( *r.snapshot( "unplugged" ), "a" ), 1u );
-   EXPECT_EQ( drOf( *r.snapshot( "unplugged" ), "c" ), "198.18.2.3" );
-   EXPECT_EQ( neighborsOf( *r.snapshot( "replugged" ), "c" ), 2u );
-   EXPECT_EQ( drOf( *r.snapshot( "replugged" ), "c" ), "198.18.2.2" );
+   EXPECT_EQ( drsWithBoth, drs ) << "a DR event names the new DR and the previous one";
+   EXPECT_EQ( j.at( "snapshots" ).back().at( "interfaces" ).at( 0 ).at( "dr" ), "198.18.1.4" );
 }
 
 std::string fileText( const std::filesystem::path & p ) {
@@ -226,31 +65,59 @@ std::string fileText( const std::filesystem::path & p ) {
    return ss.str();
 }
 
-// The example scenarios shipped with the lab load, run reproducibly and tell
-// the story their events promise.
+// Compares a report's text with the golden file of that name in the test
+// folder; PIMLAB_UPDATE_GOLDEN=1 rewrites it.
+void expectGolden( const std::string & name, const Report & r ) {
+   const auto path = std::filesystem::path( PIMLAB_TEST_DIR ) / name;
+   if( std::getenv( "PIMLAB_UPDATE_GOLDEN" ) ) std::ofstream( path ) << renderText( r );
+   EXPECT_EQ( renderText( r ), fileText( path ) ) << name;
+}
+
+// The same story whichever way the machines are built.
+class LabStoryTest : public LabTest, public ::testing::WithParamInterface< Engine > {
+ protected:
+   Report run( const Scenario & s ) {
+      LabOptions o;
+      o.engine = GetParam();
+      return runScenario( s, o );
+   }
+};
+
+// Neighbours form and the highest priority (r3) is everyone's DR; r3 stops
+// silently and r1 and r2 drop it when its hold time has run out since its
+// last Hello, electing r2 at that very moment; r4 joins with priority 40 and
+// takes over within its first Hello's delay.
+TEST_P( LabStoryTest, DefaultScenarioTellsTheFailoverStory ) {
+   expectGolden( "dr-failover.txt", run( defaultScenario() ) );
+}
+
+INSTANTIATE_TEST_SUITE_P( Engines, LabStoryTest, ::testing::Values( Engine::pipeline, Engine::direct ),
+                          []( const ::testing::TestParamInfo< Engine > & i ) { return std::string( engineName( i.param ) ); } );
+
+TEST_P( LabStoryTest, StoppedRouterReturnsWithANewGenerationIdAndUnpluggedOneIsForgotten ) {
+   const Report r = run( scenarioFromJson( fileText( std::filesystem::path( PIMLAB_TEST_DIR ) / "restart-and-replug.json" ) ) );
+   expectGolden( "restart-and-replug.txt", r );
+   auto genIdOf = []( const Snapshot & s, const std::string & router, const std::string & nb ) {
+      for( const auto & n : s.neighbors )
+         if( n.router == router && n.neighbor == nb && n.generationId ) return *n.generationId;
+      return 0u;
+   };
+   const std::uint32_t before = genIdOf( *r.snapshot( "before" ), "b", "198.18.2.1" );
+   const std::uint32_t after = genIdOf( *r.snapshot( "back" ), "b", "198.18.2.1" );
+   EXPECT_TRUE( before && after ) << "a is a neighbour of b before and after";
+   EXPECT_NE( before, after ) << "a restarted router comes back with a new generation id";
+}
+
+// The example scenarios shipped with the lab load and tell the story their
+// events promise, reproducibly: each against its golden text.
 TEST_F( LabTest, ShippedScenariosRun ) {
    std::size_t files = 0;
    for( const auto & f : std::filesystem::directory_iterator( PIMLAB_SCENARIO_DIR ) ) {
       if( f.path().extension() != ".json" ) continue;
       ++files;
-      const Scenario s = scenarioFromJson( fileText( f.path() ) );
-      const Report r = runScenario( s );
-      EXPECT_EQ( renderText( r ), renderText( runScenario( s ) ) ) << f.path();
-      ASSERT_TRUE( r.snapshot( "end" ) ) << f.path();
+      expectGolden( f.path().stem().string() + ".txt", runScenario( scenarioFromJson( fileText( f.path() ) ) ) );
    }
    EXPECT_GT( files, 0u );
-
-   const Report r = runScenario( scenarioFromJson( fileText( std::filesystem::path( PIMLAB_SCENARIO_DIR ) / "two-segments.json" ) ) );
-   auto drOn = []( const Snapshot & s, const std::string & router, const std::string & intf ) {
-      for( const auto & i : s.interfaces ) if( i.router == router && i.interface == intf ) return i.dr;
-      return std::string( "<none>" );
-   };
-   EXPECT_EQ( drOn( *r.snapshot( "formed" ), "core", "Ethernet2" ), "198.18.20.3" ) << "equal priorities: higher address";
-   EXPECT_EQ( drOn( *r.snapshot( "lan-a-cut" ), "core", "Ethernet2" ), "198.18.20.2" ) << "after the priority change";
-   EXPECT_EQ( drOn( *r.snapshot( "lan-a-cut" ), "edge1", "Ethernet1" ), "198.18.10.2" ) << "alone behind the cut";
-   EXPECT_EQ( drOn( *r.snapshot( "edge2-gone" ), "edge1", "Ethernet1" ), "198.18.10.1" ) << "healed";
-   EXPECT_EQ( drOn( *r.snapshot( "edge2-gone" ), "core", "Ethernet2" ), "198.18.20.3" );
-   EXPECT_EQ( drOn( *r.snapshot( "edge3-unplugged" ), "core", "Ethernet2" ), "198.18.20.1" );
 }
 
 TEST_F( LabTest, UntilShortensTheRunAndSkipsLaterEvents ) {
@@ -259,8 +126,7 @@ TEST_F( LabTest, UntilShortensTheRunAndSkipsLaterEvents ) {
    const Report r = runScenario( defaultScenario(), o );
    EXPECT_DOUBLE_EQ( r.snapshot( "end" )->time, 150.0 );
    EXPECT_FALSE( r.snapshot( "after-failover" ) );
-   EXPECT_FALSE( firstEvent( r, "r1", "down", "198.18.1.3" ) ) << "the hold time has not run out at 150 s";
-   EXPECT_EQ( drOf( *r.snapshot( "end" ), "r1" ), "198.18.1.3" );
+   EXPECT_EQ( drOf( *r.snapshot( "end" ), "r1" ), "198.18.1.3" ) << "r3's hold time has not run out at 150 s";
 }
 
 TEST_F( LabTest, ScenarioFilesAreCheckedAndRoundTrip ) {
