@@ -3,6 +3,7 @@
 // sets, secondary addresses, and every way an interface stops being PIM.
 #include "ConfigSmFixture.h"
 
+#include <functional>
 #include <limits>
 #include <optional>
 #include <tuple>
@@ -143,25 +144,21 @@ TEST_F( ConfigSmIntfTest, BfdFollowsTheVrfDefaultUnlessConfigured ) {
    auto vrfConfig = configColl->vrfConfig( L3::VrfName( "default" ) );
    intfConfigIs( "Ethernet1", pimModeSparse );
    auto c2 = intfConfigIs( "Ethernet2", pimModeSparse );
-   c2->bfdIs( intfBfdDisabled );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" )->bfdEnabled() );
-
-   vrfConfig->bfdIntfDefaultIs( true );
-   ASSERT_TRUE( settle() );
-   EXPECT_TRUE( pimIntf( "default", "Ethernet1" )->bfdEnabled() ) << "follows the VRF default";
-   EXPECT_FALSE( pimIntf( "default", "Ethernet2" )->bfdEnabled() ) << "explicitly disabled";
-
-   c2->bfdIs( intfBfdEnabled );
-   vrfConfig->bfdIntfDefaultIs( false );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" )->bfdEnabled() );
-   EXPECT_TRUE( pimIntf( "default", "Ethernet2" )->bfdEnabled() );
-
-   // An unknown setting leaves the value as it is.
-   c2->bfdIs( static_cast< IntfBfd >( 7 ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_TRUE( pimIntf( "default", "Ethernet2" )->bfdEnabled() );
+   // VRF default, Ethernet2's setting (Ethernet1 has none), then both results;
+   // an unknown setting leaves the value as it is.
+   const std::tuple< bool, IntfBfd, bool, bool > steps[] = {
+      { false, intfBfdDisabled, false, false },
+      { true, intfBfdDisabled, true, false },
+      { false, intfBfdEnabled, false, true },
+      { false, static_cast< IntfBfd >( 7 ), false, true },
+   };
+   for( const auto & [ vrfDefault, setting, want1, want2 ] : steps ) {
+      vrfConfig->bfdIntfDefaultIs( vrfDefault );
+      c2->bfdIs( setting );
+      ASSERT_TRUE( settle() );
+      const auto bfd = [ & ]( const char * name ) { return pimIntf( "default", name )->bfdEnabled(); };
+      EXPECT_EQ( std::pair( bfd( "Ethernet1" ), bfd( "Ethernet2" ) ), std::pair( want1, want2 ) ) << int( setting );
+   }
 }
 
 TEST_F( ConfigSmIntfTest, ReliableTransportCapabilityNeedsAConnectionAddress ) {
@@ -210,32 +207,27 @@ TEST_F( ConfigSmIntfTest, WaysAnInterfaceStopsBeingPim ) {
    auto intf1 = pimIntf( "default", "Ethernet1" );
    ASSERT_TRUE( intf1 && pimIntf( "default", "Ethernet2" ) );
 
-   // Address 0.0.0.0: deleted, after being disabled.
-   ipStatus->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "0.0.0.0/0" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) || inSparseSet( "default", "Ethernet1" ) );
+   // Address 0.0.0.0 (disabled first), multicast routing off in the VRF,
+   // configuration removed, interface gone from the IP status: each removes
+   // the interface, and undoing the first two brings it back.
+   const std::tuple< const char *, std::function< void() >, std::function< void() > > ways[] = {
+      { "Ethernet1", [ & ] { ipStatus->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "0.0.0.0/0" ) ); },
+        [ & ] { ipStatus->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.1.1/24" ) ); } },
+      { "Ethernet1", [ & ] { vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), false ); },
+        [ & ] { vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), true ); } },
+      { "Ethernet1", [ & ] { configColl->intfConfigDel( Lumo::IntfId( "Ethernet1" ) ); }, nullptr },
+      { "Ethernet2", [ & ] { ipStatus->intfDel( Lumo::IntfId( "Ethernet2" ) ); }, nullptr },
+   };
+   for( const auto & [ name, stop, undo ] : ways ) {
+      stop();
+      ASSERT_TRUE( settle() );
+      EXPECT_FALSE( pimIntf( "default", name ) || inSparseSet( "default", name ) ) << name;
+      if( !undo ) continue;
+      undo();
+      ASSERT_TRUE( settle() );
+      ASSERT_TRUE( pimIntf( "default", name ) );
+   }
    EXPECT_FALSE( intf1->enabled() ) << "disabled before removal";
-   ipStatus->intfPrimaryIs( Lumo::IntfId( "Ethernet1" ), ipm( "198.18.1.1/24" ) );
-   ASSERT_TRUE( settle() );
-   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
-
-   // Multicast routing disabled in the VRF.
-   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), false );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
-   vrfEnabledStatus->vrfIs( L3::VrfName( "default" ), true );
-   ASSERT_TRUE( settle() );
-   ASSERT_TRUE( pimIntf( "default", "Ethernet1" ) );
-
-   // Configuration removed.
-   configColl->intfConfigDel( Lumo::IntfId( "Ethernet1" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet1" ) );
-
-   // Interface gone from the IP status.
-   ipStatus->intfDel( Lumo::IntfId( "Ethernet2" ) );
-   ASSERT_TRUE( settle() );
-   EXPECT_FALSE( pimIntf( "default", "Ethernet2" ) );
 
    // An interface in a VRF with multicast routing but no PIM configuration,
    // then one the VRF agent does not know (yet).
