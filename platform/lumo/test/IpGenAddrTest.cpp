@@ -209,7 +209,6 @@ TEST( IpGenAddrWithMaskTest, OutOfRangeValuesAreRefusedWithTheirFixedTexts ) {
       { [] { IpGenPrefix::masked( addr( "::1" ), 200 ); }, "IpGenPrefix::len > 128 not allowed" },
    };
    for( const auto & [ f, text ] : cases ) EXPECT_EQ( rangeErrorText( f ), text );
-   EXPECT_EQ( IpGenAddrWithMask( addr( "2001:db8::1" ), 128 ).maskLen(), 128u );
 }
 
 TEST( IpGenAddrWithMaskTest, SubnetAndMaskedClearHostBits ) {
@@ -227,20 +226,6 @@ TEST( IpGenAddrWithMaskTest, SubnetAndMaskedClearHostBits ) {
       EXPECT_EQ( a.subnet(), prefix( subnet ) ) << text;
       // The factory clears host bits instead of throwing.
       EXPECT_EQ( IpGenPrefix::masked( a.address(), a.maskLen() ), prefix( subnet ) ) << text;
-   }
-}
-
-TEST( IpGenPrefixTest, ValidAsPrefix ) {
-   const std::tuple< const char *, unsigned, bool > cases[] = {
-      { "198.18.0.0", 15, true },  { "198.18.0.0", 14, false },   // 198.18 is odd in /14
-      { "198.18.0.1", 32, true },  { "198.18.0.1", 31, false },   { "0.0.0.0", 0, true },
-      { "128.0.0.0", 0, false },   { "128.0.0.0", 1, true },      { "0.0.0.0", 33, false },
-      { "2001:db8::", 32, true },  { "2001:db8::", 28, false },   { "2001:db8:0:0:8000::", 65, true },
-      { "2001:db8:0:0:8000::", 64, false }, { "2001:db8::1", 128, true }, { "2001:db8::1", 127, false },
-      { "::", 129, false },        { "", 0, true },               { "", 1, false },
-   };
-   for( const auto & [ text, len, valid ] : cases ) {
-      EXPECT_EQ( IpGenPrefix::validAsPrefix( *text ? addr( text ) : IpGenAddr(), len ), valid ) << text << "/" << len;
    }
 }
 
@@ -266,7 +251,6 @@ TEST( IpGenPrefixTest, ContainsMatchesABitByBitReference ) {
          ASSERT_TRUE( p.contains( base ) ) << p;
          ASSERT_EQ( p.contains( other ), same ) << p << " " << other;
          ASSERT_EQ( IpGenAddrWithMask( base, len ).contains( other ), same ) << p << " " << other;
-         ASSERT_EQ( same, len <= flip );
       }
    }
 }
@@ -289,8 +273,13 @@ TEST( IpGenPrefixTest, TextFormsRefuseHostBits ) {
    LumoTest::expectTextForms< IpGenPrefix >( prefix( "198.18.0.0/15" ), {
       { "198.18.0.0/15", "198.18.0.0/15" }, { "0.0.0.0/0", "0.0.0.0/0" }, { "198.18.0.1/32", "198.18.0.1/32" },
       { "2001:0DB8:0:0::/32", "2001:db8::/32" }, { "::/0", "::/0" }, { "2001:db8::1/128", "2001:db8::1/128" },
-      { "ff00::/8", "ff00::/8" }, { "", "" },
+      { "ff00::/8", "ff00::/8" }, { "", "" }, { "128.0.0.0/1", "128.0.0.0/1" },
+      { "2001:db8:0:0:8000::/65", "2001:db8:0:0:8000::/65" },
       { "198.18.0.1/24", nullptr }, { "2001:db8::1/64", nullptr }, { "198.18.0.0/33", nullptr },
+      // Host bits just past the length, also inside a byte: 198.18 is odd in /14.
+      { "198.18.0.0/14", nullptr }, { "198.18.0.1/31", nullptr }, { "128.0.0.0/0", nullptr },
+      { "2001:db8::/28", nullptr }, { "2001:db8:0:0:8000::/64", nullptr }, { "2001:db8::1/127", nullptr },
+      { "::/129", nullptr },
       { "198.18.0.0", nullptr }, { "/0", nullptr }, { "198.18.0.0/15x", nullptr, 13 },
    } );
    EXPECT_EQ( rangeErrorText( [] { prefix( "198.18.0.1/24" ); } ),
