@@ -56,7 +56,7 @@ TEST( ScenarioHelloRxValidation, EmptyUnknownOrModeMismatchedHellosNeitherCreate
    f.vrf.rx->intfIdIs( eth1 );
    f.vrf.rx->countInc( 1 );
    f.runUntilIdle();
-   f.receive( ethernet( 9 ), hello( "198.18.0.2" ).bidirCapable() );
+   f.receive( Lumo::IntfId( "Ethernet9" ), hello( "198.18.0.2" ).bidirCapable() );
    EXPECT_EQ( intf->neighborSize(), 0u );
 
    f.at( 5.0 );

@@ -126,7 +126,7 @@ TEST( ScenarioHelloTx, AddressChangeAndDisablingSendGoodbyes ) {
    EngineFixture f;
    Bridging::MacAddr mac;
    mac.bytes = { 0x02, 0x00, 0x5e, 0x10, 0x20, 0x30 };
-   f.startRouterId( mac );
+   f.vrf.routerIdIs( mac );
    auto intf = f.startIntf( eth1, "198.18.0.1/24" );
    auto bidir = f.startIntf( eth2, "198.18.1.1/24",
                              { .mode = pimModeSparseBidir, .secondary = { ip( "198.18.1.200" ) }, .ifIndex = 12 } );

@@ -25,7 +25,8 @@ Kiv::Ptr< Neighbor > leftBehind( Intf & intf, const char * a, double last, DrPri
 // the bridge MAC) and the kernel's ifIndex.
 TEST( ScenarioKernelAndStartup, MachineExistsWhileTheKernelKnowsTheInterfaceAndItsIdFollowsTheBridgeMac ) {
    EngineFixture f;
-   f.startRouterId( mac( 0x5e, 0x10, 0x20, 0x30 ) );
+   f.vrf.routerIdIs( mac( 0x5e, 0x10, 0x20, 0x30 ) );
+   f.runUntilIdle();
    EXPECT_EQ( f.vrf.routerIdInfo->routerId(), 0x5E102030u );
    auto intf = f.addIntf( eth1, "198.18.0.1/24", { .kernelKnown = false } );
    f.startIntf( eth2, "198.18.1.1/24", { .ifIndex = 22 } );
