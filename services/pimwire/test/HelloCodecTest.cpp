@@ -40,11 +40,9 @@ Endpoints endpoints( Family f ) {
 class Raw {
  public:
    explicit Raw( std::uint8_t verType = 0x20 ) : bytes_{ verType, 0, 0, 0 } {}
-   Raw & option( std::uint16_t type, std::vector< std::uint8_t > value ) {
-      return optionWithLength( type, std::uint16_t( value.size() ), value );
-   }
-   Raw & optionWithLength( std::uint16_t type, std::uint16_t len,
-                           const std::vector< std::uint8_t > & value ) {
+   // The length field says `len` if given, else the value's size.
+   Raw & option( std::uint16_t type, std::vector< std::uint8_t > value, int len = -1 ) {
+      if ( len < 0 ) len = int( value.size() );
       append( { std::uint8_t( type >> 8 ), std::uint8_t( type ), std::uint8_t( len >> 8 ), std::uint8_t( len ) } );
       return append( value );
    }
@@ -201,13 +199,6 @@ TEST( Reject, EachMalformationHasItsReason ) {
    auto good = Raw().option( 1, holdtime105() ).sealed( e );
    auto good6 = Raw().option( 1, holdtime105() ).sealed( e6 );
    ASSERT_TRUE( decode( good, e ).ok() && decode( good6, e6 ).ok() );
-   auto with = []( Endpoints ep, Family f, const char * src, const char * dst ) {
-      ep.family = f;
-      if ( src ) ep.src = ip( src );
-      if ( dst ) ep.dst = ip( dst );
-      return ep;
-   };
-
    struct Case {
       const char * what;
       std::vector< std::uint8_t > bytes;
@@ -227,17 +218,17 @@ TEST( Reject, EachMalformationHasItsReason ) {
       { "no pseudo-header", good, e6, RejectReason::badChecksum },
       { "option header cut", Raw().option( 1, holdtime105() ).append( { 0x00, 0x13, 0x00 } ).sealed( e ),
         e, RejectReason::optionOverrun },
-      { "value past the end", Raw().optionWithLength( 19, 4, { 0, 0, 1 } ).sealed( e ), e,
+      { "value past the end", Raw().option( 19, { 0, 0, 1 }, 4 ).sealed( e ), e,
         RejectReason::optionOverrun },
-      { "huge length", Raw().optionWithLength( 24, 0xffff, { 1, 0, 198, 18, 0, 2 } ).sealed( e ), e,
+      { "huge length", Raw().option( 24, { 1, 0, 198, 18, 0, 2 }, 0xffff ).sealed( e ), e,
         RejectReason::optionOverrun },
       // The IPv6 checksum covers both addresses.
-      { "other IPv6 source", good6, with( e6, Family::ipv6, "fe80::2", nullptr ), RejectReason::badChecksum },
-      { "other IPv6 group", good6, with( e6, Family::ipv6, nullptr, "ff02::e" ), RejectReason::badChecksum },
+      { "other IPv6 source", good6, { e6.family, ip( "fe80::2" ), e6.dst, {} }, RejectReason::badChecksum },
+      { "other IPv6 group", good6, { e6.family, e6.src, ip( "ff02::e" ), {} }, RejectReason::badChecksum },
       // The family and both addresses must agree.
-      { "no family", good, with( e, Family::none, nullptr, nullptr ), RejectReason::badFamily },
-      { "IPv6 group", good, with( e, Family::ipv4, nullptr, "ff02::d" ), RejectReason::badFamily },
-      { "IPv4 addresses", good, with( e, Family::ipv6, nullptr, nullptr ), RejectReason::badFamily },
+      { "no family", good, { Family::none, e.src, e.dst, {} }, RejectReason::badFamily },
+      { "IPv6 group", good, { e.family, e.src, ip( "ff02::d" ), {} }, RejectReason::badFamily },
+      { "IPv4 addresses", good, { Family::ipv6, e.src, e.dst, {} }, RejectReason::badFamily },
    };
    for ( const Case & c : cases ) {
       DecodeResult r = decode( c.bytes, c.ep );
