@@ -214,8 +214,7 @@ std::uint32_t bitwiseCrc32( std::uint32_t crc, const std::uint8_t * p, std::size
 }
 
 TEST( RundleCrcTest, IsTheStandardCrc32AtEveryLengthAlignmentAndSplit ) {
-   const char * check = "123456789";
-   EXPECT_EQ( Rundle::Format::crc32( 0, check, 9 ), 0xCBF43926u );
+   EXPECT_EQ( Rundle::Format::crc32( 0, "123456789", 9 ), 0xCBF43926u );
 
    std::mt19937 gen( 11 );
    std::vector< std::uint8_t > bytes( 300 );
