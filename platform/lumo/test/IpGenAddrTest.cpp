@@ -1,7 +1,6 @@
 // Lumo::IpGenAddr, AddressFamily, IpGenAddrWithMask and IpGenPrefix: text
 // forms, order, hash, containment and the accessors the PIM code leans on.
 #include <algorithm>
-#include <array>
 #include <functional>
 #include <random>
 #include <set>

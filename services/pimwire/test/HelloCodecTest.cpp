@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
