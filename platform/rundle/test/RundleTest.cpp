@@ -116,8 +116,7 @@ TEST_F( RundleTest, LongRecordsAreTruncatedOrDropped ) {
    EXPECT_EQ( std::tuple( texts( r ), r.records[ 0 ].truncated, r.records[ 1 ].truncated, Rundle::stats().truncated ),
               std::tuple( std::vector< std::string >{ std::string( 32, 'a' ), std::string( 32, 'b' ) }, false, true, 1u ) );
    // Source locations are cut to 24 bytes: the tail of the file name.
-   EXPECT_LE( r.records[ 0 ].file.size(), 24u );
-   EXPECT_EQ( r.records[ 0 ].file.substr( r.records[ 0 ].file.size() - 14 ), "RundleTest.cpp" );
+   EXPECT_EQ( r.records[ 0 ].file, std::string( __FILE__ ).substr( std::strlen( __FILE__ ) - 24 ) );
    EXPECT_EQ( r.records[ 0 ].function, "TestBody" );
 
    ASSERT_TRUE( Rundle::initialize( "", { 4 }, nullptr, 0, 0, false, false, 32 ) );
@@ -197,8 +196,7 @@ TEST_F( RundleTest, DamagedRecordsAreSkippedAndDamagedHeadersRejected ) {
    // One ring pointing outside the image: the other is still read.
    const std::uint64_t far = ~std::uint64_t{ 0 } - 4;
    const auto r = damaged( sizeof( Rundle::Format::FileHeader ), &far, sizeof far );
-   EXPECT_TRUE( r.ok );
-   EXPECT_FALSE( r.error.empty() );
+   EXPECT_TRUE( r.ok && !r.error.empty() );
    EXPECT_EQ( texts( r ), ( std::vector< std::string >{ "one", "bravo", "charlie" } ) );
 }
 
