@@ -391,7 +391,6 @@ TEST_F( FrameworkTest, ReactorMapBuildsOncePerKeyAndHandsOver ) {
    // A reactor taken out still lives until its new holder lets it go.
    std::unique_ptr< KivNbr > taken = map.take( "a" );
    ASSERT_TRUE( taken );
-   EXPECT_FALSE( map.contains( "a" ) );
    EXPECT_EQ( map.take( "a" ), nullptr );
    a->holdTimeIs( 1 );
    ASSERT_TRUE( loop_.runUntilIdle() );
