@@ -151,8 +151,6 @@ TEST( LogRate, MinIntervalSuppressesRepeatsAndCountsThem ) {
    std::vector< std::string > texts;
    for( const auto & m : capture.messages() ) texts.push_back( m.text );
    EXPECT_EQ( texts, ( std::vector< std::string >{ "tick 1", "tick 4 (2 similar messages suppressed)", "tick 5" } ) );
-   EXPECT_EQ( h.suppressed(), 2u );
-   EXPECT_EQ( h.emitted(), 3u );
 }
 
 TEST( LogRate, RateIsATokenBucket ) {
@@ -170,11 +168,6 @@ TEST( LogRate, RateIsATokenBucket ) {
    loop.clock().nowIs( 100.0 );  // the bucket never holds more than its size
    for( int i = 0; i < 5; ++i ) h.log();
    EXPECT_EQ( capture.count( "TEST_RATE" ), 5u );
-
-   Kiv::LogHandle exempt( "TEST_EXEMPT", Kiv::LogInfo, "m", "", Kiv::NoActionRequired, 60.0, 0.1,
-                          Kiv::LogFlagNoRateLimit );
-   for( int i = 0; i < 50; ++i ) exempt.log();
-   EXPECT_EQ( capture.count( "TEST_EXEMPT" ), 50u );
 }
 
 TEST( LogSink, CaptureTakesMessagesAwayFromStderr ) {

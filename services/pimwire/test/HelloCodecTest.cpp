@@ -57,8 +57,6 @@ class Raw {
    std::vector< std::uint8_t > bytes_;
 };
 
-std::vector< std::uint8_t > holdtime105() { return { 0x00, 0x69 }; }
-
 std::vector< std::uint8_t > encodedAddr( const Addr & a ) {
    std::vector< std::uint8_t > v{ std::uint8_t( a.family ), 0 };
    for ( std::size_t i = 0; i < a.size(); ++i ) v.push_back( a.bytes[ i ] );
@@ -194,8 +192,8 @@ TEST( Encode, LongAddressListIsSplitAcrossOptionsThenDeduplicatedAndCapped ) {
 TEST( Reject, EachMalformationHasItsReason ) {
    const Endpoints e = endpoints( Family::ipv4 );
    const Endpoints e6 = endpoints( Family::ipv6 );
-   auto good = Raw().option( 1, holdtime105() ).sealed( e );
-   auto good6 = Raw().option( 1, holdtime105() ).sealed( e6 );
+   auto good = Raw().option( 1, { 0, 105 } ).sealed( e );
+   auto good6 = Raw().option( 1, { 0, 105 } ).sealed( e6 );
    ASSERT_TRUE( decode( good, e ).ok() && decode( good6, e6 ).ok() );
    struct Case {
       const char * what;
@@ -206,7 +204,7 @@ TEST( Reject, EachMalformationHasItsReason ) {
    std::vector< Case > cases = {
       { "empty", {}, e, RejectReason::tooShort },
       { "three bytes", { 0x20, 0, 0 }, e, RejectReason::tooShort },
-      { "version 1", Raw( 0x10 ).option( 1, holdtime105() ).sealed( e ), e, RejectReason::badVersion },
+      { "version 1", Raw( 0x10 ).option( 1, { 0, 105 } ).sealed( e ), e, RejectReason::badVersion },
       { "version 3", Raw( 0x30 ).sealed( e ), e, RejectReason::badVersion },
       { "join/prune", Raw( 0x23 ).sealed( e ), e, RejectReason::notHello },
       { "assert", Raw( 0x25 ).sealed( e ), e, RejectReason::notHello },
@@ -214,7 +212,7 @@ TEST( Reject, EachMalformationHasItsReason ) {
       { "zero checksum", [ & ] { auto b = good; b[ 2 ] = b[ 3 ] = 0; return b; }(), e, RejectReason::badChecksum },
       // An IPv4 checksum is wrong over IPv6: the pseudo-header counts there.
       { "no pseudo-header", good, e6, RejectReason::badChecksum },
-      { "option header cut", Raw().option( 1, holdtime105() ).append( { 0x00, 0x13, 0x00 } ).sealed( e ),
+      { "option header cut", Raw().option( 1, { 0, 105 } ).append( { 0x00, 0x13, 0x00 } ).sealed( e ),
         e, RejectReason::optionOverrun },
       { "value past the end", Raw().option( 19, { 0, 0, 1 }, 4 ).sealed( e ), e,
         RejectReason::optionOverrun },
@@ -261,7 +259,7 @@ TEST_P( Lenient, SkippedPartsAreCountedAndTheRestKept ) {
    want.holdtime = 105;
    want.generationId = 0x12345678;
    const auto wrong = [ & ]( std::uint16_t type, std::vector< std::uint8_t > value ) {
-      return Raw().option( type, value ).option( 1, holdtime105() ).option( 20, { 0x12, 0x34, 0x56, 0x78 } ).sealed( e );
+      return Raw().option( type, value ).option( 1, { 0, 105 } ).option( 20, { 0x12, 0x34, 0x56, 0x78 } ).sealed( e );
    };
    const DecodeStats badLength{ 3, 0, 1, 0, 0, 0, 0, 0 };
    const auto isWant = [ & ]( const Hello & h ) { EXPECT_EQ( h, want ) << h; };
