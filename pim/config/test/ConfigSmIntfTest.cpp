@@ -9,8 +9,6 @@
 #include <tuple>
 #include <utility>
 
-#include "kiv/RangeException.h"
-
 namespace PimConfigTest {
 namespace {
 
@@ -116,8 +114,7 @@ TEST_F( ConfigSmIntfTest, ConfigurationAndRequestsMapToModeAndMembership ) {
       auto intf = pimIntf( "default", "Ethernet1" );
       ASSERT_EQ( bool( intf ), r.exists );
       if( intf ) {
-         EXPECT_EQ( intf->mode(), r.mode );
-         EXPECT_EQ( intf->borderRouter(), r.border );
+         EXPECT_EQ( std::pair( intf->mode(), intf->borderRouter() ), std::pair( r.mode, r.border ) );
       }
       EXPECT_EQ( std::pair( inSparseSet( "default", "Ethernet1" ), inSparseSet( "default", "Ethernet1", true ) ),
                  std::pair( r.sparse, r.bidir ) );

@@ -103,8 +103,8 @@ TEST_F( RundleTest, EachLevelHasItsOwnRing ) {
    const auto r = Rundle::records();
    ASSERT_FALSE( r.records.empty() );
    const auto & first = r.records.front(), & last = r.records.back();
-   EXPECT_EQ( std::tuple( first.text, first.ring ), std::tuple( "rare event", 0 ) );
-   EXPECT_EQ( std::tuple( last.text, last.ring, last.level ), std::tuple( "beyond the last ring", 1, 7 ) );
+   EXPECT_EQ( std::tuple( first.text, first.ring, last.text, last.ring, last.level ),
+              std::tuple( "rare event", 0, "beyond the last ring", 1, 7 ) );
 }
 
 TEST_F( RundleTest, LongRecordsAreTruncatedOrDropped ) {
