@@ -154,9 +154,6 @@ class EngineFixture {
       loop_.manager().randomIs( &loop_.random() );
    }
 
-   EngineFixture( const EngineFixture & ) = delete;
-   EngineFixture & operator=( const EngineFixture & ) = delete;
-
    double t0() const { return t0_; }
    double now() const { return loop_.now(); }
    void runUntilIdle() { EXPECT_TRUE( loop_.runUntilIdle() ) << "notification ping-pong"; }

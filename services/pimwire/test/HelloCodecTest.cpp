@@ -245,8 +245,7 @@ TEST_P( Lenient, SkippedPartsAreCountedAndTheRestKept ) {
       return v;
    };
    const auto good = encodedAddr( e.src );
-   auto truncated = good;
-   truncated.pop_back();
+   const std::vector< std::uint8_t > truncated( good.begin(), good.end() - 1 );
    auto badEncoding = good;
    badEncoding[ 1 ] = 1;
    Addr mine = e.src;
