@@ -33,6 +33,7 @@ limit=${MUTATE_TIMEOUT:-300}
 binaries_for() {
    if [[ -n ${MUTATE_BINARIES:-} ]]; then echo "$MUTATE_BINARIES"; return; fi
    case $1 in
+      pim/status/*) echo "pim_status_test pim_config_test pimlab_test" ;;
       pim/*) echo "pim_hello_test pim_config_test pimlab_test" ;;
       platform/kiv/* | platform/tolm/*) echo "kiv_test tolm_test pim_hello_test" ;;
       services/pimwire/*) echo "pimwire_test services_test pimlab_test" ;;
