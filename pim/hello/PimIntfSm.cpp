@@ -131,8 +131,7 @@ void IntfSm::handleInitialized() {
       active_.insert( addr, n->drPriorityOption(), n->lanPruneDelayOption() );
    } );
    updateDr();
-   updatePropagationDelay();
-   updateOverrideInterval();
+   updateLanPruneDelay();
    updateTBit();
    updateInterfaceIdOption();
    for( auto it = intf_->inactiveBfdNeighborIter(); it; ++it ) {
@@ -230,8 +229,7 @@ void IntfSm::handleActiveNeighbor( const Lumo::IpGenAddr & addr ) {
       // Incremental only, also when this neighbour switches the interface
       // to address-only mode.
       updateDr( addr, dr.value, intf_->usedDr() == addr );
-      updatePropagationDelay();
-      updateOverrideInterval();
+      updateLanPruneDelay();
       updateTBit();
       neighborEventTriggeredHelloIs( true );
       intf_->triggeredHelloIs( true );
@@ -246,8 +244,7 @@ void IntfSm::handleActiveNeighbor( const Lumo::IpGenAddr & addr ) {
    if( !active_.erase( addr ) ) return;
    // In address-only mode a departing non-DR cannot change the result.
    if( intf_->usedDr() == addr || neighborNotUsingDrPriority() == 0 ) updateDr();
-   updatePropagationDelay();
-   updateOverrideInterval();
+   updateLanPruneDelay();
    updateTBit();
 }
 

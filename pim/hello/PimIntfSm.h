@@ -94,12 +94,10 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
    void handleActiveNeighbor( const Lumo::IpGenAddr & addr );
    void handleInactiveBfdNeighbor( const Lumo::IpGenAddr & addr );
    void handleBfdEnabled();
-   void handlePropagationDelay();
-   void handleOverrideInterval();
    void handlePort();
    void handleRouterId();
-   void updatePropagationDelay();
-   void updateOverrideInterval();
+   // The used propagation delay, then the used override interval.
+   void updateLanPruneDelay();
    void updateTBit();
    void updateInterfaceIdOption();
    void addBfd( const Lumo::IpGenAddr & addr );
@@ -132,8 +130,8 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
       }
       void onUsedDr() override { owner_->handleUsedDr(); }
       void onTriggeredHello() override { owner_->handleTriggeredHello(); }
-      void onPropagationDelay() override { owner_->handlePropagationDelay(); }
-      void onOverrideInterval() override { owner_->handleOverrideInterval(); }
+      void onPropagationDelay() override { owner_->handleLanPruneField( kPropagationDelayField ); }
+      void onOverrideInterval() override { owner_->handleLanPruneField( kOverrideIntervalField ); }
    };
    class KivRouterIdInfo : public Kiv::OwnedReactor< RouterIdInfo::NotifieeConst, IntfSm > {
     public:
@@ -158,7 +156,6 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
    static const LanPruneField kPropagationDelayField;
    static const LanPruneField kOverrideIntervalField;
    void handleLanPruneField( const LanPruneField & field );
-   void updateLanPruneField( const LanPruneField & field );
 
    ActiveNeighbors active_;
    const Lumo::IntfId intfId_;

@@ -103,33 +103,29 @@ void IntfSm::handleBfdEnabled() {
 
 // The two fields of the LAN prune delay are used alike; this names one.
 struct IntfSm::LanPruneField {
-   const char * Name;   // as a trace sentence starts with it
+   const char * handleFn;   // the entry trace of a change of the own value
+   const char * updateFn;   // the entry trace of a full update
+   const char * Name;       // as a trace sentence starts with it
    const char * name;
    const std::uint16_t & ( Intf::*own )() const;
    const std::uint16_t & ( Intf::*used )() const;
    bool ( Intf::*usedIs )( const std::uint16_t & );
    std::uint16_t ( ActiveNeighbors::*neighborsMax )() const;
+   std::uint16_t LanPruneDelayOption::*advertised;
    std::uint16_t fallback;   // used while an active neighbour lacks the option
 };
 
 const IntfSm::LanPruneField IntfSm::kPropagationDelayField{
-   "Propagation delay", "propagation delay", &Intf::propagationDelay, &Intf::usedPropagationDelay,
-   &Intf::usedPropagationDelayIs, &ActiveNeighbors::maxPropagationDelay, kPropagationDelayDefault };
+   "handlePropagationDelay", "updatePropagationDelay", "Propagation delay", "propagation delay",
+   &Intf::propagationDelay, &Intf::usedPropagationDelay, &Intf::usedPropagationDelayIs,
+   &ActiveNeighbors::maxPropagationDelay, &LanPruneDelayOption::propagationDelay, kPropagationDelayDefault };
 const IntfSm::LanPruneField IntfSm::kOverrideIntervalField{
-   "Override interval", "override interval", &Intf::overrideInterval, &Intf::usedOverrideInterval,
-   &Intf::usedOverrideIntervalIs, &ActiveNeighbors::maxOverrideInterval, kOverrideIntervalDefault };
-
-void IntfSm::handlePropagationDelay() {
-   ITRACE( 8, "handlePropagationDelay" << "()" );
-   handleLanPruneField( kPropagationDelayField );
-}
-
-void IntfSm::handleOverrideInterval() {
-   ITRACE( 8, "handleOverrideInterval" << "()" );
-   handleLanPruneField( kOverrideIntervalField );
-}
+   "handleOverrideInterval", "updateOverrideInterval", "Override interval", "override interval",
+   &Intf::overrideInterval, &Intf::usedOverrideInterval, &Intf::usedOverrideIntervalIs,
+   &ActiveNeighbors::maxOverrideInterval, &LanPruneDelayOption::overrideInterval, kOverrideIntervalDefault };
 
 void IntfSm::handleLanPruneField( const LanPruneField & field ) {
+   ITRACE( 8, field.handleFn << "()" );
    if( !initialized() ) return;
    const std::uint16_t own = ( *intf_.*field.own )();
    ITRACE( 7, field.Name << " changed to " << own << " for interface " << intfId_ );
@@ -140,24 +136,17 @@ void IntfSm::handleLanPruneField( const LanPruneField & field ) {
    ITRACE( 7, "Updated used " << field.name << " for interface " << intfId_ << " to " << own );
 }
 
-void IntfSm::updatePropagationDelay() {
-   ITRACE( 8, "updatePropagationDelay" << "()" );
-   updateLanPruneField( kPropagationDelayField );
-}
-
-void IntfSm::updateOverrideInterval() {
-   ITRACE( 8, "updateOverrideInterval" << "()" );
-   updateLanPruneField( kOverrideIntervalField );
-}
-
-void IntfSm::updateLanPruneField( const LanPruneField & field ) {
-   if( !intf_ ) return;
-   std::uint16_t value = field.fallback;
-   if( neighborNotUsingLanPrune() == 0 ) {
-      value = std::max( ( *intf_.*field.own )(), ( active_.*field.neighborsMax )() );
+void IntfSm::updateLanPruneDelay() {
+   for( const LanPruneField * field : { &kPropagationDelayField, &kOverrideIntervalField } ) {
+      ITRACE( 8, field->updateFn << "()" );
+      if( !intf_ ) continue;
+      std::uint16_t value = field->fallback;
+      if( neighborNotUsingLanPrune() == 0 ) {
+         value = std::max( ( *intf_.*field->own )(), ( active_.*field->neighborsMax )() );
+      }
+      ( *intf_.*field->usedIs )( value );
+      ITRACE( 7, "Updated used " << field->name << " for interface " << intfId_ << " to " << value );
    }
-   ( *intf_.*field.usedIs )( value );
-   ITRACE( 7, "Updated used " << field.name << " for interface " << intfId_ << " to " << value );
 }
 
 void IntfSm::updateTBit() {
@@ -230,8 +219,7 @@ bool IntfSm::neighborLanPruneDelayOptionIs( const Lumo::IpGenAddr & addr, const 
    const LanPruneDelayOption prev = counted->lanPrune;
    if( option.valid != prev.valid ) {
       active_.lanPruneDelayOptionIs( addr, option );
-      updatePropagationDelay();
-      updateOverrideInterval();
+      updateLanPruneDelay();
       if( option.tBit != prev.tBit ) updateTBit();
       return true;
    }
@@ -242,19 +230,13 @@ bool IntfSm::neighborLanPruneDelayOptionIs( const Lumo::IpGenAddr & addr, const 
    if( neighborNotUsingLanPrune() != 0 ) return false;
    // Only increases apply here; a decrease waits for a full update. They are
    // reported with the neighbour's option change, under its facility.
-   if( option.propagationDelay != prev.propagationDelay &&
-       option.propagationDelay > intf_->usedPropagationDelay() ) {
-      intf_->usedPropagationDelayIs( option.propagationDelay );
+   for( const LanPruneField * field : { &kPropagationDelayField, &kOverrideIntervalField } ) {
+      const std::uint16_t value = option.*field->advertised;
+      if( value == prev.*field->advertised || value <= ( *intf_.*field->used )() ) continue;
+      ( *intf_.*field->usedIs )( value );
       KIV_TRACE( neighborTh(), 7, "<Vrf:" << inputs_.vrfName << ">"
-                                         << "Updated used propagation delay for interface " << intfId_
-                                         << " to " << option.propagationDelay );
-   }
-   if( option.overrideInterval != prev.overrideInterval &&
-       option.overrideInterval > intf_->usedOverrideInterval() ) {
-      intf_->usedOverrideIntervalIs( option.overrideInterval );
-      KIV_TRACE( neighborTh(), 7, "<Vrf:" << inputs_.vrfName << ">"
-                                         << "Updated used override interval for interface " << intfId_
-                                         << " to " << option.overrideInterval );
+                                         << "Updated used " << field->name << " for interface " << intfId_
+                                         << " to " << value );
    }
    active_.lanPruneDelayOptionIs( addr, option );
    if( option.tBit != prev.tBit ) updateTBit();
