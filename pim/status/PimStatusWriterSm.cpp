@@ -80,17 +80,10 @@ namespace {
 template< class K, class R, class Parent, class E >
 void followChild( Kiv::ReactorMap< K, R > & children, Parent * parent, const K & key,
                   const Kiv::Ptr< E > & entity ) {
-   R * existing = children.find( key );
-   if( entity ) {
-      if( existing && existing->notifier() == entity ) return;
-      if( existing ) {
-         existing->handleDel();
-         children.unbind( key );
-      }
-      children.insert( key, std::make_unique< R >( parent, entity ) ).handleNew();
-   } else if( existing ) {
-      children.take( key )->handleDel();
-   }
+   const R * existing = children.find( key );
+   if( existing && entity && existing->notifier() == entity ) return;
+   if( existing ) children.take( key )->handleDel();
+   if( entity ) children.insert( key, std::make_unique< R >( parent, entity ) ).handleNew();
 }
 
 // Every child takes its rows with it, in the order they came.
@@ -287,11 +280,6 @@ StatusWriterSm::KivAllStatus::KivAllStatus(
       : OwnedReactor( owner ) {
    notifierIs( s );
    for( auto it = s->pimIntfIter(); it; ++it ) handlePimIntf( it.key() );
-   // Drop what is no longer there (a no-op for a fresh writer, kept for the
-   // rebinding case).
-   intf_.forEach( [ & ]( const Lumo::IntfId & id, KivIntf & ) {
-      if( !s->pimIntfHas( id ) ) handlePimIntf( id );
-   } );
 }
 
 StatusWriterSm::KivAllStatus::~KivAllStatus() = default;
