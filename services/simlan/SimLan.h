@@ -31,6 +31,7 @@
 #include "services/pimio/MessageInfo.h"
 #include "tolm/TimerWheel.h"
 #include "kiv/OwnedReactor.h"
+#include "tolm/OwnedTimer.h"
 
 namespace SimLan {
 
@@ -162,11 +163,6 @@ class Endpoint {
       // Each send overwrites the mailbox, so it is taken inside the increment.
       void onCountkivImmediate() override { owner_->handleTx(); }
    };
-   class KivDeliveryTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, Endpoint > {
-    public:
-      using OwnedReactor::OwnedReactor;
-      void onTime() override { owner_->handleDeliveryTimer(); }
-   };
    struct Frame {
       Lumo::IntfId intfId;         // receiving interface
       const Segment * segment;
@@ -184,6 +180,7 @@ class Endpoint {
    void frameIs( Kiv::Seconds due, Frame frame );
    void lostIs() { ++counters_.rxLost; }
    void handleDeliveryTimer();
+   using KivDeliveryTimer = Tolm::OwnedTimer< Endpoint, &Endpoint::handleDeliveryTimer >;
    void deliver( const Frame & f );
    void armDeliveryTimer();
 

@@ -11,6 +11,7 @@
 #include "services/pimio/MessageInfo.h"
 #include "varn/shm/ShmTable.h"
 #include "kiv/OwnedReactor.h"
+#include "tolm/OwnedTimer.h"
 
 namespace PimLab {
 
@@ -67,21 +68,13 @@ struct Router::Pipeline {
            config( af, shmStore ? static_cast< KivVarn::TableStore & >( *shmStore ) : KivVarn::HeapTableStore::instance() ),
            bindTimer( r, r->wheel_.ptr() ), globalStatusReactor( r ) {}
 
-   // Re-binds the endpoint once the cascade that may have (re)created the
-   // VRF's container has settled: a timer due now fires before any Hello
-   // timer of the new machines can.
-   class KivBindTimer : public Kiv::OwnedReactor< Tolm::TimerWheel::NotifieeConst, Router > {
-    public:
-      using OwnedReactor::OwnedReactor;
-      void onTime() override { owner_->bindEndpoint(); }
-   };
+   using KivBindTimer = Tolm::OwnedTimer< Router, &Router::bindEndpoint >;
    // The VRF's PIM enablement decides whether a container exists.
    class KivGlobalStatus : public Kiv::OwnedReactor< GlobalStatus::NotifieeConst, Router > {
     public:
       using OwnedReactor::OwnedReactor;
-      void onPimEnabledSparseModeVrf( const L3::VrfName & ) override { rebind(); }
-      void onPimEnabledBidirVrf( const L3::VrfName & ) override { rebind(); }
-      void rebind() { owner_->pipeline_->bindTimer.timeMinIs( Kiv::System::currentTime() ); }
+      void onPimEnabledSparseModeVrf( const L3::VrfName & ) override { owner_->handlePimEnablement(); }
+      void onPimEnabledBidirVrf( const L3::VrfName & ) override { owner_->handlePimEnablement(); }
    };
 
    L3::VrfName vrfName{ Router::kVrf };
@@ -203,6 +196,10 @@ void Router::startPipeline() {
    const ConfigSmInputs in = c.inputs( p->kni, wheel_ );
    pipeline_ = std::move( p );
    pipeline_->configSm = configSmFactory( in );
+   handlePimEnablement();
+}
+
+void Router::handlePimEnablement() {
    pipeline_->bindTimer.timeMinIs( Kiv::System::currentTime() );
 }
 

@@ -80,6 +80,9 @@ class Router {
    void startPipeline();
    // Binds the endpoint to the PIM socket handle the VRF has now (pipeline).
    void bindEndpoint();
+   // Binds it once the cascade that may (re)create the VRF's container has
+   // settled: a timer due now fires before any Hello timer of new machines.
+   void handlePimEnablement();
    void endpointIs( const Kiv::Ptr< Routing::Pim::IO::PamManager > & pam );
    Kiv::Ptr< Routing::Pim::Intf > intf( const std::string & name ) const;
 
