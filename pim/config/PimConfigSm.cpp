@@ -211,9 +211,9 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
       CTRACE( 7, "updatePimIntf( " << intf << " ) vrf for intf doesn't exist " );
       return;
    }
-   if( !pimIntfEligible( *ip, vrf, intf ) ) return;
    const Kiv::Ptr< const IntfConfig > config = intfConfig( intf );
-   const std::optional< Mode > mode = effectivePimMode( intf, config.ptr() );
+   const std::optional< Mode > mode =
+      pimIntfEligible( *ip, vrf, intf ) ? effectivePimMode( intf, config.ptr() ) : std::nullopt;
    if( !mode ) {
       deletePimIntf( vrf, intf );
       return;
@@ -245,7 +245,7 @@ void ConfigSm::updatePimIntf( L3::VrfName vrf, const Lumo::IntfId & intf ) {
 }
 
 bool ConfigSm::pimIntfEligible( const IpGen::Status & ip, const L3::VrfName & vrf,
-                                const Lumo::IntfId & intf ) {
+                                const Lumo::IntfId & intf ) const {
    if( !ip.knowsIntf( intf ) ) {
       CTRACE( 7, "updatePimIntf( " << intf << " ), No ipStatus->intf " );
    } else if( !ip.hasVrfIntfStatus( vrf ) ) {
@@ -259,7 +259,6 @@ bool ConfigSm::pimIntfEligible( const IpGen::Status & ip, const L3::VrfName & vr
    } else {
       return true;
    }
-   deletePimIntf( vrf, intf );
    return false;
 }
 

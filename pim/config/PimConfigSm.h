@@ -317,8 +317,8 @@ class ConfigSm : public Kiv::StateMachine {
                       const std::function< void( bool ) > & take );
    // The steps of updatePimIntf.
    // Whether IP status, the VRF and multicast routing let the interface run
-   // PIM; if not, traced, and the interface goes.
-   bool pimIntfEligible( const IpGen::Status & ip, const L3::VrfName & vrf, const Lumo::IntfId & intf );
+   // PIM; the reason why not is traced.
+   bool pimIntfEligible( const IpGen::Status & ip, const L3::VrfName & vrf, const Lumo::IntfId & intf ) const;
    // The configuration merged with the applications' sparse-mode requests;
    // none (traced) when PIM does not run on the interface.
    std::optional< Mode > effectivePimMode( const Lumo::IntfId & intf, const IntfConfig * config ) const;
