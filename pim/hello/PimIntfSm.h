@@ -147,6 +147,8 @@ class IntfSm : public Kiv::StateMachine, public NeighborSmOwner {
    bool neighborLanPruneDelayOptionIs( const Lumo::IpGenAddr & addr, const LanPruneDelayOption & option ) override;
    void neighborBfdRecovered() override;
 
+   // A Hello has gone out in place of the pending triggered one.
+   void triggeredHelloSent();
    // This router's candidacy: its used address, priority 1 during reload.
    DrCandidate ownDrCandidate() const;
    // Start-up: neighbours whose BFD session is down become inactive.

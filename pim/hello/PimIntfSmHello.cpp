@@ -83,14 +83,8 @@ void IntfSm::handleHelloTimerExpiry() {
    if( !initialized() ) return;
    ITRACE( 6, "Hello timer expired for interface " << intfId_ );
    sendHelloMessage( intf_->helloHoldTime() );
-   if( intf_->triggeredHello() ) {
-      // The pending triggered Hello is covered by this one.
-      if( neighborEventTriggeredHello() ) {
-         ITRACE( 6, "Triggered hello for neighbor event for interface " << intfId_ );
-         intf_->triggeredHelloCountInc( 1 );
-      }
-      intf_->triggeredHelloIs( false );
-   }
+   // The pending triggered Hello is covered by this one.
+   if( intf_->triggeredHello() ) triggeredHelloSent();
    const std::uint16_t period = intf_->helloPeriod();
    armTimer( helloTimer_, Kiv::System::currentTime() + period );
    ITRACE( 6, "Hello timer started for interface " << intfId_ << " with expiry in " << period
@@ -102,6 +96,11 @@ void IntfSm::handleHelloTriggeredTimerExpiry() {
    if( !initialized() ) return;
    ITRACE( 6, "Triggered hello timer expired for interface " << intfId_ );
    sendHelloMessage( intf_->helloHoldTime() );
+   triggeredHelloSent();
+}
+
+void IntfSm::triggeredHelloSent() {
+   // Counted only when a neighbour's arrival or change asked for it.
    if( neighborEventTriggeredHello() ) {
       ITRACE( 6, "Triggered hello for neighbor event for interface " << intfId_ );
       intf_->triggeredHelloCountInc( 1 );
