@@ -26,26 +26,6 @@ Kiv::Ptr< Intf > intfOfPeer( const AllStatus & allStatus, const Lumo::IpGenAddr 
 #define GTRACE( level, expr ) \
    KIV_TRACE( th(), level, "<Vrf:" << inputs_.vrfName << ">" << expr )
 
-void GlobalIntfSm::KivPimAllStatus::onPimIntf( const Lumo::IntfId & id ) {
-   const Kiv::Ptr< const AllStatus > allStatus = notifier();
-   if( !allStatus ) return;
-   if( const Kiv::Ptr< Intf > intf = allStatus->pimIntf( id ) ) {
-      owner_->pimIntfIs( intf );
-   } else {
-      owner_->pimIntfDel( id );
-   }
-}
-
-void GlobalIntfSm::KivBfdPimAppStatus::onPeerStatus( const Bfd::Peer & peer ) {
-   const Kiv::Ptr< const Bfd::AppStatus > appStatus = notifier();
-   if( !appStatus ) return;
-   if( const Kiv::Ptr< Bfd::BfdPeerStatus > status = appStatus->peerStatus( peer ) ) {
-      owner_->peerStatusIs( status );
-   } else {
-      owner_->peerStatusDel( peer );
-   }
-}
-
 GlobalIntfSm::KivPimIntf::KivPimIntf( GlobalIntfSm * o, const Kiv::Ptr< const Intf > & intf )
       : KeyedReactor( o, intf->id() ) {
    kivOwnerIs( owner_ );
@@ -93,16 +73,21 @@ GlobalIntfSm::~GlobalIntfSm() {
 void GlobalIntfSm::pimIntfIs( const Kiv::Ptr< const Intf > & intf ) {
    if( !intf ) Kiv::throwNullParameter( "pimIntf", "Routing::Pim::GlobalIntfSm", "pimIntf" );
    const Lumo::IntfId id = intf->id();
-   if( const KivPimIntf * r = pimIntf_.find( id ) ) {
-      if( r->notifier() != intf ) {
-         // A new entity under the same name: its machine starts afresh.
-         handleDel( id );
-         pimIntf_.insert( id, std::make_unique< KivPimIntf >( this, intf ) );
-      }
-   } else {
+   const KivPimIntf * r = pimIntf_.find( id );
+   if( !r || r->notifier() != intf ) {
+      // A new entity under the same name: its machine starts afresh.
+      if( r ) handleDel( id );
       pimIntf_.insert( id, std::make_unique< KivPimIntf >( this, intf ) );
    }
    handleNew( id );
+}
+
+void GlobalIntfSm::handlePimIntf( const Lumo::IntfId & id ) {
+   if( const Kiv::Ptr< Intf > intf = allStatus_->pimIntf( id ) ) {
+      pimIntfIs( intf );
+   } else {
+      pimIntfDel( id );
+   }
 }
 
 void GlobalIntfSm::pimIntfDel( const Lumo::IntfId & id ) {
@@ -129,6 +114,14 @@ void GlobalIntfSm::peerStatusIs( const Kiv::Ptr< const Bfd::BfdPeerStatus > & pe
 
 void GlobalIntfSm::peerStatusDel( const Bfd::Peer & peer ) {
    peerStatus_.unbind( peer );
+}
+
+void GlobalIntfSm::handleAppPeerStatus( const Bfd::Peer & peer ) {
+   if( const Kiv::Ptr< Bfd::BfdPeerStatus > status = inputs_.bfdPimAppStatus->peerStatus( peer ) ) {
+      peerStatusIs( status );
+   } else {
+      peerStatusDel( peer );
+   }
 }
 
 void GlobalIntfSm::handleInitialized() {

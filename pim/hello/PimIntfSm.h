@@ -204,6 +204,9 @@ class GlobalIntfSm : public Kiv::StateMachine {
    void handleNew( const Lumo::IntfId & intfId );
    void handleDel( const Lumo::IntfId & intfId );
    void handlePeerStatus( const Bfd::Peer & peer );
+   // An interface or a BFD session that came, changed entity or went.
+   void handlePimIntf( const Lumo::IntfId & id );
+   void handleAppPeerStatus( const Bfd::Peer & peer );
 
  private:
    class KivPimCellGlobalStatus : public Kiv::OwnedReactor< CellGlobalStatus::NotifieeConst, GlobalIntfSm > {
@@ -215,7 +218,7 @@ class GlobalIntfSm : public Kiv::StateMachine {
    class KivPimAllStatus : public Kiv::OwnedReactor< AllStatus::NotifieeConst, GlobalIntfSm > {
     public:
       using OwnedReactor::OwnedReactor;
-      void onPimIntf( const Lumo::IntfId & id ) override;
+      void onPimIntf( const Lumo::IntfId & id ) override { owner_->handlePimIntf( id ); }
    };
    class KivKernelIntfStatus : public Kiv::OwnedReactor< Interface::DeviceIntfStatusDir::NotifieeConst, GlobalIntfSm > {
     public:
@@ -225,7 +228,7 @@ class GlobalIntfSm : public Kiv::StateMachine {
    class KivBfdPimAppStatus : public Kiv::OwnedReactor< Bfd::AppStatus::NotifieeConst, GlobalIntfSm > {
     public:
       using OwnedReactor::OwnedReactor;
-      void onPeerStatus( const Bfd::Peer & peer ) override;
+      void onPeerStatus( const Bfd::Peer & peer ) override { owner_->handleAppPeerStatus( peer ); }
    };
  public:
    // One per interface of AllStatus.pimIntf: creation runs handleNew().
