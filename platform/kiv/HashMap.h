@@ -19,7 +19,6 @@
 #include <functional>
 #include <memory>
 #include <utility>
-#include <vector>   // for includers that have long had it from here
 
 #include "kiv/Invariant.h"
 
